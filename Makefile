@@ -1,0 +1,52 @@
+# Everything is set up in .venv on first use; what is installed is locked to versions and hashes in requirements/.
+SHELL := /bin/sh
+.DEFAULT_GOAL := help
+
+VENV := .venv
+PY := $(VENV)/bin/python
+PIP := $(PY) -m pip --quiet --disable-pip-version-check install
+EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
+KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
+CXX_FILES := $(shell find src -name '*.cpp' -o -name '*.hpp')
+
+.PHONY: help demo test lint install clean
+
+help: ## Say what there is to make
+	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## (.*)/make \1\t\2/' | expand -t 16
+
+demo: $(VENV)/.installed ## Show an agent's first day against a service on this machine
+	@$(PY) -P -m corvane_local.demo $(DEMO_OPTIONS)
+
+test: $(VENV)/.installed $(VENV)/.test ## Run all tests against the installed packages
+	@echo "Testing the installed extension and the local kit."
+	@$(PY) -P -m pytest $(TEST_OPTIONS) && echo "make test: passed" || { echo "make test: FAILED"; exit 1; }
+
+lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ (clang-tidy; warnings are errors)
+	@echo "Checking format, types, stub and C++."
+	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
+	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane
+	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
+	@$(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) >build/tidy.log || { cat build/tidy.log; exit 1; }
+	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter %.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
+	@echo "make lint: passed"
+
+install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
+
+clean: ## Remove everything that make created
+	rm -rf $(VENV) build .hypothesis .mypy_cache .pytest_cache .ruff_cache
+
+$(PY):
+	@echo "Setting up .venv (once)."
+	@python=$$(tools/find-python) && "$$python" -m venv $(VENV)
+
+$(VENV)/.run $(VENV)/.test $(VENV)/.lint: $(VENV)/.%: requirements/%.txt $(PY)
+	@echo "Installing what is locked in $<."
+	@$(PIP) --require-hashes -r $<
+	@touch $@
+
+# Without build isolation, so that the locked build tools are the ones used; --no-index because nothing else is needed.
+$(VENV)/.installed: $(VENV)/.run $(EXTENSION) $(KIT)
+	@echo "Building and installing the extension and the local kit."
+	@PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(PIP) --no-build-isolation --no-deps --no-index --force-reinstall . ./localkit
+	@touch $@

@@ -1,0 +1,287 @@
+// What an agent calls first: register, login, configure; and the records and options that go with them.
+#include "module.hpp"
+
+#ifndef CORVANE_DEFAULT_SERVER_URL
+#error "the build sets the address of the service"
+#endif
+
+namespace corvane::onboarding {
+
+namespace {
+
+constexpr int links_described = 4;
+
+constexpr const char* unreachable = "Cannot reach Corvane server. Check your network connection and try again.";
+constexpr const char* invalid_key = "Invalid private key format. Expected hex string (64 characters) or 32 bytes.";
+
+/// `raise type(message)`
+[[noreturn]] void raise_message(const found& type, const char* message, where line = where::current()) {
+    raise(type(concat({message, line})), line);
+}
+
+/// `auth.name`
+found auth(handle name, where line = where::current()) { return global("auth"_n, line).attr(name, line); }
+
+/// `_config["data_dir"] = canonical`, then the directory itself.
+void adopt_data_dir(handle canonical) {
+    set_item(global("_config"_n), "data_dir"_n, canonical);
+    global("os"_n).attr("makedirs"_n)(canonical, "exist_ok"_a = true_value());
+}
+
+/// Makes the manager the kit's active one. The caller is authenticated already, so a failure is only logged.
+void activate_kit_wide(const frame& in, handle manager) {
+    try {
+        auth("_set_active_auth_manager"_n)(manager);
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        if (!caught.matches(global("Exception"_n)))
+            throw;
+        global("logger"_n).attr("warning"_n)("Failed to set active auth manager: %s"_n, caught.value());
+    }
+}
+
+/// Signs the wallet up, or in again; service errors become the messages an agent can act on.
+object authenticate_for_register(const frame& in, handle key, handle invite_code) {
+    try {
+        found manager_class = auth("AuthManager"_n);
+        object server_url = get_item(global("_config"_n), "server_url"_n);
+        object manager = manager_class(key, server_url, "invite_code"_a = invite_code);
+        manager.attr("authenticate"_n)();
+        return manager;
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        if (caught.matches(global("ConnectionError"_n)))
+            raise_message(global("ConnectionError"_n), unreachable);
+        if (caught.matches(auth("RegistrationError"_n))) {
+            found registration_error = auth("RegistrationError"_n);
+            object reason = global("str"_n)(caught.value());
+            object message = add(add("Registration failed: "_n, reason), ". Contact support if this persists."_n);
+            raise(registration_error(message));
+        }
+        if (caught.matches(auth("InvalidKeyError"_n)))
+            raise_message(global("ValueError"_n), invalid_key);
+        throw;
+    }
+}
+
+object authenticate_for_login(const frame& in, handle key) {
+    try {
+        found manager_class = auth("AuthManager"_n);
+        object server_url = get_item(global("_config"_n), "server_url"_n);
+        object manager = manager_class(key, server_url);
+        manager.attr("authenticate"_n)();
+        return manager;
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        if (caught.matches(auth("InvalidKeyError"_n)))
+            raise_message(global("ValueError"_n), invalid_key);
+        if (caught.matches(global("ConnectionError"_n)))
+            raise_message(global("ConnectionError"_n), unreachable);
+        if (caught.matches(auth("AuthError"_n)))
+            raise_message(auth("AuthError"_n), "Authentication failed. Verify your private key is correct.");
+        throw;
+    }
+}
+
+/// A named universe later becomes a directory under the data directory, so it must be one path segment.
+object checked_named_universe(handle value) {
+    object name = value.attr("strip"_n)();
+    if (!is_true(name))
+        raise_message(global("ValueError"_n), "named_universe cannot be empty.");
+    if (contains(pair("."_n, ".."_n), name) || contains(name, "/"_n) || contains(name, "\\"_n) ||
+        contains(name, "\0"_n))
+        raise_message(global("ValueError"_n), "named_universe must be a single safe path segment.");
+    return name;
+}
+
+/// Checks one option and stores it.
+void configure_option(handle key, object value) {
+    if (!contains(global("_VALID_OPTIONS"_n), key)) {
+        object names = global("sorted"_n)(global("_VALID_OPTIONS"_n));
+        object valid = ", "_n.attr("join"_n)(names);
+        found value_error = global("ValueError"_n);
+        raise(value_error(concat("Unknown configuration option: '", key, "'. Valid options: ", valid)));
+    }
+    object expected = get_item(global("_VALID_OPTIONS"_n), key);
+    if (!is_true(global("isinstance"_n)(value, expected))) {
+        found value_error = global("ValueError"_n);
+        object expected_name = expected.attr("__name__"_n);
+        object given_name = global("type"_n)(value).attr("__name__"_n);
+        raise(value_error(concat("Option '", key, "' expects ", expected_name, ", got ", given_name, ".")));
+    }
+    if (compare(key, Py_EQ, "data_dir"_n) && compare(value, Py_EQ, ""_n))
+        raise_message(global("ValueError"_n), "data_dir cannot be empty.");
+    if (compare(key, Py_EQ, "server_url"_n))
+        value = auth("_validate_server_url"_n)(value);
+    if (compare(key, Py_EQ, "named_universe"_n))
+        value = checked_named_universe(value);
+    set_item(global("_config"_n), key, value);
+}
+
+/// `token` never shows in the representation, however the record is printed.
+object auth_token_repr(const frame& in) {
+    object expiry = global("repr"_n)(in[0].attr("expires_at"_n));
+    return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
+}
+constexpr native_function auth_token_repr_method{"__repr__(self)", auth_token_repr, nullptr};
+
+/// `@dataclass class name: annotations`, with the namespace that a class statement would have.
+object record(handle name, const char* doc, handle members) {
+    set_item(members, "__module__"_n, global("__name__"_n));
+    set_item(members, "__qualname__"_n, name);
+    set_item(members, "__doc__"_n, concat(doc));
+    object no_bases = check(PyTuple_New(0), where::current());
+    object made = global("type"_n)(name, no_bases, members);
+    return global("dataclass"_n)(made);
+}
+
+} // namespace
+
+object exception_chain_detail(const frame& in) {
+    object details = check(PyList_New(0), where::current());
+    object visited = check(PyDict_New(), where::current()); // by identity; keeps each link alive, so no identity recurs
+    object current = object::borrow(in[0]);
+    while (!current.is_none() && PyList_GET_SIZE(details.ptr()) < links_described) {
+        check_signals();
+        object identity = check(PyLong_FromVoidPtr(current.ptr()), where::current());
+        if (contains(visited, identity))
+            break; // a chain that bites its own tail
+        set_item(visited, identity, current);
+
+        object text = global("str"_n)(current).attr("strip"_n)();
+        object item = global("type"_n)(current).attr("__name__"_n);
+        if (is_true(text))
+            item = concat("", item, ": ", text);
+        object diagnostic = global("getattr"_n)(current, "diagnostic_detail"_n, handle(Py_None));
+        if (is_true(diagnostic))
+            item = concat("", item, "; diagnostic: ", diagnostic);
+        if (!contains(details, item))
+            check(PyList_Append(details.ptr(), item.ptr()), where::current());
+        current = global("getattr"_n)(current, "__cause__"_n, handle(Py_None));
+    }
+    return "; caused by "_n.attr("join"_n)(details);
+}
+
+object normalize_key(const frame& in) {
+    handle raw_key = in[0];
+    if (is_true(raw_key.attr("startswith"_n)("0x"_n)) || is_true(raw_key.attr("startswith"_n)("0X"_n)))
+        return object::borrow(raw_key);
+    return add("0x"_n, raw_key);
+}
+
+object resolve_invite_code(const frame& in) {
+    object invite_code = object::borrow(in[0]);
+    if (invite_code.is_none())
+        invite_code = global("os"_n).attr("environ"_n).attr("get"_n)("CORVANE_INVITE_CODE"_n);
+    object canonical = auth("_normalize_invite_code"_n)(invite_code);
+    if (canonical.is_none())
+        raise_message(global("ValueError"_n), "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, or "
+                                              "call register(invite_code=...).");
+    return canonical;
+}
+
+object resolve_optional_invite_code(const frame& in) { return auth("_normalize_invite_code"_n)(in[0]); }
+
+object register_wallet(const frame& in) {
+    object invite_code = object::borrow(in[0]);
+    object selected = object::borrow(in[1]);
+    handle bootstrap_runtime = in[2];
+    if (selected.is_none())
+        selected = get_item(global("_config"_n), "data_dir"_n);
+    object data_dir = global("_canonical_data_dir"_n)(selected);
+    adopt_data_dir(data_dir);
+
+    object private_key = global("_read_wallet_key"_n)(data_dir);
+    if (private_key.is_none()) {
+        invite_code = global("_resolve_invite_code"_n)(invite_code);
+        private_key = global("secrets"_n).attr("token_hex"_n)(integer(32));
+        // Before the service sees the key, so that no accepted wallet is ever without its key on disk.
+        global("_write_wallet_key"_n)(data_dir, private_key);
+    } else {
+        invite_code = global("_resolve_optional_invite_code"_n)(invite_code);
+    }
+    object key_for_auth = global("_normalize_key"_n)(private_key);
+    object manager = authenticate_for_register(in, key_for_auth, invite_code);
+    set_global("_auth_manager"_n, manager);
+    if (is_true(bootstrap_runtime)) {
+        global("_resolve_active_named_universe"_n)(manager);
+        global("_propagate_auth"_n)(manager, "strict"_a = true_value());
+    }
+    activate_kit_wide(in, manager);
+    object address = manager.attr("get_wallet_address"_n)();
+    if (is_true(global("_config"_n).attr("get"_n)("auto_heartbeat"_n, true_value())))
+        global("inject_heartbeat"_n)();
+    return global("WalletRegistration"_n)("address"_a = address);
+}
+
+object login(const frame& in) {
+    handle private_key = in[0];
+    handle bootstrap_runtime = in[1];
+    if (private_key.is_none())
+        raise_message(global("ValueError"_n), invalid_key);
+    found canonical_data_dir = global("_canonical_data_dir"_n);
+    object data_dir = canonical_data_dir(get_item(global("_config"_n), "data_dir"_n));
+    adopt_data_dir(data_dir);
+    global("_write_wallet_key"_n)(data_dir, private_key);
+    object key_for_auth = global("_normalize_key"_n)(private_key);
+    object manager = authenticate_for_login(in, key_for_auth);
+    set_global("_auth_manager"_n, manager);
+    if (is_true(bootstrap_runtime))
+        global("_propagate_auth"_n)(manager, "strict"_a = true_value());
+    activate_kit_wide(in, manager);
+    found auth_token = global("AuthToken"_n);
+    object token = manager.attr("get_token"_n)();
+    object expires_at = manager.attr("get_token_expiry"_n)();
+    return auth_token("token"_a = token, "expires_at"_a = expires_at);
+}
+
+object configure(const frame& in) {
+    PyObject* key = nullptr;
+    PyObject* value = nullptr;
+    Py_ssize_t position = 0;
+    // The interpreter made this dict for this call alone, so nothing changes it while it is walked.
+    while (PyDict_Next(in[0].ptr(), &position, &key, &value) != 0) {
+        check_signals();
+        configure_option(object::borrow(key), object::borrow(value));
+    }
+    return none();
+}
+
+object wallet_registration_class() {
+    object annotations = check(PyDict_New(), where::current());
+    set_item(annotations, "address"_n, global("str"_n));
+    object members = check(PyDict_New(), where::current());
+    set_item(members, "__annotations__"_n, annotations);
+    return record("WalletRegistration"_n, "Returned by register() on successful wallet creation/re-auth.", members);
+}
+
+object auth_token_class() {
+    object annotations = check(PyDict_New(), where::current());
+    set_item(annotations, "token"_n, global("str"_n));
+    set_item(annotations, "expires_at"_n, global("float"_n));
+    object members = check(PyDict_New(), where::current());
+    set_item(members, "__annotations__"_n, annotations);
+    set_item(members, "token"_n, global("field"_n)("repr"_a = handle(Py_False)));
+    set_item(members, "__repr__"_n, method("AuthToken", auth_token_repr_method));
+    return record("AuthToken"_n, "Returned by login() on successful authentication.", members);
+}
+
+object default_options() {
+    object options = check(PyDict_New(), where::current());
+    set_item(options, "auto_heartbeat"_n, true_value());
+    set_item(options, "data_dir"_n, interned(node_of<default_data_dir>));
+    set_item(options, "server_url"_n, interned(node_of<CORVANE_DEFAULT_SERVER_URL>));
+    set_item(options, "named_universe"_n, ""_n);
+    return options;
+}
+
+object option_types() {
+    object types = check(PyDict_New(), where::current());
+    set_item(types, "auto_heartbeat"_n, global("bool"_n));
+    set_item(types, "data_dir"_n, global("str"_n));
+    set_item(types, "server_url"_n, global("str"_n));
+    set_item(types, "named_universe"_n, global("str"_n));
+    return types;
+}
+
+} // namespace corvane::onboarding

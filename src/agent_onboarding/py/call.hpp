@@ -1,0 +1,157 @@
+// Python operations, one C++ expression each. Arguments of one C++ call are evaluated in no fixed order: where two
+// operands are themselves operations, they stand on lines of their own.
+#pragma once
+
+#include "error.hpp"
+
+#include <type_traits>
+
+namespace corvane::py {
+
+namespace detail {
+template <typename T> constexpr bool is_keyword = std::is_same_v<T, argument>;
+inline PyObject* value_of(handle value) noexcept { return value.ptr(); }
+inline PyObject* value_of(const argument& keyword) noexcept { return keyword.value.ptr(); }
+inline void add_name(PyObject*, Py_ssize_t&, handle) noexcept {}
+inline void add_name(PyObject* names, Py_ssize_t& next, const argument& keyword) noexcept {
+    PyTuple_SET_ITEM(names, next++, Py_NewRef(keyword.name.ptr()));
+}
+} // namespace detail
+
+/// `callable(arguments...)`; keyword arguments come last.
+template <typename... Arguments> object call_at(where line, handle callable, const Arguments&... arguments) {
+    constexpr auto keywords = (std::size_t{0} + ... + (detail::is_keyword<Arguments> ? 1 : 0));
+    constexpr std::size_t positional = sizeof...(Arguments) - keywords;
+    // The free place in front lets a bound method put its self there without copying the rest.
+    PyObject* stack[1 + sizeof...(Arguments)] = {nullptr, detail::value_of(arguments)...};
+    object names;
+    if constexpr (keywords > 0) {
+        names = check(PyTuple_New(keywords), line);
+        Py_ssize_t next = 0;
+        (detail::add_name(names.ptr(), next, arguments), ...);
+    }
+    return check(
+        PyObject_Vectorcall(callable.ptr(), stack + 1, positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr()), line);
+}
+
+/// A value that was just looked up; a call of it is reported on the line of the look-up.
+class found : public object {
+  public:
+    found(object value, where line) noexcept : object(std::move(value)), line_(line) {}
+    template <typename... Arguments> object operator()(const Arguments&... arguments) const {
+        return call_at(line_, *this, arguments...);
+    }
+
+  private:
+    where line_;
+};
+
+/// A name of the module: its namespace, then the builtins, then NameError.
+[[nodiscard]] found global(handle name, where line = where::current());
+/// `global name; name = value`
+void set_global(handle name, handle value, where line = where::current());
+
+inline found handle::attr(handle name, where line) const {
+    return {check(PyObject_GetAttr(ptr(), name.ptr()), line), line};
+}
+
+/// `if value`
+inline bool is_true(handle value, where line = where::current()) {
+    return check(PyObject_IsTrue(value.ptr()), line) != 0;
+}
+/// `left == right`, `left != right`, `left < right`, ... as a condition: the operator's answer is tested for truth.
+inline bool compare(handle left, int operation, handle right, where line = where::current()) {
+    return is_true(check(PyObject_RichCompare(left.ptr(), right.ptr(), operation), line), line);
+}
+/// `item in container`
+inline bool contains(handle container, handle item, where line = where::current()) {
+    return check(PySequence_Contains(container.ptr(), item.ptr()), line) != 0;
+}
+/// `container[key]`
+inline object get_item(handle container, handle key, where line = where::current()) {
+    return check(PyObject_GetItem(container.ptr(), key.ptr()), line);
+}
+/// `container[key] = value`
+inline void set_item(handle container, handle key, handle value, where line = where::current()) {
+    check(PyObject_SetItem(container.ptr(), key.ptr(), value.ptr()), line);
+}
+/// `left + right`, `left | right`, `left & right`
+inline object add(handle left, handle right, where line = where::current()) {
+    return check(PyNumber_Add(left.ptr(), right.ptr()), line);
+}
+inline object bit_or(handle left, handle right, where line = where::current()) {
+    return check(PyNumber_Or(left.ptr(), right.ptr()), line);
+}
+inline object bit_and(handle left, handle right, where line = where::current()) {
+    return check(PyNumber_And(left.ptr(), right.ptr()), line);
+}
+inline object integer(long value, where line = where::current()) { return check(PyLong_FromLong(value), line); }
+inline object pair(handle first, handle second, where line = where::current()) {
+    return check(PyTuple_Pack(2, first.ptr(), second.ptr()), line);
+}
+
+/// A loop whose length the data decides asks every round whether a signal handler, Ctrl-C above all, wants to run.
+inline void check_signals(where line = where::current()) { check(PyErr_CheckSignals(), line); }
+
+/// The literal that a message begins with; it brings the line along, which a variadic function cannot.
+struct opening {
+    std::string_view text;
+    where line;
+    // NOLINTNEXTLINE(google-explicit-constructor): a message reads as one
+    opening(const char* literal, where at = where::current()) noexcept : text(literal), line(at) {}
+};
+
+namespace detail {
+inline object text_of(std::string_view literal, where line) {
+    return check(PyUnicode_FromStringAndSize(literal.data(), static_cast<Py_ssize_t>(literal.size())), line);
+}
+inline object text_of(handle value, where line) { return check(PyObject_Str(value.ptr()), line); }
+inline void append(object& text, const object& more, where line) {
+    text = check(PyUnicode_Concat(text.ptr(), more.ptr()), line);
+}
+} // namespace detail
+
+/// `f"..."`: literals and the text forms of values, from left to right.
+template <typename... Parts> object concat(opening first, const Parts&... parts) {
+    object text = detail::text_of(first.text, first.line);
+    (detail::append(text, detail::text_of(parts, first.line), first.line), ...);
+    return text;
+}
+
+/// A special method, looked up on the type as the interpreter does; empty where the type has none.
+object special_method(handle self, handle name, where line);
+/// Enters a context manager; answers its `__exit__` and the value that `__enter__` gave.
+std::pair<object, object> enter(handle manager, where line);
+
+/// `with manager as value: body(value)`. A true result of `__exit__` swallows the exception.
+template <typename Body> void with(const frame& in, handle manager, Body body, where line = where::current()) {
+    auto [exit, value] = enter(manager, line);
+    try {
+        body(handle(value));
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        object traceback = object::steal(PyException_GetTraceback(caught.value().ptr()));
+        object swallow = call_at(line, exit, handle(reinterpret_cast<PyObject*>(Py_TYPE(caught.value().ptr()))),
+                                 caught.value(), traceback ? handle(traceback) : handle(Py_None));
+        if (!is_true(swallow, line))
+            throw;
+        return;
+    }
+    call_at(line, exit, handle(Py_None), handle(Py_None), handle(Py_None));
+}
+
+/// `try: return body()`, `finally: cleanup()`. A clean-up that can raise is no destructor.
+template <typename Body, typename Cleanup> object try_finally(const frame& in, Body body, Cleanup cleanup) {
+    object result;
+    try {
+        result = body();
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        cleanup();
+        throw;
+    }
+    cleanup();
+    return result;
+}
+
+} // namespace corvane::py

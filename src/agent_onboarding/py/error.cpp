@@ -1,0 +1,110 @@
+#include "error.hpp"
+
+#include "function.hpp"
+
+namespace corvane::py {
+
+error::error(where line) noexcept : line_(line) {
+    if (PyErr_Occurred() == nullptr)
+        PyErr_SetString(PyExc_SystemError, "error return without exception set");
+    value_ = object::steal(PyErr_GetRaisedException());
+}
+
+bool error::matches(handle type, where line) const {
+    bool valid = true;
+    if (PyTuple_Check(type.ptr())) {
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(type.ptr()); ++i)
+            valid = valid && PyExceptionClass_Check(PyTuple_GET_ITEM(type.ptr(), i));
+    } else {
+        valid = PyExceptionClass_Check(type.ptr());
+    }
+    if (!valid)
+        throw_error(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed", line);
+    return PyErr_GivenExceptionMatches(value_.ptr(), type.ptr()) != 0;
+}
+
+void throw_error(where line) { throw error(line); }
+
+void throw_error(PyObject* type, const char* message, where line) {
+    PyErr_SetString(type, message);
+    throw error(line);
+}
+
+namespace {
+/// The checks of the raise statement on what it was given.
+object exception_instance(object exception, where line) {
+    if (PyExceptionClass_Check(exception.ptr())) {
+        object instance = call_at(line, exception);
+        if (!PyExceptionInstance_Check(instance.ptr())) {
+            PyErr_Format(PyExc_TypeError, "calling %R should have returned an instance of BaseException, not %R",
+                         exception.ptr(), Py_TYPE(instance.ptr()));
+            throw_error(line);
+        }
+        return instance;
+    }
+    if (!PyExceptionInstance_Check(exception.ptr()))
+        throw_error(PyExc_TypeError, "exceptions must derive from BaseException", line);
+    return exception;
+}
+
+[[noreturn]] void raise_instance(const object& instance, where line) {
+    // Unlike PyErr_SetRaisedException, this sets `__context__` to the exception being handled.
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(instance.ptr())), instance.ptr());
+    throw_error(line);
+}
+} // namespace
+
+void raise(object exception, where line) { raise_instance(exception_instance(std::move(exception), line), line); }
+
+void raise_from(object exception, handle cause, where line) {
+    object instance = exception_instance(std::move(exception), line);
+    PyException_SetCause(instance.ptr(), object::borrow(cause).release());
+    raise_instance(instance, line);
+}
+
+except_scope::except_scope(const frame& in, error& caught) {
+    in.trace(caught);
+    slot_ = PyThreadState_Get()->exc_info;
+    outer_ = object::steal(slot_->exc_value);
+    slot_->exc_value = object::borrow(caught.value()).release();
+}
+
+except_scope::~except_scope() {
+    if (_PyThreadState_UncheckedGet() == nullptr) { // the interpreter is gone, and the slot with it; see drop()
+        (void)outer_.release();
+        return;
+    }
+    object inner = object::steal(slot_->exc_value);
+    slot_->exc_value = outer_.release();
+}
+
+object special_method(handle self, handle name, where line) {
+    PyObject* attribute = _PyType_Lookup(Py_TYPE(self.ptr()), name.ptr());
+    if (attribute == nullptr)
+        return {};
+    object kept = object::borrow(attribute);
+    descrgetfunc bind = Py_TYPE(attribute)->tp_descr_get;
+    if (bind == nullptr)
+        return kept;
+    return check(bind(attribute, self.ptr(), reinterpret_cast<PyObject*>(Py_TYPE(self.ptr()))), line);
+}
+
+std::pair<object, object> enter(handle manager, where line) {
+    const char* type_name = Py_TYPE(manager.ptr())->tp_name;
+    object enter_method = special_method(manager, "__enter__"_n, line);
+    if (!enter_method) {
+        PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol", type_name);
+        throw_error(line);
+    }
+    object exit_method = special_method(manager, "__exit__"_n, line);
+    if (!exit_method) {
+        PyErr_Format(PyExc_TypeError,
+                     "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
+                     type_name);
+        throw_error(line);
+    }
+    object value = call_at(line, enter_method);
+    return {std::move(exit_method), std::move(value)};
+}
+
+} // namespace corvane::py

@@ -1,0 +1,126 @@
+// Ownership of Python objects. `object` owns, `handle` borrows; `borrow`, `steal` and `release` are the only verbs
+// that move a reference across the border to the C interface. NULL and -1 never get past this layer.
+#pragma once
+
+#include <Python.h>
+
+#include <cxxabi.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <source_location>
+#include <string_view>
+#include <utility>
+
+namespace corvane::py {
+
+/// The C++ line an operation was written on; it becomes the line of the traceback entry.
+using where = std::source_location;
+
+class found;
+
+/// Gives a reference back. A daemon thread that outlives the interpreter is ended by it through pthread_exit (CPython
+/// 3.12), which unwinds our frames without a thread state: nothing may be touched then. If that strikes in the middle
+/// of a deallocation, the thread sleeps until the process is gone, for a destructor cannot be unwound.
+inline void drop(PyObject* owned) noexcept {
+    if (owned == nullptr || _PyThreadState_UncheckedGet() == nullptr)
+        return;
+    try {
+        Py_DECREF(owned);
+    } catch (abi::__forced_unwind&) {
+        for (;;)
+            pause();
+    }
+}
+
+/// A borrowed reference: whoever passes it keeps the object alive.
+class handle {
+  public:
+    constexpr handle() noexcept = default;
+    explicit constexpr handle(PyObject* pointer) noexcept : pointer_(pointer) {}
+
+    [[nodiscard]] constexpr PyObject* ptr() const noexcept { return pointer_; }
+    [[nodiscard]] constexpr bool is(handle other) const noexcept { return pointer_ == other.pointer_; }
+    [[nodiscard]] constexpr bool is_none() const noexcept { return pointer_ == Py_None; }
+    explicit constexpr operator bool() const noexcept { return pointer_ != nullptr; }
+
+    /// `self.name`
+    [[nodiscard]] found attr(handle name, where line = where::current()) const;
+
+  private:
+    PyObject* pointer_ = nullptr;
+};
+
+/// An owned reference.
+class object : public handle {
+  public:
+    constexpr object() noexcept = default;
+    object(const object& other) noexcept : handle(Py_XNewRef(other.ptr())) {}
+    object(object&& other) noexcept : handle(other.release()) {}
+    object& operator=(object other) noexcept {
+        std::swap<handle>(*this, other);
+        return *this;
+    }
+    ~object() { drop(ptr()); }
+
+    /// A new reference beside the caller's.
+    [[nodiscard]] static object borrow(PyObject* pointer) noexcept { return object(Py_XNewRef(pointer)); }
+    [[nodiscard]] static object borrow(handle other) noexcept { return borrow(other.ptr()); }
+    /// Takes over the caller's reference.
+    [[nodiscard]] static object steal(PyObject* pointer) noexcept { return object(pointer); }
+    /// Hands the reference to the caller and leaves this empty.
+    [[nodiscard]] PyObject* release() noexcept {
+        PyObject* pointer = ptr();
+        static_cast<handle&>(*this) = handle();
+        return pointer;
+    }
+
+  private:
+    explicit object(PyObject* owned) noexcept : handle(owned) {}
+};
+
+[[nodiscard]] inline object none() noexcept { return object::borrow(Py_None); }
+[[nodiscard]] inline handle true_value() noexcept { return handle(Py_True); }
+
+/// One literal of the program that is wanted as an interned Python text: a node of a list that the loader threads
+/// together before any code runs, so that all of them are interned at once and no lookup can fail later.
+struct name_node {
+    std::string_view text;
+    std::size_t index;
+    name_node* next;
+
+    explicit name_node(std::string_view literal) noexcept;
+};
+
+/// The interned text of a node; borrowed for the life of the process.
+[[nodiscard]] handle interned(const name_node& node) noexcept;
+
+/// A string literal as a template argument.
+template <std::size_t Size> struct literal {
+    char text[Size];
+    consteval literal(const char (&characters)[Size]) { // NOLINT(google-explicit-constructor): made by the literal
+        for (std::size_t i = 0; i < Size; ++i)
+            text[i] = characters[i];
+    }
+};
+template <literal Text> inline name_node node_of{{Text.text, sizeof(Text.text) - 1}};
+
+/// The name of a keyword argument; `"mode"_a = value` passes `mode=value`.
+struct argument_name {
+    handle name;
+    struct argument operator=(handle value) const noexcept; // NOLINT(misc-unconventional-assign-operator)
+};
+struct argument {
+    handle name;
+    handle value;
+};
+// NOLINTNEXTLINE(misc-unconventional-assign-operator)
+inline argument argument_name::operator=(handle value) const noexcept { return {.name = name, .value = value}; }
+
+inline namespace literals {
+/// An interned text: a name to look up, or a constant of the program.
+template <literal Text> [[nodiscard]] handle operator""_n() noexcept { return interned(node_of<Text>); }
+template <literal Text> [[nodiscard]] argument_name operator""_a() noexcept { return {interned(node_of<Text>)}; }
+} // namespace literals
+
+} // namespace corvane::py

@@ -1,0 +1,181 @@
+// The data directory and the one file that holds the wallet's private key.
+//
+// A key file is used only if it is a regular file of the current user; its permission bits are tightened to 0600. The
+// tests run twice: on the path before the file is opened, and on the open descriptor, which nobody can swap.
+#include "module.hpp"
+
+namespace corvane::onboarding {
+
+namespace {
+
+/// `hasattr(os, "getuid") and st.st_uid != os.getuid()`
+bool is_foreign(handle status) {
+    object os = global("os"_n);
+    if (!is_true(global("hasattr"_n)(os, "getuid"_n)))
+        return false;
+    object owner = status.attr("st_uid"_n);
+    object user = global("os"_n).attr("getuid"_n)();
+    return compare(owner, Py_NE, user);
+}
+
+bool is_regular(handle status) {
+    found test = global("_stat"_n).attr("S_ISREG"_n);
+    return is_true(test(status.attr("st_mode"_n)));
+}
+
+[[noreturn]] void raise_unsafe(handle wallet_path, where line = where::current()) {
+    raise(global("_unsafe_wallet_error"_n, line)(wallet_path), line);
+}
+
+/// Refuses what lies at the path if it is a link, is no regular file, or is somebody else's.
+void refuse_unsafe_path(handle wallet_path, handle status) {
+    found is_link = global("_stat"_n).attr("S_ISLNK"_n);
+    if (is_true(is_link(status.attr("st_mode"_n))) || !is_regular(status))
+        raise_unsafe(wallet_path);
+    if (is_foreign(status))
+        raise_unsafe(wallet_path);
+}
+
+bool exists(handle path) { return is_true(global("os"_n).attr("path"_n).attr("exists"_n)(path)); }
+
+/// `flags | os.O_NOFOLLOW`, where the platform has it.
+object with_no_follow(object flags) {
+    object os = global("os"_n);
+    if (!is_true(global("hasattr"_n)(os, "O_NOFOLLOW"_n)))
+        return flags;
+    return bit_or(flags, global("os"_n).attr("O_NOFOLLOW"_n));
+}
+
+[[noreturn]] void raise_cannot_write(handle wallet_path, where line = where::current()) {
+    found io_error = global("IOError"_n, line);
+    raise(io_error(concat("Cannot write wallet to ", wallet_path, ". Check directory permissions.")), line);
+}
+
+/// Opens, checks, writes and closes the key file.
+void write_key_file(const frame& in, handle wallet_path, handle key_content) {
+    object write_only = global("os"_n).attr("O_WRONLY"_n);
+    object create = bit_or(write_only, global("os"_n).attr("O_CREAT"_n));
+    object flags = with_no_follow(bit_or(create, global("os"_n).attr("O_TRUNC"_n)));
+    object owner_only = integer(0600);
+    object fd = global("os"_n).attr("open"_n)(wallet_path, flags, owner_only);
+    try_finally(
+        in,
+        [&] {
+            global("_check_wallet_fd"_n)(wallet_path, fd);
+            global("os"_n).attr("fchmod"_n)(fd, owner_only);
+            found write = global("os"_n).attr("write"_n);
+            write(fd, key_content.attr("encode"_n)("utf-8"_n));
+            return none();
+        },
+        [&] { global("os"_n).attr("close"_n)(fd); });
+    global("os"_n).attr("chmod"_n)(wallet_path, owner_only);
+}
+
+} // namespace
+
+object canonical_data_dir(const frame& in) {
+    handle data_dir = is_true(in[0]) ? in[0] : interned(node_of<default_data_dir>);
+    found realpath = global("os"_n).attr("path"_n).attr("realpath"_n);
+    return realpath(global("os"_n).attr("path"_n).attr("expanduser"_n)(data_dir));
+}
+
+object wallet_key_path(const frame& in) {
+    found join = global("os"_n).attr("path"_n).attr("join"_n);
+    return join(global("_canonical_data_dir"_n)(in[0]), "wallet.key"_n);
+}
+
+object unsafe_wallet_error(const frame& in) {
+    found io_error = global("IOError"_n);
+    return io_error(concat("Unsafe wallet key at ", in[0],
+                           ". Refusing to use wallet.key with unsafe ownership, type, or permissions."));
+}
+
+object check_wallet_fd(const frame& in) {
+    handle wallet_path = in[0];
+    handle fd = in[1];
+    object status = global("os"_n).attr("fstat"_n)(fd);
+    if (!is_regular(status))
+        raise_unsafe(wallet_path);
+    if (is_foreign(status))
+        raise_unsafe(wallet_path);
+    object mode = status.attr("st_mode"_n);
+    if (is_true(bit_and(mode, integer(0077)))) {
+        found fchmod = global("os"_n).attr("fchmod"_n);
+        fchmod(fd, integer(0600));
+    }
+    return none();
+}
+
+object read_wallet_key(const frame& in) {
+    object wallet_path = global("_wallet_key_path"_n)(in[0]);
+    if (!exists(wallet_path))
+        return none();
+    object status;
+    try {
+        status = global("os"_n).attr("lstat"_n)(wallet_path);
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        if (!caught.matches(global("OSError"_n)))
+            throw;
+        found io_error = global("IOError"_n);
+        raise(io_error(concat("Cannot read wallet from ", wallet_path, ". Check file permissions.")));
+    }
+    refuse_unsafe_path(wallet_path, status);
+
+    object flags = with_no_follow(global("os"_n).attr("O_RDONLY"_n));
+    object fd;
+    try {
+        fd = global("os"_n).attr("open"_n)(wallet_path, flags);
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        if (!caught.matches(global("OSError"_n)))
+            throw;
+        raise_unsafe(wallet_path);
+    }
+    bool handed_over = false; // to the file object, which closes it
+    return try_finally(
+        in,
+        [&] {
+            global("_check_wallet_fd"_n)(wallet_path, fd);
+            object key;
+            with(in, global("os"_n).attr("fdopen"_n)(fd, "r"_n), [&](handle file) {
+                handed_over = true;
+                key = file.attr("read"_n)().attr("strip"_n)();
+            });
+            return key;
+        },
+        [&] {
+            if (!handed_over)
+                global("os"_n).attr("close"_n)(fd);
+        });
+}
+
+object write_wallet_key(const frame& in) {
+    object data_dir = global("_canonical_data_dir"_n)(in[0]);
+    global("os"_n).attr("makedirs"_n)(data_dir, "exist_ok"_a = true_value());
+    object wallet_path = global("_wallet_key_path"_n)(data_dir);
+    if (exists(wallet_path)) {
+        object status;
+        try {
+            status = global("os"_n).attr("lstat"_n)(wallet_path);
+        } catch (error& caught) {
+            except_scope handling(in, caught);
+            if (!caught.matches(global("OSError"_n)))
+                throw;
+            raise_cannot_write(wallet_path);
+        }
+        refuse_unsafe_path(wallet_path, status);
+    }
+    try {
+        write_key_file(in, wallet_path, in[1]);
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        object io_error = global("IOError"_n);
+        if (!caught.matches(pair(io_error, global("OSError"_n))))
+            throw;
+        raise_cannot_write(wallet_path); // also for the unsafe-wallet error of the descriptor check
+    }
+    return none();
+}
+
+} // namespace corvane::onboarding
