@@ -189,6 +189,8 @@ def same(scenario, tmp_path, monkeypatch, fail_at=None, failure=None):
     """Asserts that the twin and the native module cannot be told apart; answers what was seen."""
     expected, count = observe(twin, scenario, tmp_path / "work", monkeypatch, fail_at, failure)
     actual, _ = observe(native, scenario, tmp_path / "work", monkeypatch, fail_at, failure)
-    different = {key: {"python": expected[key], "native": actual[key]} for key in expected if expected[key] != actual[key]}
+    different = {
+        key: {"python": expected[key], "native": actual[key]} for key in expected if expected[key] != actual[key]
+    }
     assert not different, pprint.pformat(different, width=150)
     return actual, count

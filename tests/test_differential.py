@@ -1,10 +1,12 @@
 """Each function beside its Python twin: on ordinary days, on bad input, and with every step failing in turn."""
 
+import itertools
 import os
 import socket
 from pathlib import Path
 
 import pytest
+
 from differential import FakeAuth, Tap, describe_exception, same
 
 KEY = "0x" + "5a" * 32
@@ -85,7 +87,16 @@ KEY_FILES = {
     "foreign": put(lambda p: (p.write_text("k"), os.chown(p, 65534, 65534))),
     "file for a directory": lambda w: (w / "d").write_text("not a directory"),
 }
-HEARTBEATS = [b"", b"abc", b"abc\n", b"a\r\nb\rc", b"x ## [Corvane] y", b"\xff", b"- [ ] [Corvane] old", b"\0\n"]
+HEARTBEATS = [
+    b"",
+    b"abc",
+    b"abc\n",
+    b"a\r\nb\rc",
+    b"x ## [Corvane] y",
+    b"\xff",
+    b"- [ ] [Corvane] old",
+    b"\0\n",
+]
 PATHS = [None, "", "d", Path("d"), Text("d"), b"d", 5, "d\0", "\udc80", "~/x", "~nobody-there/x", Awkward()]
 NUDGES = ["first_signal", "10_signals", "unknown", Text("era_change"), 5, None, [], Awkward()]
 OPTIONS = [
@@ -100,7 +111,10 @@ OPTIONS = [
     {"data_dir": Text("d")},
     {"server_url": "https://x//"},
     {"server_url": None},
-    *({"named_universe": n} for n in (" us ", "", " \t", ".", "..", "a/b", "a\\b", "a\0b", "a.b", Text(" t "), "\udc80")),
+    *(
+        {"named_universe": n}
+        for n in (" us ", "", " \t", ".", "..", "a/b", "a\\b", "a\0b", "a.b", Text(" t "), "\udc80")
+    ),
     {Text("data_dir"): "e"},
     {"\udc80": 1},
 ]
@@ -123,8 +137,16 @@ def scenarios():
         yield f"invite {code}", nothing, register(invite_code=code)
     for content in HEARTBEATS:
         yield f"inject {content}", heartbeat(content), call("inject_heartbeat")
-        yield f"inject twice {content}", heartbeat(content), lambda m: (m.inject_heartbeat("."), m.inject_heartbeat())
-        yield f"nudge {content}", heartbeat(content), lambda m: [m.update_nudge("first_signal", n=1) for _ in "ab"]
+        yield (
+            f"inject twice {content}",
+            heartbeat(content),
+            lambda m: (m.inject_heartbeat("."), m.inject_heartbeat()),
+        )
+        yield (
+            f"nudge {content}",
+            heartbeat(content),
+            lambda m: [m.update_nudge("first_signal", n=1) for _ in "ab"],
+        )
     for trigger in NUDGES:
         yield f"nudge {trigger!r:.20}", heartbeat(b"x"), call("update_nudge", trigger)
     for depth in ("a", "a/b/c", "a/b/c/d", "a/b/c/", ".", "/", "a/b/c/d/e"):
@@ -247,7 +269,7 @@ def test_patched_names(name, replacement, tmp_path, monkeypatch):
 
 def test_exception_chain_detail(tmp_path, monkeypatch):
     def chain(*links):
-        for outer, inner in zip(links, links[1:], strict=False):
+        for outer, inner in itertools.pairwise(links):
             outer.__cause__ = inner
         return links[0]
 

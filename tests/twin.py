@@ -79,8 +79,7 @@ def _wallet_key_path(data_dir):
 
 def _unsafe_wallet_error(wallet_path):
     return IOError(
-        f"Unsafe wallet key at {wallet_path!s}. "
-        "Refusing to use wallet.key with unsafe ownership, type, or permissions."
+        f"Unsafe wallet key at {wallet_path!s}. Refusing to use wallet.key with unsafe ownership, type, or permissions."
     )
 
 
@@ -164,8 +163,7 @@ def _resolve_invite_code(invite_code):
     canonical = auth._normalize_invite_code(invite_code)
     if canonical is None:
         raise ValueError(
-            "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, "
-            "or call register(invite_code=...)."
+            "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, or call register(invite_code=...)."
         )
     return canonical
 
@@ -248,9 +246,7 @@ def configure(**kwargs: object) -> None:
             raise ValueError(f"Unknown configuration option: '{key}'. Valid options: {valid}")
         expected_type = _VALID_OPTIONS[key]
         if not isinstance(value, expected_type):
-            raise ValueError(
-                f"Option '{key}' expects {expected_type.__name__}, got {type(value).__name__}."
-            )
+            raise ValueError(f"Option '{key}' expects {expected_type.__name__}, got {type(value).__name__}.")
         if key == "data_dir" and value == "":
             raise ValueError("data_dir cannot be empty.")
         if key == "server_url":

@@ -20,7 +20,7 @@ constexpr const char* invalid_key = "Invalid private key format. Expected hex st
 }
 
 /// `auth.name`
-found auth(handle name, where line = where::current()) { return global("auth"_n, line).attr(name, line); }
+found auth(name wanted, where line = where::current()) { return global("auth"_n, line).attr(wanted, line); }
 
 /// `_config["data_dir"] = canonical`, then the directory itself.
 void adopt_data_dir(handle canonical) {
@@ -46,7 +46,7 @@ object authenticate_for_register(const frame& in, handle key, handle invite_code
         found manager_class = auth("AuthManager"_n);
         object server_url = get_item(global("_config"_n), "server_url"_n);
         object manager = manager_class(key, server_url, "invite_code"_a = invite_code);
-        manager.attr("authenticate"_n)();
+        invoke(manager, "authenticate"_n);
         return manager;
     } catch (error& caught) {
         except_scope handling(in, caught);
@@ -69,7 +69,7 @@ object authenticate_for_login(const frame& in, handle key) {
         found manager_class = auth("AuthManager"_n);
         object server_url = get_item(global("_config"_n), "server_url"_n);
         object manager = manager_class(key, server_url);
-        manager.attr("authenticate"_n)();
+        invoke(manager, "authenticate"_n);
         return manager;
     } catch (error& caught) {
         except_scope handling(in, caught);
@@ -85,7 +85,7 @@ object authenticate_for_login(const frame& in, handle key) {
 
 /// A named universe later becomes a directory under the data directory, so it must be one path segment.
 object checked_named_universe(handle value) {
-    object name = value.attr("strip"_n)();
+    object name = invoke(value, "strip"_n);
     if (!is_true(name))
         raise_message(global("ValueError"_n), "named_universe cannot be empty.");
     if (contains(pair("."_n, ".."_n), name) || contains(name, "/"_n) || contains(name, "\\"_n) ||
@@ -98,7 +98,7 @@ object checked_named_universe(handle value) {
 void configure_option(handle key, object value) {
     if (!contains(global("_VALID_OPTIONS"_n), key)) {
         object names = global("sorted"_n)(global("_VALID_OPTIONS"_n));
-        object valid = ", "_n.attr("join"_n)(names);
+        object valid = invoke(", "_n, "join"_n, names);
         found value_error = global("ValueError"_n);
         raise(value_error(concat("Unknown configuration option: '", key, "'. Valid options: ", valid)));
     }
@@ -123,7 +123,7 @@ object auth_token_repr(const frame& in) {
     object expiry = global("repr"_n)(in[0].attr("expires_at"_n));
     return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
 }
-constexpr native_function auth_token_repr_method{"__repr__(self)", auth_token_repr, nullptr};
+constexpr native_function auth_token_repr_method = native<auth_token_repr>("__repr__(self)", nullptr);
 
 /// `@dataclass class name: annotations`, with the namespace that a class statement would have.
 object record(handle name, const char* doc, handle members) {
@@ -148,7 +148,7 @@ object exception_chain_detail(const frame& in) {
             break; // a chain that bites its own tail
         set_item(visited, identity, current);
 
-        object text = global("str"_n)(current).attr("strip"_n)();
+        object text = invoke(global("str"_n)(current), "strip"_n);
         object item = global("type"_n)(current).attr("__name__"_n);
         if (is_true(text))
             item = concat("", item, ": ", text);
@@ -159,12 +159,12 @@ object exception_chain_detail(const frame& in) {
             check(PyList_Append(details.ptr(), item.ptr()), where::current());
         current = global("getattr"_n)(current, "__cause__"_n, handle(Py_None));
     }
-    return "; caused by "_n.attr("join"_n)(details);
+    return invoke("; caused by "_n, "join"_n, details);
 }
 
 object normalize_key(const frame& in) {
     handle raw_key = in[0];
-    if (is_true(raw_key.attr("startswith"_n)("0x"_n)) || is_true(raw_key.attr("startswith"_n)("0X"_n)))
+    if (is_true(invoke(raw_key, "startswith"_n, "0x"_n)) || is_true(invoke(raw_key, "startswith"_n, "0X"_n)))
         return object::borrow(raw_key);
     return add("0x"_n, raw_key);
 }
@@ -172,7 +172,7 @@ object normalize_key(const frame& in) {
 object resolve_invite_code(const frame& in) {
     object invite_code = object::borrow(in[0]);
     if (invite_code.is_none())
-        invite_code = global("os"_n).attr("environ"_n).attr("get"_n)("CORVANE_INVITE_CODE"_n);
+        invite_code = invoke(global("os"_n).attr("environ"_n), "get"_n, "CORVANE_INVITE_CODE"_n);
     object canonical = auth("_normalize_invite_code"_n)(invite_code);
     if (canonical.is_none())
         raise_message(global("ValueError"_n), "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, or "
@@ -208,8 +208,8 @@ object register_wallet(const frame& in) {
         global("_propagate_auth"_n)(manager, "strict"_a = true_value());
     }
     activate_kit_wide(in, manager);
-    object address = manager.attr("get_wallet_address"_n)();
-    if (is_true(global("_config"_n).attr("get"_n)("auto_heartbeat"_n, true_value())))
+    object address = invoke(manager, "get_wallet_address"_n);
+    if (is_true(invoke(global("_config"_n), "get"_n, "auto_heartbeat"_n, true_value())))
         global("inject_heartbeat"_n)();
     return global("WalletRegistration"_n)("address"_a = address);
 }
@@ -230,8 +230,8 @@ object login(const frame& in) {
         global("_propagate_auth"_n)(manager, "strict"_a = true_value());
     activate_kit_wide(in, manager);
     found auth_token = global("AuthToken"_n);
-    object token = manager.attr("get_token"_n)();
-    object expires_at = manager.attr("get_token_expiry"_n)();
+    object token = invoke(manager, "get_token"_n);
+    object expires_at = invoke(manager, "get_token_expiry"_n);
     return auth_token("token"_a = token, "expires_at"_a = expires_at);
 }
 

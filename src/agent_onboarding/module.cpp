@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <new>
+#include <span>
 
 namespace corvane::onboarding {
 
@@ -35,97 +36,102 @@ from corvane.sync import CURRENT_PLATFORM
 )";
 
 constexpr native_function describe_errors[] = {
-    {"_exception_chain_detail(exc)", exception_chain_detail,
-     "An exception and up to three of its explicit causes on one line of text."},
+    native<exception_chain_detail>("_exception_chain_detail(exc)",
+                                   "An exception and up to three of its explicit causes on one line of text."),
 };
 
 constexpr native_function workspace[] = {
-    {"_find_heartbeat(working_dir=None)", find_heartbeat,
-     "Search for HEARTBEAT.md in cwd + up to 3 parent directories.\n\n"
-     "    Returns the path to HEARTBEAT.md if found, None otherwise.\n"},
+    native<find_heartbeat>("_find_heartbeat(working_dir=None)",
+                           "Search for HEARTBEAT.md in cwd + up to 3 parent directories.\n\n"
+                           "    Returns the path to HEARTBEAT.md if found, None otherwise.\n"),
 };
 
 constexpr native_function wallet_store[] = {
-    {"_canonical_data_dir(data_dir)", canonical_data_dir,
-     "The data directory with the home directory expanded and every symbolic link resolved."},
-    {"_wallet_key_path(data_dir)", wallet_key_path, "The path of wallet.key in the canonical data directory."},
-    {"_unsafe_wallet_error(wallet_path)", unsafe_wallet_error, "The IOError, not raised, that refuses a key file."},
-    {"_check_wallet_fd(wallet_path, fd)", check_wallet_fd,
-     "Refuses an open key file of another type or owner; tightens its permission bits to 0600."},
-    {"_read_wallet_key(data_dir)", read_wallet_key, "The stored key, or None when there is no key file."},
-    {"_write_wallet_key(data_dir, key_content)", write_wallet_key, "Stores the key with permission bits 0600."},
+    native<canonical_data_dir>("_canonical_data_dir(data_dir)",
+                               "The data directory with the home directory expanded and every symbolic link resolved."),
+    native<wallet_key_path>("_wallet_key_path(data_dir)", "The path of wallet.key in the canonical data directory."),
+    native<unsafe_wallet_error>("_unsafe_wallet_error(wallet_path)",
+                                "The IOError, not raised, that refuses a key file."),
+    native<check_wallet_fd>("_check_wallet_fd(wallet_path, fd)",
+                            "Refuses an open key file of another type or owner; tightens its permission bits to 0600."),
+    native<read_wallet_key>("_read_wallet_key(data_dir)", "The stored key, or None when there is no key file."),
+    native<write_wallet_key>("_write_wallet_key(data_dir, key_content)", "Stores the key with permission bits 0600."),
 };
 
 constexpr native_function key_and_invite_rules[] = {
-    {"_normalize_key(raw_key)", normalize_key, "The key with 0x in front."},
-    {"_resolve_invite_code(invite_code)", resolve_invite_code,
-     "The canonical invite code, from the argument or CORVANE_INVITE_CODE; ValueError without one."},
-    {"_resolve_optional_invite_code(invite_code)", resolve_optional_invite_code, "The canonical invite code, or None."},
+    native<normalize_key>("_normalize_key(raw_key)", "The key with 0x in front."),
+    native<resolve_invite_code>(
+        "_resolve_invite_code(invite_code)",
+        "The canonical invite code, from the argument or CORVANE_INVITE_CODE; ValueError without one."),
+    native<resolve_optional_invite_code>("_resolve_optional_invite_code(invite_code)",
+                                         "The canonical invite code, or None."),
 };
 
 constexpr native_function public_functions[] = {
-    {"register(invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False)"
-     " -> WalletRegistration",
-     register_wallet,
-     "Create this agent's wallet and sign it up, or sign in again with the wallet already stored.\n\n"
-     "The private key is kept in the file wallet.key of the data directory (owner-only, mode 0600). A new key is 32\n"
-     "random bytes from the operating system, stored as 64 hexadecimal digits before the service sees it; keep a\n"
-     "backup of the file, for nothing else can restore the wallet. The directory becomes the option data_dir of this\n"
-     "process. Afterwards the monitoring checklist is added to HEARTBEAT.md unless the option auto_heartbeat is off.\n\n"
-     "Args:\n"
-     "    invite_code: Invite code for a new wallet. None takes the environment variable CORVANE_INVITE_CODE. Not\n"
-     "        needed when the directory already holds a wallet.\n"
-     "    data_dir: Directory of the wallet and the runtime files, created if missing. None takes the option\n"
-     "        data_dir, \"~/.corvane/\" by default.\n"
-     "    bootstrap_runtime: Whether to build the local search runtime as well.\n\n"
-     "Returns:\n"
-     "    The wallet's address, as the service knows it.\n\n"
-     "Raises:\n"
-     "    ValueError: There is no invite code for a new wallet, or the service rejects the stored key's format.\n"
-     "    OSError: The key file is a link, not a regular file, or somebody else's; or it cannot be read or written.\n"
-     "    ConnectionError: The service cannot be reached. A new key stays on disk; call again.\n"
-     "    corvane.auth.RegistrationError: The service refuses the sign-up.\n"
-     "    RuntimeError: The runtime cannot be built (only with bootstrap_runtime).\n",
-     "register(invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False)"
-     " -> corvane.agent_onboarding.WalletRegistration"},
-    {"login(private_key: str, bootstrap_runtime: bool = False) -> AuthToken", login,
-     "Adopt a private key that the caller holds, and sign in with it.\n\n"
-     "The key replaces the one in wallet.key of the data directory before the service has accepted it: keep a backup\n"
-     "of another wallet's file first. The result holds a secret, so this function is no tool for a language model.\n\n"
-     "Args:\n"
-     "    private_key: The key as hexadecimal text of 32 bytes, with or without 0x in front; stored as given.\n"
-     "    bootstrap_runtime: Whether to build the local search runtime as well.\n\n"
-     "Returns:\n"
-     "    The service's token and its expiry in seconds since 1970-01-01 UTC.\n\n"
-     "Raises:\n"
-     "    ValueError: The key is None or the service rejects its format.\n"
-     "    OSError: The key file is a link, not a regular file, or somebody else's; or it cannot be written.\n"
-     "    ConnectionError: The service cannot be reached.\n"
-     "    corvane.auth.AuthError: The service refuses the key.\n"
-     "    RuntimeError: The runtime cannot be built (only with bootstrap_runtime).\n",
-     "login(private_key: str, bootstrap_runtime: bool = False) -> corvane.agent_onboarding.AuthToken"},
-    {"configure(**kwargs: object) -> None", configure,
-     "Set options of this process, one at a time in the order given.\n\n"
-     "When an option is refused, those before it in the same call are already set.\n\n"
-     "Args:\n"
-     "    **kwargs: auto_heartbeat (bool, True by default): whether HEARTBEAT.md may be edited. data_dir (str,\n"
-     "        \"~/.corvane/\"): directory of the wallet and the runtime files. server_url (str): base address of the\n"
-     "        service; https, or http on this machine. named_universe (str): universe to search in, one path segment.\n\n"
-     "Raises:\n"
-     "    ValueError: The option is unknown, its value has another type, or the value is not acceptable.\n"},
-    {"inject_heartbeat(working_dir: Optional[str] = None) -> None", inject_heartbeat,
-     "Called by register() and search_templates during search startup.\n\n"
-     "    Searches cwd + up to 3 parents for HEARTBEAT.md and appends the\n"
-     "    Corvane checklist section if not already present.\n"
-     "    Respects auto_heartbeat=False opt-out.\n",
-     "inject_heartbeat(working_dir: str = None) -> None"},
-    {"update_nudge(trigger: str, **context: object) -> None", update_nudge,
-     "Called by search_templates when nudge trigger conditions are met.\n\n"
-     "    trigger: one of 'discovery_rate_declining', 'era_change', 'first_signal',\n"
-     "             '10_signals', 'strategy_unlock'\n",
-     "update_nudge(trigger: str, **context) -> None"},
-    {"get_agents_md_fragment() -> str", get_agents_md_fragment,
-     "Returns ready-made AGENTS.md fragment for OpenClaw workspace setup."},
+    native<register_wallet>(
+        "register(invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False)"
+        " -> WalletRegistration",
+        "Create this agent's wallet and sign it up, or sign in again with the wallet already stored.\n\n"
+        "The private key is kept in the file wallet.key of the data directory (owner-only, mode 0600). A new key is 32\n"
+        "random bytes from the operating system, stored as 64 hexadecimal digits before the service sees it; keep a\n"
+        "backup of the file, for nothing else can restore the wallet. The directory becomes the option data_dir of this\n"
+        "process. Afterwards the monitoring checklist is added to HEARTBEAT.md unless the option auto_heartbeat is off.\n\n"
+        "Args:\n"
+        "    invite_code: Invite code for a new wallet. None takes the environment variable CORVANE_INVITE_CODE. Not\n"
+        "        needed when the directory already holds a wallet.\n"
+        "    data_dir: Directory of the wallet and the runtime files, created if missing. None takes the option\n"
+        "        data_dir, \"~/.corvane/\" by default.\n"
+        "    bootstrap_runtime: Whether to build the local search runtime as well.\n\n"
+        "Returns:\n"
+        "    The wallet's address, as the service knows it.\n\n"
+        "Raises:\n"
+        "    ValueError: There is no invite code for a new wallet, or the service rejects the stored key's format.\n"
+        "    OSError: The key file is a link, not a regular file, or somebody else's; or it cannot be read or written.\n"
+        "    ConnectionError: The service cannot be reached. A new key stays on disk; call again.\n"
+        "    corvane.auth.RegistrationError: The service refuses the sign-up.\n"
+        "    RuntimeError: The runtime cannot be built (only with bootstrap_runtime).\n",
+        "register(invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False)"
+        " -> corvane.agent_onboarding.WalletRegistration"),
+    native<login>(
+        "login(private_key: str, bootstrap_runtime: bool = False) -> AuthToken",
+        "Adopt a private key that the caller holds, and sign in with it.\n\n"
+        "The key replaces the one in wallet.key of the data directory before the service has accepted it: keep a backup\n"
+        "of another wallet's file first. The result holds a secret, so this function is no tool for a language model.\n\n"
+        "Args:\n"
+        "    private_key: The key as hexadecimal text of 32 bytes, with or without 0x in front; stored as given.\n"
+        "    bootstrap_runtime: Whether to build the local search runtime as well.\n\n"
+        "Returns:\n"
+        "    The service's token and its expiry in seconds since 1970-01-01 UTC.\n\n"
+        "Raises:\n"
+        "    ValueError: The key is None or the service rejects its format.\n"
+        "    OSError: The key file is a link, not a regular file, or somebody else's; or it cannot be written.\n"
+        "    ConnectionError: The service cannot be reached.\n"
+        "    corvane.auth.AuthError: The service refuses the key.\n"
+        "    RuntimeError: The runtime cannot be built (only with bootstrap_runtime).\n",
+        "login(private_key: str, bootstrap_runtime: bool = False) -> corvane.agent_onboarding.AuthToken"),
+    native<configure>(
+        "configure(**kwargs: object) -> None",
+        "Set options of this process, one at a time in the order given.\n\n"
+        "When an option is refused, those before it in the same call are already set.\n\n"
+        "Args:\n"
+        "    **kwargs: auto_heartbeat (bool, True by default): whether HEARTBEAT.md may be edited. data_dir (str,\n"
+        "        \"~/.corvane/\"): directory of the wallet and the runtime files. server_url (str): base address of the\n"
+        "        service; https, or http on this machine. named_universe (str): universe to search in, one path segment.\n\n"
+        "Raises:\n"
+        "    ValueError: The option is unknown, its value has another type, or the value is not acceptable.\n"),
+    native<inject_heartbeat>("inject_heartbeat(working_dir: Optional[str] = None) -> None",
+                             "Called by register() and search_templates during search startup.\n\n"
+                             "    Searches cwd + up to 3 parents for HEARTBEAT.md and appends the\n"
+                             "    Corvane checklist section if not already present.\n"
+                             "    Respects auto_heartbeat=False opt-out.\n",
+                             "inject_heartbeat(working_dir: str = None) -> None"),
+    native<update_nudge>("update_nudge(trigger: str, **context: object) -> None",
+                         "Called by search_templates when nudge trigger conditions are met.\n\n"
+                         "    trigger: one of 'discovery_rate_declining', 'era_change', 'first_signal',\n"
+                         "             '10_signals', 'strategy_unlock'\n",
+                         "update_nudge(trigger: str, **context) -> None"),
+    native<get_agents_md_fragment>("get_agents_md_fragment() -> str",
+                                   "Returns ready-made AGENTS.md fragment for OpenClaw workspace setup."),
 };
 
 void define_all(std::span<const native_function> functions) {
@@ -190,7 +196,7 @@ int execute(PyObject* module) {
     PyObject* finished = kept_module();
     if (finished == module)
         return 0;
-    const frame running("<module>", handle(PyModule_GetDict(module)), {});
+    const frame running(handle(PyModule_GetDict(module)));
     try {
         if (finished != nullptr)
             throw_error(PyExc_ImportError, "corvane.agent_onboarding is already initialised", where::current());

@@ -140,7 +140,7 @@ object read_wallet_key(const frame& in) {
             object key;
             with(in, global("os"_n).attr("fdopen"_n)(fd, "r"_n), [&](handle file) {
                 handed_over = true;
-                key = file.attr("read"_n)().attr("strip"_n)();
+                key = invoke(invoke(file, "read"_n), "strip"_n);
             });
             return key;
         },

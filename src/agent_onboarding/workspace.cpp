@@ -11,20 +11,20 @@ constexpr int directories_searched = 4; // the start and three parents
 object read_text(const frame& in, handle path) {
     object content;
     with(in, global("open"_n)(path, "r"_n, "encoding"_a = "utf-8"_n),
-         [&](handle file) { content = file.attr("read"_n)(); });
+         [&](handle file) { content = invoke(file, "read"_n); });
     return content;
 }
 
 /// `with open(path, "w", encoding="utf-8") as file: file.write(content)`
 void rewrite_text(const frame& in, handle path, handle content) {
     with(in, global("open"_n)(path, "w"_n, "encoding"_a = "utf-8"_n),
-         [&](handle file) { file.attr("write"_n)(content); });
+         [&](handle file) { invoke(file, "write"_n, content); });
 }
 
 /// The option that lets a caller keep the module out of HEARTBEAT.md.
-bool opted_out() { return !is_true(global("_config"_n).attr("get"_n)("auto_heartbeat"_n, true_value())); }
+bool opted_out() { return !is_true(invoke(global("_config"_n), "get"_n, "auto_heartbeat"_n, true_value())); }
 
-bool ends_with_line_feed(handle content) { return is_true(content.attr("endswith"_n)("\n"_n)); }
+bool ends_with_line_feed(handle content) { return is_true(invoke(content, "endswith"_n, "\n"_n)); }
 
 /// Appends the line unless the file of the current workspace has it already.
 void append_nudge(const frame& in, handle nudge_text) {

@@ -16,22 +16,27 @@ inline void add_name(PyObject*, Py_ssize_t&, handle) noexcept {}
 inline void add_name(PyObject* names, Py_ssize_t& next, const argument& keyword) noexcept {
     PyTuple_SET_ITEM(names, next++, Py_NewRef(keyword.name.ptr()));
 }
+template <typename... Arguments>
+constexpr std::size_t positional_count = (std::size_t{0} + ... + (is_keyword<Arguments> ? 0 : 1));
+
+template <typename... Arguments> object keyword_names(where line, const Arguments&... arguments) {
+    object names;
+    if constexpr (positional_count<Arguments...> < sizeof...(Arguments)) {
+        names = check(PyTuple_New(sizeof...(Arguments) - positional_count<Arguments...>), line);
+        Py_ssize_t next = 0;
+        (add_name(names.ptr(), next, arguments), ...);
+    }
+    return names;
+}
 } // namespace detail
 
 /// `callable(arguments...)`; keyword arguments come last.
 template <typename... Arguments> object call_at(where line, handle callable, const Arguments&... arguments) {
-    constexpr auto keywords = (std::size_t{0} + ... + (detail::is_keyword<Arguments> ? 1 : 0));
-    constexpr std::size_t positional = sizeof...(Arguments) - keywords;
     // The free place in front lets a bound method put its self there without copying the rest.
     PyObject* stack[1 + sizeof...(Arguments)] = {nullptr, detail::value_of(arguments)...};
-    object names;
-    if constexpr (keywords > 0) {
-        names = check(PyTuple_New(keywords), line);
-        Py_ssize_t next = 0;
-        (detail::add_name(names.ptr(), next, arguments), ...);
-    }
-    return check(
-        PyObject_Vectorcall(callable.ptr(), stack + 1, positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr()), line);
+    const object names = detail::keyword_names(line, arguments...);
+    return perform(line, PyObject_Vectorcall, callable.ptr(), stack + 1,
+                   detail::positional_count<Arguments...> | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr());
 }
 
 /// A value that was just looked up; a call of it is reported on the line of the look-up.
@@ -47,43 +52,78 @@ class found : public object {
 };
 
 /// A name of the module: its namespace, then the builtins, then NameError.
-[[nodiscard]] found global(handle name, where line = where::current());
+[[nodiscard]] found global(name wanted, where line = where::current());
 /// `global name; name = value`
-void set_global(handle name, handle value, where line = where::current());
+void set_global(name changed, handle value, where line = where::current());
+
+namespace detail {
+/// The attribute of a plain module, without the detour over its type; empty if it is not there or not that simple.
+inline object module_attribute(handle self, handle name) {
+    if (!PyModule_CheckExact(self.ptr()))
+        return {};
+    PyObject* value = PyDict_GetItemWithError(PyModule_GetDict(self.ptr()), name.ptr());
+    if (value == nullptr)
+        PyErr_Clear(); // the ordinary look-up says what is wrong
+    return object::borrow(value);
+}
+} // namespace detail
 
 inline found handle::attr(handle name, where line) const {
-    return {check(PyObject_GetAttr(ptr(), name.ptr()), line), line};
+    if (object quick = detail::module_attribute(*this, name))
+        return {std::move(quick), line};
+    return {perform(line, PyObject_GetAttr, ptr(), name.ptr()), line};
+}
+
+/// The name of a method, with the line it is called on.
+struct method_name : handle {
+    where line;
+    // NOLINTNEXTLINE(google-explicit-constructor): the name stands for itself
+    method_name(name text, where at = where::current()) noexcept : handle(text), line(at) {}
+};
+
+/// `self.method(arguments...)` for arguments that are values already: where an argument is itself an operation, the
+/// method must be looked up first, by `attr`.
+template <typename... Arguments> object invoke(handle self, method_name method, const Arguments&... arguments) {
+    if (object quick = detail::module_attribute(self, method))
+        return call_at(method.line, quick, arguments...);
+    PyObject* stack[2 + sizeof...(Arguments)] = {nullptr, self.ptr(), detail::value_of(arguments)...};
+    const object names = detail::keyword_names(method.line, arguments...);
+    const std::size_t positional = 1 + detail::positional_count<Arguments...>;
+    return perform(method.line, PyObject_VectorcallMethod, method.ptr(), stack + 1,
+                   positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr());
 }
 
 /// `if value`
 inline bool is_true(handle value, where line = where::current()) {
-    return check(PyObject_IsTrue(value.ptr()), line) != 0;
+    if (value.ptr() == Py_True || value.ptr() == Py_False || value.is_none())
+        return value.ptr() == Py_True;
+    return perform(line, PyObject_IsTrue, value.ptr()) != 0;
 }
 /// `left == right`, `left != right`, `left < right`, ... as a condition: the operator's answer is tested for truth.
 inline bool compare(handle left, int operation, handle right, where line = where::current()) {
-    return is_true(check(PyObject_RichCompare(left.ptr(), right.ptr(), operation), line), line);
+    return is_true(perform(line, PyObject_RichCompare, left.ptr(), right.ptr(), operation), line);
 }
 /// `item in container`
 inline bool contains(handle container, handle item, where line = where::current()) {
-    return check(PySequence_Contains(container.ptr(), item.ptr()), line) != 0;
+    return perform(line, PySequence_Contains, container.ptr(), item.ptr()) != 0;
 }
 /// `container[key]`
 inline object get_item(handle container, handle key, where line = where::current()) {
-    return check(PyObject_GetItem(container.ptr(), key.ptr()), line);
+    return perform(line, PyObject_GetItem, container.ptr(), key.ptr());
 }
 /// `container[key] = value`
 inline void set_item(handle container, handle key, handle value, where line = where::current()) {
-    check(PyObject_SetItem(container.ptr(), key.ptr(), value.ptr()), line);
+    perform(line, PyObject_SetItem, container.ptr(), key.ptr(), value.ptr());
 }
 /// `left + right`, `left | right`, `left & right`
 inline object add(handle left, handle right, where line = where::current()) {
-    return check(PyNumber_Add(left.ptr(), right.ptr()), line);
+    return perform(line, PyNumber_Add, left.ptr(), right.ptr());
 }
 inline object bit_or(handle left, handle right, where line = where::current()) {
-    return check(PyNumber_Or(left.ptr(), right.ptr()), line);
+    return perform(line, PyNumber_Or, left.ptr(), right.ptr());
 }
 inline object bit_and(handle left, handle right, where line = where::current()) {
-    return check(PyNumber_And(left.ptr(), right.ptr()), line);
+    return perform(line, PyNumber_And, left.ptr(), right.ptr());
 }
 inline object integer(long value, where line = where::current()) { return check(PyLong_FromLong(value), line); }
 inline object pair(handle first, handle second, where line = where::current()) {
@@ -91,7 +131,7 @@ inline object pair(handle first, handle second, where line = where::current()) {
 }
 
 /// A loop whose length the data decides asks every round whether a signal handler, Ctrl-C above all, wants to run.
-inline void check_signals(where line = where::current()) { check(PyErr_CheckSignals(), line); }
+inline void check_signals(where line = where::current()) { perform(line, PyErr_CheckSignals); }
 
 /// The literal that a message begins with; it brings the line along, which a variadic function cannot.
 struct opening {
@@ -105,7 +145,7 @@ namespace detail {
 inline object text_of(std::string_view literal, where line) {
     return check(PyUnicode_FromStringAndSize(literal.data(), static_cast<Py_ssize_t>(literal.size())), line);
 }
-inline object text_of(handle value, where line) { return check(PyObject_Str(value.ptr()), line); }
+inline object text_of(handle value, where line) { return perform(line, PyObject_Str, value.ptr()); }
 inline void append(object& text, const object& more, where line) {
     text = check(PyUnicode_Concat(text.ptr(), more.ptr()), line);
 }

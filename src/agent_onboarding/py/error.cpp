@@ -62,7 +62,7 @@ void raise_from(object exception, handle cause, where line) {
     raise_instance(instance, line);
 }
 
-except_scope::except_scope(const frame& in, error& caught) {
+except_scope::except_scope(const frame& in, error& caught) noexcept {
     in.trace(caught);
     slot_ = PyThreadState_Get()->exc_info;
     outer_ = object::steal(slot_->exc_value);
@@ -70,10 +70,6 @@ except_scope::except_scope(const frame& in, error& caught) {
 }
 
 except_scope::~except_scope() {
-    if (_PyThreadState_UncheckedGet() == nullptr) { // the interpreter is gone, and the slot with it; see drop()
-        (void)outer_.release();
-        return;
-    }
     object inner = object::steal(slot_->exc_value);
     slot_->exc_value = outer_.release();
 }
@@ -86,7 +82,7 @@ object special_method(handle self, handle name, where line) {
     descrgetfunc bind = Py_TYPE(attribute)->tp_descr_get;
     if (bind == nullptr)
         return kept;
-    return check(bind(attribute, self.ptr(), reinterpret_cast<PyObject*>(Py_TYPE(self.ptr()))), line);
+    return perform(line, bind, attribute, self.ptr(), reinterpret_cast<PyObject*>(Py_TYPE(self.ptr())));
 }
 
 std::pair<object, object> enter(handle manager, where line) {

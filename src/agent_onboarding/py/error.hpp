@@ -49,6 +49,12 @@ inline int check(int result, where line) {
     return result;
 }
 
+/// A C call that may run other code, with its result checked.
+template <typename Function, typename... Arguments>
+auto perform(where line, Function* function, Arguments... arguments) {
+    return check(call_out(function, arguments...), line);
+}
+
 /// `raise exception`; an exception class is called first.
 [[noreturn]] void raise(object exception, where line = where::current());
 /// `raise exception from cause`
@@ -61,7 +67,7 @@ class frame;
 /// sys.exc_info(). The slot is swapped directly because PyErr_SetHandledException misses it inside generators.
 class except_scope {
   public:
-    except_scope(const frame& in, error& caught);
+    except_scope(const frame& in, error& caught) noexcept;
     ~except_scope();
     except_scope(const except_scope&) = delete;
     except_scope& operator=(const except_scope&) = delete;

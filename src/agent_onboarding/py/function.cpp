@@ -2,6 +2,7 @@
 
 #include <frameobject.h>
 
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -11,12 +12,20 @@ namespace corvane::py {
 
 namespace {
 
+/// A name that was looked up, valid while neither dictionary has changed. The value is borrowed from its dictionary.
+struct remembered {
+    std::uint64_t globals_version;
+    std::uint64_t builtins_version;
+    PyObject* value;
+};
+
 /// The layer's only state. It outlives the module, for function objects can, and ends with the interpreter.
 struct interpreter_state {
     std::unique_ptr<object[]> names;
+    std::unique_ptr<remembered[]> look_ups;
     object globals;
     object builtins;
-    Py_ssize_t body_slot = -1; ///< where a code object of ours keeps its native_function
+    object codes; ///< keeps the code objects of all functions, so that no other can take the place of one
     vectorcallfunc interpret = nullptr;
 };
 interpreter_state* state = nullptr;
@@ -30,146 +39,19 @@ void forget() noexcept {
         (void)state->names[i].release();
     (void)state->globals.release();
     (void)state->builtins.release();
+    (void)state->codes.release();
     delete state;
     state = nullptr;
 }
 
 void intern_names(interpreter_state& fresh) {
     fresh.names = std::make_unique<object[]>(name_count);
+    fresh.look_ups = std::make_unique<remembered[]>(name_count);
     for (const name_node* node = first_name; node != nullptr; node = node->next) {
         PyObject* text = detail::text_of(node->text, where::current()).release();
         PyUnicode_InternInPlace(&text);
         fresh.names[node->index] = object::steal(text);
     }
-}
-
-// -- Calls ----------------------------------------------------------------------------------------------------------
-
-enum class binding { bound, impossible, failed };
-
-/// Puts a keyword argument into its place. Identity first, then `==`, as the interpreter searches.
-binding bind_keyword(PyCodeObject* code, std::span<object> values, std::size_t parameters, handle name, handle value) {
-    PyObject* const* names = &PyTuple_GET_ITEM(code->co_localsplusnames, 0);
-    std::size_t place = 0;
-    while (place < parameters && names[place] != name.ptr())
-        ++place;
-    if (place == parameters) {
-        for (place = 0; place < parameters; ++place) {
-            const int equal = PyObject_RichCompareBool(name.ptr(), names[place], Py_EQ);
-            if (equal < 0)
-                return binding::failed;
-            if (equal > 0)
-                break;
-        }
-    }
-    if (place < parameters) {
-        if (values[place])
-            return binding::impossible; // given twice
-        values[place] = object::borrow(value);
-        return binding::bound;
-    }
-    if ((code->co_flags & CO_VARKEYWORDS) == 0)
-        return binding::impossible;
-    return PyDict_SetItem(values[parameters].ptr(), name.ptr(), value.ptr()) < 0 ? binding::failed : binding::bound;
-}
-
-/// Fills the places that the call left empty from `__defaults__` and `__kwdefaults__`, as they are at this moment.
-binding bind_defaults(PyFunctionObject* function, std::span<object> values, std::size_t positional,
-                      std::size_t parameters) {
-    const auto defaults =
-        static_cast<std::size_t>(function->func_defaults ? PyTuple_GET_SIZE(function->func_defaults) : 0);
-    for (std::size_t place = 0; place < positional; ++place) {
-        if (values[place])
-            continue;
-        if (place + defaults < positional)
-            return binding::impossible; // a required argument is missing
-        const auto index = static_cast<Py_ssize_t>(place + defaults - positional);
-        values[place] = object::borrow(PyTuple_GET_ITEM(function->func_defaults, index));
-    }
-    for (std::size_t place = positional; place < parameters; ++place) {
-        if (values[place])
-            continue;
-        if (function->func_kwdefaults == nullptr)
-            return binding::impossible;
-        PyObject* name = PyTuple_GET_ITEM(reinterpret_cast<PyCodeObject*>(function->func_code)->co_localsplusnames,
-                                          static_cast<Py_ssize_t>(place));
-        PyObject* value = PyDict_GetItemWithError(function->func_kwdefaults, name);
-        if (value == nullptr)
-            return PyErr_Occurred() ? binding::failed : binding::impossible;
-        values[place] = object::borrow(value);
-    }
-    return binding::bound;
-}
-
-binding bind(PyFunctionObject* function, PyObject* const* arguments, std::size_t given, PyObject* keywords,
-             std::span<object> values) {
-    auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
-    const auto positional = static_cast<std::size_t>(code->co_argcount);
-    const auto parameters = positional + static_cast<std::size_t>(code->co_kwonlyargcount);
-    if (given > positional)
-        return binding::impossible;
-    for (std::size_t place = 0; place < given; ++place)
-        values[place] = object::borrow(arguments[place]);
-    if ((code->co_flags & CO_VARKEYWORDS) != 0) {
-        values[parameters] = object::steal(PyDict_New());
-        if (!values[parameters])
-            return binding::failed;
-    }
-    const Py_ssize_t keyword_count = keywords ? PyTuple_GET_SIZE(keywords) : 0;
-    for (Py_ssize_t i = 0; i < keyword_count; ++i) {
-        PyObject* name = PyTuple_GET_ITEM(keywords, i);
-        if (!PyUnicode_Check(name))
-            return binding::impossible;
-        const binding result = bind_keyword(code, values, parameters, handle(name),
-                                            handle(arguments[given + static_cast<std::size_t>(i)]));
-        if (result != binding::bound)
-            return result;
-    }
-    return given == parameters ? binding::bound : bind_defaults(function, values, positional, parameters);
-}
-
-const char* name_of(PyFunctionObject* function) noexcept {
-    return static_cast<const char*>(
-        PyUnicode_DATA(reinterpret_cast<PyCodeObject*>(function->func_code)->co_name)); // ours are ASCII
-}
-
-// Not noexcept, like enter_native: a thread that the interpreter ends with pthread_exit unwinds through here.
-PyObject* run_body(native_body body, PyFunctionObject* function, std::span<const object> values) {
-    const frame running(name_of(function), handle(function->func_globals), values);
-    try {
-        return body(running).release();
-    } catch (error& raised) {
-        running.trace(raised);
-        raised.restore();
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-    }
-    return nullptr;
-}
-
-/// The vectorcall of every function of ours.
-PyObject* enter_native(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
-    auto* function = reinterpret_cast<PyFunctionObject*>(callable);
-    void* native = nullptr;
-    if (PyUnstable_Code_GetExtra(function->func_code, state->body_slot, &native) < 0)
-        return nullptr;
-    if (native == nullptr) // somebody gave the function another `__code__`
-        return state->interpret(callable, arguments, flagged_count, keywords);
-
-    std::array<object, max_parameters> values;
-    switch (bind(function, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)), keywords, values)) {
-    case binding::failed:
-        return nullptr;
-    case binding::impossible:
-        return state->interpret(callable, arguments, flagged_count, keywords);
-    case binding::bound:
-        break;
-    }
-    if (Py_EnterRecursiveCall("") != 0)
-        return nullptr;
-    PyObject* result = run_body(static_cast<const native_function*>(native)->body, function, values);
-    Py_LeaveRecursiveCall();
-    return result;
 }
 
 // -- Definitions ----------------------------------------------------------------------------------------------------
@@ -206,10 +88,10 @@ void attach(handle function, const native_function& native) {
     check(PyObject_SetAttr(function.ptr(), "__doc__"_n.ptr(), text.ptr()), where::current());
 
     auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
-    check(PyUnstable_Code_SetExtra(made->func_code, state->body_slot, const_cast<native_function*>(&native)),
-          where::current());
+    check(PyList_Append(state->codes.ptr(), made->func_code), where::current());
+    *native.code = made->func_code;
     state->interpret = made->vectorcall;
-    PyFunction_SetVectorcall(made, enter_native);
+    PyFunction_SetVectorcall(made, native.entry);
 }
 
 constexpr const char* unreached = "raise SystemError(\"native body not reached\")\n";
@@ -220,37 +102,192 @@ name_node::name_node(std::string_view literal) noexcept : text(literal), index(n
     first_name = this;
 }
 
-handle interned(const name_node& node) noexcept { return state->names[node.index]; }
+name interned(const name_node& node) noexcept { return {state->names[node.index], node.index}; }
 
-found global(handle name, where line) {
-    PyObject* value = PyDict_GetItemWithError(state->globals.ptr(), name.ptr());
+// -- Calls ----------------------------------------------------------------------------------------------------------
+
+bound_arguments::bound_arguments(PyFunctionObject* function, PyObject* const* given, std::size_t flagged_count,
+                                 PyObject* keywords) {
+    const auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
+    const auto positional_given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
+    const auto positional = static_cast<std::size_t>(code->co_argcount);
+    count_ = positional + static_cast<std::size_t>(code->co_kwonlyargcount) +
+             ((code->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
+    if (positional_given == positional && positional == count_ && keywords == nullptr) {
+        for (std::size_t place = 0; place < count_; ++place)
+            values_[place] = Py_NewRef(given[place]);
+        result_ = outcome::bound;
+        return;
+    }
+    for (std::size_t place = 0; place < count_; ++place)
+        values_[place] = nullptr;
+    result_ = positional_given > positional ? outcome::impossible : bind(function, given, positional_given, keywords);
+}
+
+bound_arguments::~bound_arguments() {
+    for (std::size_t place = 0; place < count_; ++place)
+        drop(values_[place]);
+}
+
+bound_arguments::outcome bound_arguments::bind(PyFunctionObject* function, PyObject* const* given,
+                                               std::size_t positional_given, PyObject* keywords) {
+    auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
+    const auto positional = static_cast<std::size_t>(code->co_argcount);
+    const auto parameters = positional + static_cast<std::size_t>(code->co_kwonlyargcount);
+    for (std::size_t place = 0; place < positional_given; ++place)
+        values_[place] = Py_NewRef(given[place]);
+    if ((code->co_flags & CO_VARKEYWORDS) != 0) {
+        values_[parameters] = PyDict_New();
+        if (values_[parameters] == nullptr)
+            return outcome::failed;
+    }
+    const Py_ssize_t keyword_count = keywords == nullptr ? 0 : PyTuple_GET_SIZE(keywords);
+    for (Py_ssize_t i = 0; i < keyword_count; ++i) {
+        PyObject* name = PyTuple_GET_ITEM(keywords, i);
+        if (!PyUnicode_Check(name))
+            return outcome::impossible;
+        const outcome result =
+            bind_keyword(code, parameters, name, given[positional_given + static_cast<std::size_t>(i)]);
+        if (result != outcome::bound)
+            return result;
+    }
+    return bind_defaults(function, positional, parameters);
+}
+
+/// Puts a keyword argument into its place. Identity first, then `==`, as the interpreter searches.
+bound_arguments::outcome bound_arguments::bind_keyword(PyCodeObject* code, std::size_t parameters, PyObject* name,
+                                                       PyObject* value) {
+    PyObject* const* names = &PyTuple_GET_ITEM(code->co_localsplusnames, 0);
+    std::size_t place = 0;
+    while (place < parameters && names[place] != name)
+        ++place;
+    if (place == parameters) {
+        for (place = 0; place < parameters; ++place) {
+            const int equal = call_out(PyObject_RichCompareBool, name, names[place], Py_EQ);
+            if (equal < 0)
+                return outcome::failed;
+            if (equal > 0)
+                break;
+        }
+    }
+    if (place < parameters) {
+        if (values_[place] != nullptr)
+            return outcome::impossible; // given twice
+        values_[place] = Py_NewRef(value);
+        return outcome::bound;
+    }
+    if ((code->co_flags & CO_VARKEYWORDS) == 0)
+        return outcome::impossible;
+    return call_out(PyDict_SetItem, values_[parameters], name, value) < 0 ? outcome::failed : outcome::bound;
+}
+
+/// Fills the places that the call left empty from `__defaults__` and `__kwdefaults__`, as they are at this moment.
+bound_arguments::outcome bound_arguments::bind_defaults(PyFunctionObject* function, std::size_t positional,
+                                                        std::size_t parameters) {
+    const auto defaults =
+        static_cast<std::size_t>(function->func_defaults == nullptr ? 0 : PyTuple_GET_SIZE(function->func_defaults));
+    for (std::size_t place = 0; place < positional; ++place) {
+        if (values_[place] != nullptr)
+            continue;
+        if (place + defaults < positional)
+            return outcome::impossible; // a required argument is missing
+        const auto index = static_cast<Py_ssize_t>(place + defaults - positional);
+        values_[place] = Py_NewRef(PyTuple_GET_ITEM(function->func_defaults, index));
+    }
+    for (std::size_t place = positional; place < parameters; ++place) {
+        if (values_[place] != nullptr)
+            continue;
+        if (function->func_kwdefaults == nullptr)
+            return outcome::impossible;
+        PyObject* name = PyTuple_GET_ITEM(reinterpret_cast<PyCodeObject*>(function->func_code)->co_localsplusnames,
+                                          static_cast<Py_ssize_t>(place));
+        PyObject* value = PyDict_GetItemWithError(function->func_kwdefaults, name);
+        if (value == nullptr)
+            return PyErr_Occurred() != nullptr ? outcome::failed : outcome::impossible;
+        values_[place] = Py_NewRef(value);
+    }
+    return outcome::bound;
+}
+
+PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
+    return state->interpret(callable, arguments, flagged_count, keywords);
+}
+
+PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* values) {
+    // Py_EnterRecursiveCall and Py_LeaveRecursiveCall, with one look-up of the thread instead of two.
+    PyThreadState* thread = PyThreadState_Get();
+    if (thread->c_recursion_remaining <= 0 && Py_EnterRecursiveCall("") != 0)
+        return nullptr;
+    --thread->c_recursion_remaining;
+    const frame running(function, values);
+    PyObject* result = nullptr;
+    try {
+        result = body(running).release();
+    } catch (error& raised) {
+        running.trace(raised);
+        raised.restore();
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    }
+    ++thread->c_recursion_remaining;
+    return result;
+}
+
+// -- The module's namespace -----------------------------------------------------------------------------------------
+
+namespace {
+/// Changes with every change of the dictionary. Deprecated for 3.13; this module is for 3.12 alone.
+std::uint64_t version_of(const object& dictionary) noexcept {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return reinterpret_cast<PyDictObject*>(dictionary.ptr())->ma_version_tag;
+#pragma GCC diagnostic pop
+}
+} // namespace
+
+found global(name wanted, where line) {
+    const std::uint64_t globals_version = version_of(state->globals);
+    const std::uint64_t builtins_version = version_of(state->builtins);
+    remembered& last = state->look_ups[wanted.index];
+    if (last.globals_version == globals_version && last.builtins_version == builtins_version) [[likely]]
+        return {object::borrow(last.value), line};
+
+    PyObject* value = call_out(PyDict_GetItemWithError, state->globals.ptr(), wanted.ptr());
     if (value == nullptr && PyErr_Occurred() == nullptr)
-        value = PyDict_GetItemWithError(state->builtins.ptr(), name.ptr());
+        value = call_out(PyDict_GetItemWithError, state->builtins.ptr(), wanted.ptr());
     if (value == nullptr) {
         if (PyErr_Occurred() != nullptr)
             throw_error(line);
-        object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", name.ptr()), line);
-        object missing = call_at(line, handle(PyExc_NameError), message, argument{"name"_n, name});
-        raise(std::move(missing), line);
+        object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), line);
+        raise(call_at(line, handle(PyExc_NameError), message, "name"_a = wanted), line);
     }
+    last = {globals_version, builtins_version, value};
     return {object::borrow(value), line};
 }
 
-void set_global(handle name, handle value, where line) {
-    check(PyDict_SetItem(state->globals.ptr(), name.ptr(), value.ptr()), line);
+void set_global(name changed, handle value, where line) {
+    perform(line, PyDict_SetItem, state->globals.ptr(), changed.ptr(), value.ptr());
 }
 
 void frame::trace(error& raised) const noexcept {
     if (raised.traced())
         return;
     raised.mark_traced();
+    const char* name = "<module>";
+    handle globals = module_namespace_;
+    if (function_ != nullptr) {
+        name = PyUnicode_AsUTF8(reinterpret_cast<PyCodeObject*>(function_->func_code)->co_name);
+        globals = handle(function_->func_globals);
+    }
     // An error in here may cost the entry, never the exception.
-    object code = object::steal(reinterpret_cast<PyObject*>(
-        PyCode_NewEmpty(raised.line().file_name(), name_, static_cast<int>(raised.line().line()))));
+    object code;
+    if (name != nullptr)
+        code = object::steal(reinterpret_cast<PyObject*>(
+            PyCode_NewEmpty(raised.line().file_name(), name, static_cast<int>(raised.line().line()))));
     object entry;
     if (code)
         entry = object::steal(reinterpret_cast<PyObject*>(
-            PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()), globals_.ptr(), nullptr)));
+            PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()), globals.ptr(), nullptr)));
     if (!entry) {
         PyErr_Clear();
         return;
@@ -264,9 +301,9 @@ void start(handle module_namespace) {
     if (state == nullptr) {
         auto fresh = std::make_unique<interpreter_state>();
         intern_names(*fresh);
-        fresh->body_slot = PyUnstable_Eval_RequestCodeExtraIndex(nullptr);
-        if (fresh->body_slot < 0 || Py_AtExit(forget) < 0)
-            throw_error(PyExc_SystemError, "the interpreter has no room left for native functions", where::current());
+        fresh->codes = check(PyList_New(0), where::current());
+        if (Py_AtExit(forget) < 0)
+            throw_error(PyExc_SystemError, "the interpreter takes no more exit functions", where::current());
         state = fresh.release();
     }
     state->globals = object::borrow(module_namespace);

@@ -8,39 +8,90 @@
 
 #include "call.hpp"
 
-#include <array>
-#include <span>
-
 namespace corvane::py {
-
-/// More than any function of ours has.
-inline constexpr std::size_t max_parameters = 8;
 
 /// One running native body: its arguments, in the order of the declaration, and where its tracebacks point.
 class frame {
   public:
-    frame(const char* name, handle globals, std::span<const object> values) noexcept
-        : name_(name), globals_(globals), values_(values) {}
+    /// The body of a function.
+    frame(PyFunctionObject* function, PyObject* const* values) noexcept : function_(function), values_(values) {}
+    /// The body of the module.
+    explicit frame(handle module_namespace) noexcept : module_namespace_(module_namespace) {}
 
-    [[nodiscard]] handle operator[](std::size_t index) const noexcept { return values_[index]; }
+    [[nodiscard]] handle operator[](std::size_t index) const noexcept { return handle(values_[index]); }
     /// Adds this frame to the traceback, as the interpreter does where an exception leaves a frame or is caught in it.
     void trace(error& raised) const noexcept;
 
   private:
-    const char* name_;
-    handle globals_;
-    std::span<const object> values_;
+    PyFunctionObject* function_ = nullptr;
+    PyObject* const* values_ = nullptr;
+    handle module_namespace_;
 };
 
 using native_body = object (*)(const frame& in);
 
+/// The owned arguments of one call, defaults included.
+class bound_arguments {
+  public:
+    bound_arguments(PyFunctionObject* function, PyObject* const* given, std::size_t flagged_count, PyObject* keywords);
+    ~bound_arguments();
+    bound_arguments(const bound_arguments&) = delete;
+    bound_arguments& operator=(const bound_arguments&) = delete;
+
+    enum class outcome { bound, impossible, failed };
+    [[nodiscard]] outcome result() const noexcept { return result_; }
+    [[nodiscard]] PyObject* const* values() const noexcept { return values_; }
+
+  private:
+    outcome bind(PyFunctionObject* function, PyObject* const* given, std::size_t positional_given, PyObject* keywords);
+    outcome bind_keyword(PyCodeObject* code, std::size_t parameters, PyObject* name, PyObject* value);
+    outcome bind_defaults(PyFunctionObject* function, std::size_t positional, std::size_t parameters);
+
+    static constexpr std::size_t max_parameters = 8; ///< more than any function of ours has
+    std::size_t count_;
+    outcome result_;
+    PyObject* values_[max_parameters];
+};
+
+/// The code object that the interpreter compiled for a body, to be compared and never used; the layer keeps it alive.
+template <native_body Body> inline const void* code_of = nullptr;
+
+/// What is there to do once the arguments are bound; `nullptr` with the Python error set on failure.
+PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* values);
+/// The interpreter's own way to call the function: raises its TypeError for arguments that do not fit.
+PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords);
+
+/// The vectorcall of a function of ours.
+template <native_body Body>
+PyObject* enter_native(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
+    auto* function = reinterpret_cast<PyFunctionObject*>(callable);
+    if (function->func_code != code_of<Body>) // somebody gave the function another `__code__`
+        return interpret(callable, arguments, flagged_count, keywords);
+    const bound_arguments bound(function, arguments, flagged_count, keywords);
+    switch (bound.result()) {
+    case bound_arguments::outcome::failed:
+        return nullptr;
+    case bound_arguments::outcome::impossible:
+        return interpret(callable, arguments, flagged_count, keywords);
+    case bound_arguments::outcome::bound:
+        break;
+    }
+    return enter(Body, function, bound.values());
+}
+
 /// What the interpreter compiles, and the body that runs instead.
 struct native_function {
     const char* declaration; ///< what stands between `def ` and the colon
-    native_body body;
-    const char* doc;                 ///< the text after the signature line, or nullptr for the signature line alone
-    const char* signature = nullptr; ///< the first line of the docstring where it is not the declaration
+    const char* doc;         ///< the text after the signature line, or nullptr for the signature line alone
+    const char* signature;   ///< the first line of the docstring where it is not the declaration, else nullptr
+    vectorcallfunc entry;
+    const void** code;
 };
+
+template <native_body Body>
+constexpr native_function native(const char* declaration, const char* doc, const char* signature = nullptr) {
+    return {declaration, doc, signature, enter_native<Body>, &code_of<Body>};
+}
 
 /// Interns the names of the program and remembers the namespace in which functions look names up. Called at the start
 /// of an initialisation; what it stores stays until the interpreter is gone, because functions can outlive the module.

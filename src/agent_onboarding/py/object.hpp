@@ -4,7 +4,6 @@
 
 #include <Python.h>
 
-#include <cxxabi.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -19,18 +18,37 @@ using where = std::source_location;
 
 class found;
 
-/// Gives a reference back. A daemon thread that outlives the interpreter is ended by it through pthread_exit (CPython
-/// 3.12), which unwinds our frames without a thread state: nothing may be touched then. If that strikes in the middle
-/// of a deallocation, the thread sleeps until the process is gone, for a destructor cannot be unwound.
-inline void drop(PyObject* owned) noexcept {
-    if (owned == nullptr || _PyThreadState_UncheckedGet() == nullptr)
-        return;
-    try {
-        Py_DECREF(owned);
-    } catch (abi::__forced_unwind&) {
-        for (;;)
+/// Where a C call may run other code, that code may wait for the interpreter's lock; and a daemon thread that waits
+/// while the interpreter ends is ended by CPython 3.12 through pthread_exit, which would unwind our frames without a
+/// thread state and crash in the first destructor. Like later interpreters, let such a thread sleep until the process
+/// is gone. A destructor does it because such an unwinding cannot be caught inside a handler.
+class thread_end_guard {
+  public:
+    thread_end_guard() noexcept = default;
+    thread_end_guard(const thread_end_guard&) = delete;
+    thread_end_guard& operator=(const thread_end_guard&) = delete;
+    ~thread_end_guard() {
+        while (!returned_)
             pause();
     }
+    void returned() noexcept { returned_ = true; }
+
+  private:
+    bool returned_ = false;
+};
+
+template <typename Function, typename... Arguments> auto call_out(Function* function, Arguments... arguments) {
+    thread_end_guard guard;
+    auto result = function(arguments...);
+    guard.returned();
+    return result;
+}
+
+/// Gives a reference back.
+inline void drop(PyObject* owned) noexcept {
+    thread_end_guard guard;
+    Py_XDECREF(owned);
+    guard.returned();
 }
 
 /// A borrowed reference: whoever passes it keeps the object alive.
@@ -92,8 +110,11 @@ struct name_node {
     explicit name_node(std::string_view literal) noexcept;
 };
 
-/// The interned text of a node; borrowed for the life of the process.
-[[nodiscard]] handle interned(const name_node& node) noexcept;
+/// An interned text, borrowed for the life of the process. It knows its number, under which look-ups are remembered.
+struct name : handle {
+    std::size_t index;
+};
+[[nodiscard]] name interned(const name_node& node) noexcept;
 
 /// A string literal as a template argument.
 template <std::size_t Size> struct literal {
@@ -119,7 +140,7 @@ inline argument argument_name::operator=(handle value) const noexcept { return {
 
 inline namespace literals {
 /// An interned text: a name to look up, or a constant of the program.
-template <literal Text> [[nodiscard]] handle operator""_n() noexcept { return interned(node_of<Text>); }
+template <literal Text> [[nodiscard]] name operator""_n() noexcept { return interned(node_of<Text>); }
 template <literal Text> [[nodiscard]] argument_name operator""_a() noexcept { return {interned(node_of<Text>)}; }
 } // namespace literals
 

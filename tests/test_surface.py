@@ -1,0 +1,368 @@
+"""What a caller sees of the module without its effects: names, signatures, argument errors, records, tracebacks."""
+
+import ast
+import contextlib
+import copy
+import dataclasses
+import gc
+import inspect
+import itertools
+import linecache
+import os
+import pickle
+import re
+import subprocess
+import sys
+import traceback
+import types
+import typing
+from pathlib import Path
+
+import pytest
+
+import twin
+from corvane import agent_onboarding as m
+
+FUNCTIONS = {name: f for name, f in vars(m).items() if getattr(f, "__module__", "") == m.__name__ and callable(f)
+             and isinstance(f, types.FunctionType)}  # fmt: skip
+PUBLIC = ("register", "login", "configure", "inject_heartbeat", "update_nudge", "get_agents_md_fragment")
+FIXED_SIGNATURE_LINES = {
+    "inject_heartbeat": "inject_heartbeat(working_dir: str = None) -> None",
+    "update_nudge": "update_nudge(trigger: str, **context) -> None",
+}
+
+
+def test_names_in_their_order():
+    names = [n for n in vars(m) if not n.startswith("__")]
+    assert names == [
+        "importlib",
+        "hashlib",
+        "json",
+        "logging",
+        "os",
+        "secrets",
+        "shutil",
+        "_stat",
+        "sys",
+        "urllib",
+        "dataclass",
+        "field",
+        "SimpleNamespace",
+        "List",
+        "Optional",
+        "auth",
+        "RuntimeModuleDownloadIncomplete",
+        "RuntimeModuleHashMismatch",
+        "RuntimeModuleReloadFailed",
+        "RuntimeFreshnessGuard",
+        "is_runtime_module_kind",
+        "runtime_module_name_from_kind",
+        "list_skills",
+        "CURRENT_PLATFORM",
+        "logger",
+        "_exception_chain_detail",
+        "WalletRegistration",
+        "AuthToken",
+        "_HEARTBEAT_STATIC_SECTION",
+        "_NUDGE_TEXTS",
+        "_AGENTS_MD_FRAGMENT",
+        "_config",
+        "_auth_manager",
+        "_VALID_OPTIONS",
+        "_find_heartbeat",
+        "_canonical_data_dir",
+        "_wallet_key_path",
+        "_unsafe_wallet_error",
+        "_check_wallet_fd",
+        "_read_wallet_key",
+        "_write_wallet_key",
+        "_normalize_key",
+        "_resolve_invite_code",
+        "_resolve_optional_invite_code",
+        "register",
+        "login",
+        "configure",
+        "inject_heartbeat",
+        "update_nudge",
+        "get_agents_md_fragment",
+    ]
+    assert m.__doc__ == "Agent onboarding subcomponent -- register, login, configure, heartbeat."
+    assert m._config == {
+        "auto_heartbeat": True,
+        "data_dir": "~/.corvane/",
+        "server_url": "https://api.corvane.example",
+        "named_universe": "",
+    }
+    assert list(m._VALID_OPTIONS.items()) == list(twin._VALID_OPTIONS.items())
+    assert m.logger.name == "corvane.agent_onboarding" and m._auth_manager is None
+
+
+def test_texts():
+    section = m._HEARTBEAT_STATIC_SECTION
+    assert section.startswith("## [Corvane] Search Monitoring\n\nCheck these items") and section.endswith("areas.\n")
+    assert section.count("\n") == 9 and section.count("\u2014") == 3 and section.count("- [ ] **") == 5
+    assert list(m._NUDGE_TEXTS) == [
+        "discovery_rate_declining", "era_change", "first_signal", "10_signals", "strategy_unlock",
+    ]  # fmt: skip
+    assert all(t.startswith("- [ ] [Corvane] ") and "\n" not in t for t in m._NUDGE_TEXTS.values())
+    assert m.get_agents_md_fragment().startswith("## Corvane Integration\n")
+    assert m.get_agents_md_fragment().count("\n") == 4
+
+
+@pytest.mark.parametrize("name", FUNCTIONS)
+def test_real_functions(name):
+    f, python = FUNCTIONS[name], getattr(twin, name)
+    assert isinstance(f, types.FunctionType) and f.__qualname__ == python.__qualname__ == name
+    assert str(inspect.signature(f)).replace(m.__name__, "twin") == str(inspect.signature(python))
+    assert f.__defaults__ == python.__defaults__ and f.__kwdefaults__ == python.__kwdefaults__
+    assert pickle.loads(pickle.dumps(f)) is f and copy.deepcopy(f) is f
+    assert inspect.getsource(f).startswith(f"def {name}(")
+    signature_line = FIXED_SIGNATURE_LINES.get(name, f"{name}{inspect.signature(f)}")
+    assert f.__doc__.split("\n")[0] == signature_line and len(f.__doc__.split("\n")) > 1
+    if name in PUBLIC:
+        hints = typing.get_type_hints(f)
+        assert set(hints) == {*inspect.signature(f).parameters, "return"}
+
+
+class Keyword(str):
+    """A keyword that is text, but not exactly `str`."""
+
+    def __hash__(self):
+        return super().__hash__()
+
+    def __eq__(self, other):
+        return super().__eq__(other)
+
+
+CALLS = [
+    ((), {}),
+    ((1,), {}),
+    ((1,) * 9, {}),
+    ((), {"nonsense": 1}),
+    ((), {"data_dirr": 1, "bootstrap": 2}),
+    ((1,), {"invite_code": 2, "private_key": 2, "exc": 2, "trigger": 2, "working_dir": 2, "data_dir": 2}),
+    ((), {1: 2}),
+    ((), {Keyword("nonsense"): 1}),
+    ((1, 2, 3), {"nonsense": 1}),
+]
+
+
+@pytest.mark.parametrize("name", FUNCTIONS)
+def test_argument_errors_are_the_interpreters(name):
+    compared = 0
+    for args, kwargs in CALLS:
+        try:
+            inspect.signature(FUNCTIONS[name]).bind(*args, **kwargs)
+        except TypeError:
+            texts = []
+            for function in (getattr(twin, name), FUNCTIONS[name]):
+                with pytest.raises(TypeError) as info:
+                    function(*args, **kwargs)
+                frames = [f.name for f in traceback.extract_tb(info.tb)]
+                texts.append((str(info.value).replace("twin.", m.__name__ + "."), frames))
+            assert texts[0] == texts[1]
+            compared += 1
+    assert compared >= 2
+
+
+def test_well_formed_calls_bind_like_python(monkeypatch):
+    """Positional, keyword, mixed, unpacked, as a method, with changed defaults, with another code object."""
+
+    seen = []
+
+    def describe(working_dir=None):
+        return repr(working_dir)
+
+    for module in (m, twin):
+        monkeypatch.setattr(module, "_find_heartbeat", seen.append)
+        monkeypatch.setattr(module, "_config", {})
+    for inject in (twin.inject_heartbeat, m.inject_heartbeat):
+        seen.clear()
+        inject(), inject("p"), inject(working_dir="k"), inject(*["u"], **{}), inject(**{Keyword("working_dir"): "s"})
+        type("Holder", (), {"method": inject})().method()
+        assert seen[:5] == [None, "p", "k", "u", "s"] and type(seen[5]).__name__ == "Holder"
+        with monkeypatch.context() as patch:
+            patch.setattr(inject, "__defaults__", ("changed",))
+            inject()
+            assert seen[6:] == ["changed"]
+            patch.setattr(inject, "__defaults__", None)
+            with pytest.raises(TypeError, match="missing 1 required positional argument: 'working_dir'"):
+                inject()
+            patch.setattr(inject, "__code__", describe.__code__)
+            assert inject("x") == "'x'"
+
+
+def test_the_stub_says_the_same():
+    stub = ast.parse((Path(m.__file__).parent / "agent_onboarding.pyi").read_text())
+    documented = {n.name: inspect.cleandoc(ast.get_docstring(n)) for n in stub.body if hasattr(n, "name")}
+    assert set(documented) == {*PUBLIC, "WalletRegistration", "AuthToken"}
+    for name in PUBLIC:
+        assert inspect.cleandoc(FUNCTIONS[name].__doc__.split("\n", 1)[1]) == documented[name]
+
+
+def test_records():
+    token, wallet = m.AuthToken("secret", expires_at=1.5), m.WalletRegistration("0xab")
+    assert repr(token) == str(token) == f"{token}" == "AuthToken(token='<redacted>', expires_at=1.5)"
+    assert repr(wallet) == "WalletRegistration(address='0xab')"
+    assert token == m.AuthToken("secret", 1.5) != m.AuthToken("other", 1.5)
+    assert dataclasses.asdict(token) == {"token": "secret", "expires_at": 1.5}
+    assert [(f.name, f.type, f.repr) for f in dataclasses.fields(token)] == [
+        ("token", str, False),
+        ("expires_at", float, True),
+    ]
+    assert m.AuthToken.__doc__ == "Returned by login() on successful authentication."
+    assert m.WalletRegistration.__doc__ == "Returned by register() on successful wallet creation/re-auth."
+    assert m.AuthToken.__repr__.__qualname__ == "AuthToken.__repr__" and m.AuthToken.__module__ == m.__name__
+    assert pickle.loads(pickle.dumps(wallet)) == wallet and m.AuthToken.__hash__ is None
+    for call in (
+        m.AuthToken,
+        lambda: m.AuthToken("a"),
+        lambda: m.WalletRegistration("a", "b"),
+        m.AuthToken.__repr__,
+    ):
+        with pytest.raises(TypeError, match=r"__(init|repr)__\(\) (missing|takes)"):
+            call()
+    with pytest.raises(AttributeError, match="expires_at"):
+        m.AuthToken.__repr__(wallet)
+
+
+def test_traceback_names_function_file_and_line():
+    with pytest.raises(ValueError) as info:
+        m.configure(colour=1)
+    *_, entry = traceback.extract_tb(info.tb)
+    assert entry.name == "configure" and entry.filename == "src/agent_onboarding/entry_points.cpp"
+    source = Path(__file__).parents[1] / entry.filename
+    assert "raise(" in source.read_text().splitlines()[entry.lineno - 1]
+    frame = info.value.__traceback__.tb_next.tb_frame
+    assert frame.f_globals is vars(m)
+    assert linecache.getline("<corvane.agent_onboarding.configure>", 1).startswith("def configure(**kwargs")
+
+
+def test_endless_recursion(monkeypatch):
+    monkeypatch.setattr(m, "_find_heartbeat", m.inject_heartbeat)
+    with pytest.raises(RecursionError):
+        m.inject_heartbeat()
+    monkeypatch.setattr(m, "_find_heartbeat", lambda d: m.inject_heartbeat(d))
+    with pytest.raises(RecursionError):
+        m.inject_heartbeat()
+
+
+def run(script, expected="", options=(), **kwargs):
+    done = subprocess.run(
+        [sys.executable, "-X", "dev", *options, "-c", script], capture_output=True, text=True, **kwargs
+    )
+    assert (done.returncode, done.stderr, done.stdout.strip()) == (0, "", expected)
+
+
+def test_imported_again():
+    run("""
+import importlib, sys
+import corvane.agent_onboarding as first
+first._config["data_dir"] = "kept"; first.__doc__ = "kept"
+for _ in range(50):
+    del sys.modules["corvane.agent_onboarding"], sys.modules["corvane"].agent_onboarding
+    import corvane.agent_onboarding as again
+    assert again is first and again.__spec__.name == first.__name__
+assert importlib.reload(first) is first and (first._config["data_dir"], first.__doc__) == ("kept", "kept")
+assert first.inject_heartbeat() is None
+""")
+
+
+def test_a_sibling_missing_or_failing_then_there():
+    run(r"""
+import sys, traceback, types
+import corvane.skills
+good = sys.modules["corvane.skills"]
+for broken, text in ((None, "import of corvane.skills halted; None in sys.modules"),
+                     (types.ModuleType("corvane.skills"), "cannot import name 'list_skills' from 'corvane.skills' (unknown location)")):
+    sys.modules["corvane.skills"] = broken
+    try:
+        import corvane.agent_onboarding
+    except ImportError as exc:
+        assert str(exc) == text, str(exc)
+        frames = [f.filename for f in traceback.extract_tb(exc.__traceback__)]
+        assert "<corvane.agent_onboarding>" in frames and "src/agent_onboarding/py/function.cpp" in frames, frames
+        assert "corvane.agent_onboarding" not in sys.modules
+    else:
+        raise AssertionError("imported")
+sys.modules["corvane.skills"] = good
+import corvane.agent_onboarding
+assert corvane.agent_onboarding.login.__module__ == "corvane.agent_onboarding"
+""")
+
+
+def test_one_interpreter_per_process():
+    run(r"""
+import sys, textwrap
+import _xxsubinterpreters as interpreters
+import corvane.agent_onboarding as mine
+script = textwrap.dedent('''
+    import sys
+    sys.path[:] = %r
+    try:
+        import corvane.agent_onboarding
+    except ImportError as exc:
+        assert str(exc) == "corvane.agent_onboarding can be loaded into only one interpreter per process", exc
+    else:
+        raise AssertionError("imported")
+''' % sys.path)
+for isolated in (True, False):
+    other = interpreters.create(isolated=isolated)
+    interpreters.run_string(other, script)
+    interpreters.destroy(other)
+assert mine.get_agents_md_fragment()
+""")
+
+
+@pytest.mark.parametrize(
+    "script",
+    [
+        "import corvane.agent_onboarding as m; keep = m.register; del m",
+        "import corvane.agent_onboarding as m, atexit; atexit.register(m.get_agents_md_fragment)",
+        "import corvane.agent_onboarding as m\nclass C:\n def __del__(self, f=m._normalize_key): f('ab')\nc = C(); c.me = c",
+        # daemon threads that the interpreter ends, while it shuts down, in the middle of our functions and handlers
+        "import corvane.agent_onboarding as m, sys, threading, time, types\n"
+        "m._find_heartbeat = lambda d: '/'\n"
+        "m.logger = types.SimpleNamespace(warning=lambda *a: time.sleep(0.2))\n"
+        "def work():\n while True: m.inject_heartbeat()\n"
+        "for _ in range(4): threading.Thread(target=work, daemon=True).start()\n"
+        "class Slow:\n def __del__(self, sleep=time.sleep): sleep(0.4)\n"
+        "sys.modules['held'] = types.SimpleNamespace(slow=Slow())",
+    ],
+)
+def test_shutdown_is_silent(script):
+    run(script)
+
+
+def test_only_the_entry_point_is_exported():
+    data = Path(m.__file__).read_bytes()
+    assert data.count(b"PyInit_agent_onboarding\0") >= 1
+    listed = subprocess.run(["nm", "-D", "--defined-only", m.__file__], capture_output=True, text=True, check=True)
+    assert re.findall(r"\S+$", listed.stdout, re.M) == ["PyInit_agent_onboarding"]
+
+
+def test_leaks_nothing(monkeypatch, tmp_path):
+    """Equal batches of successful and failing calls: a leak grows in every one."""
+    monkeypatch.chdir(tmp_path)
+    (tmp_path / "HEARTBEAT.md").write_text("x")
+    (tmp_path / "wallet.key").symlink_to("nowhere")
+    blocks = []
+
+    def batch():
+        for _ in range(50):
+            for function in FUNCTIONS.values():
+                for args in ((), ("first_signal",), (tmp_path,), (str(tmp_path), "k"), (ValueError(), 5)):
+                    with contextlib.suppress(Exception):
+                        function(*args)
+            for options in ({"colour": 1}, {"data_dir": str(tmp_path)}, {"named_universe": "/"}):
+                with contextlib.suppress(ValueError):
+                    m.configure(**options)
+        for _ in range(3):
+            gc.collect()
+        blocks.append((sys.getallocatedblocks(), len(os.listdir("/proc/self/fd"))))
+
+    monkeypatch.setattr(m, "logger", types.SimpleNamespace(warning=lambda *a: None))
+    for _ in range(6):
+        batch()
+    growth = [later[0] - earlier[0] for earlier, later in itertools.pairwise(blocks[2:])]
+    assert min(growth) < 50 and blocks[-1][1] == blocks[2][1], blocks
