@@ -5,6 +5,7 @@ import contextlib
 import copy
 import dataclasses
 import gc
+import hashlib
 import inspect
 import itertools
 import linecache
@@ -32,81 +33,35 @@ FIXED_SIGNATURE_LINES = {
 }
 
 
+NAMES = [n for n in vars(m) if not n.startswith("__")]  # before any test patches one
+
+
 def test_names_in_their_order():
-    names = [n for n in vars(m) if not n.startswith("__")]
-    assert names == [
-        "importlib",
-        "hashlib",
-        "json",
-        "logging",
-        "os",
-        "secrets",
-        "shutil",
-        "_stat",
-        "sys",
-        "urllib",
-        "dataclass",
-        "field",
-        "SimpleNamespace",
-        "List",
-        "Optional",
-        "auth",
-        "RuntimeModuleDownloadIncomplete",
-        "RuntimeModuleHashMismatch",
-        "RuntimeModuleReloadFailed",
-        "RuntimeFreshnessGuard",
-        "is_runtime_module_kind",
-        "runtime_module_name_from_kind",
-        "list_skills",
-        "CURRENT_PLATFORM",
-        "logger",
-        "_exception_chain_detail",
-        "WalletRegistration",
-        "AuthToken",
-        "_HEARTBEAT_STATIC_SECTION",
-        "_NUDGE_TEXTS",
-        "_AGENTS_MD_FRAGMENT",
-        "_config",
-        "_auth_manager",
-        "_VALID_OPTIONS",
-        "_find_heartbeat",
-        "_canonical_data_dir",
-        "_wallet_key_path",
-        "_unsafe_wallet_error",
-        "_check_wallet_fd",
-        "_read_wallet_key",
-        "_write_wallet_key",
-        "_normalize_key",
-        "_resolve_invite_code",
-        "_resolve_optional_invite_code",
-        "register",
-        "login",
-        "configure",
-        "inject_heartbeat",
-        "update_nudge",
-        "get_agents_md_fragment",
-    ]
+    expected = """
+        importlib hashlib json logging os secrets shutil _stat sys urllib dataclass field SimpleNamespace List Optional
+        auth RuntimeModuleDownloadIncomplete RuntimeModuleHashMismatch RuntimeModuleReloadFailed RuntimeFreshnessGuard
+        is_runtime_module_kind runtime_module_name_from_kind list_skills CURRENT_PLATFORM logger
+        _exception_chain_detail WalletRegistration AuthToken _HEARTBEAT_STATIC_SECTION _NUDGE_TEXTS
+        _AGENTS_MD_FRAGMENT _config _auth_manager _VALID_OPTIONS _find_heartbeat _canonical_data_dir _wallet_key_path
+        _unsafe_wallet_error _check_wallet_fd _read_wallet_key _write_wallet_key _normalize_key _resolve_invite_code
+        _resolve_optional_invite_code register login configure inject_heartbeat update_nudge get_agents_md_fragment"""
+    assert expected.split() == NAMES
     assert m.__doc__ == "Agent onboarding subcomponent -- register, login, configure, heartbeat."
-    assert m._config == {
-        "auto_heartbeat": True,
-        "data_dir": "~/.corvane/",
-        "server_url": "https://api.corvane.example",
-        "named_universe": "",
-    }
+    server = "https://api.corvane.example"
+    options = {"auto_heartbeat": True, "data_dir": "~/.corvane/", "server_url": server, "named_universe": ""}
+    assert list(m._config.items()) == list(options.items())
     assert list(m._VALID_OPTIONS.items()) == list(twin._VALID_OPTIONS.items())
     assert m.logger.name == "corvane.agent_onboarding" and m._auth_manager is None
 
 
-def test_texts():
-    section = m._HEARTBEAT_STATIC_SECTION
-    assert section.startswith("## [Corvane] Search Monitoring\n\nCheck these items") and section.endswith("areas.\n")
-    assert section.count("\n") == 9 and section.count("\u2014") == 3 and section.count("- [ ] **") == 5
-    assert list(m._NUDGE_TEXTS) == [
-        "discovery_rate_declining", "era_change", "first_signal", "10_signals", "strategy_unlock",
-    ]  # fmt: skip
-    assert all(t.startswith("- [ ] [Corvane] ") and "\n" not in t for t in m._NUDGE_TEXTS.values())
-    assert m.get_agents_md_fragment().startswith("## Corvane Integration\n")
-    assert m.get_agents_md_fragment().count("\n") == 4
+def test_texts_are_unchanged():
+    """Agents and their hosts search for these texts; whoever changes one on purpose changes its digest here."""
+    texts = m._HEARTBEAT_STATIC_SECTION, repr(list(m._NUDGE_TEXTS.items())), m._AGENTS_MD_FRAGMENT
+    assert [hashlib.sha256(text.encode()).hexdigest() for text in texts] == [
+        "e91142ac9eda4043a746a94b43e6b403980cde88f1250e84c199d33b82cd6acc",
+        "3fd54e0178a5379df8d7f17e4d34a9287cc6ecde7281acf5b121143e585948e8",
+        "328fe7796ec48ef62d742dbd5546a98f64ae719a32d1efcad4923d4f36afb907",
+    ]
 
 
 @pytest.mark.parametrize("name", FUNCTIONS)

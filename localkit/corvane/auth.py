@@ -1,0 +1,178 @@
+"""Proves to the service that this agent holds a wallet key.
+
+The key is a secp256k1 scalar. The service hands out a challenge, the agent signs it, and the service answers with a
+token that is good for a while. Neither key nor token shows in a representation, a message or a log line.
+"""
+
+import hashlib
+import ipaddress
+import re
+import ssl
+import time
+from urllib.parse import urlsplit
+
+import httpx
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import ec
+
+_INVITE_CODE = re.compile(r"CORV(-[2-9A-HJ-NP-Z]{4}){3}")
+_RENEW_EARLIER = 1.0  # seconds; a token must not run out on its way to the service
+_TIMEOUT = 15.0  # seconds
+
+
+class AuthError(Exception):
+    """The service refuses the wallet, or answers what cannot be understood."""
+
+
+class RegistrationError(AuthError):
+    """The service refuses to sign the wallet up."""
+
+
+class InvalidKeyError(AuthError):
+    """The key is not the hexadecimal text of a secp256k1 private key."""
+
+
+def public_key_text(key: ec.EllipticCurvePublicKey) -> str:
+    """The compressed point in hexadecimal digits, as it travels to the service."""
+    form = serialization.PublicFormat.CompressedPoint
+    return key.public_bytes(serialization.Encoding.X962, form).hex()
+
+
+def wallet_address(public_key: str) -> str:
+    """The address of a wallet: the first 20 bytes of the SHA-256 of its compressed public key."""
+    return "0x" + hashlib.sha256(bytes.fromhex(public_key)).hexdigest()[:40]
+
+
+def signed_message(challenge: str) -> bytes:
+    """What is signed for a challenge; the prefix keeps the signature from being of use elsewhere."""
+    return b"corvane-local-login:" + challenge.encode("ascii")
+
+
+class AuthManager:
+    """Signs one wallet up or in, and keeps its token fresh.
+
+    Args:
+        private_key: 64 hexadecimal digits behind 0x.
+        server_url: Base address of the service.
+        invite_code: For a wallet that the service does not know yet.
+
+    Raises:
+        InvalidKeyError: The key is malformed.
+    """
+
+    def __init__(self, private_key: str, server_url: str, invite_code: str | None = None) -> None:
+        digits = private_key[2:]
+        if not re.fullmatch(r"[0-9a-fA-F]{64}", digits):
+            raise InvalidKeyError("The private key is not 64 hexadecimal digits.")
+        try:
+            self._key = ec.derive_private_key(int(digits, 16), ec.SECP256K1())
+        except ValueError:
+            raise InvalidKeyError("The private key is not a number of the curve.") from None
+        self._public_key = public_key_text(self._key.public_key())
+        self._server_url = server_url.rstrip("/")
+        self._invite_code = invite_code
+        self._token = ""
+        self._token_expiry = 0.0
+
+    def __repr__(self) -> str:
+        return f"AuthManager(address={self.get_wallet_address()!r}, server_url={self._server_url!r})"
+
+    def __reduce__(self) -> str:
+        raise TypeError("an AuthManager holds a private key and cannot be pickled")
+
+    def authenticate(self) -> None:
+        """Signs in; signs up first if there is an invite code and the wallet is new.
+
+        Raises:
+            ConnectionError: The service cannot be reached, or its certificate is not trusted.
+            RegistrationError: The service refuses the invite code.
+            AuthError: The service refuses the wallet, or its answer makes no sense.
+        """
+        path = "/auth/login" if self._invite_code is None else "/auth/register"
+        try:
+            with httpx.Client(verify=ssl.create_default_context(), timeout=_TIMEOUT, trust_env=False) as client:
+                challenge = str(self._post(client, "/auth/challenge", {})["challenge"])
+                signature = self._key.sign(signed_message(challenge), ec.ECDSA(hashes.SHA256())).hex()
+                proof = {"challenge": challenge, "signature": signature}
+                if self._invite_code is not None:
+                    proof["invite_code"] = self._invite_code
+                answer = self._post(client, path, proof)
+        except httpx.TransportError as exc:
+            raise ConnectionError(f"{self._server_url} cannot be reached: {exc}") from exc
+        try:
+            self._token, self._token_expiry = str(answer["token"]), float(str(answer["expires_at"]))
+        except (KeyError, ValueError):
+            raise AuthError("The service's answer holds no token.") from None
+
+    def get_wallet_address(self) -> str:
+        """The address that the service knows the wallet by."""
+        return wallet_address(self._public_key)
+
+    def get_token(self) -> str:
+        """The bearer token, renewed if it has run out. Raises what `authenticate` raises."""
+        if time.time() >= self._token_expiry - _RENEW_EARLIER:
+            self.authenticate()
+        return self._token
+
+    def get_token_expiry(self) -> float:
+        """When the token runs out, in seconds since 1970-01-01 UTC."""
+        return self._token_expiry
+
+    def _post(self, client: httpx.Client, path: str, body: dict[str, str]) -> dict[str, object]:
+        response = client.post(self._server_url + path, json={"public_key": self._public_key, **body})
+        try:
+            answer = response.json()
+        except ValueError:
+            answer = None
+        if not isinstance(answer, dict):
+            raise AuthError(f"The service's answer is no JSON object (HTTP {response.status_code}).")
+        if response.status_code == 200:
+            return answer
+        kind = RegistrationError if answer.get("code") in ("unknown_invite", "used_invite") else AuthError
+        raise kind(str(answer.get("error", f"HTTP {response.status_code}")))
+
+
+_active: AuthManager | None = None
+
+
+def _set_active_auth_manager(manager: AuthManager) -> None:
+    """Makes the manager the one that the whole kit uses."""
+    global _active
+    _active = manager
+
+
+def get_active_auth_manager() -> AuthManager | None:
+    """The manager that the whole kit uses, or None before the first sign-in."""
+    return _active
+
+
+def _normalize_invite_code(code: object) -> str | None:
+    """The code without blanks around it and in upper case, or None if it cannot be one."""
+    canonical = code.strip().upper() if isinstance(code, str) else ""
+    return canonical if _INVITE_CODE.fullmatch(canonical) else None
+
+
+def _validate_server_url(url: str) -> str:
+    """The address without trailing slashes.
+
+    Raises:
+        ValueError: It is not an https address, or an http address of this machine, of the plain form scheme://host/path.
+    """
+    parts = urlsplit(url)
+    host = parts.hostname or ""
+    try:
+        port_is_valid = parts.port != 0
+    except ValueError:
+        port_is_valid = False
+    if not host or not port_is_valid or parts.username is not None or parts.query or parts.fragment:
+        raise ValueError(f"server_url must look like https://host or https://host/path, got {url!r}.")
+    if parts.scheme != "https" and not (parts.scheme == "http" and _is_loopback(host)):
+        raise ValueError(f"server_url must use https (http only for this machine), got {url!r}.")
+    return url.rstrip("/")
+
+
+def _is_loopback(host: str) -> bool:
+    try:
+        return ipaddress.ip_address(host).is_loopback
+    except ValueError:
+        return host == "localhost"

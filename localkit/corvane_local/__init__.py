@@ -1,0 +1,1 @@
+"""A Corvane service for one machine: real HTTPS, real signatures, a real database. Not the real service."""

@@ -1,0 +1,87 @@
+"""The command `corvane-local`: runs the local service and makes invite codes for it."""
+
+import contextlib
+import signal
+import socket
+import sys
+from pathlib import Path
+from types import FrameType
+
+import click
+import uvicorn
+
+from corvane import __version__
+from corvane_local.app import create_app
+from corvane_local.certificates import ensure_certificates
+from corvane_local.store import Store
+
+STATE = click.option(
+    "--state", required=True, type=click.Path(file_okay=False, path_type=Path), help="Directory of the service's files."
+)
+
+
+def _open_store(state: Path, challenge_seconds: float = 120.0, token_seconds: float = 3600.0) -> Store:
+    state.mkdir(mode=0o700, parents=True, exist_ok=True)
+    state.chmod(0o700)
+    return Store(state / "service.db", challenge_seconds, token_seconds)
+
+
+@click.group(context_settings={"help_option_names": ["-h", "--help"]})
+@click.version_option(__version__)
+def main() -> None:
+    """A Corvane service for this machine alone, to try and to test with. It is not the real service."""
+
+
+@main.command()
+@STATE
+@click.option("--port", default=8443, show_default=True, type=click.IntRange(0, 65535), help="0 takes a free one.")
+@click.option("--challenge-seconds", default=120.0, show_default=True, help="How long a challenge can be answered.")
+@click.option("--token-seconds", default=3600.0, show_default=True, help="How long a token is good.")
+def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float) -> None:
+    """Serve HTTPS on 127.0.0.1 until SIGTERM or Ctrl-C.
+
+    The first line printed is the address, once it can be reached; the second says which certificate authority clients
+    must trust.
+    """
+    store = _open_store(state, challenge_seconds, token_seconds)
+    authority, certificate, key = ensure_certificates(state)
+    listener = socket.socket()
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    try:
+        listener.bind(("127.0.0.1", port))
+    except OSError as exc:
+        raise click.ClickException(f"cannot listen on 127.0.0.1:{port}: {exc.strerror}. Try --port 0.") from exc
+
+    class AnnouncingServer(uvicorn.Server):
+        async def startup(self, sockets: list[socket.socket] | None = None) -> None:
+            await super().startup(sockets)
+            click.echo(f"https://127.0.0.1:{listener.getsockname()[1]}")
+            click.echo(f"export SSL_CERT_FILE={authority.resolve()}")
+            sys.stdout.flush()
+
+    def stop(number: int, frame: FrameType | None) -> None:
+        sys.exit(0)
+
+    # The server ends its work on these signals and then raises them once more, for us.
+    for number in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(number, stop)
+    config = uvicorn.Config(
+        create_app(store),
+        ssl_certfile=certificate,
+        ssl_keyfile=key,
+        log_level="warning",
+        access_log=False,
+        timeout_graceful_shutdown=5,
+    )
+    with contextlib.closing(listener):
+        AnnouncingServer(config).run(sockets=[listener])
+
+
+@main.command()
+@STATE
+@click.option("--count", default=1, show_default=True, type=click.IntRange(1), help="How many.")
+def invite(state: Path, count: int) -> None:
+    """Print new invite codes, one a line; each is good for one wallet. The service may be running or not."""
+    store = _open_store(state)
+    for _ in range(count):
+        click.echo(store.make_invite())

@@ -1,0 +1,137 @@
+"""What the service remembers: invites, wallets, challenges and tokens, in one SQLite file.
+
+Every change is one transaction, on disk before the caller hears of it, so what was acknowledged survives a kill.
+"""
+
+import hashlib
+import secrets
+import sqlite3
+import time
+from collections.abc import Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+_SCHEMA = """
+CREATE TABLE IF NOT EXISTS invites
+    (code TEXT PRIMARY KEY, made_at REAL NOT NULL, used_by TEXT) STRICT;
+CREATE TABLE IF NOT EXISTS wallets
+    (address TEXT PRIMARY KEY, public_key TEXT NOT NULL, registered_at REAL NOT NULL) STRICT;
+CREATE TABLE IF NOT EXISTS challenges
+    (challenge TEXT PRIMARY KEY, public_key TEXT NOT NULL, expires_at REAL NOT NULL) STRICT;
+CREATE TABLE IF NOT EXISTS tokens
+    (digest TEXT PRIMARY KEY, address TEXT NOT NULL, expires_at REAL NOT NULL) STRICT;
+"""
+_INVITE_ALPHABET = "23456789ABCDEFGHJKLMNPQRSTUVWXYZ"  # nothing that looks like something else
+_BUSY_TIMEOUT = 10.0  # seconds
+
+
+class Refused(Exception):
+    """The service says no: an HTTP status, a word for programs, a sentence for people."""
+
+    def __init__(self, status: int, code: str, message: str) -> None:
+        super().__init__(message)
+        self.status = status
+        self.code = code
+
+
+class Store:
+    """The database file of one service.
+
+    Args:
+        path: The file, made if it is missing.
+        challenge_seconds: How long a challenge can be answered.
+        token_seconds: How long a token is good.
+    """
+
+    def __init__(self, path: Path, challenge_seconds: float = 120.0, token_seconds: float = 3600.0) -> None:
+        self._path = path
+        self._challenge_seconds = challenge_seconds
+        self._token_seconds = token_seconds
+        with self._transaction() as db:
+            for statement in _SCHEMA.split(";"):
+                db.execute(statement)
+
+    @contextmanager
+    def _transaction(self) -> Iterator[sqlite3.Connection]:
+        # One connection a transaction: requests run on several threads, and opening a file is cheap.
+        db = sqlite3.connect(self._path, timeout=_BUSY_TIMEOUT, isolation_level=None)
+        try:
+            db.execute("PRAGMA journal_mode = WAL")
+            db.execute("PRAGMA synchronous = FULL")
+            db.execute("BEGIN IMMEDIATE")
+            yield db
+            db.execute("COMMIT")
+        finally:
+            db.close()  # which rolls back what is not committed
+
+    def make_invite(self) -> str:
+        """A new invite code, good for one wallet."""
+        groups = ["".join(secrets.choice(_INVITE_ALPHABET) for _ in range(4)) for _ in range(3)]
+        code = "-".join(["CORV", *groups])
+        with self._transaction() as db:
+            db.execute("INSERT INTO invites VALUES (?, ?, NULL)", (code, time.time()))
+        return code
+
+    def make_challenge(self, public_key: str) -> tuple[str, float]:
+        """A new challenge for this key and the time when it expires."""
+        challenge, now = secrets.token_hex(32), time.time()
+        with self._transaction() as db:
+            db.execute("DELETE FROM challenges WHERE expires_at < ?", (now,))
+            db.execute(
+                "INSERT INTO challenges VALUES (?, ?, ?)", (challenge, public_key, now + self._challenge_seconds)
+            )
+        return challenge, now + self._challenge_seconds
+
+    def use_challenge(self, challenge: str, public_key: str) -> None:
+        """Uses the challenge up, whatever the answer to it is worth."""
+        with self._transaction() as db:
+            query = "DELETE FROM challenges WHERE challenge = ? AND public_key = ? RETURNING expires_at"
+            row = db.execute(query, (challenge, public_key)).fetchone()
+        if row is None or row[0] < time.time():
+            raise Refused(401, "bad_challenge", "The challenge is unknown, used or expired")
+
+    def sign_in(self, address: str) -> tuple[str, float]:
+        """A token for a wallet that is registered, and the time when it expires."""
+        with self._transaction() as db:
+            if not self._is_registered(db, address):
+                raise Refused(404, "unknown_wallet", "This wallet is not registered")
+            return self._issue_token(db, address)
+
+    def sign_up(self, address: str, public_key: str, invite_code: str) -> tuple[str, float]:
+        """Registers the wallet if it is new, and uses the invite up for it; then signs it in."""
+        with self._transaction() as db:
+            if not self._is_registered(db, address):
+                row = db.execute("SELECT used_by FROM invites WHERE code = ?", (invite_code,)).fetchone()
+                if row is None:
+                    raise Refused(404, "unknown_invite", "This invite code is unknown")
+                if row[0] is not None:
+                    raise Refused(409, "used_invite", "This invite code has been used")
+                db.execute("UPDATE invites SET used_by = ? WHERE code = ?", (address, invite_code))
+                db.execute("INSERT INTO wallets VALUES (?, ?, ?)", (address, public_key, time.time()))
+            return self._issue_token(db, address)
+
+    def wallet_of(self, token: str) -> tuple[str, float]:
+        """The address that the token was given to and the time when it was registered."""
+        query = (
+            "SELECT address, registered_at FROM tokens JOIN wallets USING (address) WHERE digest = ? AND expires_at > ?"
+        )
+        with self._transaction() as db:
+            row: tuple[str, float] | None = db.execute(query, (_digest(token), time.time())).fetchone()
+        if row is None:
+            raise Refused(401, "bad_token", "The token is unknown or has run out")
+        return row
+
+    @staticmethod
+    def _is_registered(db: sqlite3.Connection, address: str) -> bool:
+        return db.execute("SELECT 1 FROM wallets WHERE address = ?", (address,)).fetchone() is not None
+
+    def _issue_token(self, db: sqlite3.Connection, address: str) -> tuple[str, float]:
+        token, now = secrets.token_urlsafe(32), time.time()
+        db.execute("DELETE FROM tokens WHERE expires_at < ?", (now,))
+        db.execute("INSERT INTO tokens VALUES (?, ?, ?)", (_digest(token), address, now + self._token_seconds))
+        return token, now + self._token_seconds
+
+
+def _digest(token: str) -> str:
+    # Who reads the database cannot sign in, and the time that a look-up takes tells nothing about a token.
+    return hashlib.sha256(token.encode()).hexdigest()
