@@ -231,12 +231,13 @@ def test_service_errors(act, failure, deleted, tmp_path, monkeypatch):
 
 
 CALLED = ("register", "login", "inject_heartbeat", "configure")
-PATCHED = ["_read_wallet_key", "_write_wallet_key", "_canonical_data_dir", "_unsafe_wallet_error", "_normalize_key",
-           "inject_heartbeat", "WalletRegistration", "open", "isinstance", "OSError", "Exception", "hasattr", "sorted",
-           "_config", "_VALID_OPTIONS", "logger", "_find_heartbeat", "_check_wallet_fd", "secrets", "IOError"]  # fmt: skip
+PATCHED = """
+    _read_wallet_key _write_wallet_key _canonical_data_dir _unsafe_wallet_error _normalize_key inject_heartbeat
+    WalletRegistration open isinstance OSError Exception hasattr sorted _config _VALID_OPTIONS logger _find_heartbeat
+    _check_wallet_fd secrets IOError"""
 
 
-@pytest.mark.parametrize("name", PATCHED)
+@pytest.mark.parametrize("name", PATCHED.split())
 @pytest.mark.parametrize("replacement", ["deleted", None, "text", ValueError, lambda *a, **k: "patched"], ids=repr)
 def test_patched_names(name, replacement, tmp_path, monkeypatch):
     """The module's namespace is the seam: a replaced name is used, a deleted one is a NameError."""
@@ -289,9 +290,9 @@ def test_exception_chain_detail(tmp_path, monkeypatch):
     loop = chain(ValueError("a"), KeyError("b"))
     loop.__cause__.__cause__ = loop
     values = [
-        None, ValueError(), ValueError("  x \n"), chain(*map(ValueError, "abcdef")), chain(*map(ValueError, "aabbccdd")),
-        with_detail("disk full"), with_detail(""), with_detail(5), loop, Failing(), "no exception", Awkward(),
-        chain(*[ValueError("same") for _ in range(2000)]),
+        None, ValueError(), ValueError("  x \n"), chain(*map(ValueError, "abcdef")), with_detail("disk full"),
+        chain(*map(ValueError, "aabbccdd")), with_detail(""), with_detail(5), loop, Failing(), "no exception",
+        Awkward(), chain(*[ValueError("same") for _ in range(2000)]),
     ]  # fmt: skip
     for value in values:
         same(lambda m, *_, v=value: m._exception_chain_detail(v), tmp_path, monkeypatch)

@@ -228,8 +228,9 @@ def test_a_sibling_missing_or_failing_then_there():
 import sys, traceback, types
 import corvane.skills
 good = sys.modules["corvane.skills"]
+lacking = "cannot import name 'list_skills' from 'corvane.skills' (unknown location)"
 for broken, text in ((None, "import of corvane.skills halted; None in sys.modules"),
-                     (types.ModuleType("corvane.skills"), "cannot import name 'list_skills' from 'corvane.skills' (unknown location)")):
+                     (types.ModuleType("corvane.skills"), lacking)):
     sys.modules["corvane.skills"] = broken
     try:
         import corvane.agent_onboarding
@@ -274,7 +275,9 @@ assert mine.get_agents_md_fragment()
     [
         "import corvane.agent_onboarding as m; keep = m.register; del m",
         "import corvane.agent_onboarding as m, atexit; atexit.register(m.get_agents_md_fragment)",
-        "import corvane.agent_onboarding as m\nclass C:\n def __del__(self, f=m._normalize_key): f('ab')\nc = C(); c.me = c",
+        "import corvane.agent_onboarding as m\n"
+        "class C:\n def __del__(self, f=m._normalize_key): f('ab')\n"
+        "c = C(); c.me = c",
         # daemon threads that the interpreter ends, while it shuts down, in the middle of our functions and handlers
         "import corvane.agent_onboarding as m, sys, threading, time, types\n"
         "m._find_heartbeat = lambda d: '/'\n"
