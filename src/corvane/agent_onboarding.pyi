@@ -3,6 +3,7 @@
 from dataclasses import dataclass, field
 from logging import Logger
 
+CURRENT_PLATFORM: str
 logger: Logger
 
 @dataclass
