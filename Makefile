@@ -25,9 +25,10 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane src/agent_onboarding/py/compile_declarations.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
-	@$(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) >build/tidy.log || { cat build/tidy.log; exit 1; }
+	@{ $(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
+	   && $(VENV)/bin/cmake --build build/tidy --target declarations; } >build/tidy.log || { cat build/tidy.log; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter %.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@echo "make lint: passed"
 

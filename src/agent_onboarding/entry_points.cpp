@@ -123,7 +123,6 @@ object auth_token_repr(const frame& in) {
     object expiry = global("repr"_n)(in[0].attr("expires_at"_n));
     return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
 }
-constexpr native_function auth_token_repr_method = native<auth_token_repr>("__repr__(self)", nullptr);
 
 /// `@dataclass class name: annotations`, with the namespace that a class statement would have.
 object record(handle name, const char* doc, handle members) {
@@ -262,7 +261,7 @@ object auth_token_class() {
     object members = check(PyDict_New(), where::current());
     set_item(members, "__annotations__"_n, annotations);
     set_item(members, "token"_n, global("field"_n)("repr"_a = handle(Py_False)));
-    set_item(members, "__repr__"_n, method("AuthToken", auth_token_repr_method));
+    set_item(members, "__repr__"_n, method(native<auth_token_repr>("AuthToken.__repr__")));
     return record("AuthToken"_n, "Returned by login() on successful authentication.", members);
 }
 

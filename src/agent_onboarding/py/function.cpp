@@ -1,12 +1,12 @@
 #include "function.hpp"
 
 #include <frameobject.h>
+#include <marshal.h>
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <new>
-#include <string>
+#include <string_view>
 
 namespace corvane::py {
 
@@ -25,7 +25,7 @@ struct interpreter_state {
     std::unique_ptr<remembered[]> look_ups;
     object globals;
     object builtins;
-    object codes; ///< keeps the code objects of all functions, so that no other can take the place of one
+    object codes; ///< by name, the code that makes each function; keeps the function's own code, see code_of
     vectorcallfunc interpret = nullptr;
 };
 interpreter_state* state = nullptr;
@@ -43,58 +43,6 @@ void forget() noexcept {
     delete state;
     state = nullptr;
 }
-
-void intern_names(interpreter_state& fresh) {
-    fresh.names = std::make_unique<object[]>(name_count);
-    fresh.look_ups = std::make_unique<remembered[]>(name_count);
-    for (const name_node* node = first_name; node != nullptr; node = node->next) {
-        PyObject* text = detail::text_of(node->text, where::current()).release();
-        PyUnicode_InternInPlace(&text);
-        fresh.names[node->index] = object::steal(text);
-    }
-}
-
-// -- Definitions ----------------------------------------------------------------------------------------------------
-
-/// Makes the source readable for inspect.getsource and for the lines of a traceback.
-void remember_source(const std::string& source, const object& file_name) {
-    object text = detail::text_of(source, where::current());
-    object lines = text.attr("splitlines"_n)(true_value());
-    object length = check(PyLong_FromSsize_t(PyUnicode_GET_LENGTH(text.ptr())), where::current());
-    object entry = check(PyTuple_Pack(4, length.ptr(), Py_None, lines.ptr(), file_name.ptr()), where::current());
-    object linecache = check(PyImport_ImportModule("linecache"), where::current());
-    set_item(linecache.attr("cache"_n), file_name, entry);
-}
-
-/// Executes Python source under the file name `<module.name>`, or `<module>` for an empty name.
-void execute(const std::string& source, const std::string& name, handle locals) {
-    object file_name = concat("<", global("__name__"_n), name.empty() ? "" : ".", name.c_str(), ">");
-    remember_source(source, file_name);
-    object code =
-        check(Py_CompileStringObject(source.c_str(), file_name.ptr(), Py_file_input, nullptr, -1), where::current());
-    check(PyEval_EvalCode(code.ptr(), state->globals.ptr(), locals.ptr()), where::current());
-}
-
-std::string name_in(const char* declaration) {
-    return {declaration, static_cast<std::size_t>(std::strchr(declaration, '(') - declaration)};
-}
-
-/// Gives a function that the interpreter has just made its docstring and its native body.
-void attach(handle function, const native_function& native) {
-    std::string doc = native.signature ? native.signature : native.declaration;
-    if (native.doc)
-        doc.append("\n").append(native.doc);
-    object text = check(PyUnicode_FromStringAndSize(doc.data(), static_cast<Py_ssize_t>(doc.size())), where::current());
-    check(PyObject_SetAttr(function.ptr(), "__doc__"_n.ptr(), text.ptr()), where::current());
-
-    auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
-    check(PyList_Append(state->codes.ptr(), made->func_code), where::current());
-    *native.code = made->func_code;
-    state->interpret = made->vectorcall;
-    PyFunction_SetVectorcall(made, native.entry);
-}
-
-constexpr const char* unreached = "raise SystemError(\"native body not reached\")\n";
 
 } // namespace
 
@@ -297,11 +245,52 @@ void frame::trace(error& raised) const noexcept {
     PyErr_Clear();
 }
 
-void start(handle module_namespace) {
+// -- Definitions ----------------------------------------------------------------------------------------------------
+
+namespace {
+
+void intern_names(interpreter_state& fresh) {
+    fresh.names = std::make_unique<object[]>(name_count);
+    fresh.look_ups = std::make_unique<remembered[]>(name_count);
+    for (const name_node* node = first_name; node != nullptr; node = node->next) {
+        PyObject* text = detail::text_of(node->text, where::current()).release();
+        PyUnicode_InternInPlace(&text);
+        fresh.names[node->index] = object::steal(text);
+    }
+}
+
+/// The code of all declarations; makes their source readable for inspect.getsource and for the lines of a traceback.
+object load_declarations(std::span<const unsigned char> marshalled) {
+    object loaded = check(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
+                                                         static_cast<Py_ssize_t>(marshalled.size())),
+                          where::current());
+    object linecache = check(PyImport_ImportModule("linecache"), where::current());
+    object cache = check(PyObject_GetAttrString(linecache.ptr(), "cache"), where::current());
+    check(PyDict_Update(cache.ptr(), PyTuple_GET_ITEM(loaded.ptr(), 1)), where::current());
+    return object::borrow(PyTuple_GET_ITEM(loaded.ptr(), 0));
+}
+
+void execute(const char* declaration, handle locals) {
+    object key = check(PyUnicode_FromString(declaration), where::current());
+    object code = get_item(state->codes, key);
+    perform(where::current(), PyEval_EvalCode, code.ptr(), state->globals.ptr(), locals.ptr());
+}
+
+/// Puts the native body into a function that the interpreter has just made.
+void attach(handle function, const native_function& native) {
+    auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
+    *native.code = made->func_code;
+    state->interpret = made->vectorcall;
+    PyFunction_SetVectorcall(made, native.entry);
+}
+
+} // namespace
+
+void start(handle module_namespace, std::span<const unsigned char> declarations) {
     if (state == nullptr) {
         auto fresh = std::make_unique<interpreter_state>();
         intern_names(*fresh);
-        fresh->codes = check(PyList_New(0), where::current());
+        fresh->codes = load_declarations(declarations);
         if (Py_AtExit(forget) < 0)
             throw_error(PyExc_SystemError, "the interpreter takes no more exit functions", where::current());
         state = fresh.release();
@@ -311,28 +300,23 @@ void start(handle module_namespace) {
     set_global("__builtins__"_n, state->builtins);
 }
 
-bool started() noexcept { return state != nullptr; }
+void run_imports() { execute("imports", state->globals); }
 
-void run(const char* source) { execute(source, "", state->globals); }
-
-void define(const native_function& native) {
-    const std::string name = name_in(native.declaration);
-    execute(std::string("def ") + native.declaration + ":\n    " + unreached, name, state->globals);
-    object key = check(PyUnicode_FromString(name.c_str()), where::current());
-    attach(get_item(state->globals, key), native);
+void define(const native_function& function) {
+    execute(function.name, state->globals);
+    object made = check(PyMapping_GetItemString(state->globals.ptr(), function.name), where::current());
+    attach(made, function);
 }
 
-object method(const char* class_name, const native_function& native) {
-    const std::string name = name_in(native.declaration);
-    const std::string source =
-        std::string("class ") + class_name + ":\n    def " + native.declaration + ":\n        " + unreached;
+object method(const native_function& function) {
+    const std::string_view key = function.name;
+    const std::string_view class_name = key.substr(0, key.find('.'));
     object scope = check(PyDict_New(), where::current());
-    execute(source, std::string(class_name) + "." + name, scope);
-    object key = check(PyUnicode_FromString(class_name), where::current());
-    object made = get_item(scope, key);
-    object function = check(PyObject_GetAttrString(made.ptr(), name.c_str()), where::current());
-    attach(function, native);
-    return function;
+    execute(function.name, scope);
+    object made = get_item(scope, detail::text_of(class_name, where::current()));
+    object found = check(PyObject_GetAttrString(made.ptr(), function.name + class_name.size() + 1), where::current());
+    attach(found, function);
+    return found;
 }
 
 } // namespace corvane::py

@@ -1,12 +1,14 @@
 // Real function objects with native bodies.
 //
-// The declaration line of each function is compiled by the interpreter, so signature, defaults, annotations, binding
-// as a method, pickling and every word of an argument error are its own; only then the function's vectorcall is set to
-// ours (PyFunction_SetVectorcall, CPython 3.12). Our entry binds well-formed calls and hands all others to the
-// function's original vectorcall, which raises.
+// The declaration line of each function is compiled by the interpreter (while the extension is built), so signature,
+// defaults, annotations, binding as a method, pickling and every word of an argument error are its own; only then the
+// function's vectorcall is set to ours (PyFunction_SetVectorcall, CPython 3.12). Our entry binds well-formed calls and
+// hands all others to the function's original vectorcall, which raises.
 #pragma once
 
 #include "call.hpp"
+
+#include <span>
 
 namespace corvane::py {
 
@@ -79,31 +81,28 @@ PyObject* enter_native(PyObject* callable, PyObject* const* arguments, std::size
     return enter(Body, function, bound.values());
 }
 
-/// What the interpreter compiles, and the body that runs instead.
+/// A name among the declarations, and the body that runs instead of theirs.
 struct native_function {
-    const char* declaration; ///< what stands between `def ` and the colon
-    const char* doc;         ///< the text after the signature line, or nullptr for the signature line alone
-    const char* signature;   ///< the first line of the docstring where it is not the declaration, else nullptr
+    const char* name;
     vectorcallfunc entry;
     const void** code;
 };
 
-template <native_body Body>
-constexpr native_function native(const char* declaration, const char* doc, const char* signature = nullptr) {
-    return {declaration, doc, signature, enter_native<Body>, &code_of<Body>};
+template <native_body Body> constexpr native_function native(const char* name) {
+    return {name, enter_native<Body>, &code_of<Body>};
 }
 
-/// Interns the names of the program and remembers the namespace in which functions look names up. Called at the start
-/// of an initialisation; what it stores stays until the interpreter is gone, because functions can outlive the module.
-void start(handle module_namespace);
-/// True between `start` and the end of the interpreter.
-[[nodiscard]] bool started() noexcept;
+/// Interns the names of the program, loads the declarations (as compile_declarations.py wrote them) and remembers the
+/// namespace in which functions look names up. Called at the start of an initialisation; what it stores stays until the
+/// interpreter is gone, because functions can outlive the module.
+void start(handle module_namespace, std::span<const unsigned char> declarations);
 
-/// Executes statements in the module's namespace. Their source, like each declaration, is known to linecache.
-void run(const char* source);
+/// Executes the module's import statements in its namespace.
+void run_imports();
 /// Defines the function in the module's namespace.
 void define(const native_function& function);
-/// The function as a class body would define it, for `class_name`.
-[[nodiscard]] object method(const char* class_name, const native_function& function);
+template <native_body Body> void define(const char* name) { define(native<Body>(name)); }
+/// The function as a class body defines it; its name among the declarations is `Class.method`.
+[[nodiscard]] object method(const native_function& function);
 
 } // namespace corvane::py

@@ -1,0 +1,187 @@
+"""What the interpreter compiles of this module: its imports, and each function's declaration and docstring.
+
+Nothing here runs as it stands. The imports are the first thing that an import of the module executes; each function
+gets a native body from one of the C++ files. The order in which names are created is module.cpp's.
+"""
+
+import importlib
+import importlib.util
+import hashlib
+import json
+import logging
+import os
+import secrets
+import shutil
+import stat as _stat
+import sys
+import urllib.error
+import urllib.request
+from dataclasses import dataclass, field
+from types import SimpleNamespace
+from typing import List, Optional
+
+from corvane import auth
+from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed
+from corvane.runtime_module_freshness import (
+    RuntimeFreshnessGuard,
+    is_runtime_module_kind,
+    runtime_module_name_from_kind,
+)
+from corvane.skills import list_skills
+from corvane.sync import CURRENT_PLATFORM
+
+# -- Failures -------------------------------------------------------------------------------------------------------
+
+
+def _exception_chain_detail(exc):
+    """An exception and up to three of its explicit causes on one line of text."""
+
+
+# -- Records --------------------------------------------------------------------------------------------------------
+
+
+class AuthToken:
+    def __repr__(self):
+        """The record without its token, which must not get into logs."""
+
+
+# -- Workspace ------------------------------------------------------------------------------------------------------
+
+
+@signature("_find_heartbeat(working_dir=None)")
+def _find_heartbeat(working_dir=None):
+    """Search for HEARTBEAT.md in cwd + up to 3 parent directories.
+
+    Returns the path to HEARTBEAT.md if found, None otherwise.
+    """
+
+
+# -- Wallet store ---------------------------------------------------------------------------------------------------
+
+
+def _canonical_data_dir(data_dir):
+    """The data directory with the home directory expanded and every symbolic link resolved."""
+
+
+def _wallet_key_path(data_dir):
+    """The path of wallet.key in the canonical data directory."""
+
+
+def _unsafe_wallet_error(wallet_path):
+    """The IOError, not raised, that refuses a key file."""
+
+
+def _check_wallet_fd(wallet_path, fd):
+    """Refuses an open key file of another type or owner; tightens its permission bits to 0600."""
+
+
+def _read_wallet_key(data_dir):
+    """The stored key, or None when there is no key file."""
+
+
+def _write_wallet_key(data_dir, key_content):
+    """Stores the key with permission bits 0600."""
+
+
+# -- Registration, login, options -----------------------------------------------------------------------------------
+
+
+def _normalize_key(raw_key):
+    """The key with 0x in front."""
+
+
+def _resolve_invite_code(invite_code):
+    """The canonical invite code, from the argument or CORVANE_INVITE_CODE; ValueError without one."""
+
+
+def _resolve_optional_invite_code(invite_code):
+    """The canonical invite code, or None."""
+
+
+def register(
+    invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False
+) -> WalletRegistration:
+    """Create this agent's wallet and sign it up, or sign in again with the wallet already stored.
+
+    The private key is kept in the file wallet.key of the data directory (owner-only, mode 0600). A new key is 32
+    random bytes from the operating system, stored as 64 hexadecimal digits before the service sees it; keep a
+    backup of the file, for nothing else can restore the wallet. The directory becomes the option data_dir of this
+    process. Afterwards the monitoring checklist is added to HEARTBEAT.md unless the option auto_heartbeat is off.
+
+    Args:
+        invite_code: Invite code for a new wallet. None takes the environment variable CORVANE_INVITE_CODE. Not
+            needed when the directory already holds a wallet.
+        data_dir: Directory of the wallet and the runtime files, created if missing. None takes the option
+            data_dir, "~/.corvane/" by default.
+        bootstrap_runtime: Whether to build the local search runtime as well.
+
+    Returns:
+        The wallet's address, as the service knows it.
+
+    Raises:
+        ValueError: There is no invite code for a new wallet, or the service rejects the stored key's format.
+        OSError: The key file is a link, not a regular file, or somebody else's; or it cannot be read or written.
+        ConnectionError: The service cannot be reached. A new key stays on disk; call again.
+        corvane.auth.RegistrationError: The service refuses the sign-up.
+        RuntimeError: The runtime cannot be built (only with bootstrap_runtime).
+    """
+
+
+def login(private_key: str, bootstrap_runtime: bool = False) -> AuthToken:
+    """Adopt a private key that the caller holds, and sign in with it.
+
+    The key replaces the one in wallet.key of the data directory before the service has accepted it: keep a backup
+    of another wallet's file first. The result holds a secret, so this function is no tool for a language model.
+
+    Args:
+        private_key: The key as hexadecimal text of 32 bytes, with or without 0x in front; stored as given.
+        bootstrap_runtime: Whether to build the local search runtime as well.
+
+    Returns:
+        The service's token and its expiry in seconds since 1970-01-01 UTC.
+
+    Raises:
+        ValueError: The key is None or the service rejects its format.
+        OSError: The key file is a link, not a regular file, or somebody else's; or it cannot be written.
+        ConnectionError: The service cannot be reached.
+        corvane.auth.AuthError: The service refuses the key.
+        RuntimeError: The runtime cannot be built (only with bootstrap_runtime).
+    """
+
+
+def configure(**kwargs: object) -> None:
+    """Set options of this process, one at a time in the order given.
+
+    When an option is refused, those before it in the same call are already set.
+
+    Args:
+        **kwargs: auto_heartbeat (bool, True by default): whether HEARTBEAT.md may be edited. data_dir (str,
+            "~/.corvane/"): directory of the wallet and the runtime files. server_url (str): base address of the
+            service; https, or http on this machine. named_universe (str): universe to search in, one path segment.
+
+    Raises:
+        ValueError: The option is unknown, its value has another type, or the value is not acceptable.
+    """
+
+
+@signature("inject_heartbeat(working_dir: str = None) -> None")
+def inject_heartbeat(working_dir: Optional[str] = None) -> None:
+    """Called by register() and search_templates during search startup.
+
+    Searches cwd + up to 3 parents for HEARTBEAT.md and appends the
+    Corvane checklist section if not already present.
+    Respects auto_heartbeat=False opt-out.
+    """
+
+
+@signature("update_nudge(trigger: str, **context) -> None")
+def update_nudge(trigger: str, **context: object) -> None:
+    """Called by search_templates when nudge trigger conditions are met.
+
+    trigger: one of 'discovery_rate_declining', 'era_change', 'first_signal',
+             '10_signals', 'strategy_unlock'
+    """
+
+
+def get_agents_md_fragment() -> str:
+    """Returns ready-made AGENTS.md fragment for OpenClaw workspace setup."""
