@@ -87,44 +87,31 @@ class Events(list):
         return called
 
 
+class FakeManager:
+    def __init__(self, failure):
+        self.failure = failure
+
+    def authenticate(self):
+        if self.failure:
+            raise self.failure[0](*self.failure[1:])
+
+    get_wallet_address = lambda self: "0xaddress"  # noqa: E731
+    get_token = lambda self: "token"  # noqa: E731
+    get_token_expiry = lambda self: 12.5  # noqa: E731
+
+
 class FakeAuth:
     """The auth module of a kit whose service answers as told."""
 
-    class AuthError(Exception):
-        pass
-
-    class RegistrationError(AuthError):
-        pass
-
-    class InvalidKeyError(AuthError):
-        pass
+    AuthError = type("AuthError", (Exception,), {})
+    RegistrationError = type("RegistrationError", (AuthError,), {})
+    InvalidKeyError = type("InvalidKeyError", (AuthError,), {})
 
     def __init__(self, events, failure=None):
         self.events, self.failure = events, failure
 
-    def __call__(self, key, server_url, **kwargs):
-        return Tap(self.Manager(self.failure), "manager", self.events)
-
-    class Manager:
-        def __init__(self, failure):
-            self.failure = failure
-
-        def authenticate(self):
-            if self.failure:
-                raise self.failure[0](*self.failure[1:])
-
-        def get_wallet_address(self):
-            return "0xaddress"
-
-        def get_token(self):
-            return "token"
-
-        def get_token_expiry(self):
-            return 12.5
-
-    @property
-    def AuthManager(self):
-        return lambda *args, **kwargs: self(*args, **kwargs)
+    def AuthManager(self, key, server_url, **kwargs):
+        return Tap(FakeManager(self.failure), "manager", self.events)
 
     def _normalize_invite_code(self, code):
         return code.upper() if isinstance(code, str) else None

@@ -12,21 +12,23 @@ from differential import FakeAuth, Tap, describe_exception, same
 KEY = "0x" + "5a" * 32
 
 
-def put_key(content=b"abc\n", mode=0o600):
-    def prepare(work):
-        (work / "d").mkdir()
-        (work / "d/wallet.key").write_bytes(content)
-        (work / "d/wallet.key").chmod(mode)
-
-    return prepare
+# -- What lies there before the call: functions of the working directory
 
 
 def put(make):
-    def prepare(work):
-        (work / "d").mkdir()
-        make(work / "d/wallet.key")
+    return lambda work: ((work / "d").mkdir(), make(work / "d/wallet.key"))
 
-    return prepare
+
+def put_key(content=b"abc\n", mode=0o600):
+    return put(lambda path: (path.write_bytes(content), path.chmod(mode)))
+
+
+def heartbeat(content):
+    return lambda work: (work / "HEARTBEAT.md").write_bytes(content)
+
+
+def nothing(work):
+    pass
 
 
 def link_to_victim(path):
@@ -39,23 +41,18 @@ def bind_socket(path):
         s.bind(os.path.relpath(path))
 
 
-def heartbeat(content):
-    def prepare(work):
-        (work / "HEARTBEAT.md").write_bytes(content)
-
-    return prepare
-
-
-def nothing(work):
-    pass
-
-
-def register(**kwargs):
-    return lambda m: m.register(data_dir="d", **kwargs)
+# -- What is called: functions of the module
 
 
 def call(name, *args, **kwargs):
     return lambda m: getattr(m, name)(*args, **kwargs)
+
+
+def register(**kwargs):
+    return call("register", data_dir="d", **kwargs)
+
+
+# -- What is passed
 
 
 class Text(str):
@@ -75,7 +72,7 @@ class Awkward:
 KEY_FILES = {
     "none": nothing,
     "key": put_key(),
-    "loose": put_key(mode=0o4777),
+    **{f"mode {mode:o}": put_key(mode=mode) for mode in (0, 0o400, 0o644, 0o666, 0o4755, 0o1600)},
     "not utf-8": put_key(b"\xff\xfe"),
     "longer": put_key(b"x" * 200),
     "link": put(link_to_victim),
@@ -87,36 +84,15 @@ KEY_FILES = {
     "foreign": put(lambda p: (p.write_text("k"), os.chown(p, 65534, 65534))),
     "file for a directory": lambda w: (w / "d").write_text("not a directory"),
 }
-HEARTBEATS = [
-    b"",
-    b"abc",
-    b"abc\n",
-    b"a\r\nb\rc",
-    b"x ## [Corvane] y",
-    b"\xff",
-    b"- [ ] [Corvane] old",
-    b"\0\n",
-]
-PATHS = [None, "", "d", Path("d"), Text("d"), b"d", 5, "d\0", "\udc80", "~/x", "~nobody-there/x", Awkward()]
-NUDGES = ["first_signal", "10_signals", "unknown", Text("era_change"), 5, None, [], Awkward()]
+HEARTBEATS = b"", b"abc", b"abc\n", b"a\r\nb\rc", b"x ## [Corvane] y", b"\xff", b"- [ ] [Corvane] old", b"\0\n"
+PATHS = None, "", "d", Path("d"), Text("d"), b"d", 5, "d\0", "\udc80", "~/x", "~nobody-there/x", Awkward()
+NUDGES = "first_signal", "10_signals", "unknown", Text("era_change"), 5, None, [], Awkward()
+UNIVERSES = " us ", "", " \t", ".", "..", "a/b", "a\\b", "a\0b", "a.b", Text(" t "), "\udc80"
 OPTIONS = [
-    {},
-    {"colour": 1},
-    {"auto_heartbeat": False, "colour": 1},
-    {"auto_heartbeat": 1},
-    {"auto_heartbeat": Awkward()},
-    {"data_dir": 5},
-    {"data_dir": ""},
-    {"data_dir": " "},
-    {"data_dir": Text("d")},
-    {"server_url": "https://x//"},
-    {"server_url": None},
-    *(
-        {"named_universe": n}
-        for n in (" us ", "", " \t", ".", "..", "a/b", "a\\b", "a\0b", "a.b", Text(" t "), "\udc80")
-    ),
-    {Text("data_dir"): "e"},
-    {"\udc80": 1},
+    *({}, {"colour": 1}, {"auto_heartbeat": False, "colour": 1}, {"auto_heartbeat": 1}, {"auto_heartbeat": Awkward()}),
+    *({"data_dir": value} for value in (5, "", " ", Text("d"))),
+    *({"server_url": "https://x//"}, {"server_url": None}, {Text("data_dir"): "e"}, {"\udc80": 1}),
+    *({"named_universe": name} for name in UNIVERSES),
 ]
 
 
@@ -136,17 +112,8 @@ def scenarios():
     for code in (None, "", "c", 5):
         yield f"invite {code}", nothing, register(invite_code=code)
     for content in HEARTBEATS:
-        yield f"inject {content}", heartbeat(content), call("inject_heartbeat")
-        yield (
-            f"inject twice {content}",
-            heartbeat(content),
-            lambda m: (m.inject_heartbeat("."), m.inject_heartbeat()),
-        )
-        yield (
-            f"nudge {content}",
-            heartbeat(content),
-            lambda m: [m.update_nudge("first_signal", n=1) for _ in "ab"],
-        )
+        yield f"inject {content}", heartbeat(content), lambda m: (m.inject_heartbeat("."), m.inject_heartbeat())
+        yield f"nudge {content}", heartbeat(content), lambda m: [m.update_nudge("first_signal", n=1) for _ in "ab"]
     for trigger in NUDGES:
         yield f"nudge {trigger!r:.20}", heartbeat(b"x"), call("update_nudge", trigger)
     for depth in ("a", "a/b/c", "a/b/c/d", "a/b/c/", ".", "/", "a/b/c/d/e"):
@@ -155,9 +122,8 @@ def scenarios():
     yield "a directory", lambda w: (w / "HEARTBEAT.md").mkdir(), call("inject_heartbeat")
     for options in OPTIONS:
         yield f"configure {options}", nothing, call("configure", **options)
-    for off in ("inject_heartbeat", "update_nudge"):
-        act = call(off, "first_signal") if off == "update_nudge" else call(off)
-        yield f"{off} off", heartbeat(b""), lambda m, a=act: (m.configure(auto_heartbeat=False), a(m))
+    for act in (call("inject_heartbeat"), call("update_nudge", "first_signal")):
+        yield "opted out", heartbeat(b""), lambda m, act=act: (m.configure(auto_heartbeat=False), act(m))
     yield "bootstrap", nothing, register(invite_code="c", bootstrap_runtime=True)
     yield "login bootstrap", nothing, call("login", "ab", bootstrap_runtime=True)
     yield "fragment", nothing, call("get_agents_md_fragment")
@@ -296,6 +262,27 @@ def test_exception_chain_detail(tmp_path, monkeypatch):
     ]  # fmt: skip
     for value in values:
         same(lambda m, *_, v=value: m._exception_chain_detail(v), tmp_path, monkeypatch)
+
+
+class Swallowing:
+    """A file whose reading fails and whose `__exit__` swallows that."""
+
+    __enter__ = lambda self: self  # noqa: E731
+    __exit__ = lambda self, *exc: True  # noqa: E731
+
+    def read(self):
+        raise ValueError("swallowed")
+
+
+def test_swallowed_exceptions(tmp_path, monkeypatch):
+    def scenario(module, work, patch, events):
+        heartbeat(b"")(work), put_key()(work)
+        patch.setattr(module, "open", lambda *args, **kwargs: Swallowing(), raising=False)
+        patch.setattr(os, "fdopen", lambda fd, mode: os.close(fd) or Swallowing())
+        return module._read_wallet_key("d"), module.update_nudge("first_signal"), module.inject_heartbeat()
+
+    seen, _ = same(scenario, tmp_path, monkeypatch)
+    assert seen["raised"]["type"] is UnboundLocalError
 
 
 def test_inside_generators_and_handlers(tmp_path, monkeypatch):

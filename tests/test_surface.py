@@ -202,6 +202,18 @@ def test_endless_recursion(monkeypatch):
         m.inject_heartbeat()
 
 
+def test_endless_recursion_on_a_small_stack():
+    run("""
+import threading, corvane.agent_onboarding as m
+m._find_heartbeat = m.inject_heartbeat
+def work():
+    try: m.inject_heartbeat()
+    except RecursionError: print("refused")
+threading.stack_size(256 * 1024)
+thread = threading.Thread(target=work); thread.start(); thread.join()
+""", "refused")  # fmt: skip
+
+
 def run(script, expected="", options=(), **kwargs):
     done = subprocess.run(
         [sys.executable, "-X", "dev", *options, "-c", script], capture_output=True, text=True, **kwargs
@@ -247,27 +259,59 @@ assert corvane.agent_onboarding.login.__module__ == "corvane.agent_onboarding"
 """)
 
 
-def test_one_interpreter_per_process():
-    run(r"""
+IMPORT_IN_ANOTHER = r"""
 import sys, textwrap
 import _xxsubinterpreters as interpreters
-import corvane.agent_onboarding as mine
-script = textwrap.dedent('''
-    import sys
-    sys.path[:] = %r
-    try:
-        import corvane.agent_onboarding
-    except ImportError as exc:
-        assert str(exc) == "corvane.agent_onboarding can be loaded into only one interpreter per process", exc
-    else:
-        raise AssertionError("imported")
-''' % sys.path)
-for isolated in (True, False):
+def import_in_another(isolated, prelude=""):
     other = interpreters.create(isolated=isolated)
-    interpreters.run_string(other, script)
-    interpreters.destroy(other)
+    interpreters.run_string(other, textwrap.dedent(f'''
+        import sys
+        sys.path[:] = {sys.path!r}
+        {prelude}
+        try:
+            import corvane.agent_onboarding
+        except ImportError as exc:
+            print(exc, flush=True)
+    '''))
+    return other
+"""
+
+
+def test_one_interpreter_per_process():
+    refusal = "corvane.agent_onboarding can be loaded into only one interpreter per process"
+    run(IMPORT_IN_ANOTHER + """
+import corvane.agent_onboarding as mine
+for isolated in (True, False):
+    interpreters.destroy(import_in_another(isolated))
 assert mine.get_agents_md_fragment()
-""")
+""", f"{refusal}\n{refusal}")  # fmt: skip
+
+
+def test_a_failed_import_elsewhere_leaves_the_module_free():
+    run(IMPORT_IN_ANOTHER + """
+# without the real corvane.auth: its libraries refuse other interpreters on their own
+import_in_another(False, "import corvane.sync; corvane.auth = sys; del corvane.sync.CURRENT_PLATFORM")
+import corvane.agent_onboarding
+assert corvane.agent_onboarding._normalize_key("a") == "0xa"
+""", f"cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' ({sys.modules['corvane.sync'].__file__})")  # fmt: skip
+
+
+def test_initialised_while_it_is_being_initialised():
+    """Another thread, or code that runs during the import, loads the same file under another name."""
+    run("""
+import importlib.util, logging, corvane
+path, get_logger = importlib.util.find_spec("corvane.agent_onboarding").origin, logging.getLogger
+def load_again(name=None):
+    if name == "corvane.agent_onboarding":
+        spec = importlib.util.spec_from_file_location("another.agent_onboarding", path)
+        module = importlib.util.module_from_spec(spec)
+        try: spec.loader.exec_module(module)
+        except ImportError as exc: print(exc)
+    return get_logger(name)
+logging.getLogger = load_again
+import corvane.agent_onboarding as m
+assert m.register and m._normalize_key("a") == "0xa"
+""", "corvane.agent_onboarding is being initialised already")  # fmt: skip
 
 
 @pytest.mark.parametrize(
@@ -278,12 +322,14 @@ assert mine.get_agents_md_fragment()
         "import corvane.agent_onboarding as m\n"
         "class C:\n def __del__(self, f=m._normalize_key): f('ab')\n"
         "c = C(); c.me = c",
-        # daemon threads that the interpreter ends, while it shuts down, in the middle of our functions and handlers
+        # daemon threads that the interpreter ends, while it shuts down, in the middle of our handlers and destructors
         "import corvane.agent_onboarding as m, sys, threading, time, types\n"
         "m._find_heartbeat = lambda d: '/'\n"
         "m.logger = types.SimpleNamespace(warning=lambda *a: time.sleep(0.2))\n"
-        "def work():\n while True: m.inject_heartbeat()\n"
-        "for _ in range(4): threading.Thread(target=work, daemon=True).start()\n"
+        "class Sleepy(Exception):\n def __del__(self, sleep=time.sleep): sleep(0.05)\n"
+        "def handler():\n while True: m.inject_heartbeat()\n"
+        "def destructor():\n while True: m._exception_chain_detail(Sleepy())\n"
+        "for work in (handler, destructor) * 3: threading.Thread(target=work, daemon=True).start()\n"
         "class Slow:\n def __del__(self, sleep=time.sleep): sleep(0.4)\n"
         "sys.modules['held'] = types.SimpleNamespace(slow=Slow())",
     ],

@@ -238,7 +238,7 @@ object configure(const frame& in) {
     PyObject* key = nullptr;
     PyObject* value = nullptr;
     Py_ssize_t position = 0;
-    // The interpreter made this dict for this call alone, so nothing changes it while it is walked.
+    // The dict was made for this call alone. Key and value are owned all the same while an option is looked at.
     while (PyDict_Next(in[0].ptr(), &position, &key, &value) != 0) {
         check_signals();
         configure_option(object::borrow(key), object::borrow(value));

@@ -55,54 +55,97 @@ void populate() {
 // -- Initialisation -------------------------------------------------------------------------------------------------
 //
 // The module's state is one per process: one interpreter gets it, once. The finished module is kept in that
-// interpreter's own dictionary and handed out again for every later import, so exec never runs twice.
+// interpreter's own dictionary and handed out again for every later import, so it is never populated twice. A failed
+// import leaves nothing behind, and the next one, also in another interpreter, starts clean.
 
 constexpr std::int64_t nobody = -1;
 std::atomic<std::int64_t> owning_interpreter = nobody;
-constexpr const char* kept_as = "corvane.agent_onboarding";
+bool populating = false; // guarded by the lock of the interpreter that owns the module
 
-/// The module that an earlier import finished, or nullptr; borrowed.
-PyObject* kept_module() {
-    PyObject* interpreter_dict = PyInterpreterState_GetDict(PyInterpreterState_Get());
-    return interpreter_dict == nullptr ? nullptr : PyDict_GetItemString(interpreter_dict, kept_as);
+object kept_as() { return check(PyUnicode_FromString("corvane.agent_onboarding"), where::current()); }
+
+handle interpreter_dict() {
+    PyObject* dictionary = PyInterpreterState_GetDict(PyInterpreterState_Get());
+    if (dictionary == nullptr)
+        throw_error(PyExc_SystemError, "the interpreter has no dictionary", where::current());
+    return handle(dictionary);
 }
 
-PyObject* create(PyObject* spec, PyModuleDef*) {
-    const std::int64_t interpreter = PyInterpreterState_GetID(PyInterpreterState_Get());
-    std::int64_t owner = nobody;
-    if (!owning_interpreter.compare_exchange_strong(owner, interpreter) && owner != interpreter) {
-        PyErr_SetString(PyExc_ImportError,
-                        "corvane.agent_onboarding can be loaded into only one interpreter per process");
-        return nullptr;
+/// The module that an earlier import finished, or empty.
+object kept_module() {
+    PyObject* finished = PyDict_GetItemWithError(interpreter_dict().ptr(), kept_as().ptr());
+    if (finished == nullptr && PyErr_Occurred() != nullptr)
+        throw_error(where::current());
+    return object::borrow(finished);
+}
+
+/// One attempt to populate the module; undone unless it is said to be finished.
+class initialisation {
+  public:
+    initialisation() {
+        if (populating)
+            throw_error(PyExc_ImportError, "corvane.agent_onboarding is being initialised already", where::current());
+        populating = true;
     }
-    if (PyObject* finished = kept_module())
-        return Py_NewRef(finished);
-    PyObject* name = PyObject_GetAttrString(spec, "name");
-    PyObject* made = name == nullptr ? nullptr : PyModule_NewObject(name);
-    Py_XDECREF(name);
-    return made;
-}
+    ~initialisation() {
+        populating = false;
+        if (finished_)
+            return;
+        stop();
+        owning_interpreter = nobody;
+    }
+    initialisation(const initialisation&) = delete;
+    initialisation& operator=(const initialisation&) = delete;
+    void finished() noexcept { finished_ = true; }
 
-int execute(PyObject* module) {
-    PyObject* finished = kept_module();
-    if (finished == module)
-        return 0;
-    const frame running(handle(PyModule_GetDict(module)));
+  private:
+    bool finished_ = false;
+};
+
+/// Runs what can throw, as a slot of the module.
+template <typename Result, typename Slot> Result slot(PyObject* traced_in, Result failed, Slot run) {
     try {
-        if (finished != nullptr)
-            throw_error(PyExc_ImportError, "corvane.agent_onboarding is already initialised", where::current());
-        start(handle(PyModule_GetDict(module)), declarations);
-        populate();
-        PyObject* interpreter_dict = PyInterpreterState_GetDict(PyInterpreterState_Get());
-        check(PyDict_SetItemString(interpreter_dict, kept_as, module), where::current());
-        return 0;
+        return run();
     } catch (error& raised) {
-        running.trace(raised);
+        if (traced_in != nullptr)
+            frame(handle(PyModule_GetDict(traced_in))).trace(raised);
         raised.restore();
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     }
-    return -1;
+    return failed;
+}
+
+PyObject* create(PyObject* spec, PyModuleDef*) {
+    return slot<PyObject*>(nullptr, nullptr, [spec] {
+        if (object finished = kept_module())
+            return finished.release();
+        object name = check(PyObject_GetAttrString(spec, "name"), where::current());
+        object made = check(PyModule_NewObject(name.ptr()), where::current());
+        const std::int64_t interpreter = PyInterpreterState_GetID(PyInterpreterState_Get());
+        std::int64_t owner = nobody;
+        if (!owning_interpreter.compare_exchange_strong(owner, interpreter) && owner != interpreter)
+            throw_error(PyExc_ImportError,
+                        "corvane.agent_onboarding can be loaded into only one interpreter per process",
+                        where::current());
+        return made.release();
+    });
+}
+
+int execute(PyObject* module) {
+    return slot<int>(module, -1, [module] {
+        object finished = kept_module();
+        if (finished.is(handle(module)))
+            return 0;
+        if (finished)
+            throw_error(PyExc_ImportError, "corvane.agent_onboarding is already initialised", where::current());
+        initialisation attempt;
+        start(handle(PyModule_GetDict(module)), declarations);
+        populate();
+        set_item(interpreter_dict(), kept_as(), handle(module));
+        attempt.finished();
+        return 0;
+    });
 }
 
 PyModuleDef_Slot slots[] = {

@@ -137,7 +137,7 @@ object read_wallet_key(const frame& in) {
         in,
         [&] {
             global("_check_wallet_fd"_n)(wallet_path, fd);
-            object key;
+            object key = none();
             with(in, global("os"_n).attr("fdopen"_n)(fd, "r"_n), [&](handle file) {
                 handed_over = true;
                 key = invoke(invoke(file, "read"_n), "strip"_n);

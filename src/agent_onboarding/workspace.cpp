@@ -7,7 +7,7 @@ namespace {
 
 constexpr int directories_searched = 4; // the start and three parents
 
-/// `with open(path, "r", encoding="utf-8") as file: return file.read()`
+/// `with open(path, "r", encoding="utf-8") as file: content = file.read()`; empty if the file swallows an exception.
 object read_text(const frame& in, handle path) {
     object content;
     with(in, global("open"_n)(path, "r"_n, "encoding"_a = "utf-8"_n),
@@ -32,7 +32,7 @@ void append_nudge(const frame& in, handle nudge_text) {
     if (path.is_none())
         return;
     object content = read_text(in, path);
-    if (contains(content, nudge_text))
+    if (contains(local(content, "content"), nudge_text))
         return;
     if (!ends_with_line_feed(content))
         content = add(content, "\n"_n);
@@ -73,7 +73,7 @@ object inject_heartbeat(const frame& in) {
         global("logger"_n).attr("warning"_n)("Failed to read HEARTBEAT.md at %s: %s"_n, path, caught.value());
         return none();
     }
-    if (contains(content, "## [Corvane]"_n))
+    if (contains(local(content, "content"), "## [Corvane]"_n))
         return none();
     if (is_true(content) && !ends_with_line_feed(content))
         content = add(content, "\n"_n);

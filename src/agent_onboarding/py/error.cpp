@@ -4,6 +4,12 @@
 
 namespace corvane::py {
 
+void deallocate(PyObject* owned) {
+    thread_end_guard guard;
+    Py_DECREF(owned);
+    guard.returned();
+}
+
 error::error(where line) noexcept : line_(line) {
     if (PyErr_Occurred() == nullptr)
         PyErr_SetString(PyExc_SystemError, "error return without exception set");
@@ -62,6 +68,12 @@ void raise_from(object exception, handle cause, where line) {
     raise_instance(instance, line);
 }
 
+void raise_unbound(const char* variable, where line) {
+    PyErr_Format(PyExc_UnboundLocalError, "cannot access local variable '%s' where it is not associated with a value",
+                 variable);
+    throw_error(line);
+}
+
 except_scope::except_scope(const frame& in, error& caught) noexcept {
     in.trace(caught);
     slot_ = PyThreadState_Get()->exc_info;
@@ -86,17 +98,17 @@ object special_method(handle self, handle name, where line) {
 }
 
 std::pair<object, object> enter(handle manager, where line) {
-    const char* type_name = Py_TYPE(manager.ptr())->tp_name;
     object enter_method = special_method(manager, "__enter__"_n, line);
     if (!enter_method) {
-        PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol", type_name);
+        PyErr_Format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
+                     Py_TYPE(manager.ptr())->tp_name);
         throw_error(line);
     }
     object exit_method = special_method(manager, "__exit__"_n, line);
     if (!exit_method) {
         PyErr_Format(PyExc_TypeError,
                      "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
-                     type_name);
+                     Py_TYPE(manager.ptr())->tp_name);
         throw_error(line);
     }
     object value = call_at(line, enter_method);

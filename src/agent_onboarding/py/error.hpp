@@ -60,6 +60,15 @@ auto perform(where line, Function* function, Arguments... arguments) {
 /// `raise exception from cause`
 [[noreturn]] void raise_from(object exception, handle cause, where line = where::current());
 
+[[noreturn]] void raise_unbound(const char* variable, where line);
+
+/// A local variable that a swallowed exception may have left without a value.
+inline handle local(const object& value, const char* variable, where line = where::current()) {
+    if (!value) [[unlikely]]
+        raise_unbound(variable, line);
+    return value;
+}
+
 class frame;
 
 /// The body of an except clause, of a finally clause or of `__exit__`: while it lives, the caught exception is the one

@@ -7,6 +7,8 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace corvane::py {
 
@@ -26,15 +28,19 @@ struct interpreter_state {
     object globals;
     object builtins;
     object codes; ///< by name, the code that makes each function; keeps the function's own code, see code_of
-    vectorcallfunc interpret = nullptr;
+    std::vector<const void**> bodies; ///< the code_of of every function that was made
 };
 interpreter_state* state = nullptr;
+
+vectorcallfunc interpreted = nullptr; // the vectorcall of every function that the interpreter makes
 
 name_node* first_name = nullptr;
 std::size_t name_count = 0;
 
 /// When the interpreter has ended its objects are gone, and another one may start in this process.
 void forget() noexcept {
+    if (state == nullptr)
+        return;
     for (std::size_t i = 0; i < name_count; ++i)
         (void)state->names[i].release();
     (void)state->globals.release();
@@ -158,15 +164,24 @@ bound_arguments::outcome bound_arguments::bind_defaults(PyFunctionObject* functi
 }
 
 PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
-    return state->interpret(callable, arguments, flagged_count, keywords);
+    return interpreted(callable, arguments, flagged_count, keywords);
 }
 
+namespace {
+// The interpreter allows for the stack of its own functions. A body of ours takes more, and threads can have small
+// stacks.
+constexpr int recursion_cost = 4;
+} // namespace
+
 PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* values) {
-    // Py_EnterRecursiveCall and Py_LeaveRecursiveCall, with one look-up of the thread instead of two.
+    // Py_EnterRecursiveCall, with one look-up of the thread for entering and leaving.
     PyThreadState* thread = PyThreadState_Get();
-    if (thread->c_recursion_remaining <= 0 && Py_EnterRecursiveCall("") != 0)
+    if (thread->c_recursion_remaining > recursion_cost)
+        thread->c_recursion_remaining -= recursion_cost;
+    else if (Py_EnterRecursiveCall("") == 0)
+        thread->c_recursion_remaining -= recursion_cost - 1;
+    else
         return nullptr;
-    --thread->c_recursion_remaining;
     const frame running(function, values);
     PyObject* result = nullptr;
     try {
@@ -177,7 +192,7 @@ PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* v
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     }
-    ++thread->c_recursion_remaining;
+    thread->c_recursion_remaining += recursion_cost;
     return result;
 }
 
@@ -279,8 +294,9 @@ void execute(const char* declaration, handle locals) {
 /// Puts the native body into a function that the interpreter has just made.
 void attach(handle function, const native_function& native) {
     auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
+    state->bodies.push_back(native.code);
     *native.code = made->func_code;
-    state->interpret = made->vectorcall;
+    interpreted = made->vectorcall;
     PyFunction_SetVectorcall(made, native.entry);
 }
 
@@ -291,13 +307,24 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
         auto fresh = std::make_unique<interpreter_state>();
         intern_names(*fresh);
         fresh->codes = load_declarations(declarations);
-        if (Py_AtExit(forget) < 0)
+        static bool registered = false;
+        if (!registered && Py_AtExit(forget) < 0)
             throw_error(PyExc_SystemError, "the interpreter takes no more exit functions", where::current());
+        registered = true;
         state = fresh.release();
     }
     state->globals = object::borrow(module_namespace);
     state->builtins = object::borrow(PyEval_GetBuiltins());
     set_global("__builtins__"_n, state->builtins);
+}
+
+void stop() {
+    if (state == nullptr)
+        return;
+    // A function that somebody has kept is from now on interpreted, and says that its body is missing.
+    for (const void** body : state->bodies)
+        *body = nullptr;
+    const std::unique_ptr<interpreter_state> ended(std::exchange(state, nullptr));
 }
 
 void run_imports() { execute("imports", state->globals); }

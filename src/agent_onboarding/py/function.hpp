@@ -96,6 +96,8 @@ template <native_body Body> constexpr native_function native(const char* name) {
 /// namespace in which functions look names up. Called at the start of an initialisation; what it stores stays until the
 /// interpreter is gone, because functions can outlive the module.
 void start(handle module_namespace, std::span<const unsigned char> declarations);
+/// Undoes `start` when the initialisation has failed.
+void stop();
 
 /// Executes the module's import statements in its namespace.
 void run_imports();

@@ -44,11 +44,17 @@ template <typename Function, typename... Arguments> auto call_out(Function* func
     return result;
 }
 
+/// The last reference is gone. Never inlined, for in the middle of a destructor the guard could not stop the unwinding.
+[[gnu::noinline, gnu::noipa]] void deallocate(PyObject* owned);
+
 /// Gives a reference back.
 inline void drop(PyObject* owned) noexcept {
-    thread_end_guard guard;
-    Py_XDECREF(owned);
-    guard.returned();
+    if (owned == nullptr)
+        return;
+    if (Py_REFCNT(owned) > 1)
+        Py_DECREF(owned);
+    else
+        deallocate(owned);
 }
 
 /// A borrowed reference: whoever passes it keeps the object alive.
