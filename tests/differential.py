@@ -13,6 +13,7 @@ from pathlib import Path
 import twin
 from corvane import agent_onboarding as native
 
+GENERATOR_STEPS = ("sorted_pairs", "next_entry")  # frames of their own, below that of the generator
 SHARED_TEXTS = ("_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS", "_AGENTS_MD_FRAGMENT")
 for _name in SHARED_TEXTS:
     setattr(twin, _name, getattr(native, _name))
@@ -24,6 +25,7 @@ def describe_exception(exc, seen=()):
         return exc if exc is None else "(seen)"
     seen = (*seen, exc)
     frames = [f.name for f in traceback.extract_tb(exc.__traceback__) if "site-packages" not in f.filename]
+    frames = [name for name in frames if name not in GENERATOR_STEPS]
     return {
         "type": type(exc),
         "text": str(exc),

@@ -26,7 +26,15 @@ from corvane import agent_onboarding as m
 
 FUNCTIONS = {name: f for name, f in vars(m).items() if getattr(f, "__module__", "") == m.__name__ and callable(f)
              and isinstance(f, types.FunctionType)}  # fmt: skip
-PUBLIC = ("register", "login", "configure", "inject_heartbeat", "update_nudge", "get_agents_md_fragment")
+PUBLIC = (
+    "register",
+    "login",
+    "configure",
+    "create_runtime_freshness_guard",
+    "inject_heartbeat",
+    "update_nudge",
+    "get_agents_md_fragment",
+)
 FIXED_SIGNATURE_LINES = {
     "inject_heartbeat": "inject_heartbeat(working_dir: str = None) -> None",
     "update_nudge": "update_nudge(trigger: str, **context) -> None",
@@ -41,10 +49,16 @@ def test_names_in_their_order():
         importlib hashlib json logging os secrets shutil _stat sys urllib dataclass field SimpleNamespace List Optional
         auth RuntimeModuleDownloadIncomplete RuntimeModuleHashMismatch RuntimeModuleReloadFailed RuntimeFreshnessGuard
         is_runtime_module_kind runtime_module_name_from_kind list_skills CURRENT_PLATFORM logger
-        _exception_chain_detail WalletRegistration AuthToken _HEARTBEAT_STATIC_SECTION _NUDGE_TEXTS
-        _AGENTS_MD_FRAGMENT _config _auth_manager _VALID_OPTIONS _find_heartbeat _canonical_data_dir _wallet_key_path
-        _unsafe_wallet_error _check_wallet_fd _read_wallet_key _write_wallet_key _normalize_key _resolve_invite_code
-        _resolve_optional_invite_code register login configure inject_heartbeat update_nudge get_agents_md_fragment"""
+        _exception_chain_detail _sha256_file _content_addressed_extension_path _prune_runtime_extension_copies
+        _load_extension_from_path _read_manifest _manifest_files _runtime_module_manifest_entries
+        _select_runtime_module_manifest_entry _load_manifest_runtime_module _load_runtime_modules_from_manifest
+        create_runtime_freshness_guard _load_per_era_backtester WalletRegistration AuthToken _HEARTBEAT_STATIC_SECTION
+        _NUDGE_TEXTS _AGENTS_MD_FRAGMENT _config _auth_manager _VALID_OPTIONS _find_heartbeat _fetch_eras_payload
+        _safe_named_universe _append_unique_named_universe _append_allowed_named_universes
+        _active_era_named_universe_candidates _first_allowed_named_universe_from_era_config
+        _resolve_active_named_universe _canonical_data_dir _wallet_key_path _unsafe_wallet_error _check_wallet_fd
+        _read_wallet_key _write_wallet_key _normalize_key _resolve_invite_code _resolve_optional_invite_code register
+        login configure inject_heartbeat update_nudge get_agents_md_fragment"""
     assert expected.split() == NAMES
     assert m.__doc__ == "Agent onboarding subcomponent -- register, login, configure, heartbeat."
     server = "https://api.corvane.example"
@@ -202,6 +216,7 @@ def test_endless_recursion(monkeypatch):
         m.inject_heartbeat()
 
 
+@pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the frames of an instrumented build need a larger stack")
 def test_endless_recursion_on_a_small_stack():
     run("""
 import threading, corvane.agent_onboarding as m
@@ -355,7 +370,7 @@ def test_leaks_nothing(monkeypatch, tmp_path):
     def batch():
         for _ in range(50):
             for function in FUNCTIONS.values():
-                for args in ((), ("first_signal",), (tmp_path,), (str(tmp_path), "k"), (ValueError(), 5)):
+                for args in ((), ("first_signal",), (tmp_path,), (str(tmp_path), "k"), (ValueError(), 5.0)):
                     with contextlib.suppress(Exception):
                         function(*args)
             for options in ({"colour": 1}, {"data_dir": str(tmp_path)}, {"named_universe": "/"}):

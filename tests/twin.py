@@ -1,14 +1,28 @@
 """The module once more, as plain Python: what the native functions must be indistinguishable from."""
 
-import hashlib  # noqa: F401
+import hashlib
+import importlib.util
+import json
 import logging
 import os
 import secrets
+import shutil
 import stat as _stat
+import sys
+import urllib.error
+import urllib.request
 from dataclasses import dataclass, field
+from types import SimpleNamespace
 from typing import Optional
 
 from corvane import auth
+from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed
+from corvane.runtime_module_freshness import (
+    RuntimeFreshnessGuard,
+    is_runtime_module_kind,
+    runtime_module_name_from_kind,
+)
+from corvane.sync import CURRENT_PLATFORM
 
 logger = logging.getLogger("corvane.agent_onboarding")
 _DEFAULT = "~/.corvane/"
@@ -29,6 +43,220 @@ def _exception_chain_detail(exc):
             details.append(item)
         current = getattr(current, "__cause__", None)
     return "; caused by ".join(details)
+
+
+def _sha256_file(path):
+    digest = hashlib.sha256()
+    with open(path, "rb") as f:
+        while True:
+            chunk = f.read(1024 * 1024)
+            if not chunk:
+                break
+            digest.update(chunk)
+    return digest.hexdigest()
+
+
+def _content_addressed_extension_path(module_name, path, digest):
+    root = os.path.dirname(os.path.realpath(path))
+    runtime_path = os.path.join(root, f".corvane-runtime-{module_name!s}-{digest[:16]!s}.so")
+    if os.path.exists(runtime_path):
+        return runtime_path
+    try:
+        os.link(path, runtime_path)
+    except OSError:
+        shutil.copy2(path, runtime_path)
+    return runtime_path
+
+
+def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
+    root = os.path.dirname(os.path.realpath(keep_path))
+    prefix = f".corvane-runtime-{module_name!s}-"
+    keep_real = os.path.realpath(keep_path)
+    candidates = []
+    try:
+        names = os.listdir(root)
+    except OSError:
+        return
+    for name in names:
+        if not name.startswith(prefix) or not name.endswith(".so"):
+            continue
+        path = os.path.join(root, name)
+        try:
+            candidates.append((os.stat(path).st_mtime_ns, path))
+        except OSError:
+            continue
+    if len(candidates) <= max_copies:
+        return
+    keep = {keep_real}
+    for candidate in sorted(candidates, key=lambda item: item[0], reverse=True):
+        if len(keep) >= max_copies:
+            break
+        keep.add(os.path.realpath(candidate[1]))
+    for candidate in candidates:
+        if os.path.realpath(candidate[1]) in keep:
+            continue
+        try:
+            os.unlink(candidate[1])
+        except OSError:
+            pass
+
+
+def _load_extension_from_path(module_name, path):
+    digest = _sha256_file(path)
+    runtime_path = _content_addressed_extension_path(module_name, path, digest)
+    previous = sys.modules.get(module_name)
+    if (
+        previous is not None
+        and getattr(previous, "__file__", None) == runtime_path
+        and getattr(previous, "_corvane_module_sha256", None) == digest
+    ):
+        return previous
+    spec = importlib.util.spec_from_file_location(module_name, runtime_path)
+    if spec is None or spec.loader is None:
+        raise RuntimeError(f"Could not create import spec for {runtime_path!s}")
+    module = importlib.util.module_from_spec(spec)
+    sys.modules[module_name] = module
+    try:
+        spec.loader.exec_module(module)
+        module._corvane_module_sha256 = digest
+        module._corvane_module_source_path = os.path.realpath(path)
+        _prune_runtime_extension_copies(module_name, runtime_path)
+    except Exception:
+        if sys.modules.get(module_name) is module:
+            if previous is not None:
+                sys.modules[module_name] = previous
+            else:
+                sys.modules.pop(module_name, None)
+        raise
+    return module
+
+
+def _read_manifest(data_dir):
+    path = os.path.join(data_dir, "manifest.json")
+    if not os.path.exists(path):
+        raise RuntimeModuleDownloadIncomplete(
+            f"Runtime manifest is missing at {path!s}.", relative_path="manifest.json"
+        )
+    with open(path, "r", encoding="utf-8") as f:
+        data = json.load(f)
+    return SimpleNamespace(era_id=data.get("era_id"), version=data.get("version"), files=data.get("files", {}))
+
+
+def _manifest_files(manifest):
+    if manifest is None:
+        return {}
+    files = manifest.get("files", {}) if isinstance(manifest, dict) else getattr(manifest, "files", {})
+    return files if isinstance(files, dict) else {}
+
+
+def _runtime_module_manifest_entries(manifest):
+    for relative_path, file_info in sorted(_manifest_files(manifest).items()):
+        if not isinstance(file_info, dict):
+            continue
+        kind = str(file_info.get("kind", ""))
+        if not is_runtime_module_kind(kind):
+            continue
+        platform = file_info.get("platform")
+        if platform and platform != CURRENT_PLATFORM:
+            continue
+        module_name = runtime_module_name_from_kind(kind)
+        if not module_name:
+            continue
+        yield module_name, relative_path, file_info
+
+
+def _select_runtime_module_manifest_entry(manifest, module_name):
+    aliases = {module_name}
+    if module_name == "era_data":
+        aliases.add("vault")
+    for candidate_name, relative_path, file_info in _runtime_module_manifest_entries(manifest):
+        if candidate_name in aliases:
+            return relative_path, file_info
+    return None, None
+
+
+def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None, manifest=None):
+    expanded = os.path.expanduser(data_dir or _DEFAULT)
+    runtime_root = os.path.realpath(expanded)
+    if runtime_root not in sys.path:
+        sys.path.insert(0, runtime_root)
+    if manifest is None:
+        manifest = _read_manifest(expanded)
+    relative_path, file_info = _select_runtime_module_manifest_entry(manifest, module_name)
+    if relative_path is None:
+        raise RuntimeModuleDownloadIncomplete(
+            f"Manifest does not contain a runtime module for {module_name!r}.",
+            module_name=module_name,
+            expected_sha256=expected_sha256,
+        )
+    expected = expected_sha256 if expected_sha256 else file_info.get("sha256")
+    candidate = os.path.join(expanded, relative_path)
+    fields = {"module_name": module_name, "relative_path": relative_path, "expected_sha256": expected}
+    if not os.path.exists(candidate):
+        raise RuntimeModuleDownloadIncomplete(f"Runtime module {module_name!r} is missing at {candidate!s}.", **fields)
+    actual = _sha256_file(candidate)
+    if expected and actual != expected:
+        raise RuntimeModuleHashMismatch(
+            f"Runtime module {module_name!r} hash mismatch at {candidate!s}: expected {expected!s}, got {actual!s}.",
+            **fields,
+            actual_sha256=actual,
+        )
+    try:
+        module = _load_extension_from_path(module_name, candidate)
+    except Exception as exc:
+        raise RuntimeModuleReloadFailed(
+            f"Runtime module {module_name!r} failed to load from {candidate!s}: {exc!s}", **fields, actual_sha256=actual
+        ) from exc
+    if expected:
+        stamped = getattr(module, "_corvane_module_sha256", None)
+        if stamped != expected:
+            raise RuntimeModuleHashMismatch(
+                f"Runtime module {module_name!r} loaded with unexpected hash.", **fields, actual_sha256=stamped
+            )
+    return module
+
+
+def _load_runtime_modules_from_manifest(data_dir, manifest):
+    loaded = {}
+    entries = list(_runtime_module_manifest_entries(manifest))
+    entries.sort(key=lambda item: (0 if item[0] == "era_data" else 1, item[0], item[1]))
+    for module_name, _relative_path, file_info in entries:
+        loaded[module_name] = _load_manifest_runtime_module(
+            data_dir, module_name, expected_sha256=file_info.get("sha256"), manifest=manifest
+        )
+    return loaded
+
+
+def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
+    def _load(module_name, expected_sha256):
+        return _load_manifest_runtime_module(data_dir, module_name, expected_sha256=expected_sha256)
+
+    return RuntimeFreshnessGuard(data_dir=data_dir, module_loader=_load)
+
+
+def _load_per_era_backtester(data_dir):
+    expanded = os.path.expanduser(data_dir or _DEFAULT)
+    runtime_root = os.path.realpath(expanded)
+    if runtime_root not in sys.path:
+        sys.path.insert(0, runtime_root)
+    try:
+        manifest = _read_manifest(expanded)
+    except RuntimeModuleDownloadIncomplete as exc:
+        raise RuntimeModuleDownloadIncomplete(
+            "Per-era backtester runtime is required; sync the runtime manifest before loading the SDK backtester.",
+            module_name="backtester",
+            relative_path=getattr(exc, "relative_path", "manifest.json"),
+            expected_sha256=getattr(exc, "expected_sha256", None),
+            actual_sha256=getattr(exc, "actual_sha256", None),
+        ) from exc
+    loaded = _load_runtime_modules_from_manifest(expanded, manifest)
+    module = loaded.get("backtester")
+    if module is None:
+        raise RuntimeModuleDownloadIncomplete(
+            "Per-era backtester runtime is missing from manifest.", module_name="backtester"
+        )
+    logger.info("Loaded per-era backtester from manifest in %s", expanded)
+    return module
 
 
 @dataclass
@@ -65,6 +293,112 @@ def _find_heartbeat(working_dir=None):
             return None
         current = parent
     return None
+
+
+def _fetch_eras_payload(am):
+    token = am.get_token()
+    if not token:
+        raise RuntimeError("Registration bootstrap could not fetch /eras without an auth token.")
+    url = _config["server_url"].rstrip("/") + "/eras"
+    request = urllib.request.Request(url, headers={"Authorization": f"Bearer {token!s}"}, method="GET")
+    try:
+        with urllib.request.urlopen(request, timeout=15) as response:
+            status = getattr(response, "status", 200)
+            body = response.read()
+    except (OSError, urllib.error.URLError, TimeoutError) as exc:
+        raise RuntimeError("Registration bootstrap failed to fetch /eras.") from exc
+    if status != 200:
+        raise RuntimeError(f"Registration bootstrap failed to fetch /eras: HTTP {status!s}")
+    try:
+        payload = json.loads(body.decode("utf-8"))
+    except (UnicodeDecodeError, json.JSONDecodeError) as exc:
+        raise RuntimeError("Registration bootstrap received invalid /eras JSON.") from exc
+    if not isinstance(payload, dict):
+        raise RuntimeError("Registration bootstrap received invalid /eras payload.")
+    return payload
+
+
+def _safe_named_universe(value):
+    text = "" if value is None else str(value).strip()
+    if not text or text in (".", ".."):
+        return None
+    if "/" in text or "\\" in text or "\0" in text:
+        return None
+    return text
+
+
+def _append_unique_named_universe(candidates, value):
+    name = _safe_named_universe(value)
+    if name and name not in candidates:
+        candidates.append(name)
+
+
+def _append_allowed_named_universes(candidates, values):
+    if isinstance(values, list):
+        for value in values:
+            _append_unique_named_universe(candidates, value)
+    else:
+        _append_unique_named_universe(candidates, values)
+
+
+def _active_era_named_universe_candidates(era):
+    candidates = []
+    _append_unique_named_universe(candidates, era.get("named_universe"))
+    _append_allowed_named_universes(candidates, era.get("allowed_named_universes"))
+    signal_pools = era.get("signal_pools")
+    if isinstance(signal_pools, list):
+        for pool in signal_pools:
+            if isinstance(pool, dict):
+                _append_allowed_named_universes(candidates, pool.get("allowed_named_universes"))
+    universes = era.get("universes")
+    if isinstance(universes, list):
+        for universe in universes:
+            if isinstance(universe, dict):
+                stable_name = universe.get("named_universe") or universe.get("id") or universe.get("name")
+                if stable_name:
+                    _append_unique_named_universe(candidates, stable_name)
+            else:
+                _append_unique_named_universe(candidates, universe)
+    elif isinstance(universes, dict):
+        for key in sorted(universes):
+            _append_unique_named_universe(candidates, key)
+    return candidates
+
+
+def _first_allowed_named_universe_from_era_config(era_config):
+    if not isinstance(era_config, dict):
+        return None
+    signal_pools = era_config.get("signal_pools")
+    holders = []
+    if isinstance(signal_pools, list):
+        holders = [pool for pool in signal_pools if isinstance(pool, dict)]
+    for holder in [*holders, era_config]:
+        allowed = holder.get("allowed_named_universes")
+        for value in allowed if isinstance(allowed, list) else [allowed]:
+            usable = _safe_named_universe(value)
+            if usable:
+                return usable
+    return _safe_named_universe(era_config.get("named_universe"))
+
+
+def _resolve_active_named_universe(am):
+    configured = _safe_named_universe(_config.get("named_universe"))
+    if configured:
+        _config["named_universe"] = configured
+        return configured
+    eras = _fetch_eras_payload(am).get("eras")
+    if not isinstance(eras, list):
+        raise RuntimeError("Registration bootstrap /eras payload is missing eras list.")
+    active = [era for era in eras if isinstance(era, dict) and str(era.get("state", "")).lower() == "active"]
+    if len(active) != 1:
+        raise RuntimeError(f"Registration bootstrap expected exactly one active era from /eras, got {len(active)}.")
+    candidates = _active_era_named_universe_candidates(active[0])
+    if len(candidates) != 1:
+        raise RuntimeError(
+            f"Registration bootstrap expected exactly one active named universe from /eras, got {len(candidates)}."
+        )
+    _config["named_universe"] = candidates[0]
+    return candidates[0]
 
 
 def _canonical_data_dir(data_dir):

@@ -37,6 +37,87 @@ def _exception_chain_detail(exc):
     """An exception and up to three of its explicit causes on one line of text."""
 
 
+# -- Runtime loading ------------------------------------------------------------------------------------------------
+
+
+def _sha256_file(path):
+    """The SHA-256 of the file's bytes as 64 lower-case hexadecimal digits, read in blocks of 1 MiB."""
+
+
+def _content_addressed_extension_path(module_name, path, digest):
+    """The path of the copy that is imported, named by the digest; made beside the file if it is missing."""
+
+
+def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
+    """Deletes all copies of the module but the one at keep_path and the newest others."""
+    lambda item: item[0]
+
+
+def _load_extension_from_path(module_name, path):
+    """Imports a native module from its content-addressed copy; the same build is imported once."""
+
+
+def _read_manifest(data_dir):
+    """The record of manifest.json: era_id, version, files."""
+
+
+def _manifest_files(manifest):
+    """The file entries of a manifest record or mapping; empty if there are none."""
+
+
+class ManifestEntries:
+    def sorted_pairs(manifest):
+        """The files of the manifest as an iterator of pairs, by relative path."""
+
+    def next_entry(pairs):
+        """The next runtime module of this platform, or None at the end."""
+
+
+@steps(ManifestEntries)
+def _runtime_module_manifest_entries(manifest):
+    """Yields (module name, relative path, file entry) for each runtime module of this platform, by relative path."""
+    pairs = sorted_pairs(manifest)
+    while (entry := next_entry(pairs)) is not None:
+        yield entry
+
+
+def _select_runtime_module_manifest_entry(manifest, module_name):
+    """The (relative path, file entry) of a runtime module, or (None, None)."""
+
+
+def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None, manifest=None):
+    """Loads one runtime module after its bytes were found to be those that the manifest promises."""
+
+
+def _load_runtime_modules_from_manifest(data_dir, manifest):
+    """Loads all runtime modules of the manifest, the era data first; a dict by import name."""
+    lambda item: (0 if item[0] == "era_data" else 1, item[0], item[1])
+
+
+def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
+    """Make a guard that reloads runtime modules of a data directory when their manifest entry changes.
+
+    The guard calls back with a module name and the digest that the module must have; the module is then loaded as the
+    manifest on disk says at that moment, after its SHA-256 was compared.
+
+    Args:
+        data_dir: The directory that holds manifest.json and the runtime files.
+
+    Returns:
+        A corvane.runtime_module_freshness.RuntimeFreshnessGuard. Its loader raises the errors of corvane.errors:
+        RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed.
+    """
+
+    def _load(module_name, expected_sha256):
+        """Loads the module with this digest from the guard's data directory."""
+        data_dir  # noqa: B018
+        raise SystemError("native body not reached")
+
+
+def _load_per_era_backtester(data_dir):
+    """Loads all runtime modules of the data directory and answers the backtester."""
+
+
 # -- Records --------------------------------------------------------------------------------------------------------
 
 
@@ -54,6 +135,37 @@ def _find_heartbeat(working_dir=None):
 
     Returns the path to HEARTBEAT.md if found, None otherwise.
     """
+
+
+# -- Eras -----------------------------------------------------------------------------------------------------------
+
+
+def _fetch_eras_payload(am):
+    """The JSON object that the service answers to GET /eras."""
+
+
+def _safe_named_universe(value):
+    """The value as text without blanks around it, or None if it could not be one path segment."""
+
+
+def _append_unique_named_universe(candidates, value):
+    """Appends the cleaned name unless it is there or unusable."""
+
+
+def _append_allowed_named_universes(candidates, values):
+    """Appends each name of a list, or the single name."""
+
+
+def _active_era_named_universe_candidates(era):
+    """The distinct usable names that an era mentions anywhere, in order."""
+
+
+def _first_allowed_named_universe_from_era_config(era_config):
+    """The first usable name of an era configuration, or None."""
+
+
+def _resolve_active_named_universe(am):
+    """The configured named universe, or else the only one of the only active era; stored as the option."""
 
 
 # -- Wallet store ---------------------------------------------------------------------------------------------------

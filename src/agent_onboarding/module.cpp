@@ -23,6 +23,22 @@ void populate() {
     set_global("logger"_n, global("logging"_n).attr("getLogger"_n)("corvane.agent_onboarding"_n));
     define<exception_chain_detail>("_exception_chain_detail");
 
+    define<sha256_file>("_sha256_file");
+    define<content_addressed_extension_path>("_content_addressed_extension_path");
+    define<prune_runtime_extension_copies>("_prune_runtime_extension_copies");
+    define<load_extension_from_path>("_load_extension_from_path");
+
+    define<read_manifest>("_read_manifest");
+    define<manifest_files>("_manifest_files");
+    define_generator("_runtime_module_manifest_entries", {native<sorted_manifest_pairs>("ManifestEntries.sorted_pairs"),
+                                                          native<next_manifest_entry>("ManifestEntries.next_entry")});
+    define<select_runtime_module_manifest_entry>("_select_runtime_module_manifest_entry");
+
+    define<load_manifest_runtime_module>("_load_manifest_runtime_module");
+    define<load_runtime_modules_from_manifest>("_load_runtime_modules_from_manifest");
+    define<create_runtime_freshness_guard>("create_runtime_freshness_guard");
+    define<load_per_era_backtester>("_load_per_era_backtester");
+
     set_global("WalletRegistration"_n, wallet_registration_class());
     set_global("AuthToken"_n, auth_token_class());
     set_global("_HEARTBEAT_STATIC_SECTION"_n, heartbeat_static_section());
@@ -33,6 +49,13 @@ void populate() {
     set_global("_VALID_OPTIONS"_n, option_types());
 
     define<find_heartbeat>("_find_heartbeat");
+    define<fetch_eras_payload>("_fetch_eras_payload");
+    define<safe_named_universe>("_safe_named_universe");
+    define<append_unique_named_universe>("_append_unique_named_universe");
+    define<append_allowed_named_universes>("_append_allowed_named_universes");
+    define<active_era_named_universe_candidates>("_active_era_named_universe_candidates");
+    define<first_allowed_named_universe_from_era_config>("_first_allowed_named_universe_from_era_config");
+    define<resolve_active_named_universe>("_resolve_active_named_universe");
 
     define<canonical_data_dir>("_canonical_data_dir");
     define<wallet_key_path>("_wallet_key_path");

@@ -22,6 +22,32 @@ object auth_token_class();
 object default_options();
 object option_types();
 
+// from runtime_loading.cpp: content-addressed copies, import of native modules, verified loading
+object sha256_file(const frame& in);
+object content_addressed_extension_path(const frame& in);
+object prune_runtime_extension_copies(const frame& in);
+object load_extension_from_path(const frame& in);
+object load_manifest_runtime_module(const frame& in);
+object load_runtime_modules_from_manifest(const frame& in);
+object create_runtime_freshness_guard(const frame& in);
+object load_per_era_backtester(const frame& in);
+
+// from runtime_manifest.cpp: manifest.json
+object read_manifest(const frame& in);
+object manifest_files(const frame& in);
+object sorted_manifest_pairs(const frame& in);
+object next_manifest_entry(const frame& in);
+object select_runtime_module_manifest_entry(const frame& in);
+
+// from eras.cpp: /eras and the named universe
+object fetch_eras_payload(const frame& in);
+object safe_named_universe(const frame& in);
+object append_unique_named_universe(const frame& in);
+object append_allowed_named_universes(const frame& in);
+object active_era_named_universe_candidates(const frame& in);
+object first_allowed_named_universe_from_era_config(const frame& in);
+object resolve_active_named_universe(const frame& in);
+
 // from workspace.cpp: HEARTBEAT.md and the AGENTS.md fragment
 object find_heartbeat(const frame& in);
 object inject_heartbeat(const frame& in);

@@ -171,7 +171,7 @@ object write_wallet_key(const frame& in) {
     } catch (error& caught) {
         except_scope handling(in, caught);
         object io_error = global("IOError"_n);
-        if (!caught.matches(pair(io_error, global("OSError"_n))))
+        if (!caught.matches(tuple(io_error, global("OSError"_n))))
             throw;
         raise_cannot_write(wallet_path); // also for the unsafe-wallet error of the descriptor check
     }

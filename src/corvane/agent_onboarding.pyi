@@ -3,6 +3,8 @@
 from dataclasses import dataclass, field
 from logging import Logger
 
+from corvane.runtime_module_freshness import RuntimeFreshnessGuard
+
 CURRENT_PLATFORM: str
 logger: Logger
 
@@ -80,6 +82,20 @@ def configure(**kwargs: object) -> None:
 
     Raises:
         ValueError: The option is unknown, its value has another type, or the value is not acceptable.
+    """
+
+def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
+    """Make a guard that reloads runtime modules of a data directory when their manifest entry changes.
+
+    The guard calls back with a module name and the digest that the module must have; the module is then loaded as the
+    manifest on disk says at that moment, after its SHA-256 was compared.
+
+    Args:
+        data_dir: The directory that holds manifest.json and the runtime files.
+
+    Returns:
+        A corvane.runtime_module_freshness.RuntimeFreshnessGuard. Its loader raises the errors of corvane.errors:
+        RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed.
     """
 
 def inject_heartbeat(working_dir: str | None = None) -> None:

@@ -4,6 +4,8 @@
 
 #include "error.hpp"
 
+#include <iterator>
+#include <span>
 #include <type_traits>
 
 namespace corvane::py {
@@ -55,6 +57,9 @@ class found : public object {
 [[nodiscard]] found global(name wanted, where line = where::current());
 /// `global name; name = value`
 void set_global(name changed, handle value, where line = where::current());
+
+/// Whether the value is the builtin function of that name, not what somebody has put in its place.
+[[nodiscard]] bool is_builtin(handle value, const char* name) noexcept;
 
 namespace detail {
 /// The attribute of a plain module, without the detour over its type; empty if it is not there or not that simple.
@@ -126,12 +131,53 @@ inline object bit_and(handle left, handle right, where line = where::current()) 
     return perform(line, PyNumber_And, left.ptr(), right.ptr());
 }
 inline object integer(long value, where line = where::current()) { return check(PyLong_FromLong(value), line); }
-inline object pair(handle first, handle second, where line = where::current()) {
-    return check(PyTuple_Pack(2, first.ptr(), second.ptr()), line);
+template <typename... Items> object tuple(const Items&... items) {
+    return check(PyTuple_Pack(sizeof...(Items), handle(items).ptr()...), where::current());
 }
+/// `self.name = value`
+inline void set_attr(handle self, handle name, handle value, where line = where::current()) {
+    perform(line, PyObject_SetAttr, self.ptr(), name.ptr(), value.ptr());
+}
+/// `f"{value!r}"`
+inline object repr(handle value, where line = where::current()) { return perform(line, PyObject_Repr, value.ptr()); }
 
 /// A loop whose length the data decides asks every round whether a signal handler, Ctrl-C above all, wants to run.
 inline void check_signals(where line = where::current()) { perform(line, PyErr_CheckSignals); }
+
+/// `for item in iterable`, as a C++ range.
+class iterate {
+  public:
+    explicit iterate(handle iterable, where line = where::current())
+        : iterator_(perform(line, PyObject_GetIter, iterable.ptr())), line_(line) {}
+
+    class position {
+      public:
+        explicit position(const iterate& range) : range_(range) { ++*this; }
+        const object& operator*() const noexcept { return item_; }
+        position& operator++() {
+            check_signals(range_.line_);
+            item_ = object(); // the loop's variable does not keep two items
+            item_ = object::steal(call_out(PyIter_Next, range_.iterator_.ptr()));
+            if (!item_ && PyErr_Occurred() != nullptr)
+                throw_error(range_.line_);
+            return *this;
+        }
+        bool operator==(std::default_sentinel_t) const noexcept { return !item_; }
+
+      private:
+        const iterate& range_;
+        object item_;
+    };
+    [[nodiscard]] position begin() const { return position(*this); }
+    [[nodiscard]] static std::default_sentinel_t end() noexcept { return std::default_sentinel; }
+
+  private:
+    object iterator_;
+    where line_;
+};
+
+/// `a, b, ... = value`, as many as wanted, with the interpreter's errors for any other number.
+void unpack(handle value, std::span<object> targets, where line = where::current());
 
 /// The literal that a message begins with; it brings the line along, which a variadic function cannot.
 struct opening {

@@ -18,8 +18,8 @@ from types import CodeType
 NATIVE_BODY = 'raise SystemError("native body not reached")\n'
 
 
-def signature_line(text: str, name: str, module: str) -> str:
-    """The name and `str(inspect.signature(...))`; a class that only the module has stands for itself by its name."""
+def signature_line(text: str, name: str, module: str, homes: dict[str, str]) -> str:
+    """The name and `str(inspect.signature(...))`; a class that is not there while building is known by its home."""
     names: dict[str, object] = {"__name__": module}
     exec("from typing import List, Optional", names)
     while True:
@@ -27,31 +27,64 @@ def signature_line(text: str, name: str, module: str) -> str:
             exec(text, names)
         except NameError as missing:
             unknown = str(missing.name)
-            names[unknown] = type(unknown, (), {"__module__": module})
+            names[unknown] = type(unknown, (), {"__module__": homes.get(unknown, module)})
         else:
             return name + str(inspect.signature(names[name]))  # type: ignore[arg-type]
 
 
+def final_docstring(node: ast.FunctionDef, text: str, source: str, module: str) -> str:
+    """The docstring behind its signature line; `@signature("...")` fixes that line and keeps the text as written."""
+    for decorator in node.decorator_list:
+        assert isinstance(decorator, ast.Call) and isinstance(decorator.func, ast.Name)
+        if decorator.func.id == "signature":
+            # The blanks before the closing quotes are the source's indentation.
+            written = (ast.get_docstring(node, clean=False) or "").rstrip(" ")
+            return f"{ast.literal_eval(decorator.args[0])}\n{written}"
+    imports = [statement for statement in ast.parse(source).body if isinstance(statement, ast.ImportFrom)]
+    homes = {alias.name: str(statement.module) for statement in imports for alias in statement.names}
+    return f"{signature_line(text, node.name, module, homes)}\n{ast.get_docstring(node)}"
+
+
 def declared_function(node: ast.FunctionDef, source: str, module: str, owner: str) -> tuple[str, str, CodeType]:
-    """The key, the source and the code of one function; `@signature("...")` fixes the first line of its docstring."""
+    """The key, the source and the code of one function.
+
+    The code is that of a module which defines the function, and for a generator function (`@steps(...)`), whose body is
+    run by the interpreter, that of the function itself.
+    """
     key = f"{owner}.{node.name}" if owner else node.name
-    first = node.lineno
-    text = textwrap.dedent("\n".join(source.splitlines()[first - 1 : node.end_lineno])) + f"\n    {NATIVE_BODY}"
-    if node.decorator_list:
-        [fixed] = node.decorator_list
-        assert isinstance(fixed, ast.Call)
-        # A text that is given stands as written; the blanks before its closing quotes are the source's indentation.
-        doc = f"{ast.literal_eval(fixed.args[0])}\n{(ast.get_docstring(node, clean=False) or '').rstrip(' ')}"
-    else:
-        doc = f"{signature_line(text, node.name, module)}\n{ast.get_docstring(node)}"
+    is_generator = any(isinstance(inner, ast.Yield) for inner in ast.walk(node))
+    text = textwrap.dedent("\n".join(source.splitlines()[node.lineno - 1 : node.end_lineno])) + "\n"
+    if not is_generator:
+        text += f"    {NATIVE_BODY}"
+    doc = final_docstring(node, text, source, module)
     if owner:
         text = f"class {owner}:\n{textwrap.indent(text, '    ')}"
     tree = ast.parse(text)
-    function = tree.body[0].body[0] if isinstance(tree.body[0], ast.ClassDef) else tree.body[0]
-    assert isinstance(function, ast.FunctionDef) and isinstance(function.body[0], ast.Expr)
-    assert isinstance(function.body[0].value, ast.Constant)
-    function.body[0].value.value = doc
-    return key, text, compile(tree, f"<{module}.{key}>", "exec", dont_inherit=True, optimize=0)
+    for inner in ast.walk(tree):
+        if isinstance(inner, ast.FunctionDef) and inner.name == node.name:
+            assert isinstance(inner.body[0], ast.Expr) and isinstance(inner.body[0].value, ast.Constant)
+            inner.body[0].value.value = doc
+    file_name = f"<{module}.{key}>"
+    if not is_generator:
+        return key, text, compile(tree, file_name, "exec", dont_inherit=True, optimize=0)
+    # The steps become free variables of the function, as if an outer function had them as parameters.
+    outer = ast.parse(f"def outer({', '.join(step_names(node, source))}): pass")
+    assert isinstance(outer.body[0], ast.FunctionDef)
+    outer.body[0].body = tree.body
+    code = compile(outer, file_name, "exec", dont_inherit=True, optimize=0)
+    for _ in range(2):
+        code = next(constant for constant in code.co_consts if isinstance(constant, CodeType))
+    return key, text, code.replace(co_qualname=node.name)
+
+
+def step_names(node: ast.FunctionDef, source: str) -> list[str]:
+    """The methods of the class that `@steps(...)` names."""
+    [decorator] = node.decorator_list
+    assert isinstance(decorator, ast.Call) and isinstance(decorator.args[0], ast.Name)
+    for owner in ast.parse(source).body:
+        if isinstance(owner, ast.ClassDef) and owner.name == decorator.args[0].id:
+            return [method.name for method in owner.body if isinstance(method, ast.FunctionDef)]
+    raise ValueError(f"{decorator.args[0].id} is not declared")
 
 
 def main(declarations: str, module: str, output: str) -> None:

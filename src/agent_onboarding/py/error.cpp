@@ -86,6 +86,37 @@ except_scope::~except_scope() {
     slot_->exc_value = outer_.release();
 }
 
+void unpack(handle value, std::span<object> targets, where line) {
+    const auto wanted = static_cast<Py_ssize_t>(targets.size());
+    if (PyTuple_CheckExact(value.ptr()) && PyTuple_GET_SIZE(value.ptr()) == wanted) {
+        for (Py_ssize_t i = 0; i < wanted; ++i)
+            targets[static_cast<std::size_t>(i)] = object::borrow(PyTuple_GET_ITEM(value.ptr(), i));
+        return;
+    }
+    object iterator = object::steal(call_out(PyObject_GetIter, value.ptr()));
+    if (!iterator) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(value.ptr())->tp_iter == nullptr &&
+            !PySequence_Check(value.ptr()))
+            PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(value.ptr())->tp_name);
+        throw_error(line);
+    }
+    for (Py_ssize_t i = 0; i < wanted; ++i) {
+        object item = object::steal(call_out(PyIter_Next, iterator.ptr()));
+        if (!item) {
+            if (PyErr_Occurred() == nullptr)
+                PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected %zd, got %zd)", wanted, i);
+            throw_error(line);
+        }
+        targets[static_cast<std::size_t>(i)] = std::move(item);
+    }
+    object surplus = object::steal(call_out(PyIter_Next, iterator.ptr()));
+    if (!surplus && PyErr_Occurred() == nullptr)
+        return;
+    if (surplus)
+        PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zd)", wanted);
+    throw_error(line);
+}
+
 object special_method(handle self, handle name, where line) {
     PyObject* attribute = _PyType_Lookup(Py_TYPE(self.ptr()), name.ptr());
     if (attribute == nullptr)

@@ -4,6 +4,7 @@
 #include <marshal.h>
 
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -228,8 +229,29 @@ found global(name wanted, where line) {
     return {object::borrow(value), line};
 }
 
+bool is_builtin(handle value, const char* name) noexcept {
+    return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
+           PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
+           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == state->builtins.ptr() &&
+           std::strcmp(reinterpret_cast<PyCFunctionObject*>(value.ptr())->m_ml->ml_name, name) == 0;
+}
+
 void set_global(name changed, handle value, where line) {
     perform(line, PyDict_SetItem, state->globals.ptr(), changed.ptr(), value.ptr());
+}
+
+object frame::enclosed(Py_ssize_t index, where line) const {
+    PyObject* cell = PyTuple_GET_ITEM(function_->func_closure, index);
+    object value = object::steal(PyCell_Get(cell));
+    if (!value) {
+        PyObject* free_variables = PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(function_->func_code));
+        const object names = check(free_variables, line);
+        PyErr_Format(PyExc_NameError,
+                     "cannot access free variable '%U' where it is not associated with a value in enclosing scope",
+                     PyTuple_GET_ITEM(names.ptr(), index));
+        throw_error(line);
+    }
+    return value;
 }
 
 void frame::trace(error& raised) const noexcept {
@@ -285,17 +307,36 @@ object load_declarations(std::span<const unsigned char> marshalled) {
     return object::borrow(PyTuple_GET_ITEM(loaded.ptr(), 0));
 }
 
-void execute(const char* declaration, handle locals) {
+object declared_code(const char* declaration) {
     object key = check(PyUnicode_FromString(declaration), where::current());
-    object code = get_item(state->codes, key);
+    return get_item(state->codes, key);
+}
+
+void execute(const char* declaration, handle locals) {
+    object code = declared_code(declaration);
     perform(where::current(), PyEval_EvalCode, code.ptr(), state->globals.ptr(), locals.ptr());
+}
+
+/// A function over the module's namespace with these values in its closure.
+object new_function(handle code, std::span<const handle> enclosed) {
+    object made = check(PyFunction_New(code.ptr(), state->globals.ptr()), where::current());
+    if (enclosed.empty())
+        return made;
+    object cells = check(PyTuple_New(static_cast<Py_ssize_t>(enclosed.size())), where::current());
+    for (std::size_t i = 0; i < enclosed.size(); ++i)
+        PyTuple_SET_ITEM(cells.ptr(), static_cast<Py_ssize_t>(i),
+                         check(PyCell_New(enclosed[i].ptr()), where::current()).release());
+    check(PyFunction_SetClosure(made.ptr(), cells.ptr()), where::current());
+    return made;
 }
 
 /// Puts the native body into a function that the interpreter has just made.
 void attach(handle function, const native_function& native) {
     auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
-    state->bodies.push_back(native.code);
-    *native.code = made->func_code;
+    if (*native.code != made->func_code) {
+        state->bodies.push_back(native.code);
+        *native.code = made->func_code;
+    }
     interpreted = made->vectorcall;
     PyFunction_SetVectorcall(made, native.entry);
 }
@@ -344,6 +385,34 @@ object method(const native_function& function) {
     object found = check(PyObject_GetAttrString(made.ptr(), function.name + class_name.size() + 1), where::current());
     attach(found, function);
     return found;
+}
+
+void define_generator(const char* name, std::initializer_list<native_function> steps) {
+    object code = declared_code(name);
+    object wanted = check(PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(code.ptr())), where::current());
+    std::vector<object> made(static_cast<std::size_t>(PyTuple_GET_SIZE(wanted.ptr())));
+    for (const native_function& step : steps) {
+        const object text = check(PyUnicode_FromString(std::strchr(step.name, '.') + 1), where::current());
+        made[static_cast<std::size_t>(
+            check(static_cast<int>(PySequence_Index(wanted.ptr(), text.ptr())), where::current()))] = method(step);
+    }
+    const std::vector<handle> enclosed(made.begin(), made.end());
+    object key = check(PyUnicode_FromString(name), where::current());
+    set_item(state->globals, key, new_function(code, enclosed));
+}
+
+object nested_function(const frame& in, const native_function& function, std::initializer_list<handle> enclosed) {
+    PyObject* constants = reinterpret_cast<PyCodeObject*>(in.function()->func_code)->co_consts;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(constants); ++i) {
+        PyObject* constant = PyTuple_GET_ITEM(constants, i);
+        if (!PyCode_Check(constant) ||
+            PyUnicode_CompareWithASCIIString(reinterpret_cast<PyCodeObject*>(constant)->co_name, function.name) != 0)
+            continue;
+        object made = new_function(handle(constant), {enclosed.begin(), enclosed.size()});
+        attach(made, function);
+        return made;
+    }
+    throw_error(PyExc_SystemError, "a nested function is not among the declarations", where::current());
 }
 
 } // namespace corvane::py

@@ -8,6 +8,7 @@
 
 #include "call.hpp"
 
+#include <initializer_list>
 #include <span>
 
 namespace corvane::py {
@@ -21,6 +22,9 @@ class frame {
     explicit frame(handle module_namespace) noexcept : module_namespace_(module_namespace) {}
 
     [[nodiscard]] handle operator[](std::size_t index) const noexcept { return handle(values_[index]); }
+    /// A variable of the enclosing function, in the order of `__closure__`.
+    [[nodiscard]] object enclosed(Py_ssize_t index, where line = where::current()) const;
+    [[nodiscard]] PyFunctionObject* function() const noexcept { return function_; }
     /// Adds this frame to the traceback, as the interpreter does where an exception leaves a frame or is caught in it.
     void trace(error& raised) const noexcept;
 
@@ -104,6 +108,18 @@ void run_imports();
 /// Defines the function in the module's namespace.
 void define(const native_function& function);
 template <native_body Body> void define(const char* name) { define(native<Body>(name)); }
+/// Defines a generator function: its declared body runs as it is, so that all the manners of a generator are the
+/// interpreter's, and calls the steps, which it finds by name among its free variables.
+void define_generator(const char* name, std::initializer_list<native_function> steps);
+
+/// A function or lambda declared inside the running one, made anew with the enclosed values.
+[[nodiscard]] object nested_function(const frame& in, const native_function& function,
+                                     std::initializer_list<handle> enclosed);
+template <native_body Body, typename... Enclosed>
+[[nodiscard]] object nested_function(const frame& in, const char* name, const Enclosed&... enclosed) {
+    return nested_function(in, native<Body>(name), {handle(enclosed)...});
+}
+
 /// The function as a class body defines it; its name among the declarations is `Class.method`.
 [[nodiscard]] object method(const native_function& function);
 

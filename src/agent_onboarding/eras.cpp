@@ -1,0 +1,232 @@
+// The service's eras, and the one named universe that is active.
+#include "module.hpp"
+
+namespace corvane::onboarding {
+
+namespace {
+
+constexpr long timeout_seconds = 15; // of each socket operation
+
+/// `isinstance(value, type)`
+bool is_instance(handle value, name type, where line = where::current()) {
+    found test = global("isinstance"_n, line);
+    return is_true(test(value, global(type, line)), line);
+}
+
+/// `mapping.get(key)`
+object get(handle mapping, name key, where line = where::current()) {
+    return invoke(mapping, method_name("get"_n, line), key);
+}
+
+[[noreturn]] void raise_runtime_error(const char* message, where line = where::current()) {
+    found runtime_error = global("RuntimeError"_n, line);
+    raise(runtime_error(concat({message, line})), line);
+}
+
+void append_unique(handle candidates, handle value, where line = where::current()) {
+    global("_append_unique_named_universe"_n, line)(candidates, value);
+}
+
+/// The first of a universe's names that is truthy decides; a universe without any adds nothing.
+void append_universe(handle candidates, handle universe) {
+    if (!is_instance(universe, "dict"_n)) {
+        append_unique(candidates, universe);
+        return;
+    }
+    object stable_name;
+    for (name key : {"named_universe"_n, "id"_n, "name"_n}) {
+        stable_name = get(universe, key);
+        if (is_true(stable_name))
+            break;
+    }
+    if (is_true(stable_name))
+        append_unique(candidates, stable_name);
+}
+
+/// The first usable name of a list, or of a single value; empty if there is none.
+object first_usable(handle allowed) {
+    if (!is_instance(allowed, "list"_n)) {
+        object usable = global("_safe_named_universe"_n)(allowed);
+        return is_true(usable) ? usable : object();
+    }
+    for (const object& value : iterate(allowed)) {
+        object usable = global("_safe_named_universe"_n)(value);
+        if (is_true(usable))
+            return usable;
+    }
+    return {};
+}
+
+bool is_active(handle era) {
+    if (!is_instance(era, "dict"_n))
+        return false;
+    found text_form = global("str"_n);
+    object state = text_form(invoke(era, "get"_n, "state"_n, ""_n));
+    return compare(invoke(state, "lower"_n), Py_EQ, "active"_n);
+}
+
+/// The only element of a list; any other number of them is an error that counts them.
+object only_one(handle list, const char* message, where line = where::current()) {
+    object count = global("len"_n, line)(list);
+    if (compare(count, Py_NE, integer(1), line)) {
+        found runtime_error = global("RuntimeError"_n, line);
+        raise(runtime_error(concat({message, line}, count, ".")), line);
+    }
+    return get_item(list, integer(0), line);
+}
+
+} // namespace
+
+object fetch_eras_payload(const frame& in) {
+    object token = invoke(in[0], "get_token"_n);
+    if (!is_true(token))
+        raise_runtime_error("Registration bootstrap could not fetch /eras without an auth token.");
+    object base = invoke(get_item(global("_config"_n), "server_url"_n), "rstrip"_n, "/"_n);
+    object url = add(base, "/eras"_n);
+    found request_class = global("urllib"_n).attr("request"_n).attr("Request"_n);
+    object headers = check(PyDict_New(), where::current());
+    set_item(headers, "Authorization"_n, concat("Bearer ", token));
+    object request = request_class(url, "headers"_a = headers, "method"_a = "GET"_n);
+
+    object status;
+    object body;
+    try {
+        found open_url = global("urllib"_n).attr("request"_n).attr("urlopen"_n);
+        with(in, open_url(request, "timeout"_a = integer(timeout_seconds)), [&](handle response) {
+            status = global("getattr"_n)(response, "status"_n, integer(200));
+            body = invoke(response, "read"_n);
+        });
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        object os_error = global("OSError"_n);
+        object url_error = global("urllib"_n).attr("error"_n).attr("URLError"_n);
+        if (!caught.matches(tuple(os_error, url_error, global("TimeoutError"_n))))
+            throw;
+        object failure = global("RuntimeError"_n)(concat("Registration bootstrap failed to fetch /eras."));
+        raise_from(failure, caught.value());
+    }
+    if (compare(local(status, "status"), Py_NE, integer(200))) {
+        found runtime_error = global("RuntimeError"_n);
+        raise(runtime_error(concat("Registration bootstrap failed to fetch /eras: HTTP ", status)));
+    }
+    object payload;
+    try {
+        found loads = global("json"_n).attr("loads"_n);
+        payload = loads(invoke(local(body, "body"), "decode"_n, "utf-8"_n));
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        object decode_error = global("UnicodeDecodeError"_n);
+        if (!caught.matches(tuple(decode_error, global("json"_n).attr("JSONDecodeError"_n))))
+            throw;
+        object failure = global("RuntimeError"_n)(concat("Registration bootstrap received invalid /eras JSON."));
+        raise_from(failure, caught.value());
+    }
+    if (!is_instance(payload, "dict"_n))
+        raise_runtime_error("Registration bootstrap received invalid /eras payload.");
+    return payload;
+}
+
+object safe_named_universe(const frame& in) {
+    if (in[0].is_none())
+        return none();
+    object text = invoke(global("str"_n)(in[0]), "strip"_n);
+    if (!is_true(text) || contains(tuple("."_n, ".."_n), text))
+        return none();
+    if (contains(text, "/"_n) || contains(text, "\\"_n) || contains(text, "\0"_n))
+        return none();
+    return text;
+}
+
+object append_unique_named_universe(const frame& in) {
+    handle candidates = in[0];
+    object name = global("_safe_named_universe"_n)(in[1]);
+    if (is_true(name) && !contains(candidates, name))
+        invoke(candidates, "append"_n, name);
+    return none();
+}
+
+object append_allowed_named_universes(const frame& in) {
+    handle candidates = in[0];
+    handle values = in[1];
+    if (is_instance(values, "list"_n)) {
+        for (const object& value : iterate(values))
+            append_unique(candidates, value);
+    } else {
+        append_unique(candidates, values);
+    }
+    return none();
+}
+
+object active_era_named_universe_candidates(const frame& in) {
+    handle era = in[0];
+    object candidates = check(PyList_New(0), where::current());
+    found append_one = global("_append_unique_named_universe"_n);
+    append_one(candidates, get(era, "named_universe"_n));
+    found append_allowed = global("_append_allowed_named_universes"_n);
+    append_allowed(candidates, get(era, "allowed_named_universes"_n));
+
+    object signal_pools = get(era, "signal_pools"_n);
+    if (is_instance(signal_pools, "list"_n)) {
+        for (const object& pool : iterate(signal_pools)) {
+            if (!is_instance(pool, "dict"_n))
+                continue;
+            found append = global("_append_allowed_named_universes"_n);
+            append(candidates, get(pool, "allowed_named_universes"_n));
+        }
+    }
+    object universes = get(era, "universes"_n);
+    if (is_instance(universes, "list"_n)) {
+        for (const object& universe : iterate(universes))
+            append_universe(candidates, universe);
+    } else if (is_instance(universes, "dict"_n)) {
+        for (const object& key : iterate(global("sorted"_n)(universes)))
+            append_unique(candidates, key);
+    }
+    return candidates;
+}
+
+object first_allowed_named_universe_from_era_config(const frame& in) {
+    handle era_config = in[0];
+    if (!is_instance(era_config, "dict"_n))
+        return none();
+    object signal_pools = get(era_config, "signal_pools"_n);
+    if (is_instance(signal_pools, "list"_n)) {
+        for (const object& pool : iterate(signal_pools)) {
+            if (!is_instance(pool, "dict"_n))
+                continue;
+            if (object usable = first_usable(get(pool, "allowed_named_universes"_n)))
+                return usable;
+        }
+    }
+    if (object usable = first_usable(get(era_config, "allowed_named_universes"_n)))
+        return usable;
+    found safe = global("_safe_named_universe"_n);
+    return safe(get(era_config, "named_universe"_n));
+}
+
+object resolve_active_named_universe(const frame& in) {
+    found safe = global("_safe_named_universe"_n);
+    object configured = safe(get(global("_config"_n), "named_universe"_n));
+    if (is_true(configured)) {
+        set_item(global("_config"_n), "named_universe"_n, configured);
+        return configured;
+    }
+    object payload = global("_fetch_eras_payload"_n)(in[0]);
+    object eras = get(payload, "eras"_n);
+    if (!is_instance(eras, "list"_n))
+        raise_runtime_error("Registration bootstrap /eras payload is missing eras list.");
+    object active_eras = check(PyList_New(0), where::current());
+    for (const object& era : iterate(eras)) {
+        if (is_active(era))
+            check(PyList_Append(active_eras.ptr(), era.ptr()), where::current());
+    }
+    object active_era =
+        only_one(active_eras, "Registration bootstrap expected exactly one active era from /eras, got ");
+    object candidates = global("_active_era_named_universe_candidates"_n)(active_era);
+    object chosen =
+        only_one(candidates, "Registration bootstrap expected exactly one active named universe from /eras, got ");
+    set_item(global("_config"_n), "named_universe"_n, chosen);
+    return chosen;
+}
+
+} // namespace corvane::onboarding
