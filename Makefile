@@ -7,7 +7,7 @@ PY := $(VENV)/bin/python
 PIP := $(PY) -m pip --quiet --disable-pip-version-check install
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
-CXX_FILES := $(shell find src -name '*.cpp' -o -name '*.hpp')
+CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
 .PHONY: help demo test lint install clean
 
@@ -28,8 +28,11 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane src/agent_onboarding/py/compile_declarations.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@{ $(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
-	   && $(VENV)/bin/cmake --build build/tidy --target declarations; } >build/tidy.log || { cat build/tidy.log; exit 1; }
-	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter %.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
+	   && $(VENV)/bin/cmake --build build/tidy --target declarations \
+	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DPython_EXECUTABLE=$(CURDIR)/$(PY); } >build/tidy.log \
+	   || { cat build/tidy.log; exit 1; }
+	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter src/%.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
+	@$(VENV)/bin/clang-tidy --quiet -p build/tidy-kit localkit/native/*.cpp 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@echo "make lint: passed"
 
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv

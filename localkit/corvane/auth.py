@@ -16,7 +16,7 @@ from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 
 _INVITE_CODE = re.compile(r"CORV(-[2-9A-HJ-NP-Z]{4}){3}")
-_RENEW_EARLIER = 1.0  # seconds; a token must not run out on its way to the service
+_RENEW_EARLIER = 3.0  # seconds; a token must not run out on its way to the service
 _TIMEOUT = 15.0  # seconds
 
 
@@ -52,25 +52,24 @@ class AuthManager:
     """Signs one wallet up or in, and keeps its token fresh.
 
     Args:
-        private_key: 64 hexadecimal digits behind 0x.
+        private_key: 64 hexadecimal digits behind 0x or 0X.
         server_url: Base address of the service.
-        invite_code: For a wallet that the service does not know yet.
+        invite_code: For a wallet that the service does not know yet. A wallet that it knows does not use it up.
 
     Raises:
         InvalidKeyError: The key is malformed.
     """
 
     def __init__(self, private_key: str, server_url: str, invite_code: str | None = None) -> None:
-        digits = private_key[2:]
-        if not re.fullmatch(r"[0-9a-fA-F]{64}", digits):
-            raise InvalidKeyError("The private key is not 64 hexadecimal digits.")
+        if not isinstance(private_key, str) or not re.fullmatch(r"0[xX][0-9a-fA-F]{64}", private_key):
+            raise InvalidKeyError("The private key is not 64 hexadecimal digits behind 0x.")
         try:
-            self._key = ec.derive_private_key(int(digits, 16), ec.SECP256K1())
+            self._key = ec.derive_private_key(int(private_key, 16), ec.SECP256K1())
         except ValueError:
             raise InvalidKeyError("The private key is not a number of the curve.") from None
         self._public_key = public_key_text(self._key.public_key())
         self._server_url = server_url.rstrip("/")
-        self._invite_code = invite_code
+        self._invite_code = _normalize_invite_code(invite_code) or invite_code
         self._token = ""
         self._token_expiry = 0.0
 
@@ -85,24 +84,30 @@ class AuthManager:
 
         Raises:
             ConnectionError: The service cannot be reached, or its certificate is not trusted.
-            RegistrationError: The service refuses the invite code.
-            AuthError: The service refuses the wallet, or its answer makes no sense.
+            RegistrationError: The service refuses the invite code of a new wallet.
+            AuthError: The service refuses the wallet (also a new one without an invite code), or its answer makes no
+                sense.
         """
         path = "/auth/login" if self._invite_code is None else "/auth/register"
         try:
             with httpx.Client(verify=ssl.create_default_context(), timeout=_TIMEOUT, trust_env=False) as client:
-                challenge = str(self._post(client, "/auth/challenge", {})["challenge"])
+                challenge = self._post(client, "/auth/challenge", {}).get("challenge")
+                if not isinstance(challenge, str) or not challenge.isascii():
+                    raise AuthError("The service's answer holds no challenge.")
                 signature = self._key.sign(signed_message(challenge), ec.ECDSA(hashes.SHA256())).hex()
                 proof = {"challenge": challenge, "signature": signature}
                 if self._invite_code is not None:
                     proof["invite_code"] = self._invite_code
                 answer = self._post(client, path, proof)
-        except httpx.TransportError as exc:
+        except (httpx.TransportError, httpx.InvalidURL) as exc:
             raise ConnectionError(f"{self._server_url} cannot be reached: {exc}") from exc
-        try:
-            self._token, self._token_expiry = str(answer["token"]), float(str(answer["expires_at"]))
-        except (KeyError, ValueError):
-            raise AuthError("The service's answer holds no token.") from None
+        except httpx.DecodingError as exc:
+            raise AuthError("The service's answer cannot be decoded.") from exc
+        token, expiry = answer.get("token"), answer.get("expires_at")
+        # The range keeps out what is no time: true, NaN, infinity, and what no float can hold.
+        if not isinstance(token, str) or not isinstance(expiry, int | float) or not 1 < expiry < 1e12:
+            raise AuthError("The service's answer holds no token.")
+        self._token, self._token_expiry = token, float(expiry)
 
     def get_wallet_address(self) -> str:
         """The address that the service knows the wallet by."""
@@ -122,23 +127,23 @@ class AuthManager:
         response = client.post(self._server_url + path, json={"public_key": self._public_key, **body})
         try:
             answer = response.json()
-        except ValueError:
+        except (ValueError, RecursionError):
             answer = None
         if not isinstance(answer, dict):
             raise AuthError(f"The service's answer is no JSON object (HTTP {response.status_code}).")
         if response.status_code == 200:
             return answer
-        kind = RegistrationError if answer.get("code") in ("unknown_invite", "used_invite") else AuthError
+        kind = RegistrationError if answer.get("code") in ("bad_invite", "unknown_invite", "used_invite") else AuthError
         raise kind(str(answer.get("error", f"HTTP {response.status_code}")))
 
 
 _active: AuthManager | None = None
 
 
-def _set_active_auth_manager(manager: AuthManager) -> None:
+def _set_active_auth_manager(am: AuthManager) -> None:
     """Makes the manager the one that the whole kit uses."""
     global _active
-    _active = manager
+    _active = am
 
 
 def get_active_auth_manager() -> AuthManager | None:
@@ -158,13 +163,13 @@ def _validate_server_url(url: str) -> str:
     Raises:
         ValueError: It is not an https address, or an http address of this machine, of the plain form scheme://host/path.
     """
-    parts = urlsplit(url)
-    host = parts.hostname or ""
     try:
-        port_is_valid = parts.port != 0
+        parts = urlsplit(url)
+        host, port_is_valid = parts.hostname or "", parts.port != 0
     except ValueError:
-        port_is_valid = False
-    if not host or not port_is_valid or parts.username is not None or parts.query or parts.fragment:
+        host, port_is_valid = "", False
+    # Seen in the text itself: urlsplit forgives blanks, and does not tell an empty query from none.
+    if not host or not port_is_valid or re.search(r"[\s\x00-\x1f\x7f\\@?#]", url):
         raise ValueError(f"server_url must look like https://host or https://host/path, got {url!r}.")
     if parts.scheme != "https" and not (parts.scheme == "http" and _is_loopback(host)):
         raise ValueError(f"server_url must use https (http only for this machine), got {url!r}.")

@@ -5,7 +5,6 @@ import weakref
 from collections.abc import Callable
 from pathlib import Path
 from types import ModuleType
-from typing import Any
 
 from corvane.sync import CURRENT_PLATFORM
 
@@ -14,13 +13,13 @@ _KIND_PREFIX = "runtime_module:"
 
 def is_runtime_module_kind(kind: str) -> bool:
     """Whether a manifest entry of this kind is a native runtime module."""
-    return runtime_module_name_from_kind(kind) is not None
+    # Asked for every file of a manifest, most of which are something else.
+    return kind.startswith(_KIND_PREFIX) and kind[len(_KIND_PREFIX) :].isidentifier()
 
 
 def runtime_module_name_from_kind(kind: str) -> str | None:
     """The import name for a kind such as `runtime_module:backtester`, else None."""
-    name = kind.removeprefix(_KIND_PREFIX)
-    return name if name != kind and name.isidentifier() else None
+    return kind[len(_KIND_PREFIX) :] if is_runtime_module_kind(kind) else None
 
 
 class RuntimeFreshnessGuard:
@@ -35,15 +34,18 @@ class RuntimeFreshnessGuard:
         self._manifest_path = Path(data_dir).expanduser() / "manifest.json"
         self._load = module_loader
         self._digests: dict[str, str] = {}
-        self._consumers: dict[str, list[tuple[weakref.ref[Any], str]]] = {}
+        self._consumers: dict[str, list[tuple[Callable[[], object], str]]] = {}
 
     def record_loaded_module(self, module_name: str, sha256: str, module: ModuleType | None = None) -> None:
         """Notes the digest of a module that is in use from now on."""
         self._digests[module_name] = sha256
 
     def register_module_consumer(self, module_name: str, consumer: object, attribute: str) -> None:
-        """Has `consumer.attribute` replaced whenever the module is reloaded, for as long as the consumer lives."""
-        self._consumers.setdefault(module_name, []).append((weakref.ref(consumer), attribute))
+        """Has `consumer.attribute` replaced whenever the module is reloaded, for as long as the consumer lives.
+
+        A consumer whose type allows no weak references is kept alive.
+        """
+        self._consumers.setdefault(module_name, []).append((_reference(consumer), attribute))
 
     def refresh(self) -> list[str]:
         """Reads the manifest and reloads what has changed.
@@ -53,7 +55,7 @@ class RuntimeFreshnessGuard:
 
         Raises:
             OSError: The manifest cannot be read.
-            ValueError: The manifest is not JSON.
+            ValueError: The manifest is not a JSON object.
             corvane.errors.RuntimeModuleError: A changed module cannot be loaded; the one in use stays.
         """
         reloaded = []
@@ -68,7 +70,20 @@ class RuntimeFreshnessGuard:
         return reloaded
 
     def _listed_digests(self) -> dict[str, str]:
-        files = json.loads(self._manifest_path.read_text(encoding="utf-8")).get("files", {})
-        entries = [entry for _, entry in sorted(files.items()) if entry.get("platform") in (None, "", CURRENT_PLATFORM)]
-        named = [(runtime_module_name_from_kind(str(entry.get("kind", ""))), entry.get("sha256")) for entry in entries]
-        return {name: sha256 for name, sha256 in reversed(named) if name and sha256}
+        manifest = json.loads(self._manifest_path.read_text(encoding="utf-8"))
+        if not isinstance(manifest, dict):
+            raise ValueError(f"{self._manifest_path} holds no JSON object.")
+        files = manifest.get("files")
+        digests: dict[str | None, object] = {}
+        for _, entry in sorted(files.items()) if isinstance(files, dict) else []:
+            if isinstance(entry, dict) and entry.get("platform") in (None, "", CURRENT_PLATFORM):
+                name = runtime_module_name_from_kind(str(entry.get("kind", "")))
+                digests.setdefault(name, entry.get("sha256"))  # the loader, too, takes the first by path
+        return {name: sha256 for name, sha256 in digests.items() if name and isinstance(sha256, str) and sha256}
+
+
+def _reference(consumer: object) -> Callable[[], object]:
+    try:
+        return weakref.ref(consumer)
+    except TypeError:
+        return lambda: consumer

@@ -13,7 +13,8 @@ from starlette.exceptions import HTTPException
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
 from corvane.auth import signed_message, wallet_address
-from corvane_local.store import Refused, Store
+from corvane_local.eras import ERAS
+from corvane_local.store import Proof, Refused, Store
 
 MAX_BODY = 64 * 1024  # bytes
 
@@ -44,7 +45,7 @@ class RegisterRequest(LoginRequest):
 
 def create_app(store: Store) -> FastAPI:
     """The ASGI application over one database. Its description is served at /openapi.json."""
-    app = FastAPI(title="Corvane local service", version="0.1.0", docs_url=None, redoc_url=None)
+    app = FastAPI(title="Corvane local service", version="0.1.0", docs_url=None, redoc_url=None, redirect_slashes=False)
     app.add_middleware(BodyLimit)
 
     @app.exception_handler(Refused)
@@ -59,7 +60,8 @@ def create_app(store: Store) -> FastAPI:
     def invalid(request: Request, exc: RequestValidationError) -> JSONResponse:
         # The name of the field and never its value: what was sent may be a secret in the wrong place.
         fields = ", ".join(sorted({str(e["loc"][-1]) for e in exc.errors() if isinstance(e["loc"][-1], str)}))
-        return _refusal(422, "bad_request", f"Missing or malformed: {fields or 'the body'}.")
+        code = "bad_invite" if fields == "invite_code" else "bad_request"
+        return _refusal(422, code, f"Missing or malformed: {fields or 'the body'}.")
 
     @app.get("/health")
     def health() -> dict[str, str]:
@@ -73,31 +75,37 @@ def create_app(store: Store) -> FastAPI:
 
     @app.post("/auth/login")
     def login(body: LoginRequest) -> dict[str, object]:
-        _check_proof(store, body)
-        address = wallet_address(body.public_key)
-        return _session(address, store.sign_in(address))
+        return _signed_in(body, store.sign_in(_proof(body)))
 
     @app.post("/auth/register")
     def register(body: RegisterRequest) -> dict[str, object]:
-        _check_proof(store, body)
-        address = wallet_address(body.public_key)
-        return _session(address, store.sign_up(address, body.public_key, body.invite_code))
+        return _signed_in(body, store.sign_up(_proof(body), body.invite_code))
 
     @app.get("/wallet")
     def wallet(authorization: Annotated[str, Header()] = "") -> dict[str, object]:
-        address, registered_at = store.wallet_of(authorization.removeprefix("Bearer "))
+        address, registered_at = store.wallet_of(_bearer_token(authorization))
         return {"address": address, "registered_at": registered_at}
 
+    @app.get("/eras")
+    def eras(authorization: Annotated[str, Header()] = "") -> dict[str, object]:
+        store.wallet_of(_bearer_token(authorization))
+        return {"eras": ERAS}
+
     return app
+
+
+def _bearer_token(authorization: str) -> str:
+    scheme, _, token = authorization.partition(" ")
+    return token if scheme.lower() == "bearer" else ""
 
 
 def _refusal(status: int, code: str, message: str) -> JSONResponse:
     return JSONResponse({"error": message, "code": code}, status_code=status)
 
 
-def _session(address: str, issued: tuple[str, float]) -> dict[str, object]:
+def _signed_in(body: LoginRequest, issued: tuple[str, float]) -> dict[str, object]:
     token, expires_at = issued
-    return {"address": address, "token": token, "expires_at": expires_at}
+    return {"address": wallet_address(body.public_key), "token": token, "expires_at": expires_at}
 
 
 def _load_key(public_key: str) -> ec.EllipticCurvePublicKey:
@@ -107,13 +115,15 @@ def _load_key(public_key: str) -> ec.EllipticCurvePublicKey:
         raise Refused(422, "bad_request", "The public key is no point of the curve") from None
 
 
-def _check_proof(store: Store, body: LoginRequest) -> None:
+def _proof(body: LoginRequest) -> Proof:
+    # Verified before the store's transaction, which keeps other writers waiting; the store acts on the outcome.
     key = _load_key(body.public_key)
-    store.use_challenge(body.challenge, body.public_key)
     try:
         key.verify(bytes.fromhex(body.signature), signed_message(body.challenge), ec.ECDSA(hashes.SHA256()))
+        is_genuine = True
     except InvalidSignature:
-        raise Refused(401, "bad_signature", "The signature does not fit the challenge and the key") from None
+        is_genuine = False
+    return Proof(wallet_address(body.public_key), body.public_key, body.challenge, is_genuine)
 
 
 class BodyLimit:

@@ -24,8 +24,8 @@ def ensure_certificates(state: Path) -> tuple[Path, Path, Path]:
     authority, authority_key = state / "ca.pem", state / "ca.key"
     server, server_key = state / "server.pem", state / "server.key"
     if not _is_fresh(authority) or not authority_key.exists():
+        server.unlink(missing_ok=True)  # first, so that it never outlives the authority that signed it
         _make_authority(authority, authority_key)
-        server.unlink(missing_ok=True)
     if not _is_fresh(server) or not server_key.exists():
         _make_server(authority, authority_key, server, server_key)
     return authority, server, server_key
@@ -49,7 +49,9 @@ def _is_fresh(path: Path) -> bool:
     return expires - _RENEW_BEFORE > dt.datetime.now(dt.UTC)
 
 
-def _builder(subject: str, issuer: x509.Name | None, key: ec.EllipticCurvePrivateKey, life: dt.timedelta):  # type: ignore[no-untyped-def]
+def _builder(
+    subject: str, issuer: x509.Name | None, key: ec.EllipticCurvePrivateKey, life: dt.timedelta
+) -> x509.CertificateBuilder:
     name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, subject)])
     now = dt.datetime.now(dt.UTC)
     return (

@@ -22,7 +22,8 @@ STATE = click.option(
 
 def _open_store(state: Path, challenge_seconds: float = 120.0, token_seconds: float = 3600.0) -> Store:
     state.mkdir(mode=0o700, parents=True, exist_ok=True)
-    state.chmod(0o700)
+    if state.stat().st_mode & 0o077:  # not changed here: it may be a directory that others need
+        raise click.ClickException(f"{state} is open to other users; choose another directory, or chmod 700 it.")
     return Store(state / "service.db", challenge_seconds, token_seconds)
 
 
@@ -71,7 +72,7 @@ def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float
         ssl_keyfile=key,
         log_level="warning",
         access_log=False,
-        timeout_graceful_shutdown=5,
+        timeout_graceful_shutdown=1,  # seconds; idle connections do not close by themselves
     )
     with contextlib.closing(listener):
         AnnouncingServer(config).run(sockets=[listener])

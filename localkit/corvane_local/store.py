@@ -9,6 +9,7 @@ import sqlite3
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager
+from dataclasses import dataclass
 from pathlib import Path
 
 _SCHEMA = """
@@ -32,6 +33,16 @@ class Refused(Exception):
         super().__init__(message)
         self.status = status
         self.code = code
+
+
+@dataclass(frozen=True)
+class Proof:
+    """A wallet's answer to a challenge, and whether the signature fits."""
+
+    address: str
+    public_key: str
+    challenge: str
+    is_genuine: bool
 
 
 class Store:
@@ -59,7 +70,11 @@ class Store:
             db.execute("PRAGMA journal_mode = WAL")
             db.execute("PRAGMA synchronous = FULL")
             db.execute("BEGIN IMMEDIATE")
-            yield db
+            try:
+                yield db
+            except Refused:
+                db.execute("COMMIT")  # a refusal has written nothing but the use of its challenge
+                raise
             db.execute("COMMIT")
         finally:
             db.close()  # which rolls back what is not committed
@@ -82,33 +97,28 @@ class Store:
             )
         return challenge, now + self._challenge_seconds
 
-    def use_challenge(self, challenge: str, public_key: str) -> None:
-        """Uses the challenge up, whatever the answer to it is worth."""
-        with self._transaction() as db:
-            query = "DELETE FROM challenges WHERE challenge = ? AND public_key = ? RETURNING expires_at"
-            row = db.execute(query, (challenge, public_key)).fetchone()
-        if row is None or row[0] < time.time():
-            raise Refused(401, "bad_challenge", "The challenge is unknown, used or expired")
-
-    def sign_in(self, address: str) -> tuple[str, float]:
+    def sign_in(self, proof: Proof) -> tuple[str, float]:
         """A token for a wallet that is registered, and the time when it expires."""
         with self._transaction() as db:
-            if not self._is_registered(db, address):
+            self._use_challenge(db, proof)
+            if not self._is_registered(db, proof.address):
                 raise Refused(404, "unknown_wallet", "This wallet is not registered")
-            return self._issue_token(db, address)
+            return self._issue_token(db, proof.address)
 
-    def sign_up(self, address: str, public_key: str, invite_code: str) -> tuple[str, float]:
+    def sign_up(self, proof: Proof, invite_code: str) -> tuple[str, float]:
         """Registers the wallet if it is new, and uses the invite up for it; then signs it in."""
         with self._transaction() as db:
-            if not self._is_registered(db, address):
+            self._use_challenge(db, proof)
+            if not self._is_registered(db, proof.address):
                 row = db.execute("SELECT used_by FROM invites WHERE code = ?", (invite_code,)).fetchone()
                 if row is None:
                     raise Refused(404, "unknown_invite", "This invite code is unknown")
                 if row[0] is not None:
                     raise Refused(409, "used_invite", "This invite code has been used")
-                db.execute("UPDATE invites SET used_by = ? WHERE code = ?", (address, invite_code))
-                db.execute("INSERT INTO wallets VALUES (?, ?, ?)", (address, public_key, time.time()))
-            return self._issue_token(db, address)
+                db.execute("UPDATE invites SET used_by = ? WHERE code = ?", (proof.address, invite_code))
+                wallet = (proof.address, proof.public_key, time.time())
+                db.execute("INSERT INTO wallets VALUES (?, ?, ?)", wallet)
+            return self._issue_token(db, proof.address)
 
     def wallet_of(self, token: str) -> tuple[str, float]:
         """The address that the token was given to and the time when it was registered."""
@@ -120,6 +130,15 @@ class Store:
         if row is None:
             raise Refused(401, "bad_token", "The token is unknown or has run out")
         return row
+
+    @staticmethod
+    def _use_challenge(db: sqlite3.Connection, proof: Proof) -> None:
+        query = "DELETE FROM challenges WHERE challenge = ? AND public_key = ? RETURNING expires_at"
+        row = db.execute(query, (proof.challenge, proof.public_key)).fetchone()
+        if row is None or row[0] <= time.time():
+            raise Refused(401, "bad_challenge", "The challenge is unknown, used or expired")
+        if not proof.is_genuine:
+            raise Refused(401, "bad_signature", "The signature does not fit the challenge and the key")
 
     @staticmethod
     def _is_registered(db: sqlite3.Connection, address: str) -> bool:
