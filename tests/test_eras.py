@@ -2,12 +2,14 @@
 
 import contextlib
 import socket
+import ssl
 import threading
 import types
 import urllib.request
 
 import pytest
 
+from corvane_local.certificates import ensure_certificates
 from differential import same
 
 
@@ -17,22 +19,26 @@ def answer(status="200 OK", body=b"{}", *headers, length=None):
 
 
 @contextlib.contextmanager
-def serving(*answers):
+def serving(*answers, tls=None):
     """A loopback server that gives these bytes, one connection each and round again, and keeps the requests."""
     requests = []
     with socket.create_server(("127.0.0.1", 0)) as listener:
 
         def serve():
-            with contextlib.suppress(OSError):
-                while True:
+            while True:
+                try:
                     connection, _ = listener.accept()
-                    with connection:
-                        requests.append(connection.recv(65536))
-                        connection.sendall(answers[(len(requests) - 1) % len(answers)])
+                except OSError:
+                    return  # shut down
+                with contextlib.suppress(OSError), connection:
+                    stream = tls.wrap_socket(connection, server_side=True) if tls else connection
+                    requests.append(stream.recv(65536))
+                    stream.sendall(answers[(len(requests) - 1) % len(answers)])
+                    stream.close()
 
         thread = threading.Thread(target=serve)
         thread.start()
-        yield f"http://127.0.0.1:{listener.getsockname()[1]}", requests
+        yield f"http{'s' if tls else ''}://127.0.0.1:{listener.getsockname()[1]}", requests
         listener.shutdown(socket.SHUT_RDWR)
         thread.join()
 
@@ -184,3 +190,19 @@ def test_patched_names(name, tmp_path, monkeypatch):
             return module._resolve_active_named_universe(manager(""))
 
         same(scenario, tmp_path, monkeypatch)
+
+
+@pytest.mark.parametrize("trusted", [True, False])
+def test_https_with_an_authority_that_is_trusted_or_not(trusted, tmp_path_factory, tmp_path, monkeypatch):
+    authority, certificate, key = ensure_certificates(tmp_path_factory.mktemp("certificates"))
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(certificate, key)
+    monkeypatch.setattr(urllib.request, "_opener", None)  # which read the trusted authorities when it was made
+    if trusted:
+        monkeypatch.setenv("SSL_CERT_FILE", str(authority))
+    with serving(ANSWERS["object"], tls=context) as (url, requests):
+        seen, _ = same(fetch(url), tmp_path, monkeypatch)
+    if trusted:
+        assert seen["result"] == "{'eras': []}" and len(requests) == 2
+    else:
+        assert "CERTIFICATE_VERIFY_FAILED" in seen["raised"]["cause"]["text"] and not requests

@@ -217,3 +217,63 @@ def test_verified_loading(digest, expected, built, tmp_path, monkeypatch):
             sys.path[:] = [p for p in sys.path if p != str(work)]
 
     same(lambda mod, work, *rest: (os.symlink(".", ".corvane"), scenario(mod, work, *rest))[1], tmp_path, monkeypatch)
+
+
+@pytest.mark.parametrize("failure", [PermissionError, AttributeError, KeyboardInterrupt])
+def test_each_step_of_loading_fails_in_turn(failure, built, tmp_path, monkeypatch):
+    """Without a link there is a copy; what cannot be listed, examined or deleted stays; all else is raised."""
+
+    def scenario(module, work, patch, events):
+        shutil.copy(built("ok"), "x.so")
+        for number in range(3):
+            Path(f".corvane-runtime-tiny-old{number}.so").write_text("old")
+            os.utime(f".corvane-runtime-tiny-old{number}.so", ns=(number, number))
+        Path(".corvane-runtime-tiny-old.txt").write_text("another suffix")
+        manifest = {"files": {"x.so": entry(sha256=sha256(built("ok").read_bytes()).hexdigest())}}
+        try:
+            return table_after(lambda: module._load_manifest_runtime_module(".", "tiny", manifest=manifest), None)
+        finally:
+            sys.path[:] = [p for p in sys.path if p != str(work)]
+
+    seen, steps = same(scenario, tmp_path, monkeypatch)
+    assert sorted(n for n in seen["files"] if "old" in n) == [
+        ".corvane-runtime-tiny-old.txt",
+        ".corvane-runtime-tiny-old2.so",
+    ]
+    for step in range(1, steps + 1):
+        same(scenario, tmp_path, monkeypatch, fail_at=step, failure=failure)
+
+
+@pytest.mark.parametrize("stamp", [None, "other"])
+def test_a_file_that_changes_between_the_two_hashes(stamp, built, tmp_path, monkeypatch):
+    def scenario(module, work, patch, events):
+        shutil.copy(built("ok"), "x.so")
+        loaded = types.SimpleNamespace(**({"_corvane_module_sha256": stamp} if stamp else {}))
+        patch.setattr(module, "_load_extension_from_path", lambda name, path: loaded)
+        digest = sha256(built("ok").read_bytes()).hexdigest()
+        try:
+            module._load_manifest_runtime_module(".", "tiny", manifest={"files": {"x.so": entry(sha256=digest)}})
+        except m.RuntimeModuleHashMismatch as exc:
+            return str(exc), vars(exc)
+
+    seen, _ = same(scenario, tmp_path, monkeypatch)
+    assert "loaded with unexpected hash." in seen["result"]
+
+
+def test_copies_that_are_there_already(built, tmp_path, monkeypatch):
+    """A copy is trusted by its name, whatever it is."""
+    digest = sha256(built("ok").read_bytes()).hexdigest()
+
+    def scenario(module, work, patch, events):
+        results = []
+        for number, make in enumerate((Path.mkdir, lambda p: p.write_text("x"), lambda p: p.symlink_to("nowhere"))):
+            folder = work / str(number)
+            folder.mkdir()
+            shutil.copy(built("ok"), folder / "x.so")
+            make(folder / f".corvane-runtime-tiny-{digest[:16]}.so")
+            results.append(
+                table_after(lambda f=folder: module._load_extension_from_path("tiny", str(f / "x.so")), None)
+            )
+        return results
+
+    same(scenario, tmp_path, monkeypatch)
