@@ -132,7 +132,10 @@ def test_failures_of_the_http_library(at, failure, tmp_path, monkeypatch):
 
 
 class Text(str):
-    pass
+    """A text that says something else of itself; it is taken as it is."""
+
+    def __str__(self):
+        return "something else"
 
 
 NAMES = [None, "", " us ", ".", "..", "a/b", "a\\b", "a\0", 7, 0, False, ["x"], {}, Text(" t\n"), "\udc80", "us"]

@@ -146,6 +146,31 @@ def test_selection(files, name, tmp_path, monkeypatch):
         same(lambda mod, *_, f=manifest: mod._load_runtime_modules_from_manifest("d", f), tmp_path, monkeypatch)
 
 
+class Mapping(dict):
+    """A dict whose `get` takes only what the reader of a manifest passes."""
+
+    def get(self, key, *default):
+        assert default == (("",) if key == "kind" else ())
+        return super().get(key, *default)
+
+
+def test_entries_of_a_dict_subclass(tmp_path, monkeypatch):
+    files = {"x": Mapping(entry()), "y": Mapping(kind=5)}
+    seen, _ = same(lambda mod, *_: list(mod._runtime_module_manifest_entries({"files": files})), tmp_path, monkeypatch)
+    assert seen["raised"] is None
+
+
+def test_an_empty_cell_of_the_loader(tmp_path, monkeypatch):
+    def scenario(module, work, patch, events):
+        load = module.create_runtime_freshness_guard("d")._load
+        assert load.__name__ == "_load" and load.__doc__ is None
+        del load.__closure__[0].cell_contents
+        load("tiny", "0")
+
+    seen, _ = same(scenario, tmp_path, monkeypatch)
+    assert seen["raised"]["type"] is NameError
+
+
 ACTIONS = st.lists(
     st.sampled_from(["next", "send None", "send 5", "throw", "throw exit", "throw stop", "close", "again"])
 )

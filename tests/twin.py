@@ -319,7 +319,9 @@ def _fetch_eras_payload(am):
 
 
 def _safe_named_universe(value):
-    text = "" if value is None else str(value).strip()
+    if value is None:
+        return None
+    text = (value if isinstance(value, str) else str(value)).strip()
     if not text or text in (".", ".."):
         return None
     if "/" in text or "\\" in text or "\0" in text:

@@ -109,7 +109,6 @@ def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
     """
 
     def _load(module_name, expected_sha256):
-        """Loads the module with this digest from the guard's data directory."""
         data_dir  # noqa: B018
         raise SystemError("native body not reached")
 

@@ -129,7 +129,8 @@ object fetch_eras_payload(const frame& in) {
 object safe_named_universe(const frame& in) {
     if (in[0].is_none())
         return none();
-    object text = invoke(global("str"_n)(in[0]), "strip"_n);
+    object text = is_instance(in[0], "str"_n) ? object::borrow(in[0]) : global("str"_n)(in[0]);
+    text = invoke(text, "strip"_n);
     if (!is_true(text) || contains(tuple("."_n, ".."_n), text))
         return none();
     if (contains(text, "/"_n) || contains(text, "\\"_n) || contains(text, "\0"_n))

@@ -117,9 +117,11 @@ object content_addressed_extension_path(const frame& in) {
     handle module_name = in[0];
     handle path = in[1];
     object root = directory_of(path);
+    found join_paths = global("os"_n).attr("path"_n).attr("join"_n);
+    object beginning = concat(".corvane-runtime-", module_name, "-");
     object stop = check(PyLong_FromSsize_t(digits_in_name), where::current());
     object start_of_digest = get_item(in[2], check(PySlice_New(nullptr, stop.ptr(), nullptr), where::current()));
-    object runtime_path = join(root, concat(".corvane-runtime-", module_name, "-", start_of_digest, ".so"));
+    object runtime_path = join_paths(root, concat("", beginning, start_of_digest, ".so"));
     if (exists(runtime_path))
         return runtime_path;
     try {

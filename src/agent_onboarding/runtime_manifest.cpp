@@ -18,14 +18,17 @@ bool is_dict(handle value, where line = where::current()) {
     return is_true(test(value, type), line);
 }
 
-/// `mapping.get(key, fallback)`
-object get(handle mapping, name key, handle fallback, where line = where::current()) {
+/// `mapping.get(key)`, or `mapping.get(key, fallback)`
+object get(handle mapping, name key, handle fallback = {}, where line = where::current()) {
     if (!PyDict_CheckExact(mapping.ptr()))
-        return invoke(mapping, method_name("get"_n, line), key, fallback);
+        return fallback ? invoke(mapping, method_name("get"_n, line), key, fallback)
+                        : invoke(mapping, method_name("get"_n, line), key);
     PyObject* value = call_out(PyDict_GetItemWithError, mapping.ptr(), key.ptr());
     if (value == nullptr && PyErr_Occurred() != nullptr)
         throw_error(line);
-    return value == nullptr ? object::borrow(fallback) : object::borrow(value);
+    if (value != nullptr)
+        return object::borrow(value);
+    return fallback ? object::borrow(fallback) : none();
 }
 
 /// `str(value)`
@@ -117,7 +120,7 @@ object next_manifest_entry(const frame& in) {
         object kind = text_form(get(file_info, "kind"_n, ""_n));
         if (!is_true(global("is_runtime_module_kind"_n)(kind)))
             continue;
-        object platform = get(file_info, "platform"_n, handle(Py_None));
+        object platform = get(file_info, "platform"_n);
         if (is_true(platform) && compare(platform, Py_NE, global("CURRENT_PLATFORM"_n)))
             continue;
         object module_name = global("runtime_module_name_from_kind"_n)(kind);

@@ -246,10 +246,12 @@ object frame::enclosed(Py_ssize_t index, where line) const {
     if (!value) {
         PyObject* free_variables = PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(function_->func_code));
         const object names = check(free_variables, line);
-        PyErr_Format(PyExc_NameError,
-                     "cannot access free variable '%U' where it is not associated with a value in enclosing scope",
-                     PyTuple_GET_ITEM(names.ptr(), index));
-        throw_error(line);
+        PyObject* missing = PyTuple_GET_ITEM(names.ptr(), index);
+        object message = check(
+            PyUnicode_FromFormat(
+                "cannot access free variable '%U' where it is not associated with a value in enclosing scope", missing),
+            line);
+        raise(call_at(line, handle(PyExc_NameError), message, "name"_a = handle(missing)), line);
     }
     return value;
 }
@@ -319,6 +321,8 @@ void execute(const char* declaration, handle locals) {
 
 /// A function over the module's namespace with these values in its closure.
 object new_function(handle code, std::span<const handle> enclosed) {
+    if (PyCode_GetNumFree(reinterpret_cast<PyCodeObject*>(code.ptr())) != static_cast<Py_ssize_t>(enclosed.size()))
+        throw_error(PyExc_SystemError, "a closure does not fit its declaration", where::current());
     object made = check(PyFunction_New(code.ptr(), state->globals.ptr()), where::current());
     if (enclosed.empty())
         return made;
