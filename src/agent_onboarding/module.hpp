@@ -8,6 +8,11 @@ namespace corvane::onboarding {
 
 using namespace py; // NOLINT(google-build-using-namespace): the layer's vocabulary is this module's language
 
+/// `os.path.exists(path)`
+inline bool path_exists(handle path, where line = where::current()) {
+    return is_true(global("os"_n, line).attr("path"_n, line).attr("exists"_n, line)(path), line);
+}
+
 // from entry_points.cpp: registration, login, options, records
 object exception_chain_detail(const frame& in);
 object normalize_key(const frame& in);

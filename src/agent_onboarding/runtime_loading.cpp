@@ -8,9 +8,6 @@ namespace {
 constexpr long block_size = 1 << 20;      // bytes that are read at once while hashing
 constexpr Py_ssize_t digits_in_name = 16; // of the digest, in the name of a copy
 
-bool exists(handle path, where line = where::current()) {
-    return is_true(global("os"_n, line).attr("path"_n, line).attr("exists"_n, line)(path), line);
-}
 object real_path(handle path, where line = where::current()) {
     return global("os"_n, line).attr("path"_n, line).attr("realpath"_n, line)(path);
 }
@@ -54,9 +51,8 @@ void restore_module_table(handle module_name, handle module, handle previous) {
         set_item(global("sys"_n).attr("modules"_n), module_name, previous);
 }
 
-/// One copy found by pruning: (modification time in nanoseconds, path).
-object modified_and_path(const frame& in, handle path, bool& found_it) {
-    found_it = true;
+/// One copy found by pruning: (modification time in nanoseconds, path). Empty if it cannot be examined.
+object modified_and_path(const frame& in, handle path) {
     try {
         object status = global("os"_n).attr("stat"_n)(path);
         return tuple(status.attr("st_mtime_ns"_n), path);
@@ -64,8 +60,7 @@ object modified_and_path(const frame& in, handle path, bool& found_it) {
         except_scope handling(in, caught);
         if (!caught.matches(global("OSError"_n)))
             throw;
-        found_it = false;
-        return none();
+        return {};
     }
 }
 
@@ -122,7 +117,7 @@ object content_addressed_extension_path(const frame& in) {
     object stop = check(PyLong_FromSsize_t(digits_in_name), where::current());
     object start_of_digest = get_item(in[2], check(PySlice_New(nullptr, stop.ptr(), nullptr), where::current()));
     object runtime_path = join_paths(root, concat("", beginning, start_of_digest, ".so"));
-    if (exists(runtime_path))
+    if (path_exists(runtime_path))
         return runtime_path;
     try {
         global("os"_n).attr("link"_n)(path, runtime_path);
@@ -155,9 +150,7 @@ object prune_runtime_extension_copies(const frame& in) {
     for (const object& name : iterate(names)) {
         if (!is_true(invoke(name, "startswith"_n, prefix)) || !is_true(invoke(name, "endswith"_n, ".so"_n)))
             continue;
-        bool found_it = false;
-        object candidate = modified_and_path(in, join(root, name), found_it);
-        if (found_it)
+        if (object candidate = modified_and_path(in, join(root, name)))
             check(PyList_Append(candidates.ptr(), candidate.ptr()), where::current());
     }
     if (compare(global("len"_n)(candidates), Py_LE, max_copies))
@@ -230,7 +223,7 @@ object load_manifest_runtime_module(const frame& in) {
     object expected =
         is_true(expected_sha256) ? object::borrow(expected_sha256) : invoke(file_info, "get"_n, "sha256"_n);
     object candidate = join(expanded, relative_path);
-    if (!exists(candidate)) {
+    if (!path_exists(candidate)) {
         found incomplete = global("RuntimeModuleDownloadIncomplete"_n);
         raise(incomplete(concat("Runtime module ", repr(module_name), " is missing at ", candidate, "."),
                          "module_name"_a = module_name, "relative_path"_a = relative_path,

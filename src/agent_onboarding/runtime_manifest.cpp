@@ -75,7 +75,7 @@ object pairs_by_key(handle files) {
 
 object read_manifest(const frame& in) {
     object path = global("os"_n).attr("path"_n).attr("join"_n)(in[0], "manifest.json"_n);
-    if (!is_true(global("os"_n).attr("path"_n).attr("exists"_n)(path))) {
+    if (!path_exists(path)) {
         found incomplete = global("RuntimeModuleDownloadIncomplete"_n);
         raise(incomplete(concat("Runtime manifest is missing at ", path, "."), "relative_path"_a = "manifest.json"_n));
     }

@@ -36,8 +36,6 @@ void refuse_unsafe_path(handle wallet_path, handle status) {
         raise_unsafe(wallet_path);
 }
 
-bool exists(handle path) { return is_true(global("os"_n).attr("path"_n).attr("exists"_n)(path)); }
-
 /// `flags | os.O_NOFOLLOW`, where the platform has it.
 object with_no_follow(object flags) {
     object os = global("os"_n);
@@ -108,7 +106,7 @@ object check_wallet_fd(const frame& in) {
 
 object read_wallet_key(const frame& in) {
     object wallet_path = global("_wallet_key_path"_n)(in[0]);
-    if (!exists(wallet_path))
+    if (!path_exists(wallet_path))
         return none();
     object status;
     try {
@@ -154,7 +152,7 @@ object write_wallet_key(const frame& in) {
     object data_dir = global("_canonical_data_dir"_n)(in[0]);
     global("os"_n).attr("makedirs"_n)(data_dir, "exist_ok"_a = true_value());
     object wallet_path = global("_wallet_key_path"_n)(data_dir);
-    if (exists(wallet_path)) {
+    if (path_exists(wallet_path)) {
         object status;
         try {
             status = global("os"_n).attr("lstat"_n)(wallet_path);

@@ -47,7 +47,7 @@ object find_heartbeat(const frame& in) {
         current = global("os"_n).attr("getcwd"_n)();
     for (int i = 0; i < directories_searched; ++i) {
         object path = global("os"_n).attr("path"_n).attr("join"_n)(current, "HEARTBEAT.md"_n);
-        if (is_true(global("os"_n).attr("path"_n).attr("exists"_n)(path)))
+        if (path_exists(path))
             return path;
         object parent = global("os"_n).attr("path"_n).attr("dirname"_n)(current);
         if (compare(parent, Py_EQ, current))

@@ -156,7 +156,7 @@ class iterate {
         const object& operator*() const noexcept { return item_; }
         position& operator++() {
             check_signals(range_.line_);
-            item_ = object(); // the loop's variable does not keep two items
+            item_ = object(); // sooner than Python does, so that a loop over large items holds one at a time
             item_ = object::steal(call_out(PyIter_Next, range_.iterator_.ptr()));
             if (!item_ && PyErr_Occurred() != nullptr)
                 throw_error(range_.line_);
