@@ -14,6 +14,9 @@ import twin
 from corvane import agent_onboarding as native
 
 GENERATOR_STEPS = ("sorted_pairs", "next_entry")  # frames of their own, below that of the generator
+# The module keeps a wording of its own for this one; the twin cannot but have the interpreter's.
+UNBOUND = "local variable 'sync_backoff' referenced before assignment"
+UNBOUND_NOW = "cannot access local variable 'sync_backoff' where it is not associated with a value"
 SHARED_TEXTS = ("_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS", "_AGENTS_MD_FRAGMENT")
 for _name in SHARED_TEXTS:
     setattr(twin, _name, getattr(native, _name))
@@ -28,8 +31,8 @@ def describe_exception(exc, seen=()):
     frames = [name for name in frames if name not in GENERATOR_STEPS]
     return {
         "type": type(exc),
-        "text": str(exc),
-        "args": repr(exc.args),
+        "text": str(exc).replace(UNBOUND_NOW, UNBOUND),
+        "args": repr(exc.args).replace(UNBOUND_NOW, UNBOUND),
         "attributes": [getattr(exc, n, None) for n in ("errno", "filename", "name", "start", "end")],
         "frames": frames,
         "cause": describe_exception(exc.__cause__, seen),

@@ -25,13 +25,29 @@ KINDS = {"ok": 0, "raises": 1, "no error": 2, "error set": 3, "interrupts": 4, "
 
 @pytest.fixture(scope="session")
 def built(tmp_path_factory):
-    """Path of a compiled tiny module by what its initialisation does; "ok" also as a second and a third build."""
+    """Path of a compiled tiny module by what its initialisation does; "ok" also as a second and a third build.
+
+    The two builds of "backtester" can be imported under that name only.
+    """
     folder, include = tmp_path_factory.mktemp("built"), sysconfig.get_paths()["include"]
-    builds = [(kind, mode, 1) for kind, mode in KINDS.items()] + [("ok 2", 0, 2), ("ok 3", 0, 3)]
+    builds = [(kind, mode, 1, "tiny") for kind, mode in KINDS.items()] + [
+        ("ok 2", 0, 2, "tiny"),
+        ("ok 3", 0, 3, "tiny"),
+    ]
+    builds += [("backtester", 0, 1, "backtester"), ("backtester 2", 0, 2, "backtester")]
     compiler = ["c++", "-shared", "-fPIC", "-O0", f"-I{include}", str(Path(__file__).with_name("tiny.cpp"))]
     running = [
-        subprocess.Popen([*compiler, f"-DMODE={mode}", f"-DBUILD={build}", "-o", folder / f"{kind}.so"])
-        for kind, mode, build in builds
+        subprocess.Popen(
+            [
+                *compiler,
+                f"-DMODE={mode}",
+                f"-DBUILD={build}",
+                f"-DINITIALISE=PyInit_{name}",
+                "-o",
+                folder / f"{kind}.so",
+            ]
+        )
+        for kind, mode, build, name in builds
     ]
     assert [process.wait() for process in running] == [0] * len(builds)
     (folder / "text.so").write_text("no library at all")

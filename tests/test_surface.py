@@ -30,6 +30,7 @@ PUBLIC = (
     "register",
     "login",
     "configure",
+    "ensure_runtime_bootstrapped",
     "create_runtime_freshness_guard",
     "inject_heartbeat",
     "update_nudge",
@@ -57,8 +58,10 @@ def test_names_in_their_order():
         _safe_named_universe _append_unique_named_universe _append_allowed_named_universes
         _active_era_named_universe_candidates _first_allowed_named_universe_from_era_config
         _resolve_active_named_universe _canonical_data_dir _wallet_key_path _unsafe_wallet_error _check_wallet_fd
-        _read_wallet_key _write_wallet_key _normalize_key _resolve_invite_code _resolve_optional_invite_code register
-        login configure inject_heartbeat update_nudge get_agents_md_fragment"""
+        _read_wallet_key _write_wallet_key _LocalRuntimeSyncManager _read_json_if_present _local_vocabulary_path
+        _bootstrap_local_runtime_from_config _propagate_auth _normalize_key _resolve_invite_code
+        _resolve_optional_invite_code register login configure ensure_runtime_bootstrapped inject_heartbeat update_nudge
+        get_agents_md_fragment"""
     assert expected.split() == NAMES
     assert m.__doc__ == "Agent onboarding subcomponent -- register, login, configure, heartbeat."
     server = "https://api.corvane.example"

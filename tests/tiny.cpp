@@ -30,4 +30,4 @@ static int execute(PyObject* module) {
 static PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void*>(execute)}, {0, nullptr}};
 static PyModuleDef definition = {PyModuleDef_HEAD_INIT, "tiny", nullptr, 0, nullptr, slots, nullptr, nullptr, nullptr};
 
-PyMODINIT_FUNC PyInit_tiny() { return PyModuleDef_Init(&definition); }
+PyMODINIT_FUNC INITIALISE() { return PyModuleDef_Init(&definition); }

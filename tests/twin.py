@@ -1,6 +1,7 @@
 """The module once more, as plain Python: what the native functions must be indistinguishable from."""
 
 import hashlib
+import importlib
 import importlib.util
 import json
 import logging
@@ -487,6 +488,232 @@ def _write_wallet_key(data_dir, key_content):
         raise IOError(f"Cannot write wallet to {wallet_path!s}. Check directory permissions.")
 
 
+class _LocalRuntimeSyncManager:
+    def __init__(self, manifest, runtime_freshness_guard=None):
+        self._manifest = manifest
+        self._vocabulary = {}
+        self.runtime_freshness_guard = runtime_freshness_guard
+
+    def get_manifest(self):
+        return self._manifest
+
+    def acquire(self):
+        pass
+
+    def release(self):
+        pass
+
+    def request_for_sync(self):
+        return []
+
+    def register_era_callback(self, callback):
+        pass
+
+    def unregister_era_callback(self, callback):
+        pass
+
+
+def _read_json_if_present(path):
+    if not path or not os.path.exists(path):
+        return None
+    with open(path, "r", encoding="utf-8") as f:
+        return json.load(f)
+
+
+def _local_vocabulary_path(data_dir, named_universe):
+    candidates = []
+    if named_universe:
+        candidates.append(os.path.join(data_dir, "features", named_universe, "vocabulary.json"))
+    candidates.append(os.path.join(data_dir, "vocabulary.json"))
+    for path in candidates:
+        if os.path.exists(path):
+            return path
+    return None
+
+
+def _bootstrap_local_runtime_from_config(am):
+    data_dir = os.path.realpath(os.path.expanduser(_config.get("data_dir") or _DEFAULT))
+    era_config = _config.get("era_config")
+    if not isinstance(era_config, dict):
+        return None
+    named_universe = _config.get("named_universe") or _first_allowed_named_universe_from_era_config(era_config)
+    vocabulary = _read_json_if_present(_local_vocabulary_path(data_dir, named_universe))
+    if not isinstance(vocabulary, dict):
+        return None
+    from corvane import _runtime
+    from corvane.search_tracking import SearchTracker
+
+    runtime_freshness_guard = create_runtime_freshness_guard(data_dir)
+    manifest_data = _read_manifest(data_dir)
+    manifest_path = os.path.join(data_dir, "manifest.json")
+    manifest_payload = _read_json_if_present(manifest_path)
+    if not isinstance(manifest_payload, dict):
+        manifest_payload = {}
+    loaded_runtime_modules = _load_runtime_modules_from_manifest(data_dir, manifest_data)
+    raw_backtester = loaded_runtime_modules.get("backtester")
+    if raw_backtester is None:
+        raise RuntimeModuleDownloadIncomplete(
+            "Per-era backtester runtime is missing from manifest.", module_name="backtester"
+        )
+    if getattr(raw_backtester, "_corvane_module_sha256", None):
+        runtime_freshness_guard.record_loaded_module(
+            "backtester", raw_backtester._corvane_module_sha256, module=raw_backtester
+        )
+    era_id = int(era_config.get("era_id") or vocabulary.get("era_id") or 0)
+    manifest = SimpleNamespace(era_id=era_id, files=dict(_manifest_files(manifest_data)), named_universe=named_universe)
+    sync_manager = _LocalRuntimeSyncManager(manifest, runtime_freshness_guard=runtime_freshness_guard)
+    vault_module = loaded_runtime_modules.get("era_data")
+    if vault_module is None:
+        vault_module = _runtime._load_vault_module(vault_module=None)
+    era_config = _runtime._normalize_era_config(era_config, vocabulary, manifest=manifest_payload)
+    vault = _runtime._wrap_synced_vault(vault_module, manifest=manifest, era_config=era_config)
+    registry = _runtime._build_function_registry(vocabulary, era_config=era_config)
+    batch_cls = compute_plan = expression_type_cls = expression_evaluator = None
+    try:
+        batch_cls, compute_plan, expression_type_cls, expression_evaluator = _runtime._import_batch_runtime()
+    except Exception as e:
+        logger.warning(
+            "Batch runtime import failed during local bootstrap; continuing without batch orchestration helpers: %s", e
+        )
+    evaluator = _runtime.RuntimeEvaluationAdapter(
+        data_dir=data_dir,
+        era_config=era_config,
+        raw_backtester=raw_backtester,
+        vault=vault,
+        manifest=manifest,
+        graph_validator=None,
+        batch_orchestrator_cls=batch_cls,
+        compute_search_plan=compute_plan,
+        expression_type_cls=expression_type_cls,
+        expression_evaluator=expression_evaluator,
+        registry=registry,
+        raw_vocabulary=vocabulary,
+        named_universe=named_universe,
+        auth=am,
+        runtime_freshness_guard=runtime_freshness_guard,
+    )
+    runtime_freshness_guard.register_module_consumer("backtester", evaluator, "raw_backtester")
+    tracker = SearchTracker(data_dir)
+    named_universes = (named_universe,)
+    feature_dirs = {named_universe: os.path.join(data_dir, "features", named_universe)}
+    manifest_adapters = {
+        named_universe: _runtime._RuntimeManifestAdapter(
+            manifest, feature_epoch="signal_is", named_universe=named_universe, era_config=era_config
+        )
+    }
+    runtime = _runtime.LibraryRuntime(
+        auth=am,
+        auth_proxy=am,
+        data_dir=data_dir,
+        server_url=_config.get("server_url") or "https://api.corvane.example",
+        sync_manager=sync_manager,
+        era_id=era_id,
+        era_thread=_runtime._EraThreadProxy(sync_manager),
+        era_config=era_config,
+        search_era_config=_runtime._SearchEraConfig(era_config),
+        named_universes=named_universes,
+        default_named_universe=named_universe,
+        vocabularies={named_universe: vocabulary},
+        feature_dirs=feature_dirs,
+        manifest_adapters=manifest_adapters,
+        vocabulary_raw=vocabulary,
+        registry=evaluator.registry,
+        vault=vault,
+        raw_backtester=raw_backtester,
+        evaluator=evaluator,
+        search_tracker=tracker,
+        runtime_freshness_guard=runtime_freshness_guard,
+    )
+    _runtime._runtime = runtime
+    try:
+        evaluator.graph_validator = _runtime._build_graph_validator(
+            evaluator.registry, vocabulary, era_config, evaluator
+        )
+    except Exception:
+        _runtime._runtime = None
+        raise
+    runtime_freshness_guard.register_module_consumer("backtester", runtime, "raw_backtester")
+    return runtime
+
+
+def _propagate_auth(am, strict=False):
+    try:
+        auth._set_active_auth_manager(am)
+    except Exception as e:
+        logger.warning("Failed to set active auth manager: %s", e)
+        if strict:
+            raise RuntimeError("Corvane auth bootstrap failed after authentication.") from e
+    runtime = None
+    try:
+        from corvane import sync_backoff
+        from corvane import _runtime
+
+        runtime = _runtime.bootstrap_runtime(am, _config, _load_per_era_backtester)
+    except sync_backoff.SyncBackoffCancelled:
+        raise
+    except Exception as e:
+        logger.warning("Failed to bootstrap corvane runtime: %s", e)
+        if strict:
+            detail = _exception_chain_detail(e)
+            suffix = f": {detail}" if detail else ""
+            raise RuntimeError(f"Corvane registration authenticated, but runtime data bootstrap failed{suffix}") from e
+        try:
+            runtime = _bootstrap_local_runtime_from_config(am)
+        except Exception as local_e:
+            logger.debug("Failed to bootstrap local corvane runtime: %s", local_e)
+    if strict and runtime is None:
+        raise RuntimeError("Corvane registration authenticated, but runtime data bootstrap returned no runtime.")
+    try:
+        import corvane.search_templates as search_templates
+
+        if runtime is not None:
+            search_templates._library_runtime = runtime
+    except Exception as e:
+        logger.warning("Failed to inject runtime into search_templates: %s", e)
+        if strict:
+            raise RuntimeError("Corvane search runtime injection failed.") from e
+    try:
+        sim_mod = importlib.import_module("corvane.simulate_signal")
+        if runtime is None:
+            raise RuntimeError("private corvane runtime was not initialized")
+        sim_mod.init_simulate_signal(
+            auth=am,
+            sync_manager=runtime.sync_manager,
+            vault=runtime.vault,
+            backtester=runtime.evaluator,
+            search_tracker=runtime.search_tracker,
+            era_thread=runtime.era_thread,
+            graph_validator=getattr(runtime.evaluator, "graph_validator", None),
+            compute_search_plan=runtime.evaluator.compute_search_plan,
+            era_config=runtime.era_config,
+            load_vocabulary=runtime.load_vocabulary,
+            useful_signal_metadata=getattr(runtime.sync_manager, "_vocabulary", None),
+            load_found_signal_pnl=getattr(runtime.evaluator, "load_found_signal_pnl", None),
+            signal_dir=runtime.data_dir,
+            BatchOrchestrator_cls=runtime.evaluator.make_batch_orchestrator_cls(),
+            correlate_per_pool=runtime.evaluator.correlate_per_pool,
+            compute_mi_per_pool=runtime.evaluator.compute_mi_per_pool,
+            vocabulary=getattr(runtime, "registry", None),
+            vocabulary_raw=runtime.vocabulary_raw,
+            runtime_freshness_guard=runtime.runtime_freshness_guard,
+        )
+        try:
+            import corvane
+
+            corvane.simulate_signal = sim_mod._simulate_signal_export
+        except Exception as e:
+            logger.warning("Failed to restore top-level simulate exports: %s", e)
+            if strict:
+                raise RuntimeError("Corvane simulate exports bootstrap failed.") from e
+    except Exception as e:
+        logger.warning("Failed to initialize simulate_signal: %s", e)
+        if strict:
+            detail = _exception_chain_detail(e)
+            suffix = f": {detail}" if detail else ""
+            raise RuntimeError(f"Corvane simulate_signal bootstrap failed{suffix}") from e
+    return runtime
+
+
 def _normalize_key(raw_key):
     if raw_key.startswith("0x") or raw_key.startswith("0X"):
         return raw_key
@@ -594,6 +821,28 @@ def configure(**kwargs: object) -> None:
             if value in (".", "..") or "/" in value or "\\" in value or "\0" in value:
                 raise ValueError("named_universe must be a single safe path segment.")
         _config[key] = value
+
+
+def ensure_runtime_bootstrapped(strict: bool = True) -> object:
+    if _auth_manager is None:
+        if not strict:
+            return None
+        raise auth.AuthError("No wallet initialized. Call register() or login() first.")
+    from corvane import _runtime
+
+    runtime = _runtime.get_runtime()
+    if runtime is not None:
+        try:
+            import corvane.search_templates as search_templates
+
+            search_templates._library_runtime = runtime
+        except Exception as e:
+            logger.warning("Failed to inject existing runtime into search_templates: %s", e)
+            if strict:
+                raise RuntimeError("Corvane search runtime injection failed.") from e
+        return runtime
+    _resolve_active_named_universe(_auth_manager)
+    return _propagate_auth(_auth_manager, strict=strict)
 
 
 def inject_heartbeat(working_dir: Optional[str] = None) -> None:

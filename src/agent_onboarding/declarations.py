@@ -120,7 +120,20 @@ def _load_per_era_backtester(data_dir):
 # -- Records --------------------------------------------------------------------------------------------------------
 
 
+@dataclass
+class WalletRegistration:
+    """Returned by register() on successful wallet creation/re-auth."""
+
+    address: str
+
+
+@dataclass
 class AuthToken:
+    """Returned by login() on successful authentication."""
+
+    token: str = field(repr=False)
+    expires_at: float
+
     def __repr__(self):
         """The record without its token, which must not get into logs."""
 
@@ -192,6 +205,54 @@ def _read_wallet_key(data_dir):
 
 def _write_wallet_key(data_dir, key_content):
     """Stores the key with permission bits 0600."""
+
+
+# -- Local runtime --------------------------------------------------------------------------------------------------
+
+
+class _LocalRuntimeSyncManager:
+    def __init__(self, manifest, runtime_freshness_guard=None):
+        """Keeps the manifest record and the guard; there is nothing to synchronise."""
+
+    def get_manifest(self):
+        """The manifest record."""
+
+    def acquire(self):
+        """Does nothing: no synchronisation runs beside."""
+
+    def release(self):
+        """Does nothing."""
+
+    def request_for_sync(self):
+        """A new empty list: nothing has changed."""
+
+    def register_era_callback(self, callback):
+        """Does nothing: the era of a local runtime never changes."""
+
+    def unregister_era_callback(self, callback):
+        """Does nothing."""
+
+
+def _read_json_if_present(path):
+    """The JSON value of a file, or None without a path or a file."""
+
+
+def _local_vocabulary_path(data_dir, named_universe):
+    """The vocabulary file of the universe, else that of the data directory, else None."""
+
+
+def _bootstrap_local_runtime_from_config(am):
+    """A search runtime built from the files on disk, installed as the kit's; None if the configuration lacks a part."""
+    from corvane import _runtime
+    from corvane.search_tracking import SearchTracker
+
+
+def _propagate_auth(am, strict=False):
+    """Set _auth and runtime singletons on search_templates and simulate_signal."""
+    from corvane import sync_backoff
+    from corvane import _runtime
+    import corvane.search_templates as search_templates
+    import corvane
 
 
 # -- Registration, login, options -----------------------------------------------------------------------------------
@@ -273,6 +334,12 @@ def configure(**kwargs: object) -> None:
     Raises:
         ValueError: The option is unknown, its value has another type, or the value is not acceptable.
     """
+
+
+def ensure_runtime_bootstrapped(strict: bool = True) -> object:
+    """Bootstrap the shared SDK runtime from cached register/login auth."""
+    from corvane import _runtime
+    import corvane.search_templates as search_templates
 
 
 @signature("inject_heartbeat(working_dir: str = None) -> None")

@@ -1,10 +1,6 @@
 // What an agent calls first: register, login, configure; and the records and options that go with them.
 #include "module.hpp"
 
-#ifndef CORVANE_DEFAULT_SERVER_URL
-#error "the build sets the address of the service"
-#endif
-
 namespace corvane::onboarding {
 
 namespace {
@@ -13,11 +9,6 @@ constexpr int links_described = 4;
 
 constexpr const char* unreachable = "Cannot reach Corvane server. Check your network connection and try again.";
 constexpr const char* invalid_key = "Invalid private key format. Expected hex string (64 characters) or 32 bytes.";
-
-/// `raise type(message)`
-[[noreturn]] void raise_message(const found& type, const char* message, where line = where::current()) {
-    raise(type(concat({message, line})), line);
-}
 
 /// `auth.name`
 found auth(name wanted, where line = where::current()) { return global("auth"_n, line).attr(wanted, line); }
@@ -116,22 +107,6 @@ void configure_option(handle key, object value) {
     if (compare(key, Py_EQ, "named_universe"_n))
         value = checked_named_universe(value);
     set_item(global("_config"_n), key, value);
-}
-
-/// `token` never shows in the representation, however the record is printed.
-object auth_token_repr(const frame& in) {
-    object expiry = global("repr"_n)(in[0].attr("expires_at"_n));
-    return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
-}
-
-/// `@dataclass class name: annotations`, with the namespace that a class statement would have.
-object record(handle name, const char* doc, handle members) {
-    set_item(members, "__module__"_n, global("__name__"_n));
-    set_item(members, "__qualname__"_n, name);
-    set_item(members, "__doc__"_n, concat(doc));
-    object no_bases = check(PyTuple_New(0), where::current());
-    object made = global("type"_n)(name, no_bases, members);
-    return global("dataclass"_n)(made);
 }
 
 } // namespace
@@ -246,30 +221,17 @@ object configure(const frame& in) {
     return none();
 }
 
-object wallet_registration_class() {
-    object annotations = check(PyDict_New(), where::current());
-    set_item(annotations, "address"_n, global("str"_n));
-    object members = check(PyDict_New(), where::current());
-    set_item(members, "__annotations__"_n, annotations);
-    return record("WalletRegistration"_n, "Returned by register() on successful wallet creation/re-auth.", members);
-}
-
-object auth_token_class() {
-    object annotations = check(PyDict_New(), where::current());
-    set_item(annotations, "token"_n, global("str"_n));
-    set_item(annotations, "expires_at"_n, global("float"_n));
-    object members = check(PyDict_New(), where::current());
-    set_item(members, "__annotations__"_n, annotations);
-    set_item(members, "token"_n, global("field"_n)("repr"_a = handle(Py_False)));
-    set_item(members, "__repr__"_n, method(native<auth_token_repr>("AuthToken.__repr__")));
-    return record("AuthToken"_n, "Returned by login() on successful authentication.", members);
+/// `token` never shows in the representation, however the record is printed.
+object auth_token_repr(const frame& in) {
+    object expiry = global("repr"_n)(in[0].attr("expires_at"_n));
+    return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
 }
 
 object default_options() {
     object options = check(PyDict_New(), where::current());
     set_item(options, "auto_heartbeat"_n, true_value());
     set_item(options, "data_dir"_n, interned(node_of<default_data_dir>));
-    set_item(options, "server_url"_n, interned(node_of<CORVANE_DEFAULT_SERVER_URL>));
+    set_item(options, "server_url"_n, interned(node_of<default_server_url>));
     set_item(options, "named_universe"_n, ""_n);
     return options;
 }

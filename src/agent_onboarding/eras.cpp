@@ -7,20 +7,9 @@ namespace {
 
 constexpr long timeout_seconds = 15; // of each socket operation
 
-/// `isinstance(value, type)`
-bool is_instance(handle value, name type, where line = where::current()) {
-    found test = global("isinstance"_n, line);
-    return is_true(test(value, global(type, line)), line);
-}
-
 /// `mapping.get(key)`
 object get(handle mapping, name key, where line = where::current()) {
     return invoke(mapping, method_name("get"_n, line), key);
-}
-
-[[noreturn]] void raise_runtime_error(const char* message, where line = where::current()) {
-    found runtime_error = global("RuntimeError"_n, line);
-    raise(runtime_error(concat({message, line})), line);
 }
 
 void append_unique(handle candidates, handle value, where line = where::current()) {
@@ -80,7 +69,7 @@ object only_one(handle list, const char* message, where line = where::current())
 object fetch_eras_payload(const frame& in) {
     object token = invoke(in[0], "get_token"_n);
     if (!is_true(token))
-        raise_runtime_error("Registration bootstrap could not fetch /eras without an auth token.");
+        raise_message(global("RuntimeError"_n), "Registration bootstrap could not fetch /eras without an auth token.");
     object base = invoke(get_item(global("_config"_n), "server_url"_n), "rstrip"_n, "/"_n);
     object url = add(base, "/eras"_n);
     found request_class = global("urllib"_n).attr("request"_n).attr("Request"_n);
@@ -122,7 +111,7 @@ object fetch_eras_payload(const frame& in) {
         raise_from(failure, caught.value());
     }
     if (!is_instance(payload, "dict"_n))
-        raise_runtime_error("Registration bootstrap received invalid /eras payload.");
+        raise_message(global("RuntimeError"_n), "Registration bootstrap received invalid /eras payload.");
     return payload;
 }
 
@@ -215,7 +204,7 @@ object resolve_active_named_universe(const frame& in) {
     object payload = global("_fetch_eras_payload"_n)(in[0]);
     object eras = get(payload, "eras"_n);
     if (!is_instance(eras, "list"_n))
-        raise_runtime_error("Registration bootstrap /eras payload is missing eras list.");
+        raise_message(global("RuntimeError"_n), "Registration bootstrap /eras payload is missing eras list.");
     object active_eras = check(PyList_New(0), where::current());
     for (const object& era : iterate(eras)) {
         if (is_active(era))

@@ -30,8 +30,8 @@ void populate() {
 
     define<read_manifest>("_read_manifest");
     define<manifest_files>("_manifest_files");
-    define_generator("_runtime_module_manifest_entries", {native<sorted_manifest_pairs>("ManifestEntries.sorted_pairs"),
-                                                          native<next_manifest_entry>("ManifestEntries.next_entry")});
+    define_generator("_runtime_module_manifest_entries", "ManifestEntries",
+                     {native<sorted_manifest_pairs>("sorted_pairs"), native<next_manifest_entry>("next_entry")});
     define<select_runtime_module_manifest_entry>("_select_runtime_module_manifest_entry");
 
     define<load_manifest_runtime_module>("_load_manifest_runtime_module");
@@ -39,8 +39,8 @@ void populate() {
     define<create_runtime_freshness_guard>("create_runtime_freshness_guard");
     define<load_per_era_backtester>("_load_per_era_backtester");
 
-    set_global("WalletRegistration"_n, wallet_registration_class());
-    set_global("AuthToken"_n, auth_token_class());
+    define_class("WalletRegistration");
+    define_class("AuthToken", {native<auth_token_repr>("__repr__")});
     set_global("_HEARTBEAT_STATIC_SECTION"_n, heartbeat_static_section());
     set_global("_NUDGE_TEXTS"_n, nudge_texts());
     set_global("_AGENTS_MD_FRAGMENT"_n, agents_md_fragment());
@@ -64,12 +64,24 @@ void populate() {
     define<read_wallet_key>("_read_wallet_key");
     define<write_wallet_key>("_write_wallet_key");
 
+    define_class("_LocalRuntimeSyncManager",
+                 {native<sync_manager_init>("__init__"), native<sync_manager_get_manifest>("get_manifest"),
+                  native<sync_manager_acquire>("acquire"), native<sync_manager_release>("release"),
+                  native<sync_manager_request_for_sync>("request_for_sync"),
+                  native<sync_manager_register_era_callback>("register_era_callback"),
+                  native<sync_manager_unregister_era_callback>("unregister_era_callback")});
+    define<read_json_if_present>("_read_json_if_present");
+    define<local_vocabulary_path>("_local_vocabulary_path");
+    define<bootstrap_local_runtime_from_config>("_bootstrap_local_runtime_from_config");
+    define<propagate_auth>("_propagate_auth");
+
     define<normalize_key>("_normalize_key");
     define<resolve_invite_code>("_resolve_invite_code");
     define<resolve_optional_invite_code>("_resolve_optional_invite_code");
     define<register_wallet>("register");
     define<login>("login");
     define<configure>("configure");
+    define<ensure_runtime_bootstrapped>("ensure_runtime_bootstrapped");
     define<inject_heartbeat>("inject_heartbeat");
     define<update_nudge>("update_nudge");
     define<get_agents_md_fragment>("get_agents_md_fragment");

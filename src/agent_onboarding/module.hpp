@@ -4,6 +4,10 @@
 
 #include "py/function.hpp"
 
+#ifndef CORVANE_DEFAULT_SERVER_URL
+#error "the build sets the address of the service"
+#endif
+
 namespace corvane::onboarding {
 
 using namespace py; // NOLINT(google-build-using-namespace): the layer's vocabulary is this module's language
@@ -11,6 +15,16 @@ using namespace py; // NOLINT(google-build-using-namespace): the layer's vocabul
 /// `os.path.exists(path)`
 inline bool path_exists(handle path, where line = where::current()) {
     return is_true(global("os"_n, line).attr("path"_n, line).attr("exists"_n, line)(path), line);
+}
+
+/// `isinstance(value, type)`
+inline bool is_instance(handle value, name type, where line = where::current()) {
+    found test = global("isinstance"_n, line);
+    return is_true(test(value, global(type, line)), line);
+}
+/// `raise type(message)`
+[[noreturn]] inline void raise_message(const found& type, const char* message, where line = where::current()) {
+    raise(type(concat({message, line})), line);
 }
 
 // from entry_points.cpp: registration, login, options, records
@@ -21,9 +35,10 @@ object resolve_optional_invite_code(const frame& in);
 object register_wallet(const frame& in);
 object login(const frame& in);
 object configure(const frame& in);
-/// The two records and the option table, created while the module is initialised.
-object wallet_registration_class();
-object auth_token_class();
+object auth_token_repr(const frame& in);
+/// Where the service is unless the caller names another address.
+inline constexpr literal default_server_url = CORVANE_DEFAULT_SERVER_URL;
+/// The option table, created while the module is initialised.
 object default_options();
 object option_types();
 
@@ -52,6 +67,20 @@ object append_allowed_named_universes(const frame& in);
 object active_era_named_universe_candidates(const frame& in);
 object first_allowed_named_universe_from_era_config(const frame& in);
 object resolve_active_named_universe(const frame& in);
+
+// from bootstrap.cpp: the local sync manager, the local runtime, the wiring of both into the kit
+object sync_manager_init(const frame& in);
+object sync_manager_get_manifest(const frame& in);
+object sync_manager_acquire(const frame& in);
+object sync_manager_release(const frame& in);
+object sync_manager_request_for_sync(const frame& in);
+object sync_manager_register_era_callback(const frame& in);
+object sync_manager_unregister_era_callback(const frame& in);
+object read_json_if_present(const frame& in);
+object local_vocabulary_path(const frame& in);
+object bootstrap_local_runtime_from_config(const frame& in);
+object propagate_auth(const frame& in);
+object ensure_runtime_bootstrapped(const frame& in);
 
 // from workspace.cpp: HEARTBEAT.md and the AGENTS.md fragment
 object find_heartbeat(const frame& in);

@@ -84,6 +84,9 @@ def configure(**kwargs: object) -> None:
         ValueError: The option is unknown, its value has another type, or the value is not acceptable.
     """
 
+def ensure_runtime_bootstrapped(strict: bool = True) -> object:
+    """Bootstrap the shared SDK runtime from cached register/login auth."""
+
 def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
     """Make a guard that reloads runtime modules of a data directory when their manifest entry changes.
 

@@ -4,6 +4,7 @@
 
 #include "error.hpp"
 
+#include <initializer_list>
 #include <iterator>
 #include <span>
 #include <type_traits>
@@ -41,6 +42,10 @@ template <typename... Arguments> object call_at(where line, handle callable, con
                    detail::positional_count<Arguments...> | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr());
 }
 
+/// `callable(name=value, ...)`. Unlike the arguments of a call, the items of a braced list are evaluated in order, so
+/// they may be operations.
+object call_at(where line, handle callable, std::initializer_list<argument> keywords);
+
 /// A value that was just looked up; a call of it is reported on the line of the look-up.
 class found : public object {
   public:
@@ -48,6 +53,7 @@ class found : public object {
     template <typename... Arguments> object operator()(const Arguments&... arguments) const {
         return call_at(line_, *this, arguments...);
     }
+    object operator()(std::initializer_list<argument> keywords) const { return call_at(line_, *this, keywords); }
 
   private:
     where line_;

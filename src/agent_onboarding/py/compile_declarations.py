@@ -15,7 +15,7 @@ import textwrap
 from pathlib import Path
 from types import CodeType
 
-NATIVE_BODY = 'raise SystemError("native body not reached")\n'
+NATIVE_BODY = 'raise SystemError("native body not reached")'
 
 
 def signature_line(text: str, name: str, module: str, homes: dict[str, str]) -> str:
@@ -45,36 +45,67 @@ def final_docstring(node: ast.FunctionDef, text: str, source: str, module: str) 
     return f"{signature_line(text, node.name, module, homes)}\n{ast.get_docstring(node)}"
 
 
-def declared_function(node: ast.FunctionDef, source: str, module: str, owner: str) -> tuple[str, str, CodeType]:
-    """The key, the source and the code of one function.
+def native_text(node: ast.FunctionDef | ast.ClassDef, source: str) -> str:
+    """The source of a function or a class, with a native body at the end of each function but a generator."""
+    lines = source.splitlines()[: node.end_lineno]
+    for function in reversed(functions_of(node)):
+        if not is_generator(function):
+            lines.insert(function.end_lineno or 0, " " * function.body[0].col_offset + NATIVE_BODY)
+    # A class keeps its decorators, a function's only steer this program.
+    first = min([node.lineno, *(d.lineno for d in node.decorator_list if isinstance(node, ast.ClassDef))])
+    return textwrap.dedent("\n".join(lines[first - 1 :])) + "\n"
 
-    The code is that of a module which defines the function, and for a generator function (`@steps(...)`), whose body is
-    run by the interpreter, that of the function itself.
+
+def functions_of(node: ast.stmt) -> list[ast.FunctionDef]:
+    """The function itself, or the methods of the class."""
+    statements = node.body if isinstance(node, ast.ClassDef) else [node]
+    return [statement for statement in statements if isinstance(statement, ast.FunctionDef)]
+
+
+def is_generator(node: ast.FunctionDef) -> bool:
+    return any(isinstance(inner, ast.Yield) for inner in ast.walk(node))
+
+
+def complete(function: ast.FunctionDef, doc: str) -> list[ast.Import | ast.ImportFrom]:
+    """Gives the function its final docstring and takes out its import statements, which it answers."""
+    summary = function.body[0]
+    if not isinstance(summary, ast.Expr) or not isinstance(summary.value, ast.Constant):
+        raise ValueError(f"{function.name} has no docstring")
+    summary.value.value = doc
+    imports = [statement for statement in function.body if isinstance(statement, ast.Import | ast.ImportFrom)]
+    function.body = [statement for statement in function.body if statement not in imports]
+    return imports
+
+
+def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> tuple[str, dict[str, CodeType]]:
+    """The text of a function or a class, and its code objects by name.
+
+    The first is the code of a module that makes it; for a generator function (`@steps(...)`), whose body is run by the
+    interpreter, that of the function itself. An import statement inside a function has code of its own, under the name
+    `function.bound_name`, which looks in a traceback like the line of the function that it is.
     """
-    key = f"{owner}.{node.name}" if owner else node.name
-    is_generator = any(isinstance(inner, ast.Yield) for inner in ast.walk(node))
-    text = textwrap.dedent("\n".join(source.splitlines()[node.lineno - 1 : node.end_lineno])) + "\n"
-    if not is_generator:
-        text += f"    {NATIVE_BODY}"
-    doc = final_docstring(node, text, source, module)
-    if owner:
-        text = f"class {owner}:\n{textwrap.indent(text, '    ')}"
+    text = native_text(node, source)
+    file_name = f"<{module}.{node.name}>"
     tree = ast.parse(text)
-    for inner in ast.walk(tree):
-        if isinstance(inner, ast.FunctionDef) and inner.name == node.name:
-            assert isinstance(inner.body[0], ast.Expr) and isinstance(inner.body[0].value, ast.Constant)
-            inner.body[0].value.value = doc
-    file_name = f"<{module}.{key}>"
-    if not is_generator:
-        return key, text, compile(tree, file_name, "exec", dont_inherit=True, optimize=0)
-    # The steps become free variables of the function, as if an outer function had them as parameters.
-    outer = ast.parse(f"def outer({', '.join(step_names(node, source))}): pass")
-    assert isinstance(outer.body[0], ast.FunctionDef)
-    outer.body[0].body = tree.body
-    code = compile(outer, file_name, "exec", dont_inherit=True, optimize=0)
-    for _ in range(2):
-        code = next(constant for constant in code.co_consts if isinstance(constant, CodeType))
-    return key, text, code.replace(co_qualname=node.name)
+    codes = {}
+    for written, function in zip(functions_of(node), functions_of(tree.body[0]), strict=True):
+        for statement in complete(function, final_docstring(written, ast.unparse(function), source, module)):
+            [alias] = statement.names
+            code = compile(ast.Module([statement], []), file_name, "exec", dont_inherit=True, optimize=0)
+            bound = f"{function.name}.{alias.asname or alias.name}"
+            codes[bound] = code.replace(co_name=function.name, co_qualname=function.name)
+    if isinstance(node, ast.FunctionDef) and is_generator(node):
+        # The steps become free variables of the function, as if an outer function had them as parameters.
+        outer = ast.parse(f"def outer({', '.join(step_names(node, source))}): pass")
+        assert isinstance(outer.body[0], ast.FunctionDef)
+        outer.body[0].body = tree.body
+        code = compile(outer, file_name, "exec", dont_inherit=True, optimize=0)
+        for _ in range(2):
+            code = next(constant for constant in code.co_consts if isinstance(constant, CodeType))
+        codes[node.name] = code.replace(co_qualname=node.name)
+    else:
+        codes[node.name] = compile(tree, file_name, "exec", dont_inherit=True, optimize=0)
+    return text, codes
 
 
 def step_names(node: ast.FunctionDef, source: str) -> list[str]:
@@ -83,7 +114,7 @@ def step_names(node: ast.FunctionDef, source: str) -> list[str]:
     assert isinstance(decorator, ast.Call) and isinstance(decorator.args[0], ast.Name)
     for owner in ast.parse(source).body:
         if isinstance(owner, ast.ClassDef) and owner.name == decorator.args[0].id:
-            return [method.name for method in owner.body if isinstance(method, ast.FunctionDef)]
+            return [method.name for method in functions_of(owner)]
     raise ValueError(f"{decorator.args[0].id} is not declared")
 
 
@@ -92,22 +123,18 @@ def main(declarations: str, module: str, output: str) -> None:
     codes: dict[str, CodeType] = {}
     lines: dict[str, tuple[int, None, list[str], str]] = {}
 
-    def add(key: str, text: str, code: CodeType) -> None:
-        codes[key] = code
-        lines[code.co_filename] = (len(text), None, text.splitlines(keepends=True), code.co_filename)
+    def add(file_name: str, text: str, made: dict[str, CodeType]) -> None:
+        codes.update(made)
+        lines[file_name] = (len(text), None, text.splitlines(keepends=True), file_name)
 
     imports = []
     for node in ast.parse(source).body:
         if isinstance(node, ast.Import | ast.ImportFrom):
             imports.append(ast.get_source_segment(source, node))
-        elif isinstance(node, ast.FunctionDef):
-            add(*declared_function(node, source, module, ""))
-        elif isinstance(node, ast.ClassDef):
-            for method in node.body:
-                if isinstance(method, ast.FunctionDef):
-                    add(*declared_function(method, source, module, node.name))
+        elif isinstance(node, ast.FunctionDef | ast.ClassDef):
+            add(f"<{module}.{node.name}>", *declared(node, source, module))
     text = "\n".join(filter(None, imports)) + "\n"
-    add("imports", text, compile(text, f"<{module}>", "exec", dont_inherit=True, optimize=0))
+    add(f"<{module}>", text, {"imports": compile(text, f"<{module}>", "exec", dont_inherit=True, optimize=0)})
 
     # Version 2 has no back references, whose use depends on reference counts: the same source gives the same bytes.
     data = marshal.dumps((codes, lines), 2)

@@ -2,6 +2,8 @@
 
 #include "function.hpp"
 
+#include <vector>
+
 namespace corvane::py {
 
 void deallocate(PyObject* owned) {
@@ -84,6 +86,18 @@ except_scope::except_scope(const frame& in, error& caught) noexcept {
 except_scope::~except_scope() {
     object inner = object::steal(slot_->exc_value);
     slot_->exc_value = outer_.release();
+}
+
+object call_at(where line, handle callable, std::initializer_list<argument> keywords) {
+    const object names = check(PyTuple_New(static_cast<Py_ssize_t>(keywords.size())), line);
+    std::vector<PyObject*> values{nullptr};
+    Py_ssize_t next = 0;
+    for (const argument& keyword : keywords) {
+        detail::add_name(names.ptr(), next, keyword);
+        values.push_back(keyword.value.ptr());
+    }
+    return perform(line, PyObject_Vectorcall, callable.ptr(), values.data() + 1,
+                   std::size_t{PY_VECTORCALL_ARGUMENTS_OFFSET}, names.ptr());
 }
 
 void unpack(handle value, std::span<object> targets, where line) {

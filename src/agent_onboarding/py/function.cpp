@@ -7,7 +7,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -244,8 +243,7 @@ object frame::enclosed(Py_ssize_t index, where line) const {
     PyObject* cell = PyTuple_GET_ITEM(function_->func_closure, index);
     object value = object::steal(PyCell_Get(cell));
     if (!value) {
-        PyObject* free_variables = PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(function_->func_code));
-        const object names = check(free_variables, line);
+        const object names = check(PyCode_GetFreevars(code_), line);
         PyObject* missing = PyTuple_GET_ITEM(names.ptr(), index);
         object message = check(
             PyUnicode_FromFormat(
@@ -263,7 +261,7 @@ void frame::trace(error& raised) const noexcept {
     const char* name = "<module>";
     handle globals = module_namespace_;
     if (function_ != nullptr) {
-        name = PyUnicode_AsUTF8(reinterpret_cast<PyCodeObject*>(function_->func_code)->co_name);
+        name = PyUnicode_AsUTF8(code_->co_name);
         globals = handle(function_->func_globals);
     }
     // An error in here may cost the entry, never the exception.
@@ -298,6 +296,19 @@ void intern_names(interpreter_state& fresh) {
     }
 }
 
+/// CPython 3.12 gives a code object up twice where it cannot make the function of it. One more reference, never given
+/// back, keeps a failed import from ending in a crash.
+void keep_nested_codes(handle code) {
+    PyObject* constants = reinterpret_cast<PyCodeObject*>(code.ptr())->co_consts;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(constants); ++i) {
+        const handle constant(PyTuple_GET_ITEM(constants, i));
+        if (PyCode_Check(constant.ptr())) {
+            (void)object::borrow(constant).release();
+            keep_nested_codes(constant);
+        }
+    }
+}
+
 /// The code of all declarations; makes their source readable for inspect.getsource and for the lines of a traceback.
 object load_declarations(std::span<const unsigned char> marshalled) {
     object loaded = check(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
@@ -306,7 +317,12 @@ object load_declarations(std::span<const unsigned char> marshalled) {
     object linecache = check(PyImport_ImportModule("linecache"), where::current());
     object cache = check(PyObject_GetAttrString(linecache.ptr(), "cache"), where::current());
     check(PyDict_Update(cache.ptr(), PyTuple_GET_ITEM(loaded.ptr(), 1)), where::current());
-    return object::borrow(PyTuple_GET_ITEM(loaded.ptr(), 0));
+    object codes = object::borrow(PyTuple_GET_ITEM(loaded.ptr(), 0));
+    PyObject* key = nullptr;
+    PyObject* code = nullptr;
+    for (Py_ssize_t position = 0; PyDict_Next(codes.ptr(), &position, &key, &code) != 0;)
+        keep_nested_codes(handle(code));
+    return codes;
 }
 
 object declared_code(const char* declaration) {
@@ -345,6 +361,11 @@ void attach(handle function, const native_function& native) {
     PyFunction_SetVectorcall(made, native.entry);
 }
 
+void attach_methods(const object& owner, std::initializer_list<native_function> methods) {
+    for (const native_function& method : methods)
+        attach(check(PyObject_GetAttrString(owner.ptr(), method.name), where::current()), method);
+}
+
 } // namespace
 
 void start(handle module_namespace, std::span<const unsigned char> declarations) {
@@ -380,33 +401,30 @@ void define(const native_function& function) {
     attach(made, function);
 }
 
-object method(const native_function& function) {
-    const std::string_view key = function.name;
-    const std::string_view class_name = key.substr(0, key.find('.'));
-    object scope = check(PyDict_New(), where::current());
-    execute(function.name, scope);
-    object made = get_item(scope, detail::text_of(class_name, where::current()));
-    object found = check(PyObject_GetAttrString(made.ptr(), function.name + class_name.size() + 1), where::current());
-    attach(found, function);
-    return found;
+void define_class(const char* name, std::initializer_list<native_function> methods) {
+    execute(name, state->globals);
+    attach_methods(check(PyMapping_GetItemString(state->globals.ptr(), name), where::current()), methods);
 }
 
-void define_generator(const char* name, std::initializer_list<native_function> steps) {
+void define_generator(const char* name, const char* steps_class, std::initializer_list<native_function> steps) {
+    object scope = check(PyDict_New(), where::current());
+    execute(steps_class, scope);
+    object owner = check(PyMapping_GetItemString(scope.ptr(), steps_class), where::current());
+    attach_methods(owner, steps);
+
     object code = declared_code(name);
     object wanted = check(PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(code.ptr())), where::current());
-    std::vector<object> made(static_cast<std::size_t>(PyTuple_GET_SIZE(wanted.ptr())));
-    for (const native_function& step : steps) {
-        const object text = check(PyUnicode_FromString(std::strchr(step.name, '.') + 1), where::current());
-        made[static_cast<std::size_t>(
-            check(static_cast<int>(PySequence_Index(wanted.ptr(), text.ptr())), where::current()))] = method(step);
-    }
+    std::vector<object> made;
+    made.reserve(static_cast<std::size_t>(PyTuple_GET_SIZE(wanted.ptr())));
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(wanted.ptr()); ++i)
+        made.push_back(owner.attr(handle(PyTuple_GET_ITEM(wanted.ptr(), i))));
     const std::vector<handle> enclosed(made.begin(), made.end());
     object key = check(PyUnicode_FromString(name), where::current());
     set_item(state->globals, key, new_function(code, enclosed));
 }
 
 object nested_function(const frame& in, const native_function& function, std::initializer_list<handle> enclosed) {
-    PyObject* constants = reinterpret_cast<PyCodeObject*>(in.function()->func_code)->co_consts;
+    PyObject* constants = in.code()->co_consts;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(constants); ++i) {
         PyObject* constant = PyTuple_GET_ITEM(constants, i);
         if (!PyCode_Check(constant) ||
@@ -417,6 +435,18 @@ object nested_function(const frame& in, const native_function& function, std::in
         return made;
     }
     throw_error(PyExc_SystemError, "a nested function is not among the declarations", where::current());
+}
+
+object imported(const char* declaration) {
+    object code = declared_code(declaration);
+    object scope = check(PyDict_New(), where::current());
+    try {
+        perform(where::current(), PyEval_EvalCode, code.ptr(), state->globals.ptr(), scope.ptr());
+    } catch (error& raised) {
+        raised.mark_traced();
+        throw;
+    }
+    return check(PyMapping_GetItemString(scope.ptr(), std::strchr(declaration, '.') + 1), where::current());
 }
 
 } // namespace corvane::py

@@ -17,19 +17,22 @@ namespace corvane::py {
 class frame {
   public:
     /// The body of a function.
-    frame(PyFunctionObject* function, PyObject* const* values) noexcept : function_(function), values_(values) {}
+    frame(PyFunctionObject* function, PyObject* const* values) noexcept
+        : function_(function), code_(reinterpret_cast<PyCodeObject*>(function->func_code)), values_(values) {}
     /// The body of the module.
     explicit frame(handle module_namespace) noexcept : module_namespace_(module_namespace) {}
 
     [[nodiscard]] handle operator[](std::size_t index) const noexcept { return handle(values_[index]); }
     /// A variable of the enclosing function, in the order of `__closure__`.
     [[nodiscard]] object enclosed(Py_ssize_t index, where line = where::current()) const;
-    [[nodiscard]] PyFunctionObject* function() const noexcept { return function_; }
+    /// What the function was declared as; a callee may give the function another `__code__` while it runs.
+    [[nodiscard]] PyCodeObject* code() const noexcept { return code_; }
     /// Adds this frame to the traceback, as the interpreter does where an exception leaves a frame or is caught in it.
     void trace(error& raised) const noexcept;
 
   private:
     PyFunctionObject* function_ = nullptr;
+    PyCodeObject* code_ = nullptr;
     PyObject* const* values_ = nullptr;
     handle module_namespace_;
 };
@@ -108,9 +111,11 @@ void run_imports();
 /// Defines the function in the module's namespace.
 void define(const native_function& function);
 template <native_body Body> void define(const char* name) { define(native<Body>(name)); }
+/// Defines the class in the module's namespace; each of the methods named here gets a native body.
+void define_class(const char* name, std::initializer_list<native_function> methods = {});
 /// Defines a generator function: its declared body runs as it is, so that all the manners of a generator are the
-/// interpreter's, and calls the steps, which it finds by name among its free variables.
-void define_generator(const char* name, std::initializer_list<native_function> steps);
+/// interpreter's, and calls the steps, methods of a declared class, which it finds by name among its free variables.
+void define_generator(const char* name, const char* steps_class, std::initializer_list<native_function> steps);
 
 /// A function or lambda declared inside the running one, made anew with the enclosed values.
 [[nodiscard]] object nested_function(const frame& in, const native_function& function,
@@ -120,7 +125,8 @@ template <native_body Body, typename... Enclosed>
     return nested_function(in, native<Body>(name), {handle(enclosed)...});
 }
 
-/// The function as a class body defines it; its name among the declarations is `Class.method`.
-[[nodiscard]] object method(const native_function& function);
+/// Executes an import statement declared inside a function, `function.bound_name`, and answers what it binds. Where it
+/// fails, its own frame is the function's entry in the traceback.
+[[nodiscard]] object imported(const char* declaration);
 
 } // namespace corvane::py
