@@ -53,7 +53,7 @@ def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float
     store = _open_store(state, challenge_seconds, token_seconds)
     publish(store, state / FILES)
     authority, certificate, key = ensure_certificates(state)
-    listener = socket.socket()
+    listener = socket.socket(proto=socket.IPPROTO_TCP)  # asyncio turns Nagle's algorithm off only where it sees TCP
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     try:
         listener.bind(("127.0.0.1", port))
