@@ -10,7 +10,7 @@ from typing import Any
 from uvicorn.protocols.http.h11_impl import H11Protocol
 
 MAX_HEAD = 16 * 1024  # bytes of an incomplete request line with its headers
-_MAX_CONNECTIONS = 1000
+_MAX_CONNECTIONS = 500  # of some 300 KiB each, most of it asyncio's buffer for TLS
 _HANDSHAKE_SECONDS = 10.0
 _SHUTDOWN_SECONDS = 5.0  # for what a client still has to take after the connection was closed
 

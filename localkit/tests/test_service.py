@@ -3,7 +3,6 @@
 import concurrent.futures
 import contextlib
 import json
-import pickle
 import signal
 import socket
 import ssl
@@ -146,15 +145,11 @@ BROKEN = {
     "slow chunks": (POST + b"Transfer-Encoding: chunked\r\n\r\n", [b"1\r\n \r\n"] * 300, b""),
     "drip after an answer": (POST + b"Content-Length: 99999999\r\n\r\n" + b" " * 70_000, DRIP, b"413"),
     "no host": (b"GET /health HTTP/1.1\r\n\r\n", [], b"400"),
-    "no HTTP": (b"\x16\x03\x01 hello\r\n\r\n", [], b"400"),
     "endless head": (b"GET /health HTTP/1.1\r\nHost: x\r\nX: ", [b"y" * 4000] * 9, b"400"),
-    "endless URL": (b"GET /", [b"y" * 4000] * 9, b"400"),
     "bad length": (POST + b"Content-Length: -5\r\n\r\n", [], b"400"),
-    "two lengths": (POST + b"Content-Length: 5\r\nContent-Length: 6\r\n\r\n", [], b"400"),
     "bad chunk": (POST + b"Transfer-Encoding: chunked\r\n\r\nzz\r\n", [], b"400"),
     "upgrade": (b"GET /health HTTP/1.1\r\nHost: x\r\nConnection: upgrade\r\nUpgrade: websocket\r\n\r\n", [], b"200"),
     "other form": (b"GET http://x/health HTTP/1.1\r\nHost: x\r\n\r\n", [], b"404"),
-    "star": (b"OPTIONS * HTTP/1.1\r\nHost: x\r\n\r\n", [], b"404"),
     "tunnel": (b"CONNECT x:1 HTTP/1.1\r\nHost: x\r\n\r\n", [], b"404"),
 }
 
@@ -162,10 +157,7 @@ BROKEN = {
 def test_slow_and_broken_clients_are_cut_off_and_block_nobody(start):
     def talk(head, pieces, status):
         received, began, pieces = b"", time.monotonic(), iter([head, *pieces])
-        with (
-            socket.create_connection(address) as plain,
-            trust.wrap_socket(plain, server_hostname="127.0.0.1") as client,
-        ):
+        with trust.wrap_socket(socket.create_connection(address), server_hostname="127.0.0.1") as client:
             client.settimeout(0.02)
             while time.monotonic() - began < 9:
                 try:
@@ -234,12 +226,6 @@ def test_what_was_acknowledged_survives_a_kill_under_load(start, tmp_path):
     assert oct(tmp_path.stat().st_mode)[-3:] == oct((tmp_path / "ca.key").stat().st_mode | 0o100)[-3:] == "700"
 
 
-def test_an_unknown_authority_is_not_trusted(service, monkeypatch):
-    monkeypatch.delenv("SSL_CERT_FILE")
-    with pytest.raises(ConnectionError, match="CERTIFICATE_VERIFY_FAILED"):
-        service.sign_in(1)
-
-
 def test_a_taken_port_and_an_open_directory_are_clear_errors(service, tmp_path):
     def outcome(*options):
         done = subprocess.run([sys.executable, "-m", "corvane_local", *options], capture_output=True, text=True)
@@ -251,41 +237,3 @@ def test_a_taken_port_and_an_open_directory_are_clear_errors(service, tmp_path):
     tmp_path.chmod(0o755)
     code, message = outcome("invite", "--state", tmp_path)
     assert code == 1 and "open to other users" in message
-
-
-def test_answers_that_make_no_sense(planned):
-    for body in (b"{}", b'{"challenge": null}', '{"challenge": "é"}'.encode(), b"[" * 100_000, b"oops",
-                 b'{"token": null, "expires_at": 5}', b'{"token": "t", "expires_at": NaN}',
-                 b'{"token": "t", "expires_at": 1%s}' % (b"0" * 400)):  # fmt: skip
-        headers = {"Content-Encoding": "gzip"} if body == b"oops" else {}
-        planned.plan = [(200, {}, b'{"challenge": "ab"}')] * (b"token" in body) + [(200, headers, body)]
-        with pytest.raises(auth.AuthError, match="The service's answer"):
-            auth.AuthManager("0x" + "11" * 32, planned.url).authenticate()
-
-
-def test_keys_do_not_show():
-    manager = auth.AuthManager("0x" + "11" * 32, "https://localhost")
-    assert "11" * 32 not in repr(manager) and "11" * 32 not in str(vars(manager))
-    with pytest.raises(TypeError, match="cannot be pickled"):
-        pickle.dumps(manager)
-    for bad in (
-        "11" * 32,
-        "zz" + "11" * 32,
-        *("0x" + digits for digits in ("", "g" * 64, "0" * 64, "f" * 64, "1" * 65)),
-    ):
-        with pytest.raises(auth.InvalidKeyError) as info:
-            auth.AuthManager(bad, "https://localhost")
-        assert len(bad) < 5 or bad[2:] not in str(info.value)
-
-
-def test_invite_codes_and_addresses():
-    assert auth._normalize_invite_code(" corv-2222-abcd-zzzz\n") == "CORV-2222-ABCD-ZZZZ"
-    for bad in (None, 5, "", " ", "CORV", "CORV-2222-ABCD-ZZZO", "CORV-2222-ABCD-ZZZZ-2222", "\udc80"):
-        assert auth._normalize_invite_code(bad) is None
-    for good in ("https://a.example:8443/api//", "https://a", "http://127.0.0.1:1", "http://localhost", "http://[::1]"):
-        assert auth._validate_server_url(good) == good.rstrip("/")
-    wrong = ["", "a.example", "http://a.example", "ftp://a", "https://", "https://u@a", "https://a:x", "https://[::1"]
-    wrong += [f"https://a{junk}" for junk in ("?q", "?", "#f", "#", " b", "\n.example")] + [" https://a"]
-    for bad in wrong:
-        with pytest.raises(ValueError, match="server_url must"):
-            auth._validate_server_url(bad)
