@@ -9,7 +9,7 @@ EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test lint proof install clean
+.PHONY: help demo test lint bench proof install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -35,8 +35,11 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy-kit localkit/native/*.cpp 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@echo "make lint: passed"
 
+bench: $(VENV)/.installed ## Time every operation beside its plain Python twin and beside what nobody can beat
+	@PYTHONPATH=.:tests $(PY) -P -m benchmarks --picture docs/benchmarks.svg
+
 proof: $(VENV)/.installed $(VENV)/.test $(VENV)/.lint ## Prove that nothing crashes, leaks or loses data (PROOF_OPTIONS=--quick: seconds)
-	@$(PY) -P -c 'import sys; sys.path.insert(0, "."); from proof.__main__ import main; main()' $(PROOF_OPTIONS)
+	@PYTHONPATH=.:tests $(PY) -P -m proof $(PROOF_OPTIONS)
 
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 

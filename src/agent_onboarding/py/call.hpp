@@ -118,6 +118,13 @@ inline bool compare(handle left, int operation, handle right, where line = where
 inline bool contains(handle container, handle item, where line = where::current()) {
     return perform(line, PySequence_Contains, container.ptr(), item.ptr()) != 0;
 }
+/// `item in (first, second, ...)`
+template <typename... Items> bool is_one_of(handle item, const Items&... items) {
+    const auto equal = [item](handle other) {
+        return perform(where::current(), PyObject_RichCompareBool, other.ptr(), item.ptr(), Py_EQ) != 0;
+    };
+    return (equal(items) || ...);
+}
 /// `container[key]`
 inline object get_item(handle container, handle key, where line = where::current()) {
     return perform(line, PyObject_GetItem, container.ptr(), key.ptr());

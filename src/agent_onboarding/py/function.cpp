@@ -437,16 +437,18 @@ object nested_function(const frame& in, const native_function& function, std::in
     throw_error(PyExc_SystemError, "a nested function is not among the declarations", where::current());
 }
 
-object imported(const char* declaration) {
-    object code = declared_code(declaration);
-    object scope = check(PyDict_New(), where::current());
+object imported(name declaration) {
+    object statement = get_item(state->codes, declaration);
+    if (PyCode_Check(statement.ptr())) { // the first time
+        statement = new_function(statement, {});
+        set_item(state->codes, declaration, statement);
+    }
     try {
-        perform(where::current(), PyEval_EvalCode, code.ptr(), state->globals.ptr(), scope.ptr());
+        return call_at(where::current(), statement);
     } catch (error& raised) {
         raised.mark_traced();
         throw;
     }
-    return check(PyMapping_GetItemString(scope.ptr(), std::strchr(declaration, '.') + 1), where::current());
 }
 
 } // namespace corvane::py
