@@ -3,7 +3,6 @@
 import contextlib
 import dataclasses
 import itertools
-import math
 import sqlite3
 import statistics
 import subprocess
@@ -57,13 +56,8 @@ def test_a_seed_decides_what_is_found(service, bootstrap, tmp_path):
     again = search_templates.start_search(seed=5, max_evaluations=3000)
     assert (again.candidates, again.signals) == (first.candidates, ())  # all known by now
     text = (tmp_path / "HEARTBEAT.md").read_text()
-    assert [text.count(line) for line in ("Monitoring", "First", "10 signals", "dropped", "unlocked")] == [
-        1,
-        1,
-        1,
-        1,
-        0,
-    ]
+    counts = [text.count(line) for line in ("Monitoring", "First", "10 signals", "dropped", "unlocked")]
+    assert counts == [1, 1, 1, 1, 0]
     bootstrap(service, "other")
     assert facts(search_templates.start_search(seed=5, max_evaluations=3000, n_jobs=2).signals) == facts(first.signals)
 
@@ -86,7 +80,7 @@ def test_status_velocity_and_suggestions_are_true(service, bootstrap, tmp_path):
     result = search_templates.start_search(seed=1, max_evaluations=400)
     assert tracker.signals() == [*kept, *result.signals] and corvane.search_status().error is None
     hours = sum(run.noted_at - run.started_at for run in tracker.runs()) / 3600
-    assert math.isclose(corvane.get_search_velocity().signals_per_hour, len(tracker.signals()) / hours)
+    assert corvane.get_search_velocity().signals_per_hour == pytest.approx(len(tracker.signals()) / hours)
     with contextlib.closing(sqlite3.connect(tmp_path / "agent/search.db")) as db, db:
         db.execute("UPDATE uses SET tried = iif(name = 'IBM', 1, 50), found = iif(name = 'AAPL', 9, 1)")
     assert {s.use.name: s.reason for s in corvane.get_suggestions()} == {"AAPL": "promising", "IBM": "rarely tried"}
@@ -102,7 +96,7 @@ def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_
         found = search_templates.FoundSignal(3, f"local-3-{pool}", "IBM", subject, 0.1, 0.2, 0.7, 0.1, 0.7, 1, 0.0)
         subject = runtime.search_tracker.add_signal(found, [])[0].id
     result = corvane.simulate_signal(subject, picture="curve.png")
-    held = [0.0] * 6 + [side * math.copysign(b != a, b - a) for a, b in zip(prices, prices[5:-1], strict=False)]
+    held = [0.0] * 6 + [side * ((b > a) - (b < a)) for a, b in zip(prices, prices[5:-1], strict=False)]
     profit = [0.0]
     for (a, b), (then, now) in zip(itertools.pairwise(prices), itertools.pairwise(held), strict=True):
         profit.append(now * (b / a - 1) - cost * abs(now - then))
@@ -130,7 +124,7 @@ def test_the_runtime_without_the_service_is_the_same(start, bootstrap):
         assert getattr(local, name) == getattr(kit, name), name
     assert {n: list(s) for n, s in local.vault.items()} == {n: list(s) for n, s in kit.vault.items()}
     assert facts(search_templates.start_search(max_evaluations=500).signals) == facts(found.signals) != []
-    bad = {"mean(IBM, 7)": "windows 7;", "mean(IBM,": "column", "FB": "FB", "IBM - GOOG": "just one", 99: "number 99"}
+    bad = {"mean(IBM, 7)": "windows 7", "mean(IBM,": "column", "FB": "FB", "IBM - GOOG": "just one", 0: "number 0"}
     for subject, message in bad.items():
         with pytest.raises((ValueError, LookupError), match=message):
             corvane.simulate_signal(subject)
