@@ -1,17 +1,20 @@
 """The days of an era, and what evaluates expressions over them."""
 
-import math
-from array import array
 from collections.abc import Callable, Iterator, Mapping
 from dataclasses import replace
 from types import ModuleType
 from typing import Any
+
+import numpy as np
+from numpy.typing import NDArray
 
 from corvane._batch import BatchOrchestrator, Expression, FunctionRegistry, evaluate_expression
 from corvane.auth import AuthManager
 from corvane.errors import RuntimeModuleReloadFailed
 from corvane.runtime_module_freshness import RuntimeFreshnessGuard
 from corvane.search_tracking import SearchTracker
+
+Series = NDArray[np.float64]
 
 
 class Vault(Mapping[str, memoryview]):
@@ -38,7 +41,7 @@ class Vault(Mapping[str, memoryview]):
         return days
 
 
-def daily_profit(signal: memoryview, prices: memoryview, direction: float, cost: float) -> "array[float]":
+def daily_profit(signal: memoryview, prices: memoryview, direction: float, cost: float) -> Series:
     """What one signal earns each day, as a share of the capital.
 
     The position of a day has the sign that the signal had the day before, and is none where the signal is NaN.
@@ -49,12 +52,10 @@ def daily_profit(signal: memoryview, prices: memoryview, direction: float, cost:
         direction: 1 to hold what the signal says, -1 to hold the opposite.
         cost: Share of the value traded that a change of the position costs.
     """
-    profit, position = array("d", [0.0]), 0.0
-    for value, before, price in zip(signal, prices, prices[1:], strict=False):
-        wanted = direction * ((value > 0) - (value < 0))
-        profit.append(wanted * (price / before - 1) - cost * abs(wanted - position))
-        position = wanted
-    return profit
+    known, price = np.asarray(signal)[:-1], np.asarray(prices)
+    position = direction * (np.where(known > 0, 1.0, 0.0) - np.where(known < 0, 1.0, 0.0))
+    traded = np.abs(np.diff(position, prepend=0.0))
+    return np.concatenate([[0.0], position * (price[1:] / price[:-1] - 1) - cost * traded])
 
 
 class RuntimeEvaluationAdapter:
@@ -122,11 +123,11 @@ class RuntimeEvaluationAdapter:
     def _parts(self) -> tuple[slice, slice]:
         return self.train, self.rest
 
-    def _target(self, instrument: str, part: slice) -> "array[float]":
+    def _target(self, instrument: str, part: slice) -> Series:
         # Made of the part's own days alone: no return of the training days reaches into the rest.
         prices, horizon = self.vault[instrument][part], self.era_config["horizon_days"]
         past = self.evaluate(f"p / delay(p, {horizon}) - 1", part, {"p": prices})
-        return array("d", [*past[horizon:], *[math.nan] * horizon])
+        return np.concatenate([past[horizon:], np.full(horizon, np.nan)])
 
     def evaluate(
         self, expression: Expression | str, days: slice = slice(None), inputs: Mapping[str, memoryview] | None = None
@@ -171,16 +172,16 @@ class RuntimeEvaluationAdapter:
         target = self._targets[instrument, (part or self.train).start]
         return dict.fromkeys(self.directions, self._backtester.mutual_information(values, target))
 
-    def sharpe(self, profit: "array[float] | memoryview") -> float:
+    def sharpe(self, profit: Series) -> float:
         """The annualised Sharpe ratio of daily profits, NaN if they never differ."""
         ratio: float = self._backtester.sharpe(profit)
         return ratio
 
-    def profit(self, values: memoryview, instrument: str, direction: float = 1.0) -> "array[float]":
+    def profit(self, values: memoryview, instrument: str, direction: float = 1.0) -> Series:
         """What a signal earns each day by trading one instrument, after costs; see `daily_profit`."""
         return daily_profit(values, self.vault[instrument][: len(values)], direction, self.era_config["cost"])
 
-    def load_found_signal_pnl(self, signal_id: int) -> "array[float]":
+    def load_found_signal_pnl(self, signal_id: int) -> Series:
         """What a found signal of this era earns each day; LookupError if there is none with this id."""
         signal = SearchTracker(self.data_dir).signal(signal_id, self.era_config["era_id"])
         return self.profit(self.evaluate(signal.expression), signal.instrument, self.directions[signal.pool])

@@ -12,6 +12,7 @@ from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from typing import NoReturn
 
+import numpy as np
 from tqdm import tqdm
 
 from corvane import agent_onboarding
@@ -203,7 +204,7 @@ class _Search:
         values = evaluator.evaluate(expression)
         correlation = evaluator.correlate_per_pool(values[evaluator.rest], instrument, evaluator.rest)[pool]
         profit = evaluator.profit(values, instrument, evaluator.directions[pool])
-        sharpe = evaluator.sharpe(memoryview(profit)[evaluator.rest])
+        sharpe = evaluator.sharpe(profit[evaluator.rest])
         if not (correlation >= limits.correlation and sharpe >= limits.sharpe):
             return
         if any(evaluator.raw_backtester.correlation(profit, other) > _GREATEST_LIKENESS for other in self._known):
@@ -276,5 +277,6 @@ def _uses(expression: Expression) -> list[tuple[str, str]]:
 
 
 def _changes_side(values: memoryview) -> bool:
-    positive, negative = [value for value in values if value > 0], [value for value in values if value < 0]
-    return min(len(positive), len(negative)) >= _LEAST_ON_A_SIDE * len(values)
+    signal = np.asarray(values)
+    sides = np.count_nonzero(signal > 0), np.count_nonzero(signal < 0)
+    return bool(min(sides) >= _LEAST_ON_A_SIDE * len(values))

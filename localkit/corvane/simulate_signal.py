@@ -1,17 +1,17 @@
 """Simulates the trading of one signal over all days of the active era."""
 
-import itertools
 import math
 import os
-from array import array
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass, field
 from datetime import datetime
 from pathlib import Path
 from typing import Any
 
+import numpy as np
+
 from corvane._batch import BatchOrchestrator, Expression
-from corvane._evaluation import RuntimeEvaluationAdapter, Vault
+from corvane._evaluation import RuntimeEvaluationAdapter, Series, Vault
 from corvane.auth import AuthManager
 from corvane.runtime_module_freshness import RuntimeFreshnessGuard
 from corvane.search_tracking import SearchTracker
@@ -34,7 +34,7 @@ class Simulation:
     max_drawdown: float
     total_return: float
     days: memoryview = field(repr=False)
-    profit: "array[float]" = field(repr=False)
+    profit: Series = field(repr=False, compare=False)
 
 
 @dataclass(frozen=True, kw_only=True)
@@ -50,7 +50,7 @@ class _Context:
     era_config: Mapping[str, Any]
     load_vocabulary: Callable[..., Mapping[str, Any]]
     useful_signal_metadata: Mapping[str, Any]
-    load_found_signal_pnl: Callable[[int], "array[float]"]
+    load_found_signal_pnl: Callable[[int], Series]
     signal_dir: str
     BatchOrchestrator_cls: type[BatchOrchestrator]
     correlate_per_pool: Callable[..., dict[str, float]]
@@ -113,20 +113,17 @@ def _simulate_signal_export(
     if instrument not in context.vault:
         raise ValueError(f"There is no instrument {instrument!r}; there are {', '.join(context.vault)}.")
     profit = evaluator.profit(evaluator.evaluate(expression), instrument, direction)
-    capital = list(itertools.accumulate(profit, lambda before, share: before * (1 + share), initial=1.0))[1:]
-    whole, train, rest = (
-        evaluator.sharpe(memoryview(profit)[part]) for part in (slice(None), evaluator.train, evaluator.rest)
-    )
-    peaks = itertools.accumulate(capital, max)
-    fall = max(1 - now / peak for now, peak in zip(capital, peaks, strict=True))
-    growth, days = capital[-1] - 1, context.vault.dates
+    capital = np.cumprod(1 + profit)
+    whole, train, rest = (evaluator.sharpe(profit[part]) for part in (slice(None), evaluator.train, evaluator.rest))
+    fall = float(np.max(1 - capital / np.maximum.accumulate(capital)))
+    growth, days = float(capital[-1]) - 1, context.vault.dates
     simulation = Simulation(expression.text, instrument, whole, train, rest, fall, growth, days, profit)
     if picture is not None:
         _draw(simulation, capital, evaluator.train.stop, Path(picture))
     return simulation
 
 
-def _draw(simulation: Simulation, capital: list[float], train_days: int, path: Path) -> None:
+def _draw(simulation: Simulation, capital: Series, train_days: int, path: Path) -> None:
     from matplotlib.figure import Figure  # takes longer to import than all the rest; a figure of its own has no state
 
     dates = [datetime.strptime(str(day), "%Y%m%d") for day in simulation.days]
