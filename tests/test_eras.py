@@ -38,9 +38,11 @@ def serving(*answers, tls=None):
 
         thread = threading.Thread(target=serve)
         thread.start()
-        yield f"http{'s' if tls else ''}://127.0.0.1:{listener.getsockname()[1]}", requests
-        listener.shutdown(socket.SHUT_RDWR)
-        thread.join()
+        try:
+            yield f"http{'s' if tls else ''}://127.0.0.1:{listener.getsockname()[1]}", requests
+        finally:
+            listener.shutdown(socket.SHUT_RDWR)
+            thread.join()
 
 
 def manager(token="token"):
