@@ -9,7 +9,7 @@ import subprocess
 import sys
 import tempfile
 import threading
-from collections.abc import Iterator
+from collections.abc import Iterator, Mapping
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -53,10 +53,14 @@ def read_reports(folder: Path) -> list[str]:
     return found
 
 
-def pytest(workshop: Workshop, site: Path | None, *options: str, **variables: str) -> list[str]:
+def pytest(
+    workshop: Workshop, site: Path | None, *options: str, variables: Mapping[str, str] | None = None
+) -> list[str]:
     """Runs tests against a build and answers what pytest has to complain about."""
     command = ("-m", "pytest", "-c", str(workshop.root / "pyproject.toml"), "--rootdir", str(workshop.root))
-    done = workshop.python(*command, "-p", "no:cacheprovider", "--tb=line", *options, site=site, timeout=900, **variables)
+    done = workshop.python(
+        *command, "-p", "no:cacheprovider", "--tb=line", *options, site=site, variables=variables, timeout=900
+    )
     failed = re.findall(r"^(?:FAILED|ERROR) .*", done.stdout, re.M)
     if done.returncode != 0 and not failed:
         failed = [f"pytest ended with {done.returncode}: {done.stdout[-500:]}{done.stderr[-500:]}"]
@@ -73,10 +77,10 @@ def halves(workshop: Workshop) -> list[list[str]]:
     return parts
 
 
-def suite(workshop: Workshop, site: Path, **variables: str) -> list[str]:
+def suite(workshop: Workshop, site: Path, variables: Mapping[str, str] | None = None) -> list[str]:
     """The whole suite, two processes at once."""
     with ThreadPoolExecutor(2) as pool:
-        runs = [pool.submit(pytest, workshop, site, *files, **variables) for files in halves(workshop)]
+        runs = [pool.submit(pytest, workshop, site, *files, variables=variables) for files in halves(workshop)]
         return [line for run in runs for line in run.result()]
 
 
@@ -84,16 +88,16 @@ def address(workshop: Workshop) -> Iterator[Result]:
     site, reports = workshop.build("asan", "-DSANITIZE=address,undefined"), workshop.folder / "asan-reports"
     plain = environment("libasan.so", reports, asan="detect_leaks=0")
     if workshop.quick:
-        failed = pytest(workshop, site, str(workshop.root / "tests" / "test_key_file.py"), **plain)
+        failed = pytest(workshop, site, str(workshop.root / "tests" / "test_key_file.py"), variables=plain)
     else:
-        failed = suite(workshop, site, **plain)
-    exercise = workshop.python(str(workshop.root / "proof" / "exercise.py"), site=site, **plain)
+        failed = suite(workshop, site, variables=plain)
+    exercise = workshop.python(str(workshop.root / "proof" / "exercise.py"), site=site, variables=plain)
     complaints = exercise.stderr.splitlines()[-3:] if exercise.returncode or exercise.stderr else []
     count = len(re.findall(r"^def test_", "".join(map(Path.read_text, (workshop.root / "tests").glob("*.py"))), re.M))
     yield Result("sanitizers: tests under ASan and UBSan", count, failed + complaints + read_reports(reports))
 
     leaks = environment("libasan.so", reports, asan="detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=60")
-    done = workshop.python(__file__, "leaks", site=site, **leaks)
+    done = workshop.python(__file__, "leaks", site=site, variables=leaks)
     missing = [] if done.returncode == 0 else [f"ended with {done.returncode}: {done.stderr[-500:]}"]
     ours = [line for line in leaked(reports) if "agent_onboarding" in line]
     yield Result("sanitizers: exercise twice under LeakSanitizer", int(done.stdout or 0), missing + ours)
@@ -120,7 +124,7 @@ def race(workshop: Workshop) -> Iterator[Result]:
     site, reports = workshop.build("tsan", "-DSANITIZE=thread"), workshop.folder / "tsan-reports"
     plain = environment("libtsan.so", reports)
     rounds = 5 if workshop.quick else ROUNDS
-    done = workshop.python(__file__, "threads", str(rounds), site=site, wrapper=("setarch", "-R"), **plain)
+    done = workshop.python(__file__, "threads", str(rounds), site=site, wrapper=("setarch", "-R"), variables=plain)
     wrong = [] if done.returncode == 0 else [f"ended with {done.returncode}: {done.stderr[-500:]}"]
     name = f"sanitizers: {THREADS} threads, {rounds} rounds under ThreadSanitizer"
     yield Result(name, int(done.stdout or 0), wrong + [r for r in read_reports(reports) if "agent_onboarding" in r])

@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import sys
 import time
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -72,11 +72,13 @@ class Workshop:
         site: Path | None = None,
         timeout: float = 600,
         wrapper: Sequence[str] = (),
+        variables: Mapping[str, str] | None = None,
         **environment: str,
     ) -> subprocess.CompletedProcess[str]:
-        """Runs an interpreter; `site` puts an instrumented build before the installed one."""
+        """Runs an interpreter with more environment `variables`; `site` puts another build before the installed one."""
         path = [str(site)] if site else []
-        full = {**os.environ, "PYTHONPATH": ":".join([*path, str(self.root), str(self.root / "tests")]), **environment}
+        full = {**os.environ, "PYTHONPATH": ":".join([*path, str(self.root), str(self.root / "tests")])}
+        full |= {**(variables or {}), **environment}
         command = [*wrapper, sys.executable, "-P", *arguments]
         return subprocess.run(command, env=full, capture_output=True, text=True, timeout=timeout, cwd=self.folder)
 
