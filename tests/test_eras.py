@@ -176,6 +176,7 @@ def test_names_and_era_configurations(tmp_path, monkeypatch):
             *NAMES,
             *({"signal_pools": [5, {"allowed_named_universes": n}], "named_universe": "last"} for n in (*NAMES, NAMES)),
             *({"allowed_named_universes": [n, "next"], "signal_pools": [{}]} for n in NAMES),
+            {"allowed_named_universes": ["..", "a/b"], "named_universe": "last"},
         ]
         chosen = [module._first_allowed_named_universe_from_era_config(c) for c in configurations]
         return [module._safe_named_universe(n) for n in NAMES], collected, chosen

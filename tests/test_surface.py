@@ -106,6 +106,13 @@ class Keyword(str):
         return super().__eq__(other)
 
 
+class Clash(Keyword):
+    def __eq__(self, other):
+        raise LookupError("compared")
+
+    __hash__ = Keyword.__hash__
+
+
 CALLS = [
     ((), {}),
     ((1,), {}),
@@ -162,6 +169,15 @@ def test_well_formed_calls_bind_like_python(monkeypatch):
                 inject()
             patch.setattr(inject, "__code__", describe.__code__)
             assert inject("x") == "'x'"
+        with pytest.raises(LookupError, match="compared"):
+            inject(**{Clash("nonsense"): 1})
+    for module, defaults in itertools.product((twin, m), (None, {}, {"max_copies": 5})):
+        prune = module._prune_runtime_extension_copies
+        monkeypatch.setattr(prune, "__kwdefaults__", defaults)
+        with (
+            contextlib.nullcontext() if defaults else pytest.raises(TypeError, match="missing 1 required keyword-only")
+        ):
+            prune("x", "nowhere/y")
 
 
 def test_the_stub_says_the_same():
@@ -214,6 +230,9 @@ def test_endless_recursion(monkeypatch):
     monkeypatch.setattr(m, "_find_heartbeat", m.inject_heartbeat)
     with pytest.raises(RecursionError):
         m.inject_heartbeat()
+    monkeypatch.setattr(m, "auth", types.SimpleNamespace(_normalize_invite_code=m._resolve_optional_invite_code))
+    with pytest.raises(RecursionError):
+        m._resolve_optional_invite_code("c")
     monkeypatch.setattr(m, "_find_heartbeat", lambda d: m.inject_heartbeat(d))
     with pytest.raises(RecursionError):
         m.inject_heartbeat()
@@ -275,6 +294,37 @@ sys.modules["corvane.skills"] = good
 import corvane.agent_onboarding
 assert corvane.agent_onboarding.login.__module__ == "corvane.agent_onboarding"
 """)
+
+
+def test_a_function_kept_from_an_import_that_failed():
+    run("""
+import dataclasses, sys
+good, kept = dataclasses.dataclass, []
+def failing(cls=None, **options):
+    kept.append(sys._getframe(1).f_globals.get("_sha256_file"))
+    if kept[-1] is None: return good(cls, **options)
+    raise ValueError("not today")
+dataclasses.dataclass = failing
+try: import corvane.agent_onboarding
+except ValueError as exc: print(exc)
+dataclasses.dataclass = good
+import corvane.agent_onboarding as m
+try: kept[-1]("x")
+except SystemError as exc: print(exc)
+assert m._sha256_file("/dev/null").startswith("e3b0")
+""", "not today\nnative body not reached")  # fmt: skip
+
+
+def test_two_modules_made_before_either_is_executed():
+    run("""
+import corvane, importlib.util
+spec = importlib.util.find_spec("corvane.agent_onboarding")
+first, second = map(importlib.util.module_from_spec, (spec, spec))
+spec.loader.exec_module(first)
+try: spec.loader.exec_module(second)
+except ImportError as exc: print(exc)
+assert first._normalize_key("a") == "0xa"
+""", "corvane.agent_onboarding is already initialised")  # fmt: skip
 
 
 IMPORT_IN_ANOTHER = r"""
