@@ -386,6 +386,8 @@ assert m.register and m._normalize_key("a") == "0xa"
     "script",
     [
         "import corvane.agent_onboarding as m; keep = m.register; del m",
+        "import sys; sys.modules['corvane.skills'] = None\n"
+        "try: import corvane.agent_onboarding\nexcept ImportError: pass",
         "import corvane.agent_onboarding as m, atexit; atexit.register(m.get_agents_md_fragment)",
         "import corvane.agent_onboarding as m\n"
         "class C:\n def __del__(self, f=m._normalize_key): f('ab')\n"
