@@ -37,7 +37,7 @@ def measured(workshop: Workshop, built: Path) -> list[dict[str, Any]]:
     output = workshop.folder / "coverage.json"
     command = [str(Path(sys.executable).with_name("gcovr")), "--root", str(workshop.root), "--object-directory", "."]
     # Any call can throw, so the compiler puts a branch behind each; those are no decisions of the source.
-    options = ["--filter", ".*/src/agent_onboarding/", "--exclude-throw-branches", "--json", str(output)]
+    options = ["--filter", ".*/src/agent_onboarding/", "--exclude-throw-branches", "--json", str(output), "."]
     done = subprocess.run([*command, *options], cwd=built, capture_output=True, text=True)
     if done.returncode != 0:
         raise RuntimeError(f"gcovr failed: {done.stderr[-1000:]}")

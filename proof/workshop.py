@@ -42,7 +42,9 @@ class Workshop:
     def tool(self, command: str, package: str) -> str:
         """The path of a command; a missing one is installed from its Debian package where that is allowed."""
         if shutil.which(command) is None and os.geteuid() == 0 and shutil.which("apt-get"):
-            subprocess.run(["apt-get", "install", "-qq", "-y", package], stdout=subprocess.DEVNULL, check=False)
+            subprocess.run(
+                ["apt-get", "install", "-qq", "-y", *package.split()], stdout=subprocess.DEVNULL, check=False
+            )
         path = shutil.which(command)
         if path is None:
             raise Missing(f"{command} is not installed: sudo apt-get install {package}")
