@@ -29,9 +29,9 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
         std::abort();
     PyConfig_Clear(&config);
     PyObject* module = PyImport_ImportModule("proof.fuzzing");
-    PyObject* made = module == nullptr
-                         ? nullptr
-                         : PyObject_CallMethod(module, "checker", "ss", std::getenv("FUZZ_TARGET"), std::getenv("FUZZ_DIR"));
+    PyObject* made = module == nullptr ? nullptr
+                                       : PyObject_CallMethod(module, "checker", "ss", std::getenv("FUZZ_TARGET"),
+                                                             std::getenv("FUZZ_DIR"));
     if (made == nullptr)
         give_up();
     check = made;

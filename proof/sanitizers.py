@@ -177,6 +177,7 @@ def in_threads(rounds: int) -> None:
                 len(m._sha256_file(str(heartbeat))) == 64,
                 m._active_era_named_universe_candidates({"universes": [{"id": key}, "b"]}) == [key, "b"],
                 m.create_runtime_freshness_guard(home) is not None,
+                m._normalize_key(key) == "0x" + key,
                 m._LocalRuntimeSyncManager(key).get_manifest() == key,
             )
             wrong.extend(f"thread {number}, turn {turn}: {i}" for i, good in enumerate(seen) if not good)
