@@ -1,10 +1,9 @@
-"""The meters themselves: each fault planted in a build of its own must be caught, and without a fault they are silent."""
+"""The meters themselves: each planted fault must be caught, and without one the meters are silent."""
 
 import json
 import shutil
 import sys
 from collections.abc import Callable, Iterator
-from pathlib import Path
 
 from proof.sanitizers import environment, leaked, read_reports
 from proof.workshop import Result, Workshop
@@ -29,13 +28,13 @@ class Meters:
 
     def growth(self, fault: str) -> bool:
         done = self.workshop.python(__file__, site=self.sites["planted"], PLANTED=fault)
-        return json.loads(done.stdout) != []
+        return bool(json.loads(done.stdout))
 
     def no_memory(self, fault: str) -> bool:
         script = str(self.workshop.root / "proof" / "allocations.py")
         named = {"PLANTED": fault, "EXERCISED": "corvane.agent_onboarding"}
         done = self.workshop.python(script, "memory", *CALLS, site=self.sites["planted"], variables=named)
-        return json.loads(done.stdout)[1] != []
+        return bool(json.loads(done.stdout)[1])
 
     def valgrind(self, fault: str) -> bool:
         wrapper = (self.workshop.tool("valgrind", "valgrind"), "-q", "--error-exitcode=99")

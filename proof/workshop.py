@@ -50,15 +50,15 @@ class Workshop:
             raise Missing(f"{command} is not installed: sudo apt-get install {package}")
         return path
 
-    def build(self, name: str, *options: str) -> Path:
+    def build(self, name: str, *options: str, source: Path | None = None) -> Path:
         """A folder to put first on PYTHONPATH: the kit with an extension of its own, built with these CMake options."""
         built, site = self.folder / name, self.folder / f"{name}-site"
         cmake = str(Path(sys.executable).with_name("cmake"))
-        configure = [cmake, "-S", str(self.root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}", *options]
+        configure = [cmake, "-S", str(source or self.root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}", *options]
         for command in (configure, [cmake, "--build", str(built), "-j2"]):
             done = subprocess.run(command, capture_output=True, text=True)
             if done.returncode != 0:
-                raise RuntimeError(f"build {name} failed: {done.stdout[-2000:]}{done.stderr[-2000:]}")
+                raise RuntimeError(f"build {name} failed: {done.stdout[-2000:]}{done.stderr[-8000:]}")
         import corvane
 
         shutil.rmtree(site, ignore_errors=True)
