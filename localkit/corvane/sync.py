@@ -1,6 +1,272 @@
-"""Which builds of the native runtime modules this process can load."""
+"""Keeps the files of the active era on disk as the service publishes them.
 
+At every moment, also after a kill, each file that manifest.json names is there with the SHA-256 that it names. A sync
+1. downloads what differs to `NAME.part` and verifies it there (a kill leaves the old era, whole);
+2. if files that manifest.json names are to be replaced, takes them out of it first (a kill leaves the old era without
+   them, as if they had never been downloaded; an old name with other bytes under it would be a promise broken);
+3. renames each `NAME.part` to NAME (a kill leaves files that no manifest names);
+4. writes the new manifest.json, with which the new era begins.
+The next sync finds what is there and goes on. From 2 to 4 it is a few renames.
+"""
+
+import contextlib
+import fcntl
+import json
+import logging
+import os
 import platform
+import re
+import ssl
+import threading
+from collections.abc import Callable, Iterator
+from hashlib import file_digest
+from pathlib import Path
+from typing import TYPE_CHECKING, Annotated, Any, BinaryIO, NoReturn, NotRequired, TypedDict
+from urllib.parse import quote
+
+import httpx
+from pydantic import AfterValidator, NonNegativeInt, StringConstraints, TypeAdapter
+from tqdm import tqdm
+
+from corvane.auth import AuthError, AuthManager
+from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch
+from corvane.sync_backoff import ServiceBusy
+
+if TYPE_CHECKING:  # it imports this module
+    from corvane.runtime_module_freshness import RuntimeFreshnessGuard
 
 CURRENT_PLATFORM = f"{platform.system()}-{platform.machine()}".lower()
 """The platform tag of the running process, such as `linux-x86_64`."""
+
+_TIMEOUT = httpx.Timeout(15.0, connect=5.0)  # seconds without a sign of life
+_OWN_PLACES = ("runtime", "features", "era_config.json")  # all that a service may write; wallet.key lies beside them
+_log = logging.getLogger(__name__)
+
+
+def _check_path(path: str) -> str:
+    parts = path.split("/")
+    # A leading dot also keeps out "." and ".."; the onboarding module keeps copies under such names.
+    has_bad_part = any(not part or part.startswith(".") or part.endswith((".part", ".new")) for part in parts)
+    if has_bad_part or not path.isprintable() or "\\" in path or parts[0] not in _OWN_PLACES:
+        raise ValueError(f"the path {path!r} is not allowed")
+    return path
+
+
+class FileEntry(TypedDict):
+    """One file of a release; the platform is named for native modules only. The size is in bytes."""
+
+    kind: str
+    platform: NotRequired[str | None]
+    sha256: Annotated[str, StringConstraints(pattern="^[0-9a-f]{64}$")]
+    size: NonNegativeInt
+
+
+class Manifest(TypedDict):
+    """The files of the active era, by their relative path; the version goes up with every change."""
+
+    era_id: int
+    version: int
+    files: dict[Annotated[str, AfterValidator(_check_path)], FileEntry]
+
+
+_MANIFEST = TypeAdapter(Manifest)
+_OBJECT = TypeAdapter(dict[str, Any])
+
+
+class SyncManager:
+    """Downloads the files of the active era for one data directory.
+
+    Args:
+        am: Gives the token for the service.
+        data_dir: The directory; made if it is missing.
+        server_url: Base address of the service.
+        progress: Whether to show a progress bar on stderr; None shows one on a terminal only.
+    """
+
+    def __init__(self, am: AuthManager, data_dir: str, server_url: str, progress: bool | None = None) -> None:
+        self._am = am
+        self._root = Path(data_dir).expanduser()
+        self._server_url = server_url.rstrip("/")
+        self._progress = progress
+        self._lock = threading.RLock()
+        self._era_callbacks: list[Callable[[int], object]] = []
+        self.runtime_freshness_guard: RuntimeFreshnessGuard | None = None
+        self._manifest: Manifest | None = None
+        self._vocabulary: dict[str, Any] = {}
+        self._load()
+
+    def get_manifest(self) -> Manifest | None:
+        """The manifest in use, or None before the first sync."""
+        return self._manifest
+
+    def acquire(self) -> None:
+        """Waits for a sync of this process to end, and keeps others from starting until `release`."""
+        self._lock.acquire()
+
+    def release(self) -> None:
+        """Lets syncs start again. Called by the thread that called `acquire`, as often."""
+        self._lock.release()
+
+    def register_era_callback(self, callback: Callable[[int], object]) -> None:
+        """Has `callback(era_id)` called after each sync that begins another era; its exceptions are logged."""
+        self._era_callbacks.append(callback)
+
+    def unregister_era_callback(self, callback: Callable[[int], object]) -> None:
+        """Ends what `register_era_callback` began; nothing happens if it did not."""
+        with contextlib.suppress(ValueError):
+            self._era_callbacks.remove(callback)
+
+    def request_for_sync(self) -> list[str]:
+        """Syncs. The relative paths of the files that were new or other ones, sorted."""
+        return self._sync()[1]
+
+    def sync(self) -> Manifest:
+        """Makes the files on disk those that the service publishes for this platform.
+
+        Returns:
+            The manifest that is in use now: era_id, version, and files by relative path.
+
+        Raises:
+            ConnectionError: The service cannot be reached, or is busy. What has arrived is kept; call again.
+            corvane.auth.AuthError: The service refuses the wallet, or its answer makes no sense.
+            ValueError: The service's manifest is malformed, or names a path that is none of its business.
+            corvane.errors.RuntimeModuleError: A file is not what the manifest says, or a changed module cannot be
+                reloaded by the freshness guard.
+            OSError: A file cannot be written.
+        """
+        return self._sync()[0]
+
+    def _sync(self) -> tuple[Manifest, list[str]]:
+        with self._lock, _only_process(self._root):
+            self._load()  # another process may have synced
+            old = self._manifest
+            try:
+                with httpx.Client(verify=ssl.create_default_context(), timeout=_TIMEOUT, trust_env=False) as client:
+                    with self._get(client, "/runtime/manifest", {}) as response:
+                        new = _checked_manifest(response.read())
+                    changed = {p: e for p, e in sorted(new["files"].items()) if _digest(self._root / p) != e["sha256"]}
+                    self._download(client, changed)
+            except (httpx.TransportError, httpx.InvalidURL) as exc:
+                raise ConnectionError(f"{self._server_url} cannot be reached: {exc}") from exc
+            if old is None:
+                (self._root / "manifest.json").unlink(missing_ok=True)  # whatever it names, we cannot keep it true
+            elif not changed.keys().isdisjoint(old["files"]):
+                kept = {path: entry for path, entry in old["files"].items() if path not in changed}
+                self._write_manifest({**old, "files": kept})
+            for path in changed:
+                os.replace(self._part(path), self._root / path)
+            if changed or new != old:
+                self._write_manifest(new)
+            self._load()
+        if self.runtime_freshness_guard is not None:
+            self.runtime_freshness_guard.refresh()
+        if old is None or new["era_id"] != old["era_id"]:
+            for callback in list(self._era_callbacks):
+                try:
+                    callback(new["era_id"])
+                except Exception:
+                    _log.exception("A callback for a new era failed")
+        return new, list(changed)
+
+    def _load(self) -> None:
+        self._manifest, self._vocabulary = None, {}
+        with contextlib.suppress(FileNotFoundError, ValueError):  # what is spoilt is written anew by the next sync
+            self._manifest = _checked_manifest((self._root / "manifest.json").read_bytes())
+            for path, entry in sorted(self._manifest["files"].items()):
+                if entry["kind"] == "vocabulary" and _digest(self._root / path) == entry["sha256"]:
+                    self._vocabulary = _OBJECT.validate_json((self._root / path).read_bytes())
+                    break
+
+    def _write_manifest(self, manifest: Manifest) -> None:
+        new = self._root / "manifest.json.new"
+        with open(new, "wb") as file:
+            file.write(json.dumps(manifest, indent=1).encode())
+            _flush_to_disk(file)
+        os.replace(new, self._root / "manifest.json")
+
+    def _part(self, path: str) -> Path:
+        return self._root / f"{path}.part"
+
+    @contextlib.contextmanager
+    def _get(self, client: httpx.Client, path: str, headers: dict[str, str]) -> Iterator[httpx.Response]:
+        # Bytes as they are: a range counts the bytes that are sent, not those of a decoded text.
+        headers = {"Authorization": f"Bearer {self._am.get_token()}", "Accept-Encoding": "identity", **headers}
+        with client.stream("GET", self._server_url + quote(path), headers=headers) as response:
+            status = response.status_code
+            if status == 429 or status >= 500:
+                seconds = response.headers.get("Retry-After", "")
+                asked = float(seconds) if re.fullmatch("[0-9]{1,9}", seconds) else None
+                raise ServiceBusy(f"The service is busy (HTTP {status}).", asked)
+            if status not in (200, 206):
+                raise AuthError(f"The service refuses {path} (HTTP {status}).")
+            yield response
+
+    def _download(self, client: httpx.Client, entries: dict[str, FileEntry]) -> None:
+        silent = None if self._progress is None else not self._progress  # None asks whether stderr is a terminal
+        total = sum(entry["size"] for entry in entries.values())
+        with tqdm(total=total, desc="sync", unit="B", unit_scale=True, disable=silent if entries else True) as bar:
+            for path, entry in entries.items():
+                self._part(path).parent.mkdir(mode=0o700, parents=True, exist_ok=True)
+                # What an earlier sync left may be of another build, which shows in the digest of the whole.
+                if not self._complete(client, path, entry, bar):
+                    self._complete(client, path, entry, bar)
+
+    def _complete(self, client: httpx.Client, path: str, entry: FileEntry, bar: "tqdm[NoReturn]") -> bool:
+        """Completes and verifies a .part file; False if what an earlier sync left was of no use and is gone."""
+        part, size, expected = self._part(path), entry["size"], entry["sha256"]
+        held = part.stat().st_size if part.exists() else 0
+        bar.update(held)
+        if held < size or not part.exists():
+            headers = {"Range": f"bytes={held}-", "If-Range": f'"{expected}"'} if held else {}
+            with self._get(client, f"/runtime/files/{path}", headers) as response, open(part, "ab") as file:
+                if response.status_code == 200:
+                    file.truncate(0)
+                    bar.update(-held)
+                for chunk in response.iter_raw():
+                    file.write(chunk)
+                    bar.update(len(chunk))
+                    if file.tell() > size:
+                        break
+                _flush_to_disk(file)
+        received, actual = part.stat().st_size, _digest(part)
+        if received == size and actual == expected:
+            return True
+        part.unlink()
+        bar.update(-received)
+        if held:
+            return False
+        if received != size:
+            message = (
+                f"{path}: the manifest says {size} bytes, the service sends {'more' * (received > size) or received}."
+            )
+            raise RuntimeModuleDownloadIncomplete(message, relative_path=path, expected_sha256=expected)
+        message = f"{path}: the manifest says SHA-256 {expected}, the service sends {actual}."
+        raise RuntimeModuleHashMismatch(message, relative_path=path, expected_sha256=expected, actual_sha256=actual)
+
+
+def _checked_manifest(text: bytes) -> Manifest:
+    """The manifest, with the files for this platform only."""
+    manifest = _MANIFEST.validate_json(text, strict=True)
+    here = {p: e for p, e in manifest["files"].items() if e.get("platform") in (None, "", CURRENT_PLATFORM)}
+    return {**manifest, "files": here}
+
+
+def _digest(path: Path) -> str | None:
+    try:
+        with open(path, "rb") as file:
+            return file_digest(file, "sha256").hexdigest()
+    except (FileNotFoundError, NotADirectoryError):
+        return None
+
+
+def _flush_to_disk(file: BinaryIO) -> None:
+    file.flush()
+    os.fsync(file.fileno())
+
+
+@contextlib.contextmanager
+def _only_process(root: Path) -> Iterator[None]:
+    root.mkdir(mode=0o700, parents=True, exist_ok=True)
+    with open(root / "sync.lock", "ab") as file:
+        fcntl.flock(file, fcntl.LOCK_EX)  # released when the file is closed, also by a kill
+        yield

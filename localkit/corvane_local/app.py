@@ -1,20 +1,27 @@
 """The service's HTTP interface. Every refusal is JSON of the form {"error": sentence, "code": word}."""
 
-from typing import Annotated
+import math
+import sqlite3
+from collections.abc import Callable
+from pathlib import Path
+from typing import Annotated, Any, TypedDict
 
 from cryptography.exceptions import InvalidSignature
 from cryptography.hazmat.primitives import hashes
 from cryptography.hazmat.primitives.asymmetric import ec
-from fastapi import FastAPI, Header, Request
+from fastapi import Depends, FastAPI, Request
 from fastapi.exceptions import RequestValidationError
-from fastapi.responses import JSONResponse
+from fastapi.responses import FileResponse, JSONResponse
+from fastapi.security import HTTPAuthorizationCredentials, HTTPBearer
 from pydantic import BaseModel, StringConstraints
 from starlette.exceptions import HTTPException
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
 from corvane.auth import signed_message, wallet_address
-from corvane_local.eras import ERAS
-from corvane_local.store import Proof, Refused, Store
+from corvane.sync import Manifest
+from corvane_local.eras import ACTIVE_ERA, ERAS, Era
+from corvane_local.failures import FailureLimit
+from corvane_local.store import Proof, Refused, Release, Store
 
 MAX_BODY = 64 * 1024  # bytes
 
@@ -43,18 +50,89 @@ class RegisterRequest(LoginRequest):
     invite_code: InviteCode
 
 
-def create_app(store: Store) -> FastAPI:
-    """The ASGI application over one database. Its description is served at /openapi.json."""
+class Health(TypedDict):
+    """That the service answers."""
+
+    status: str
+
+
+class NewChallenge(TypedDict):
+    """What to sign, and until when (seconds since 1970-01-01 UTC)."""
+
+    challenge: str
+    expires_at: float
+
+
+class SignedIn(TypedDict):
+    """A token for a wallet, and until when it is good (seconds since 1970-01-01 UTC)."""
+
+    address: str
+    token: str
+    expires_at: float
+
+
+class Wallet(TypedDict):
+    """A wallet, and since when the service knows it (seconds since 1970-01-01 UTC)."""
+
+    address: str
+    registered_at: float
+
+
+class Eras(TypedDict):
+    """All eras, oldest first."""
+
+    eras: list[Era]
+
+
+class Refusal(TypedDict):
+    """Why not: a sentence for people, a word for programs."""
+
+    error: str
+    code: str
+
+
+def _refusals(**reasons: str) -> dict[int | str, dict[str, Any]]:
+    reasons |= {"_413": "The body is too large.", "_503": "The database is busy or cannot be written; try again later."}
+    return {int(name[1:]): {"model": Refusal, "description": reason} for name, reason in sorted(reasons.items())}
+
+
+_MALFORMED = {"_400": "The body is no JSON.", "_422": "A field is missing or malformed."}
+_FAILED = {
+    "_401": "The challenge or its signature is not good.",
+    "_404": "The wallet or the invite code is unknown.",
+    "_429": "Too many failures of this key or client address. Retry-After says how many seconds to wait.",
+}
+_NO_TOKEN = {"_401": "The token is missing, unknown or has run out."}
+_BEARER = HTTPBearer(auto_error=False, description="A token from /auth/register or /auth/login.")
+Bearer = Annotated[HTTPAuthorizationCredentials | None, Depends(_BEARER)]
+
+
+def create_app(store: Store, files: Path) -> FastAPI:
+    """The ASGI application over one database. Its description is served at /openapi.json.
+
+    Args:
+        store: The database.
+        files: The directory of the published files, each under its digest.
+    """
     app = FastAPI(title="Corvane local service", version="0.1.0", docs_url=None, redoc_url=None, redirect_slashes=False)
     app.add_middleware(BodyLimit)
+    # An address may be that of many agents, each of which errs now and then.
+    limits = {"key": FailureLimit(10, 60.0), "address": FailureLimit(300, 60.0)}
 
     @app.exception_handler(Refused)
     def refused(request: Request, exc: Refused) -> JSONResponse:
-        return _refusal(exc.status, exc.code, str(exc))
+        headers = {"WWW-Authenticate": "Bearer"} if exc.status == 401 else {}
+        if exc.retry_after is not None:
+            headers["Retry-After"] = str(math.ceil(exc.retry_after))
+        return _refusal(exc.status, exc.code, str(exc), headers)
 
     @app.exception_handler(HTTPException)
     def http_error(request: Request, exc: HTTPException) -> JSONResponse:
-        return _refusal(exc.status_code, "bad_request", str(exc.detail))
+        return _refusal(exc.status_code, "bad_request", str(exc.detail), dict(exc.headers or {}))
+
+    @app.exception_handler(sqlite3.OperationalError)
+    def busy(request: Request, exc: sqlite3.OperationalError) -> JSONResponse:
+        return _refusal(503, "busy", "The database is busy or cannot be written.", {"Retry-After": "1"})
 
     @app.exception_handler(RequestValidationError)
     def invalid(request: Request, exc: RequestValidationError) -> JSONResponse:
@@ -63,49 +141,99 @@ def create_app(store: Store) -> FastAPI:
         code = "bad_invite" if fields == "invite_code" else "bad_request"
         return _refusal(422, code, f"Missing or malformed: {fields or 'the body'}.")
 
-    @app.get("/health")
-    def health() -> dict[str, str]:
+    def sign(request: Request, body: LoginRequest, action: Callable[[Proof], tuple[str, float]]) -> SignedIn:
+        names = {"key": body.public_key, "address": request.client.host if request.client else ""}
+        wait = max(limits[kind].wait(name) for kind, name in names.items())
+        if wait > 0:
+            raise Refused(429, "too_many_failures", f"Too many failures; try again in {math.ceil(wait)} s", wait)
+        try:
+            token, expires_at = action(_proof(body))
+        except Refused:
+            for kind, name in names.items():
+                limits[kind].note(name)
+            raise
+        limits["key"].forget(body.public_key)
+        return {"address": wallet_address(body.public_key), "token": token, "expires_at": expires_at}
+
+    def signed_in(bearer: Bearer) -> tuple[str, float]:
+        return store.wallet_of(bearer.credentials if bearer else "")
+
+    def release() -> Release:
+        published = store.release()
+        if published is None:
+            raise Refused(404, "no_release", "Nothing is published")
+        return published
+
+    for_wallets = [Depends(signed_in)]
+
+    @app.get("/health", summary="Say that the service is up", responses=_refusals())
+    def health() -> Health:
         return {"status": "ok"}
 
-    @app.post("/auth/challenge")
-    def challenge(body: ChallengeRequest) -> dict[str, object]:
+    @app.post("/auth/challenge", summary="Get a challenge to sign", responses=_refusals(**_MALFORMED))
+    def challenge(body: ChallengeRequest) -> NewChallenge:
         _load_key(body.public_key)
         text, expires_at = store.make_challenge(body.public_key)
         return {"challenge": text, "expires_at": expires_at}
 
-    @app.post("/auth/login")
-    def login(body: LoginRequest) -> dict[str, object]:
-        return _signed_in(body, store.sign_in(_proof(body)))
+    @app.post("/auth/login", summary="Sign a known wallet in", responses=_refusals(**_MALFORMED, **_FAILED))
+    def login(request: Request, body: LoginRequest) -> SignedIn:
+        return sign(request, body, store.sign_in)
 
-    @app.post("/auth/register")
-    def register(body: RegisterRequest) -> dict[str, object]:
-        return _signed_in(body, store.sign_up(_proof(body), body.invite_code))
+    @app.post(
+        "/auth/register",
+        summary="Sign a new wallet up with an invite code, or a known one in",
+        responses=_refusals(**_MALFORMED, **_FAILED, _409="The invite code has been used."),
+    )
+    def register(request: Request, body: RegisterRequest) -> SignedIn:
+        return sign(request, body, lambda proof: store.sign_up(proof, body.invite_code))
 
-    @app.get("/wallet")
-    def wallet(authorization: Annotated[str, Header()] = "") -> dict[str, object]:
-        address, registered_at = store.wallet_of(_bearer_token(authorization))
-        return {"address": address, "registered_at": registered_at}
+    @app.get("/wallet", summary="Say whose token this is", responses=_refusals(**_NO_TOKEN))
+    def wallet(owner: Annotated[tuple[str, float], Depends(signed_in)]) -> Wallet:
+        return {"address": owner[0], "registered_at": owner[1]}
 
-    @app.get("/eras")
-    def eras(authorization: Annotated[str, Header()] = "") -> dict[str, object]:
-        store.wallet_of(_bearer_token(authorization))
+    @app.get("/eras", summary="List the eras", dependencies=for_wallets, responses=_refusals(**_NO_TOKEN))
+    def eras() -> Eras:
         return {"eras": ERAS}
+
+    @app.get(
+        "/runtime/manifest",
+        summary="List the files of the active era",
+        dependencies=for_wallets,
+        responses=_refusals(**_NO_TOKEN, _404="Nothing is published."),
+        response_model_exclude_unset=True,
+    )
+    def manifest() -> Manifest:
+        published = release()
+        return {"era_id": ACTIVE_ERA["era_id"], "version": published.version, "files": published.files}
+
+    @app.get(
+        "/runtime/files/{relative_path:path}",
+        summary="Download a file of the manifest, whole or in part (Range, If-Range with its SHA-256 as ETag)",
+        dependencies=for_wallets,
+        response_class=FileResponse,
+        responses=_refusals(**_NO_TOKEN, _404="The manifest does not list this path.")
+        | {
+            200: {"content": {"application/octet-stream": {"schema": {"type": "string", "format": "binary"}}}},
+            206: {"description": "The range that was asked for."},
+            400: {"description": "The range is malformed (the answer is plain text)."},
+            416: {"description": "The range begins behind the end of the file (the answer is plain text)."},
+            "default": {"model": Refusal, "description": "Any other refusal."},
+        },
+    )
+    def runtime_file(relative_path: str) -> FileResponse:
+        # The path is looked up and never joined to a directory, so that no trick with it leads anywhere.
+        entry = release().files.get(relative_path)
+        if entry is None:
+            raise Refused(404, "unknown_file", "The manifest does not list this path")
+        digest = entry["sha256"]
+        return FileResponse(files / digest, media_type="application/octet-stream", headers={"ETag": f'"{digest}"'})
 
     return app
 
 
-def _bearer_token(authorization: str) -> str:
-    scheme, _, token = authorization.partition(" ")
-    return token if scheme.lower() == "bearer" else ""
-
-
-def _refusal(status: int, code: str, message: str) -> JSONResponse:
-    return JSONResponse({"error": message, "code": code}, status_code=status)
-
-
-def _signed_in(body: LoginRequest, issued: tuple[str, float]) -> dict[str, object]:
-    token, expires_at = issued
-    return {"address": wallet_address(body.public_key), "token": token, "expires_at": expires_at}
+def _refusal(status: int, code: str, message: str, headers: dict[str, str] | None = None) -> JSONResponse:
+    return JSONResponse({"error": message, "code": code}, status_code=status, headers=headers)
 
 
 def _load_key(public_key: str) -> ec.EllipticCurvePublicKey:

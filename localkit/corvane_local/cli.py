@@ -1,6 +1,7 @@
 """The command `corvane-local`: runs the local service and makes invite codes for it."""
 
 import contextlib
+import resource
 import signal
 import socket
 import sys
@@ -13,7 +14,11 @@ import uvicorn
 from corvane import __version__
 from corvane_local.app import create_app
 from corvane_local.certificates import ensure_certificates
+from corvane_local.connections import MAX_HEAD, Connection
+from corvane_local.releases import publish
 from corvane_local.store import Store
+
+FILES = "files"  # the directory of what is published, below the state
 
 STATE = click.option(
     "--state", required=True, type=click.Path(file_okay=False, path_type=Path), help="Directory of the service's files."
@@ -38,15 +43,17 @@ def main() -> None:
 @click.option("--port", default=8443, show_default=True, type=click.IntRange(0, 65535), help="0 takes a free one.")
 @click.option("--challenge-seconds", default=120.0, show_default=True, help="How long a challenge can be answered.")
 @click.option("--token-seconds", default=3600.0, show_default=True, help="How long a token is good.")
-def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float) -> None:
+@click.option("--exchange-seconds", default=20.0, show_default=True, help="How long a request and its answer may take.")
+def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float, exchange_seconds: float) -> None:
     """Serve HTTPS on 127.0.0.1 until SIGTERM or Ctrl-C.
 
     The first line printed is the address, once it can be reached; the second says which certificate authority clients
     must trust.
     """
     store = _open_store(state, challenge_seconds, token_seconds)
+    publish(store, state / FILES)
     authority, certificate, key = ensure_certificates(state)
-    listener = socket.socket()
+    listener = socket.socket(proto=socket.IPPROTO_TCP)  # asyncio turns Nagle's algorithm off only where it sees TCP
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     try:
         listener.bind(("127.0.0.1", port))
@@ -66,11 +73,19 @@ def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float
     # The server ends its work on these signals and then raises them once more, for us.
     for number in (signal.SIGTERM, signal.SIGINT):
         signal.signal(number, stop)
+    _, most = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))  # an unfinished TLS handshake keeps a descriptor, too
+    Connection.exchange_seconds = exchange_seconds
     config = uvicorn.Config(
-        create_app(store),
+        create_app(store, state / FILES),
+        loop="corvane_local.connections:Loop",
+        http=Connection,
+        ws="none",
+        h11_max_incomplete_event_size=MAX_HEAD,
+        proxy_headers=False,  # a client could name any address as its own, and so evade the limit on failures
         ssl_certfile=certificate,
         ssl_keyfile=key,
-        log_level="warning",
+        log_level="error",  # what broken clients send is no reason to fill a log
         access_log=False,
         timeout_graceful_shutdown=1,  # seconds; idle connections do not close by themselves
     )
@@ -86,3 +101,11 @@ def invite(state: Path, count: int) -> None:
     store = _open_store(state)
     for _ in range(count):
         click.echo(store.make_invite())
+
+
+@main.command(name="publish")
+@STATE
+@click.option("--backtester", required=True, type=click.Choice(["1", "2"]), help="The build that agents get.")
+def publish_command(state: Path, backtester: str) -> None:
+    """Publish a build of the backtester and print the version. The service may be running or not."""
+    click.echo(publish(_open_store(state), state / FILES, backtester))

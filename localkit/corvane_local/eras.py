@@ -1,11 +1,31 @@
 """What the local service answers to GET /eras: a fixed table, made up for this machine."""
 
 from collections.abc import Sequence
+from typing import TypedDict
 
 
-def _era(number: int, state: str, universe: str, pools: Sequence[str]) -> dict[str, object]:
+class SignalPool(TypedDict):
+    """Where found signals of an era are collected."""
+
+    id: str
+    name: str
+    allowed_named_universes: list[str]
+
+
+class Era(TypedDict):
+    """A period with its own data, rules and native modules."""
+
+    id: str
+    era_id: int
+    state: str
+    named_universe: str
+    signal_pools: list[SignalPool]
+
+
+def _era(number: int, state: str, universe: str, pools: Sequence[str]) -> Era:
     return {
         "id": f"local-{number}",
+        "era_id": number,
         "state": state,
         "named_universe": universe,
         "signal_pools": [
@@ -21,3 +41,5 @@ ERAS = [
     _era(3, "active", "us_large", ["momentum", "reversal"]),
 ]
 """Oldest first; exactly one is active, and names one universe in all places."""
+
+ACTIVE_ERA = ERAS[-1]

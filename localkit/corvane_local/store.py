@@ -1,9 +1,10 @@
-"""What the service remembers: invites, wallets, challenges and tokens, in one SQLite file.
+"""What the service remembers: invites, wallets, challenges, tokens and releases, in one SQLite file.
 
 Every change is one transaction, on disk before the caller hears of it, so what was acknowledged survives a kill.
 """
 
 import hashlib
+import json
 import secrets
 import sqlite3
 import time
@@ -11,6 +12,8 @@ from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
+
+from corvane.sync import FileEntry
 
 _SCHEMA = """
 CREATE TABLE IF NOT EXISTS invites
@@ -21,18 +24,21 @@ CREATE TABLE IF NOT EXISTS challenges
     (challenge TEXT PRIMARY KEY, public_key TEXT NOT NULL, expires_at REAL NOT NULL) STRICT;
 CREATE TABLE IF NOT EXISTS tokens
     (digest TEXT PRIMARY KEY, address TEXT NOT NULL, expires_at REAL NOT NULL) STRICT;
+CREATE TABLE IF NOT EXISTS releases
+    (version INTEGER PRIMARY KEY, backtester TEXT NOT NULL, files TEXT NOT NULL) STRICT;
 """
 _INVITE_ALPHABET = "23456789ABCDEFGHJKLMNPQRSTUVWXYZ"  # nothing that looks like something else
 _BUSY_TIMEOUT = 10.0  # seconds
 
 
 class Refused(Exception):
-    """The service says no: an HTTP status, a word for programs, a sentence for people."""
+    """The service says no: an HTTP status, a word for programs, a sentence for people, and when to ask again."""
 
-    def __init__(self, status: int, code: str, message: str) -> None:
+    def __init__(self, status: int, code: str, message: str, retry_after: float | None = None) -> None:
         super().__init__(message)
         self.status = status
         self.code = code
+        self.retry_after = retry_after  # seconds
 
 
 @dataclass(frozen=True)
@@ -43,6 +49,15 @@ class Proof:
     public_key: str
     challenge: str
     is_genuine: bool
+
+
+@dataclass(frozen=True)
+class Release:
+    """What agents download: files by their relative path."""
+
+    version: int
+    backtester: str
+    files: dict[str, FileEntry]
 
 
 class Store:
@@ -63,13 +78,13 @@ class Store:
                 db.execute(statement)
 
     @contextmanager
-    def _transaction(self) -> Iterator[sqlite3.Connection]:
+    def _transaction(self, kind: str = "IMMEDIATE") -> Iterator[sqlite3.Connection]:
         # One connection a transaction: requests run on several threads, and opening a file is cheap.
         db = sqlite3.connect(self._path, timeout=_BUSY_TIMEOUT, isolation_level=None)
         try:
             db.execute("PRAGMA journal_mode = WAL")
             db.execute("PRAGMA synchronous = FULL")
-            db.execute("BEGIN IMMEDIATE")
+            db.execute(f"BEGIN {kind}")
             try:
                 yield db
             except Refused:
@@ -125,11 +140,31 @@ class Store:
         query = (
             "SELECT address, registered_at FROM tokens JOIN wallets USING (address) WHERE digest = ? AND expires_at > ?"
         )
-        with self._transaction() as db:
+        with self._transaction("DEFERRED") as db:  # reads only, and waits for no writer
             row: tuple[str, float] | None = db.execute(query, (_digest(token), time.time())).fetchone()
         if row is None:
             raise Refused(401, "bad_token", "The token is unknown or has run out")
         return row
+
+    def publish(self, backtester: str, files: dict[str, FileEntry]) -> int:
+        """The version that is published now: a new one if the files differ from those published before."""
+        with self._transaction() as db:
+            current = self._release(db)
+            if current and (current.backtester, current.files) == (backtester, files):
+                return current.version
+            version = current.version + 1 if current else 1
+            db.execute("INSERT INTO releases VALUES (?, ?, ?)", (version, backtester, json.dumps(files)))
+            return version
+
+    def release(self) -> Release | None:
+        """The newest release, or None before the first."""
+        with self._transaction("DEFERRED") as db:
+            return self._release(db)
+
+    @staticmethod
+    def _release(db: sqlite3.Connection) -> Release | None:
+        row = db.execute("SELECT version, backtester, files FROM releases ORDER BY version DESC LIMIT 1").fetchone()
+        return None if row is None else Release(row[0], row[1], json.loads(row[2]))
 
     @staticmethod
     def _use_challenge(db: sqlite3.Connection, proof: Proof) -> None:
@@ -152,5 +187,7 @@ class Store:
 
 
 def _digest(token: str) -> str:
-    # Who reads the database cannot sign in, and the time that a look-up takes tells nothing about a token.
+    # Who reads the database cannot sign in. Only digests are compared, so no constant-time comparison is needed: the
+    # time of a look-up tells at most how a digest begins, and nobody can make tokens with digests of their choice.
+    # A challenge is no secret; an invite code is one, and the limit on failures keeps its 60 bits from being probed.
     return hashlib.sha256(token.encode()).hexdigest()

@@ -1,17 +1,15 @@
-"""The local service as a process of its own, over real HTTPS, with its real database."""
+"""The local service from outside: what it grants, what it refuses, and what it stands."""
 
+import concurrent.futures
 import contextlib
-import http.server
-import os
-import pickle
+import json
 import signal
 import socket
-import sqlite3
 import ssl
 import subprocess
 import sys
-import threading
 import time
+from hashlib import sha256
 
 import httpx
 import pytest
@@ -20,279 +18,222 @@ from cryptography.hazmat.primitives.asymmetric import ec
 
 from corvane import auth
 
-KEY, OTHER = "0x" + "11" * 32, "0x" + "22" * 32
-COMMAND = [sys.executable, "-P", "-m", "corvane_local"]
+BOGUS = {"challenge": "0" * 64, "signature": "30" * 40}
+POINT = "0279be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798"
+PROTECTED = ["/wallet", "/eras", "/runtime/manifest", "/runtime/files/era_config.json"]
 
 
-@contextlib.contextmanager
-def running(state, *options):
-    process = subprocess.Popen([*COMMAND, "serve", "--port", "0", "--state", state, *options], stdout=-1, text=True)
-    try:
-        process.url = process.stdout.readline().strip()
-        yield process
-    finally:
-        process.kill()
-        process.communicate()
-
-
-@pytest.fixture(scope="module")
-def state(tmp_path_factory):
-    return tmp_path_factory.mktemp("service")
-
-
-@pytest.fixture(scope="module")
-def service(state):
-    with running(state) as process:
-        os.environ["SSL_CERT_FILE"] = str(state / "ca.pem")
-        yield process
-    del os.environ["SSL_CERT_FILE"]
-
-
-def invite(state):
-    return subprocess.run(
-        [*COMMAND, "invite", "--state", state], check=True, capture_output=True, text=True
-    ).stdout.strip()
-
-
-def rows(state, query):
-    with contextlib.closing(sqlite3.connect(state / "service.db")) as db:
-        return db.execute(query).fetchall()
-
-
-def sign_in(service, key=KEY, code=None):
-    manager = auth.AuthManager(key, service.url, invite_code=code)
-    manager.authenticate()
-    return manager
-
-
-def post(service, path, **kwargs):
-    return httpx.post(service.url + path, verify=ssl.create_default_context(), **kwargs)
-
-
-def get(service, path, header):
-    return httpx.get(service.url + path, headers={"Authorization": header}, verify=ssl.create_default_context())
-
-
-def wallet(service, header):
-    return get(service, "/wallet", header)
-
-
-def test_sign_up_and_in(service, state):
-    code = invite(state)
-    first = sign_in(service, code=code.lower())
-    again = sign_in(service)
+def test_sign_up_and_in(service):
+    code = service.command("invite")[0]
+    first, again = service.sign_in(1, code.lower()), service.sign_in(1)
     assert first.get_wallet_address() == again.get_wallet_address()
     assert first.get_token() != again.get_token() and abs(first.get_token_expiry() - time.time() - 3600) < 60
-    sign_in(service, code=invite(state))  # known already: the second invite is not used up
-    assert len(rows(state, "SELECT * FROM invites WHERE used_by IS NULL")) == 1
-    with pytest.raises(auth.RegistrationError, match="has been used"):
-        sign_in(service, OTHER, code)
-    with pytest.raises(auth.RegistrationError, match="unknown"):
-        sign_in(service, OTHER, "CORV-2222-2222-2222")
-    with pytest.raises(auth.RegistrationError, match="malformed: invite_code"):
-        sign_in(service, OTHER, "junk!")
+    service.sign_up(1)  # known already: the second invite is not used up
+    assert len(service.rows("SELECT * FROM invites WHERE used_by IS NULL")) == 1
+    for wrong, message in ((code, "has been used"), ("CORV-2222-2222-2222", "unknown"), ("junk!", "malformed: invite")):
+        with pytest.raises(auth.RegistrationError, match=message):
+            service.sign_in(2, wrong)
     with pytest.raises(auth.AuthError, match="not registered") as info:
-        sign_in(service, OTHER)
+        service.sign_in(2)
     assert type(info.value) is auth.AuthError
-    assert wallet(service, "Bearer " + first.get_token()).json()["address"] == first.get_wallet_address()
-    for header in ("", "Bearer", "Bearer x", first.get_token(), "Basic " + first.get_token()):
-        assert wallet(service, header).status_code == 401
-    assert first.get_token() not in str(rows(state, "SELECT * FROM tokens"))
-
-
-def test_eras_are_for_those_who_signed_in(service, state):
-    token = sign_in(service, code=invite(state)).get_token()
-    for header in ("", "Bearer", "Bearer x", token):
-        answer = get(service, "/eras", header)
-        assert answer.status_code == 401 and answer.json()["code"] == "bad_token"
-    eras = get(service, "/eras", "Bearer " + token).json()["eras"]
-    assert [era["state"] for era in eras] == ["closed", "closed", "active"]
-    assert eras[2]["named_universe"] == "us_large" and "us_large" not in str(eras[:2])
+    assert service.get("/wallet", first.get_token()).json()["address"] == first.get_wallet_address()
+    assert first.get_token() not in str(service.rows("SELECT * FROM tokens"))
+    eras = service.get("/eras", first.get_token()).json()["eras"]
+    assert [(era["era_id"], era["state"]) for era in eras] == [(1, "closed"), (2, "closed"), (3, "active")]
     pools = [(set(pool), pool["allowed_named_universes"]) for pool in eras[2]["signal_pools"]]
     assert pools == [({"id", "name", "allowed_named_universes"}, ["us_large"])] * 2
+    for header in ("", "Bearer", "Bearer x", "Bearer \xff", first.get_token(), "Basic " + first.get_token()):
+        for path in PROTECTED:
+            answer = service.client.get(path, headers={"Authorization": header.encode("latin-1")})
+            assert answer.status_code == 401 and answer.json()["code"] == "bad_token"
 
 
-def test_one_invite_is_for_one_of_many(service, state):
-    code, outcomes = invite(state), []
-
-    def attempt(number):
-        try:
-            outcomes.append(sign_in(service, f"0x{number:064x}", code).get_wallet_address())
-        except auth.RegistrationError:
-            outcomes.append(None)
-
-    threads = [threading.Thread(target=attempt, args=(n,)) for n in range(100, 108)]
-    [t.start() for t in threads], [t.join() for t in threads]
-    assert len(outcomes) == 8 and len([o for o in outcomes if o]) == 1
+def test_one_invite_is_for_one_of_many(service):
+    code = service.command("invite")[0]
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        attempts = [pool.submit(service.sign_in, number, code) for number in range(100, 108)]
+    errors = [attempt.exception() for attempt in attempts]
+    assert errors.count(None) == 1 and sum(isinstance(e, auth.RegistrationError) for e in errors) == 7
 
 
 def test_a_challenge_works_once(service):
-    manager = auth.AuthManager(OTHER, service.url)
+    manager = auth.AuthManager(f"0x{2:064x}", service.url)
     body = {"public_key": manager._public_key}
     for forge, code in ((True, "bad_signature"), (False, "unknown_wallet")):
-        body["challenge"] = post(service, "/auth/challenge", json=body).json()["challenge"]
+        body["challenge"] = service.client.post("/auth/challenge", json=body).json()["challenge"]
         proof = manager._key.sign(auth.signed_message(body["challenge"] + "!" * forge), ec.ECDSA(hashes.SHA256()))
         body["signature"] = proof.hex()
-        codes = [post(service, "/auth/login", json=body).json()["code"] for _ in range(2)]
+        codes = [service.client.post("/auth/login", json=body).json()["code"] for _ in range(2)]
         assert codes == [code, "bad_challenge"]
 
 
-POINT = "02" + "79be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798"
+def test_malformed_requests_get_a_4xx_with_json_as_described(service):
+    described = service.client.get("/openapi.json").json()["paths"]
+    for path, status, bodies in (
+        ("/auth/challenge", 400, [b'{"public_key": "\xff"}', b"[" * 50_000, b"9" * 6000]),
+        ("/auth/challenge", 413, [b" " * 70_000, iter([b" " * 40_000] * 2)]),
+        ("/auth/challenge", 422, [b"", b"{", b"[]", {"public_key": 5}, {"public_key": "02" + "00" * 32}]),
+        ("/auth/challenge", 422, [b'{"public_key": "\\ud800"}']),
+        ("/auth/login", 422, [{"public_key": POINT}]),
+        ("/auth/login", 401, [{"public_key": POINT, **BOGUS}]),
+        ("/auth/register", 422, [{"public_key": POINT, "invite_code": "x" * 100}]),
+        ("/nowhere", 404, [b""]),
+        ("/wallet", 405, [b""]),
+    ):
+        for body in bodies:
+            content = json.dumps(body) if isinstance(body, dict) else body
+            answer = service.client.post(path, headers={"Content-Type": "application/json"}, content=content)
+            assert answer.status_code == status and set(answer.json()) == {"error", "code"}
+            operation = described.get(path, {}).get("post")
+            assert operation is None or (str(status) in operation["responses"] and operation["summary"])
 
 
-@pytest.mark.parametrize(
-    ("path", "request_", "status"),
-    [
-        ("/auth/challenge", {"content": b""}, 422),
-        ("/auth/challenge", {"content": b"{"}, 422),
-        ("/auth/challenge", {"content": b'{"public_key": "\xff"}'}, 400),
-        ("/auth/challenge", {"content": b"[" * 50_000}, 400),
-        ("/auth/challenge", {"content": b"9" * 6000}, 400),
-        ("/auth/challenge/", {"json": {}}, 404),
-        ("/auth/challenge", {"json": []}, 422),
-        ("/auth/challenge", {"json": {"public_key": 5}}, 422),
-        ("/auth/challenge", {"json": {"public_key": "02" + "00" * 32}}, 422),
-        ("/auth/challenge", {"content": b'{"public_key": "\\ud800"}'}, 422),
-        ("/auth/challenge", {"content": b" " * 70_000}, 413),
-        ("/auth/challenge", {"content": iter([b" " * 40_000] * 2)}, 413),
-        ("/auth/login", {"json": {"public_key": POINT}}, 422),
-        ("/auth/login", {"json": {"public_key": POINT, "challenge": "0" * 64, "signature": "30" * 40}}, 401),
-        ("/auth/register", {"json": {"public_key": POINT, "invite_code": "x" * 100}}, 422),
-        ("/nowhere", {}, 404),
-        ("/wallet", {}, 405),
-    ],
-)
-def test_malformed_requests_get_a_4xx_with_json(service, path, request_, status):
-    headers = {"Content-Type": "application/json"}
-    answer = post(service, path, headers=headers, **request_)
-    assert answer.status_code == status and set(answer.json()) == {"error", "code"}
+def test_runtime_files_whole_and_in_part(service):
+    token = service.sign_up(3).get_token()
+    manifest = service.get("/runtime/manifest", token).json()
+    assert (manifest["era_id"], manifest["version"], len(manifest["files"])) == (3, 1, 4)
+    for path, entry in manifest["files"].items():
+        whole, digest = service.get(f"/runtime/files/{path}", token), entry["sha256"]
+        assert sha256(whole.content).hexdigest() == digest and whole.headers["ETag"] == f'"{digest}"'
+        assert len(whole.content) == entry["size"] and ("platform" in entry) == path.endswith(".so")
+        for headers, status, content in (
+            ({"Range": "bytes=100-", "If-Range": f'"{digest}"'}, 206, whole.content[100:]),
+            ({"Range": "bytes=5-9"}, 206, whole.content[5:10]),
+            ({"Range": "bytes=100-", "If-Range": '"other"'}, 200, whole.content),
+            ({"Range": f"bytes={entry['size']}-"}, 416, None),
+            ({"Range": "lines=1-"}, 400, None),
+        ):
+            answer = service.get(f"/runtime/files/{path}", token, **headers)
+            assert answer.status_code == status and content in (None, answer.content)
+    wrong = ["", "manifest.json", "%2e%2e/service.db", "..%2fservice.db", "/etc/passwd", "era_config.json%00", "%ff"]
+    for path in [*wrong, "runtime//era_data.so", "%2e/era_config.json", "era_config.json/", "x" * 9000, digest]:
+        assert service.get(f"/runtime/files/{path}", token).status_code == 404
+    assert [service.command("publish", "--backtester", build) for build in "2211"] == [["2"], ["2"], ["3"], ["3"]]
+    files = manifest["files"]
+    assert service.get("/runtime/manifest", token).json() == {"era_id": 3, "version": 3, "files": files}
 
 
-def test_tokens_and_challenges_run_out(tmp_path, monkeypatch):
-    with running(tmp_path, "--challenge-seconds", "0") as service:
-        monkeypatch.setenv("SSL_CERT_FILE", str(tmp_path / "ca.pem"))
-        with pytest.raises(auth.AuthError, match="expired"):
-            sign_in(service)
-    with running(tmp_path, "--token-seconds", "4.5") as service:
-        manager = sign_in(service, code=invite(tmp_path))
+def test_failures_are_limited_for_each_key_and_address(start):
+    def fail(number, **headers):
+        body = {"public_key": auth.AuthManager(f"0x{number:064x}", service.url)._public_key, **BOGUS}
+        return service.client.post("/auth/login", json=body, headers=headers)
+
+    with start() as service:
+        service.sign_up(1)
+        for _ in range(2):
+            assert [fail(1).status_code for _ in range(9)] == [401] * 9
+            service.sign_in(1)  # which forgives
+        answers = [fail(2, **{"X-Forwarded-For": f"10.0.0.{n}"}) for n in range(12)]
+        assert [answer.status_code for answer in answers] == [401] * 10 + [429] * 2
+        assert 1 <= int(answers[-1].headers["Retry-After"]) <= 6
+        service.sign_in(1)
+        with pytest.raises(auth.AuthError, match="Too many failures"):
+            service.sign_in(2)
+        codes = [fail(10 + n // 8, **{"X-Forwarded-For": f"10.0.0.{n}"}).status_code for n in range(320)]
+        assert codes.index(429) > 250 and codes[290:].count(429) > 10  # while no key has failed too often
+        elsewhere = httpx.HTTPTransport(ssl.create_default_context(), local_address="127.0.0.2")
+        with httpx.Client(transport=elsewhere, base_url=service.url) as service.client:
+            assert fail(3).status_code == 401
+
+
+POST = b"POST /auth/login HTTP/1.1\r\nHost: x\r\n"
+DRIP = [b" "] * 300
+BROKEN = {
+    "silent": (b"", [], b""),
+    "slow head": (b"GET /health HTTP/1.1\r\n", [b"x"] * 300, b""),
+    "slow body": (POST + b"Content-Length: 400\r\n\r\n", DRIP, b""),
+    "slow chunks": (POST + b"Transfer-Encoding: chunked\r\n\r\n", [b"1\r\n \r\n"] * 300, b""),
+    "drip after an answer": (POST + b"Content-Length: 99999999\r\n\r\n" + b" " * 70_000, DRIP, b"413"),
+    "no host": (b"GET /health HTTP/1.1\r\n\r\n", [], b"400"),
+    "endless head": (b"GET /health HTTP/1.1\r\nHost: x\r\nX: ", [b"y" * 4000] * 9, b"400"),
+    "bad length": (POST + b"Content-Length: -5\r\n\r\n", [], b"400"),
+    "bad chunk": (POST + b"Transfer-Encoding: chunked\r\n\r\nzz\r\n", [], b"400"),
+    "upgrade": (b"GET /health HTTP/1.1\r\nHost: x\r\nConnection: upgrade\r\nUpgrade: websocket\r\n\r\n", [], b"200"),
+    "other form": (b"GET http://x/health HTTP/1.1\r\nHost: x\r\n\r\n", [], b"404"),
+    "tunnel": (b"CONNECT x:1 HTTP/1.1\r\nHost: x\r\n\r\n", [], b"404"),
+}
+
+
+def test_slow_and_broken_clients_are_cut_off_and_block_nobody(start):
+    def talk(head, pieces, status):
+        received, began, pieces = b"", time.monotonic(), iter([head, *pieces])
+        with trust.wrap_socket(socket.create_connection(address), server_hostname="127.0.0.1") as client:
+            client.settimeout(0.02)
+            while time.monotonic() - began < 9:
+                try:
+                    client.sendall(next(pieces, b""))
+                    if not (data := client.recv(65536)):
+                        break
+                    received += data
+                except TimeoutError:
+                    pass
+                except OSError:
+                    break
+        return received.split(b" ")[1] if received else b"", time.monotonic() - began
+
+    with start("--exchange-seconds", "2") as service, contextlib.ExitStack() as stack:
+        address, trust = ("127.0.0.1", int(service.url.rpartition(":")[2])), ssl.create_default_context()
+        half_open = [stack.enter_context(socket.create_connection(address)) for _ in range(1200)]
+        half_open[0].sendall(b"GET /health HTTP/1.1\r\nHost: x\r\n\r\n")  # no TLS
+        with concurrent.futures.ThreadPoolExecutor(len(BROKEN)) as pool:
+            talks = {name: pool.submit(talk, *case) for name, case in BROKEN.items()}
+            while not all(outcome.done() for outcome in talks.values()):
+                assert httpx.get(service.url + "/health", verify=trust).elapsed.total_seconds() < 2
+        outcomes = {name: outcome.result() for name, outcome in talks.items()}
+        assert {n: status for n, (status, _) in outcomes.items()} == {n: status for n, (_, _, status) in BROKEN.items()}
+        assert max(seconds for _, seconds in outcomes.values()) < 8
+        assert half_open[0].recv(100) == b""
+
+
+def test_tokens_and_challenges_run_out(start):
+    with start("--challenge-seconds", "0") as service, pytest.raises(auth.AuthError, match="expired"):
+        service.sign_in(1)
+    with start("--token-seconds", "4.5") as service:
+        manager = service.sign_up(1)
         first = manager.get_token()
         assert manager.get_token() == first
         time.sleep(2)
         assert manager.get_token() != first  # early enough for the first to be still good
-        assert wallet(service, "Bearer " + first).status_code == 200 and manager.get_token_expiry() > time.time() + 3
+        assert service.get("/wallet", first).status_code == 200 and manager.get_token_expiry() > time.time() + 3
         time.sleep(3)
-        assert wallet(service, "Bearer " + first).status_code == 401
+        assert service.get("/wallet", first).status_code == 401
 
 
-def test_what_was_acknowledged_survives_a_kill(tmp_path, monkeypatch):
-    with running(tmp_path) as service:
-        monkeypatch.setenv("SSL_CERT_FILE", str(tmp_path / "ca.pem"))
-        code = invite(tmp_path)
-        address = sign_in(service, code=code).get_wallet_address()
-        service.send_signal(signal.SIGKILL)
-        service.wait()
-        with pytest.raises(ConnectionError, match="cannot be reached"):
-            sign_in(service)
-    assert rows(tmp_path, "SELECT used_by FROM invites") == [(address,)]
-    with running(tmp_path) as service:
-        assert sign_in(service).get_wallet_address() == address
-        post(service, "/auth/challenge", json={})
-        service.send_signal(signal.SIGTERM)
-        assert service.wait(10) == 0
-    with running(tmp_path) as service:
-        service.send_signal(signal.SIGINT)
-        assert service.wait(10) == 0
+def test_what_was_acknowledged_survives_a_kill_under_load(start, tmp_path):
+    acknowledged = {}
+
+    def register(number, code):
+        manager = service.sign_in(number, code)
+        acknowledged[manager.get_wallet_address()] = (number, code, manager.get_token())
+        if len(acknowledged) == 40:
+            service.process.kill()
+
+    with start() as service:
+        codes = service.command("invite", "--count", "200")
+        with concurrent.futures.ThreadPoolExecutor(16) as pool:
+            attempts = [pool.submit(register, n, code) for n, code in enumerate(codes, 1)]
+        assert {type(attempt.exception()) for attempt in attempts} == {type(None), ConnectionError}
+    with start() as service:
+        used = dict(service.rows("SELECT used_by, code FROM invites WHERE used_by IS NOT NULL"))
+        assert {address for (address,) in service.rows("SELECT address FROM wallets")} == set(used) >= set(acknowledged)
+        assert service.rows("PRAGMA integrity_check") == [("ok",)]
+        for address, (_, code, token) in acknowledged.items():
+            assert used[address] == code and service.get("/wallet", token).json()["address"] == address
+        service.sign_in(acknowledged.popitem()[1][0])
+        service.client.close()
+        service.process.send_signal(signal.SIGTERM)
+        assert service.process.wait(10) == 0
     assert oct(tmp_path.stat().st_mode)[-3:] == oct((tmp_path / "ca.key").stat().st_mode | 0o100)[-3:] == "700"
 
 
-def test_an_unknown_authority_is_not_trusted(service, tmp_path, monkeypatch):
-    monkeypatch.delenv("SSL_CERT_FILE")
-    with pytest.raises(ConnectionError, match="CERTIFICATE_VERIFY_FAILED"):
-        sign_in(service)
+def test_a_taken_port_and_an_open_directory_are_clear_errors(service, tmp_path):
+    def outcome(*options):
+        done = subprocess.run([sys.executable, "-m", "corvane_local", *options], capture_output=True, text=True)
+        return done.returncode, done.stderr
 
-
-def test_a_taken_port_is_a_clear_error(tmp_path):
-    with socket.create_server(("127.0.0.1", 0)) as taken:
-        port = str(taken.getsockname()[1])
-        done = subprocess.run([*COMMAND, "serve", "--port", port, "--state", tmp_path], capture_output=True, text=True)
-    assert done.returncode == 1 and f"cannot listen on 127.0.0.1:{port}" in done.stderr
-
-
-def test_a_directory_open_to_others_is_refused(tmp_path):
+    port = service.url.rpartition(":")[2]
+    message = f"Error: cannot listen on 127.0.0.1:{port}: Address already in use. Try --port 0.\n"
+    assert outcome("serve", "--port", port, "--state", tmp_path / "state") == (1, message)
     tmp_path.chmod(0o755)
-    done = subprocess.run([*COMMAND, "invite", "--state", tmp_path], capture_output=True, text=True)
-    assert done.returncode == 1 and "open to other users" in done.stderr and not list(tmp_path.iterdir())
-
-
-@pytest.mark.parametrize(
-    ("body", "encoding"),
-    [
-        (b"{}", "identity"),
-        (b'{"challenge": null}', "identity"),
-        ('{"challenge": "é"}'.encode(), "identity"),
-        (b"[" * 100_000, "identity"),
-        (b"oops", "gzip"),
-        (b'{"token": null, "expires_at": 5}', "identity"),
-        (b'{"token": "t", "expires_at": NaN}', "identity"),
-        (b'{"token": "t", "expires_at": 1%s}' % (b"0" * 400), "identity"),
-    ],
-)
-def test_answers_that_make_no_sense(body, encoding):
-    class Answers(http.server.BaseHTTPRequestHandler):
-        def do_POST(self):
-            self.rfile.read(int(self.headers["Content-Length"]))
-            self.send_response(200)
-            self.send_header("Content-Encoding", encoding)
-            self.end_headers()
-            is_first = self.path == "/auth/challenge" and b"token" in body
-            self.wfile.write(b'{"challenge": "ab"}' if is_first else body)
-
-        def log_message(self, *args):
-            pass
-
-    with http.server.HTTPServer(("127.0.0.1", 0), Answers) as server:
-        threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
-        with pytest.raises(auth.AuthError, match="The service's answer"):
-            auth.AuthManager(KEY, f"http://127.0.0.1:{server.server_port}").authenticate()
-        server.shutdown()
-
-
-def test_keys_do_not_show():
-    manager = auth.AuthManager(KEY, "https://localhost")
-    assert KEY[2:] not in repr(manager) and KEY[2:] not in str(vars(manager))
-    with pytest.raises(TypeError, match="cannot be pickled"):
-        pickle.dumps(manager)
-    for bad in (
-        "0x",
-        "0x5",
-        "11" * 32,
-        "zz" + "11" * 32,
-        "0x" + "g" * 64,
-        "0x" + "0" * 64,
-        "0x" + "f" * 64,
-        "0x" + "1" * 65,
-    ):
-        with pytest.raises(auth.InvalidKeyError) as info:
-            auth.AuthManager(bad, "https://localhost")
-        assert len(bad) < 5 or bad[2:] not in str(info.value)
-
-
-def test_invite_codes_and_addresses():
-    assert auth._normalize_invite_code(" corv-2222-abcd-zzzz\n") == "CORV-2222-ABCD-ZZZZ"
-    for bad in (None, 5, "", " ", "CORV", "CORV-2222-ABCD-ZZZO", "CORV-2222-ABCD-ZZZZ-2222", "\udc80"):
-        assert auth._normalize_invite_code(bad) is None
-    for good in ("https://a.example:8443/api//", "https://a", "http://127.0.0.1:1", "http://localhost", "http://[::1]"):
-        assert auth._validate_server_url(good) == good.rstrip("/")
-    wrong = ["", "a.example", "http://a.example", "ftp://a", "https://", "https://u@a", "https://a:x", "https://[::1"]
-    wrong += [
-        "https://a?q",
-        "https://a?",
-        "https://a#f",
-        "https://a#",
-        "https://a b",
-        " https://a",
-        "https://a\n.example",
-    ]
-    for bad in wrong:
-        with pytest.raises(ValueError, match="server_url must"):
-            auth._validate_server_url(bad)
+    code, message = outcome("invite", "--state", tmp_path)
+    assert code == 1 and "open to other users" in message

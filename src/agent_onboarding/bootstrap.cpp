@@ -138,8 +138,8 @@ object local_runtime(const frame& in, handle am) {
 object kit_or_local_runtime(const frame& in, handle am, handle strict) {
     object sync_backoff;
     try {
-        sync_backoff = imported("_propagate_auth.sync_backoff");
-        found bootstrap = imported("_propagate_auth._runtime").attr("bootstrap_runtime"_n);
+        sync_backoff = imported("_propagate_auth.sync_backoff"_n);
+        found bootstrap = imported("_propagate_auth._runtime"_n).attr("bootstrap_runtime"_n);
         object config = global("_config"_n);
         return bootstrap(am, config, global("_load_per_era_backtester"_n));
     } catch (error& caught) {
@@ -160,7 +160,7 @@ object kit_or_local_runtime(const frame& in, handle am, handle strict) {
 }
 
 /// Gives the search templates the runtime, if there is one; `statement` imports them.
-void inject_into_search(const frame& in, const char* statement, handle runtime, handle strict, name failure_text) {
+void inject_into_search(const frame& in, name statement, handle runtime, handle strict, name failure_text) {
     try {
         object search_templates = imported(statement);
         if (!runtime.is_none())
@@ -178,7 +178,7 @@ void inject_into_search(const frame& in, const char* statement, handle runtime, 
 /// The import of the module `corvane.simulate_signal` has put it where the package offers the function of that name.
 void restore_export(const frame& in, handle simulation, handle strict) {
     try {
-        object package = imported("_propagate_auth.corvane");
+        object package = imported("_propagate_auth.corvane"_n);
         set_attr(package, "simulate_signal"_n, simulation.attr("_simulate_signal_export"_n));
     } catch (error& caught) {
         except_scope handling(in, caught);
@@ -288,8 +288,8 @@ object bootstrap_local_runtime_from_config(const frame& in) {
     if (!is_instance(vocabulary, "dict"_n))
         return none();
 
-    object kit = imported("_bootstrap_local_runtime_from_config._runtime");
-    object tracker_class = imported("_bootstrap_local_runtime_from_config.SearchTracker");
+    object kit = imported("_bootstrap_local_runtime_from_config._runtime"_n);
+    object tracker_class = imported("_bootstrap_local_runtime_from_config.SearchTracker"_n);
     object freshness_guard = global("create_runtime_freshness_guard"_n)(data_dir);
     object manifest_data = global("_read_manifest"_n)(data_dir);
     object manifest_path = global("os"_n).attr("path"_n).attr("join"_n)(data_dir, "manifest.json"_n);
@@ -383,7 +383,7 @@ object propagate_auth(const frame& in) {
     if (is_true(strict) && runtime.is_none())
         raise_message(global("RuntimeError"_n),
                       "Corvane registration authenticated, but runtime data bootstrap returned no runtime.");
-    inject_into_search(in, "_propagate_auth.search_templates", runtime, strict,
+    inject_into_search(in, "_propagate_auth.search_templates"_n, runtime, strict,
                        "Failed to inject runtime into search_templates: %s"_n);
     initialise_simulation(in, am, runtime, strict);
     return runtime;
@@ -396,9 +396,9 @@ object ensure_runtime_bootstrapped(const frame& in) {
             return none();
         raise_message(global("auth"_n).attr("AuthError"_n), "No wallet initialized. Call register() or login() first.");
     }
-    object runtime = imported("ensure_runtime_bootstrapped._runtime").attr("get_runtime"_n)();
+    object runtime = imported("ensure_runtime_bootstrapped._runtime"_n).attr("get_runtime"_n)();
     if (!runtime.is_none()) {
-        inject_into_search(in, "ensure_runtime_bootstrapped.search_templates", runtime, strict,
+        inject_into_search(in, "ensure_runtime_bootstrapped.search_templates"_n, runtime, strict,
                            "Failed to inject existing runtime into search_templates: %s"_n);
         return runtime;
     }

@@ -79,8 +79,7 @@ object checked_named_universe(handle value) {
     object name = invoke(value, "strip"_n);
     if (!is_true(name))
         raise_message(global("ValueError"_n), "named_universe cannot be empty.");
-    if (contains(tuple("."_n, ".."_n), name) || contains(name, "/"_n) || contains(name, "\\"_n) ||
-        contains(name, "\0"_n))
+    if (is_one_of(name, "."_n, ".."_n) || contains(name, "/"_n) || contains(name, "\\"_n) || contains(name, "\0"_n))
         raise_message(global("ValueError"_n), "named_universe must be a single safe path segment.");
     return name;
 }

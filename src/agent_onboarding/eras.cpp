@@ -120,7 +120,7 @@ object safe_named_universe(const frame& in) {
         return none();
     object text = is_instance(in[0], "str"_n) ? object::borrow(in[0]) : global("str"_n)(in[0]);
     text = invoke(text, "strip"_n);
-    if (!is_true(text) || contains(tuple("."_n, ".."_n), text))
+    if (!is_true(text) || is_one_of(text, "."_n, ".."_n))
         return none();
     if (contains(text, "/"_n) || contains(text, "\\"_n) || contains(text, "\0"_n))
         return none();

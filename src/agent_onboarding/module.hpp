@@ -20,7 +20,10 @@ inline bool path_exists(handle path, where line = where::current()) {
 /// `isinstance(value, type)`
 inline bool is_instance(handle value, name type, where line = where::current()) {
     found test = global("isinstance"_n, line);
-    return is_true(test(value, global(type, line)), line);
+    found class_or_tuple = global(type, line);
+    if (is_builtin(test, "isinstance"))
+        return perform(line, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
+    return is_true(test(value, class_or_tuple), line);
 }
 /// `raise type(message)`
 [[noreturn]] inline void raise_message(const found& type, const char* message, where line = where::current()) {

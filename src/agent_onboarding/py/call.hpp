@@ -69,27 +69,20 @@ void set_global(name changed, handle value, where line = where::current());
 
 namespace detail {
 /// The attribute of a plain module, without the detour over its type; empty if it is not there or not that simple.
-inline object module_attribute(handle self, handle name) {
-    if (!PyModule_CheckExact(self.ptr()))
-        return {};
-    PyObject* value = PyDict_GetItemWithError(PyModule_GetDict(self.ptr()), name.ptr());
-    if (value == nullptr)
-        PyErr_Clear(); // the ordinary look-up says what is wrong
-    return object::borrow(value);
-}
+object module_attribute(handle self, name wanted);
 } // namespace detail
 
-inline found handle::attr(handle name, where line) const {
-    if (object quick = detail::module_attribute(*this, name))
+inline found handle::attr(name wanted, where line) const {
+    if (object quick = detail::module_attribute(*this, wanted))
         return {std::move(quick), line};
-    return {perform(line, PyObject_GetAttr, ptr(), name.ptr()), line};
+    return {perform(line, PyObject_GetAttr, ptr(), wanted.ptr()), line};
 }
 
 /// The name of a method, with the line it is called on.
-struct method_name : handle {
+struct method_name : name {
     where line;
     // NOLINTNEXTLINE(google-explicit-constructor): the name stands for itself
-    method_name(name text, where at = where::current()) noexcept : handle(text), line(at) {}
+    method_name(name text, where at = where::current()) noexcept : name(text), line(at) {}
 };
 
 /// `self.method(arguments...)` for arguments that are values already: where an argument is itself an operation, the
@@ -115,6 +108,13 @@ inline bool compare(handle left, int operation, handle right, where line = where
 /// `item in container`
 inline bool contains(handle container, handle item, where line = where::current()) {
     return perform(line, PySequence_Contains, container.ptr(), item.ptr()) != 0;
+}
+/// `item in (first, second, ...)`
+template <typename... Items> bool is_one_of(handle item, const Items&... items) {
+    const auto equal = [item](handle other) {
+        return perform(where::current(), PyObject_RichCompareBool, other.ptr(), item.ptr(), Py_EQ) != 0;
+    };
+    return (equal(items) || ...);
 }
 /// `container[key]`
 inline object get_item(handle container, handle key, where line = where::current()) {

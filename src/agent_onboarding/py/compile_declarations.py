@@ -77,6 +77,18 @@ def complete(function: ast.FunctionDef, doc: str) -> list[ast.Import | ast.Impor
     return imports
 
 
+def only_code_in(code: CodeType) -> CodeType:
+    return next(constant for constant in code.co_consts if isinstance(constant, CodeType))
+
+
+def import_code(statement: ast.stmt, bound: str, function: str, file_name: str) -> CodeType:
+    """The code of a function which executes the statement and returns what it binds, with the name of another."""
+    tree = ast.parse(f"def {function}(): return {bound}")
+    assert isinstance(tree.body[0], ast.FunctionDef)
+    tree.body[0].body.insert(0, statement)
+    return only_code_in(compile(tree, file_name, "exec", dont_inherit=True, optimize=0))
+
+
 def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> tuple[str, dict[str, CodeType]]:
     """The text of a function or a class, and its code objects by name.
 
@@ -90,19 +102,15 @@ def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> 
     codes = {}
     for written, function in zip(functions_of(node), functions_of(tree.body[0]), strict=True):
         for statement in complete(function, final_docstring(written, ast.unparse(function), source, module)):
-            [alias] = statement.names
-            code = compile(ast.Module([statement], []), file_name, "exec", dont_inherit=True, optimize=0)
-            bound = f"{function.name}.{alias.asname or alias.name}"
-            codes[bound] = code.replace(co_name=function.name, co_qualname=function.name)
+            bound = statement.names[0].asname or statement.names[0].name
+            codes[f"{function.name}.{bound}"] = import_code(statement, bound, function.name, file_name)
     if isinstance(node, ast.FunctionDef) and is_generator(node):
         # The steps become free variables of the function, as if an outer function had them as parameters.
         outer = ast.parse(f"def outer({', '.join(step_names(node, source))}): pass")
         assert isinstance(outer.body[0], ast.FunctionDef)
         outer.body[0].body = tree.body
         code = compile(outer, file_name, "exec", dont_inherit=True, optimize=0)
-        for _ in range(2):
-            code = next(constant for constant in code.co_consts if isinstance(constant, CodeType))
-        codes[node.name] = code.replace(co_qualname=node.name)
+        codes[node.name] = only_code_in(only_code_in(code)).replace(co_qualname=node.name)
     else:
         codes[node.name] = compile(tree, file_name, "exec", dont_inherit=True, optimize=0)
     return text, codes

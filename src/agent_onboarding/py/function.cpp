@@ -14,11 +14,14 @@ namespace corvane::py {
 
 namespace {
 
-/// A name that was looked up, valid while neither dictionary has changed. The value is borrowed from its dictionary.
+/// What a name was found to be, valid while the dictionaries have not changed. Values are borrowed from them. A version
+/// is never used twice, whichever the dictionary.
 struct remembered {
     std::uint64_t globals_version;
     std::uint64_t builtins_version;
     PyObject* value;
+    std::uint64_t module_version;
+    PyObject* attribute; ///< of the module whose dictionary has that version
 };
 
 /// The layer's only state. It outlives the module, for function objects can, and ends with the interpreter.
@@ -200,7 +203,7 @@ PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* v
 
 namespace {
 /// Changes with every change of the dictionary. Deprecated for 3.13; this module is for 3.12 alone.
-std::uint64_t version_of(const object& dictionary) noexcept {
+std::uint64_t version_of(handle dictionary) noexcept {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     return reinterpret_cast<PyDictObject*>(dictionary.ptr())->ma_version_tag;
@@ -224,8 +227,27 @@ found global(name wanted, where line) {
         object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), line);
         raise(call_at(line, handle(PyExc_NameError), message, "name"_a = wanted), line);
     }
-    last = {globals_version, builtins_version, value};
+    last.globals_version = globals_version;
+    last.builtins_version = builtins_version;
+    last.value = value;
     return {object::borrow(value), line};
+}
+
+object detail::module_attribute(handle self, name wanted) {
+    if (!PyModule_CheckExact(self.ptr()))
+        return {};
+    const handle dictionary(PyModule_GetDict(self.ptr()));
+    remembered& last = state->look_ups[wanted.index];
+    if (last.module_version != version_of(dictionary)) {
+        PyObject* attribute = PyDict_GetItemWithError(dictionary.ptr(), wanted.ptr());
+        if (attribute == nullptr) {
+            PyErr_Clear(); // the ordinary look-up says what is wrong
+            return {};
+        }
+        last.module_version = version_of(dictionary);
+        last.attribute = attribute;
+    }
+    return object::borrow(last.attribute);
 }
 
 bool is_builtin(handle value, const char* name) noexcept {
@@ -417,7 +439,7 @@ void define_generator(const char* name, const char* steps_class, std::initialize
     std::vector<object> made;
     made.reserve(static_cast<std::size_t>(PyTuple_GET_SIZE(wanted.ptr())));
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(wanted.ptr()); ++i)
-        made.push_back(owner.attr(handle(PyTuple_GET_ITEM(wanted.ptr(), i))));
+        made.push_back(perform(where::current(), PyObject_GetAttr, owner.ptr(), PyTuple_GET_ITEM(wanted.ptr(), i)));
     const std::vector<handle> enclosed(made.begin(), made.end());
     object key = check(PyUnicode_FromString(name), where::current());
     set_item(state->globals, key, new_function(code, enclosed));
@@ -437,16 +459,18 @@ object nested_function(const frame& in, const native_function& function, std::in
     throw_error(PyExc_SystemError, "a nested function is not among the declarations", where::current());
 }
 
-object imported(const char* declaration) {
-    object code = declared_code(declaration);
-    object scope = check(PyDict_New(), where::current());
+object imported(name declaration) {
+    object statement = get_item(state->codes, declaration);
+    if (PyCode_Check(statement.ptr())) { // the first time
+        statement = new_function(statement, {});
+        set_item(state->codes, declaration, statement);
+    }
     try {
-        perform(where::current(), PyEval_EvalCode, code.ptr(), state->globals.ptr(), scope.ptr());
+        return call_at(where::current(), statement);
     } catch (error& raised) {
         raised.mark_traced();
         throw;
     }
-    return check(PyMapping_GetItemString(scope.ptr(), std::strchr(declaration, '.') + 1), where::current());
 }
 
 } // namespace corvane::py

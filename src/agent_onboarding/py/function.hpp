@@ -127,6 +127,6 @@ template <native_body Body, typename... Enclosed>
 
 /// Executes an import statement declared inside a function, `function.bound_name`, and answers what it binds. Where it
 /// fails, its own frame is the function's entry in the traceback.
-[[nodiscard]] object imported(const char* declaration);
+[[nodiscard]] object imported(name declaration);
 
 } // namespace corvane::py

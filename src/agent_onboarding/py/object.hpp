@@ -69,7 +69,7 @@ class handle {
     explicit constexpr operator bool() const noexcept { return pointer_ != nullptr; }
 
     /// `self.name`
-    [[nodiscard]] found attr(handle name, where line = where::current()) const;
+    [[nodiscard]] found attr(struct name wanted, where line = where::current()) const;
 
   private:
     PyObject* pointer_ = nullptr;

@@ -1,0 +1,186 @@
+"""What searches have found and how far they have come, in one SQLite file of the data directory."""
+
+import fcntl
+import os
+import sqlite3
+import time
+from collections.abc import Iterable, Iterator, Mapping
+from contextlib import contextmanager
+from dataclasses import astuple, dataclass, fields, replace
+from pathlib import Path
+
+_SCHEMA = """
+CREATE TABLE IF NOT EXISTS runs
+    (id INTEGER PRIMARY KEY, template TEXT NOT NULL, seed INTEGER NOT NULL, started_at REAL NOT NULL,
+     noted_at REAL NOT NULL, evaluations INTEGER NOT NULL, candidates INTEGER NOT NULL, outcome TEXT) STRICT;
+CREATE TABLE IF NOT EXISTS signals
+    (era_id INTEGER NOT NULL, pool TEXT NOT NULL, instrument TEXT NOT NULL, expression TEXT NOT NULL,
+     correlation REAL NOT NULL, mutual_information REAL NOT NULL, sharpe REAL NOT NULL,
+     rest_correlation REAL NOT NULL, rest_sharpe REAL NOT NULL, evaluation INTEGER NOT NULL, found_at REAL NOT NULL,
+     id INTEGER PRIMARY KEY) STRICT;
+CREATE TABLE IF NOT EXISTS uses
+    (kind TEXT, name TEXT, tried INTEGER NOT NULL, found INTEGER NOT NULL, PRIMARY KEY (kind, name)) STRICT;
+"""
+_BUSY_TIMEOUT = 10.0  # seconds
+
+
+@dataclass(frozen=True)
+class FoundSignal:
+    """A signal that passed the thresholds on the training days and was confirmed on the rest.
+
+    The correlation and the mutual information (bits) are those with the return over the era's horizon, the Sharpe
+    ratios are annualised and after costs. `evaluation` counts all evaluations up to this find, `found_at` is in seconds
+    since 1970-01-01 UTC. The id is given by the tracker.
+    """
+
+    era_id: int
+    pool: str
+    instrument: str
+    expression: str
+    correlation: float
+    mutual_information: float
+    sharpe: float
+    rest_correlation: float
+    rest_sharpe: float
+    evaluation: int
+    found_at: float
+    id: int | None = None
+
+
+@dataclass(frozen=True)
+class Run:
+    """One search: times in seconds since 1970-01-01 UTC; no outcome while it runs, and none if it was killed."""
+
+    id: int
+    template: str
+    seed: int
+    started_at: float
+    noted_at: float
+    evaluations: int
+    candidates: int
+    outcome: str | None
+
+
+@dataclass(frozen=True)
+class Use:
+    """How many of the evaluated expressions, and how many found signals, use a "function" or an "input"."""
+
+    kind: str
+    name: str
+    tried: int
+    found: int
+
+
+class SearchTracker:
+    """The record of the searches in one data directory; threads and processes may share it.
+
+    Args:
+        data_dir: The directory; made if it is missing.
+    """
+
+    def __init__(self, data_dir: str | os.PathLike[str]) -> None:
+        root = Path(data_dir).expanduser()
+        root.mkdir(mode=0o700, parents=True, exist_ok=True)
+        self._path, self._lock = root / "search.db", root / "search.lock"
+        for path in (self._path, self._lock):
+            os.close(os.open(path, os.O_CREAT | os.O_RDWR | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600))
+        with self._transaction() as db:
+            for statement in _SCHEMA.split(";"):
+                db.execute(statement)
+
+    @contextmanager
+    def _transaction(self) -> Iterator[sqlite3.Connection]:
+        # One connection a transaction: it is never shared between threads, and opening a file is cheap.
+        db = sqlite3.connect(self._path, timeout=_BUSY_TIMEOUT, isolation_level=None)
+        try:
+            db.execute("PRAGMA journal_mode = WAL")
+            db.execute("BEGIN IMMEDIATE")
+            yield db
+            db.execute("COMMIT")
+        finally:
+            db.close()  # which rolls back what is not committed
+
+    @contextmanager
+    def searching(self) -> Iterator[None]:
+        """Held by a search for as long as it runs; the kernel lets go of it when a process dies.
+
+        Raises:
+            RuntimeError: Another search runs in this directory.
+        """
+        with open(self._lock, "rb") as file:
+            for patience in range(50):
+                try:
+                    fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                    break
+                except BlockingIOError:
+                    if patience == 49:
+                        raise RuntimeError("A search is running already in this data directory.") from None
+                    time.sleep(0.01)  # `is_searching` holds it for a moment, too
+            yield
+
+    def is_searching(self) -> bool:
+        """Whether a search runs now, in this or in another process."""
+        with open(self._lock, "rb") as file:
+            try:
+                fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
+            except BlockingIOError:
+                return True
+            return False
+
+    def begin_run(self, template: str, seed: int, names: Mapping[str, Iterable[str]]) -> int:
+        """The number of a new run; `names` are the functions and inputs that it can use, by kind."""
+        now = time.time()
+        with self._transaction() as db:
+            rows = [(kind, name) for kind, listed in names.items() for name in listed]
+            db.executemany("INSERT OR IGNORE INTO uses VALUES (?, ?, 0, 0)", rows)
+            run = db.execute("INSERT INTO runs VALUES (NULL, ?, ?, ?, ?, 0, 0, NULL)", (template, seed, now, now))
+            assert run.lastrowid is not None
+            return run.lastrowid
+
+    def note(
+        self,
+        run: int,
+        evaluations: int,
+        candidates: int,
+        tried: Mapping[tuple[str, str], int],
+        outcome: str | None = None,
+    ) -> None:
+        """Adds to the counters of a run; `tried` counts the expressions by the kind and name of what they use."""
+        with self._transaction() as db:
+            db.execute(
+                "UPDATE runs SET noted_at = ?, evaluations = evaluations + ?, candidates = candidates + ?, outcome = ?"
+                " WHERE id = ?",
+                (time.time(), evaluations, candidates, outcome, run),
+            )
+            rows = [(count, kind, name) for (kind, name), count in tried.items()]
+            db.executemany("UPDATE uses SET tried = tried + ? WHERE kind = ? AND name = ?", rows)
+
+    def add_signal(self, signal: FoundSignal, uses: Iterable[tuple[str, str]]) -> tuple[FoundSignal, int]:
+        """Stores a signal and counts it for what it uses. The signal with its id, and how many there are now."""
+        with self._transaction() as db:
+            marks = ", ".join("?" * len(fields(signal)))
+            stored = db.execute(f"INSERT INTO signals VALUES ({marks})", astuple(signal)).lastrowid
+            db.executemany("UPDATE uses SET found = found + 1 WHERE kind = ? AND name = ?", uses)
+            return replace(signal, id=stored), int(db.execute("SELECT count(*) FROM signals").fetchone()[0])
+
+    def signals(self) -> list[FoundSignal]:
+        """All found signals, oldest first."""
+        with self._transaction() as db:
+            return [FoundSignal(*row) for row in db.execute("SELECT * FROM signals ORDER BY id")]
+
+    def signal(self, signal_id: int, era_id: int) -> FoundSignal:
+        """A found signal of an era by its id; LookupError if there is none."""
+        for signal in self.signals():
+            if (signal.id, signal.era_id) == (signal_id, era_id):
+                return signal
+        raise LookupError(f"Era {era_id} has no found signal with the number {signal_id}.")
+
+    def runs(self) -> list[Run]:
+        """All searches, oldest first."""
+        with self._transaction() as db:
+            return [Run(*row) for row in db.execute("SELECT * FROM runs ORDER BY id")]
+
+    def uses(self) -> list[Use]:
+        """All functions and inputs that a search could use, by kind and name."""
+        with self._transaction() as db:
+            return [Use(*row) for row in db.execute("SELECT * FROM uses ORDER BY kind, name")]

@@ -1,0 +1,149 @@
+"""Simulates the trading of one signal over all days of the active era."""
+
+import math
+import os
+from collections.abc import Callable, Mapping
+from dataclasses import dataclass, field
+from datetime import datetime
+from pathlib import Path
+from typing import Any
+
+import numpy as np
+
+from corvane._batch import BatchOrchestrator, Expression
+from corvane._evaluation import RuntimeEvaluationAdapter, Series, Vault
+from corvane.auth import AuthManager
+from corvane.runtime_module_freshness import RuntimeFreshnessGuard
+from corvane.search_tracking import SearchTracker
+
+
+@dataclass(frozen=True)
+class Simulation:
+    """The trading of one signal: one position a day, with the signal's sign of the day before, after costs.
+
+    Sharpe ratios are annualised, NaN if the profit never differs; `train_sharpe` is that of the days on which signals
+    are searched, and so no surprise, `rest_sharpe` that of the days behind them. The greatest fall from a peak and the
+    total return are shares of the capital; `profit` is that of each day, `days` are numbers of the form YYYYMMDD.
+    """
+
+    expression: str
+    instrument: str
+    sharpe: float
+    train_sharpe: float
+    rest_sharpe: float
+    max_drawdown: float
+    total_return: float
+    days: memoryview = field(repr=False)
+    profit: Series = field(repr=False, compare=False)
+
+
+@dataclass(frozen=True, kw_only=True)
+class _Context:
+    auth: AuthManager
+    sync_manager: Any
+    vault: Vault
+    backtester: RuntimeEvaluationAdapter
+    search_tracker: SearchTracker
+    era_thread: Any
+    graph_validator: Callable[[Expression | str], None]
+    compute_search_plan: Callable[..., object]
+    era_config: Mapping[str, Any]
+    load_vocabulary: Callable[..., Mapping[str, Any]]
+    useful_signal_metadata: Mapping[str, Any]
+    load_found_signal_pnl: Callable[[int], Series]
+    signal_dir: str
+    BatchOrchestrator_cls: type[BatchOrchestrator]
+    correlate_per_pool: Callable[..., dict[str, float]]
+    compute_mi_per_pool: Callable[..., dict[str, float]]
+    vocabulary: object
+    vocabulary_raw: Mapping[str, Any]
+    runtime_freshness_guard: RuntimeFreshnessGuard
+
+
+_context: _Context | None = None
+
+
+def init_simulate_signal(**parts: Any) -> None:
+    """Takes the parts of a runtime, under the names of `_Context`; those of an earlier one are forgotten."""
+    global _context
+    _context = _Context(**parts)
+
+
+def _simulate_signal_export(
+    expression_or_signal_id: str | int,
+    *,
+    instrument: str | None = None,
+    picture: str | os.PathLike[str] | None = None,
+) -> Simulation:
+    """Simulates the trading of a signal over all days of the active era.
+
+    A Sharpe ratio of the past proves little, least of all that of the days on which the signal was searched.
+
+    Args:
+        expression_or_signal_id: An expression, or the number of a found signal of this era.
+        instrument: What is traded; None takes the one of the found signal, or the only one in the expression.
+        picture: Where to draw the growth of the capital as PNG; None draws nothing.
+
+    Returns:
+        The profits, and what they come to.
+
+    Raises:
+        RuntimeError: There is no runtime.
+        ValueError: The expression is malformed or not allowed, or the instrument is unknown or not clear.
+        LookupError: There is no found signal with this number.
+        corvane.errors.RuntimeModuleError: A native module on disk has changed and cannot be loaded.
+        OSError: The picture cannot be written.
+    """
+    context = _context
+    if context is None:
+        raise RuntimeError("There is no runtime. Call register(bootstrap_runtime=True) first.")
+    context.runtime_freshness_guard.refresh()
+    evaluator, direction = context.backtester, 1.0
+    if isinstance(expression_or_signal_id, str):
+        expression = Expression(expression_or_signal_id)
+        context.graph_validator(expression)
+    else:
+        signal = context.search_tracker.signal(expression_or_signal_id, evaluator.era_config["era_id"])
+        expression, direction = Expression(signal.expression), evaluator.directions[signal.pool]
+        instrument = instrument or signal.instrument
+    if instrument is None:
+        if len(expression.inputs) != 1:
+            raise ValueError("The expression does not use just one instrument: say which one is traded.")
+        [instrument] = expression.inputs
+    if instrument not in context.vault:
+        raise ValueError(f"There is no instrument {instrument!r}; there are {', '.join(context.vault)}.")
+    profit = evaluator.profit(evaluator.evaluate(expression), instrument, direction)
+    capital = np.cumprod(1 + profit)
+    whole, train, rest = (evaluator.sharpe(profit[part]) for part in (slice(None), evaluator.train, evaluator.rest))
+    fall = float(np.max(1 - capital / np.maximum.accumulate(capital)))
+    growth, days = float(capital[-1]) - 1, context.vault.dates
+    simulation = Simulation(expression.text, instrument, whole, train, rest, fall, growth, days, profit)
+    if picture is not None:
+        _draw(simulation, capital, evaluator.train.stop, Path(picture))
+    return simulation
+
+
+def _draw(simulation: Simulation, capital: Series, train_days: int, path: Path) -> None:
+    from matplotlib.figure import Figure  # takes longer to import than all the rest; a figure of its own has no state
+
+    dates = [datetime.strptime(str(day), "%Y%m%d") for day in simulation.days]
+    figure = Figure(figsize=(9, 4.5), layout="constrained")
+    axes = figure.add_subplot()
+    axes.plot(dates, capital, linewidth=1)  # type: ignore[arg-type]
+    axes.axvline(dates[train_days], color="grey", linestyle="--", linewidth=1)  # type: ignore[arg-type]
+    axes.set_title(f"{simulation.expression} on {simulation.instrument}", fontsize=9)
+    axes.set_ylabel("capital (begins with 1)")
+    axes.set_xlabel(
+        f"Sharpe ratio {_short(simulation.train_sharpe)} on the days of the search, "
+        f"{_short(simulation.rest_sharpe)} behind the line"
+    )
+    new = path.with_name(path.name + ".new")
+    try:
+        figure.savefig(new, format="png", dpi=100)
+        os.replace(new, path)
+    finally:
+        new.unlink(missing_ok=True)
+
+
+def _short(ratio: float) -> str:
+    return "undefined" if math.isnan(ratio) else f"{ratio:.2f}"
