@@ -440,3 +440,26 @@ def test_leaks_nothing(monkeypatch, tmp_path):
         batch()
     growth = [later[0] - earlier[0] for earlier, later in itertools.pairwise(blocks[2:])]
     assert min(growth) < 50 and blocks[-1][1] == blocks[2][1], blocks
+
+
+def test_import_without_memory():
+    """Where memory runs out before the body of the module is reached, that is what the import says."""
+    pytest.importorskip("_testcapi")
+    script = """
+import _testcapi, os, corvane.auth, corvane.runtime_module_freshness, importlib.util
+held = [{} for _ in range(200)]  # more than the interpreter keeps for reuse
+for number in range(250):
+    if os.fork() == 0:
+        _testcapi.set_nomemory(number, number + 1)
+        try:
+            import corvane.agent_onboarding
+        except SystemError as exc:
+            _testcapi.remove_mem_hooks()
+            os.write(1, f"{number}: {exc}. ".encode())
+        except BaseException:
+            pass
+        os._exit(0)
+    os.wait()
+"""
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True)
+    assert (done.returncode, done.stdout) == (0, "")
