@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import sys
 import time
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -42,21 +42,23 @@ class Workshop:
     def tool(self, command: str, package: str) -> str:
         """The path of a command; a missing one is installed from its Debian package where that is allowed."""
         if shutil.which(command) is None and os.geteuid() == 0 and shutil.which("apt-get"):
-            subprocess.run(["apt-get", "install", "-qq", "-y", package], stdout=subprocess.DEVNULL, check=False)
+            subprocess.run(
+                ["apt-get", "install", "-qq", "-y", *package.split()], stdout=subprocess.DEVNULL, check=False
+            )
         path = shutil.which(command)
         if path is None:
             raise Missing(f"{command} is not installed: sudo apt-get install {package}")
         return path
 
-    def build(self, name: str, *options: str) -> Path:
+    def build(self, name: str, *options: str, source: Path | None = None) -> Path:
         """A folder to put first on PYTHONPATH: the kit with an extension of its own, built with these CMake options."""
         built, site = self.folder / name, self.folder / f"{name}-site"
         cmake = str(Path(sys.executable).with_name("cmake"))
-        configure = [cmake, "-S", str(self.root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}", *options]
+        configure = [cmake, "-S", str(source or self.root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}", *options]
         for command in (configure, [cmake, "--build", str(built), "-j2"]):
             done = subprocess.run(command, capture_output=True, text=True)
             if done.returncode != 0:
-                raise RuntimeError(f"build {name} failed: {done.stdout[-2000:]}{done.stderr[-2000:]}")
+                raise RuntimeError(f"build {name} failed: {done.stdout[-2000:]}{done.stderr[-8000:]}")
         import corvane
 
         shutil.rmtree(site, ignore_errors=True)
@@ -72,11 +74,13 @@ class Workshop:
         site: Path | None = None,
         timeout: float = 600,
         wrapper: Sequence[str] = (),
+        variables: Mapping[str, str] | None = None,
         **environment: str,
     ) -> subprocess.CompletedProcess[str]:
-        """Runs an interpreter; `site` puts an instrumented build before the installed one."""
+        """Runs an interpreter with more environment `variables`; `site` puts another build before the installed one."""
         path = [str(site)] if site else []
-        full = {**os.environ, "PYTHONPATH": ":".join([*path, str(self.root), str(self.root / "tests")]), **environment}
+        full = {**os.environ, "PYTHONPATH": ":".join([*path, str(self.root), str(self.root / "tests")])}
+        full |= {**(variables or {}), **environment}
         command = [*wrapper, sys.executable, "-P", *arguments]
         return subprocess.run(command, env=full, capture_output=True, text=True, timeout=timeout, cwd=self.folder)
 

@@ -214,6 +214,21 @@ def test_propagation_without_local_configuration(tmp_path, monkeypatch):
     assert seen["result"] == "None" and [level for level, *_ in seen["logged"]] == ["WARNING", "WARNING"]
 
 
+@pytest.mark.parametrize("replaced", ["_exception_chain_detail", "_read_json_if_present"])
+def test_a_chain_without_detail_and_a_manifest_that_changes(replaced, tmp_path, monkeypatch):
+    def scenario(module, work, patch, events):
+        original = module._read_json_if_present
+        other = {
+            "_exception_chain_detail": lambda exc: "",
+            "_read_json_if_present": lambda path: 5 if path.endswith("manifest.json") else original(path),
+        }
+        patch.setattr(module, replaced, other[replaced])
+        return propagate(replaced == "_exception_chain_detail", KIT_FAILS)(module, work, patch, events)
+
+    seen, _ = same(scenario, tmp_path, monkeypatch)
+    assert bool(seen["raised"]) is (replaced == "_exception_chain_detail")
+
+
 @pytest.mark.parametrize("failure", [PermissionError, Cancelled, KeyboardInterrupt])
 @pytest.mark.parametrize("strict", [True, False])
 @pytest.mark.parametrize("changes", [{}, KIT_FAILS], ids=["kit", "local"])

@@ -285,6 +285,64 @@ def test_swallowed_exceptions(tmp_path, monkeypatch):
     assert seen["raised"]["type"] is UnboundLocalError
 
 
+class NoExit:
+    __enter__ = dict
+
+
+class NotBound:
+    """Its special methods are no descriptors: they are called without the file."""
+
+    __enter__ = __exit__ = dict
+
+
+class NoInstance(OSError):
+    def __new__(cls, *args):
+        return 5
+
+
+def interrupted(at):
+    def other_open(path, mode, **kwargs):
+        if mode == at:
+            raise KeyboardInterrupt
+        return open(path, mode, **kwargs)
+
+    return other_open
+
+
+SELDOM = {
+    **{f"interrupted {mode}": ({"open": interrupted(mode)}, call("inject_heartbeat")) for mode in "rw"},
+    "a file without exit": ({"open": lambda *args, **kwargs: NoExit()}, call("inject_heartbeat")),
+    "a file that is not bound": ({"open": lambda *args, **kwargs: NotBound()}, call("inject_heartbeat")),
+    "a class is raised": ({"_unsafe_wallet_error": lambda path: OSError}, call("_read_wallet_key", "d")),
+    "a class without instances": ({"_unsafe_wallet_error": lambda path: NoInstance}, call("_read_wallet_key", "d")),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("name", SELDOM)
+def test_seldom_ways(name, tmp_path, monkeypatch):
+    replaced, act = SELDOM[name]
+
+    def scenario(module, work, patch, events):
+        heartbeat(b"x")(work), put(link_to_victim)(work)
+        for name, value in replaced.items():
+            patch.setattr(module, name, value, raising=False)
+        return act(module)
+
+    seen, _ = same(scenario, tmp_path, monkeypatch)
+    assert seen["raised"] or seen["logged"]
+
+
+def test_foreign_once_it_is_open(tmp_path, monkeypatch):
+    def scenario(module, work, patch, events):
+        put_key()(work)
+        plain = os.stat("d/wallet.key")
+        patch.setattr(os, "fstat", lambda fd: os.stat_result((*plain[:4], plain.st_uid + 1, *plain[5:])))
+        return module._read_wallet_key("d")
+
+    seen, _ = same(scenario, tmp_path, monkeypatch)
+    assert "unsafe ownership" in seen["raised"]["text"] and seen["descriptors"] == 0
+
+
 def test_inside_generators_and_handlers(tmp_path, monkeypatch):
     """The implicit context is the exception handled where the call is made, also inside a generator."""
 

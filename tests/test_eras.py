@@ -38,9 +38,11 @@ def serving(*answers, tls=None):
 
         thread = threading.Thread(target=serve)
         thread.start()
-        yield f"http{'s' if tls else ''}://127.0.0.1:{listener.getsockname()[1]}", requests
-        listener.shutdown(socket.SHUT_RDWR)
-        thread.join()
+        try:
+            yield f"http{'s' if tls else ''}://127.0.0.1:{listener.getsockname()[1]}", requests
+        finally:
+            listener.shutdown(socket.SHUT_RDWR)
+            thread.join()
 
 
 def manager(token="token"):
@@ -174,6 +176,7 @@ def test_names_and_era_configurations(tmp_path, monkeypatch):
             *NAMES,
             *({"signal_pools": [5, {"allowed_named_universes": n}], "named_universe": "last"} for n in (*NAMES, NAMES)),
             *({"allowed_named_universes": [n, "next"], "signal_pools": [{}]} for n in NAMES),
+            {"allowed_named_universes": ["..", "a/b"], "named_universe": "last"},
         ]
         chosen = [module._first_allowed_named_universe_from_era_config(c) for c in configurations]
         return [module._safe_named_universe(n) for n in NAMES], collected, chosen

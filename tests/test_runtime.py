@@ -7,6 +7,7 @@ import subprocess
 import sys
 import sysconfig
 import types
+from collections import OrderedDict
 from collections.abc import Generator
 from hashlib import sha256
 from pathlib import Path
@@ -141,6 +142,15 @@ def entry(kind="runtime_module:tiny", **fields):
     return {"kind": kind, **fields}
 
 
+class Clash(str):
+    """A key that cannot be compared with the one that is looked up."""
+
+    __hash__ = str.__hash__
+
+    def __eq__(self, other):
+        raise LookupError("compared")
+
+
 FILES = [
     {"b/x.so": entry(), "a/y.so": entry(), "a/z.so": entry("runtime_module:other"), "c": 5, "d": entry("text")},
     {"x": entry(platform=""), "y": entry(platform=None), "z": entry(platform="else")},
@@ -149,6 +159,8 @@ FILES = [
     {"y": entry("runtime_module:vault"), "x": entry("runtime_module:era_data")},
     {"x": entry(), 5: entry()},
     {("x",): entry(), ("a",): entry(5)},
+    {"y": entry("runtime_module:"), "x": {Clash("kind"): 1}},
+    OrderedDict(b=entry(), a=entry("runtime_module:vault")),
     types.MappingProxyType({}),
 ]  # fmt: skip
 

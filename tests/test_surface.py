@@ -107,6 +107,13 @@ class Keyword(str):
         return super().__eq__(other)
 
 
+class Clash(Keyword):
+    def __eq__(self, other):
+        raise LookupError("compared")
+
+    __hash__ = Keyword.__hash__
+
+
 CALLS = [
     ((), {}),
     ((1,), {}),
@@ -163,6 +170,15 @@ def test_well_formed_calls_bind_like_python(monkeypatch):
                 inject()
             patch.setattr(inject, "__code__", describe.__code__)
             assert inject("x") == "'x'"
+        with pytest.raises(LookupError, match="compared"):
+            inject(**{Clash("nonsense"): 1})
+    for module, defaults in itertools.product((twin, m), (None, {}, {"max_copies": 5})):
+        prune = module._prune_runtime_extension_copies
+        monkeypatch.setattr(prune, "__kwdefaults__", defaults)
+        with (
+            contextlib.nullcontext() if defaults else pytest.raises(TypeError, match="missing 1 required keyword-only")
+        ):
+            prune("x", "nowhere/y")
 
 
 def test_the_stub_says_the_same():
@@ -215,6 +231,9 @@ def test_endless_recursion(monkeypatch):
     monkeypatch.setattr(m, "_find_heartbeat", m.inject_heartbeat)
     with pytest.raises(RecursionError):
         m.inject_heartbeat()
+    monkeypatch.setattr(m, "auth", types.SimpleNamespace(_normalize_invite_code=m._resolve_optional_invite_code))
+    with pytest.raises(RecursionError):
+        m._resolve_optional_invite_code("c")
     monkeypatch.setattr(m, "_find_heartbeat", lambda d: m.inject_heartbeat(d))
     with pytest.raises(RecursionError):
         m.inject_heartbeat()
@@ -331,6 +350,37 @@ assert corvane.agent_onboarding.login.__module__ == "corvane.agent_onboarding"
 """)
 
 
+def test_a_function_kept_from_an_import_that_failed():
+    run("""
+import dataclasses, sys
+good, kept = dataclasses.dataclass, []
+def failing(cls=None, **options):
+    kept.append(sys._getframe(1).f_globals.get("_sha256_file"))
+    if kept[-1] is None: return good(cls, **options)
+    raise ValueError("not today")
+dataclasses.dataclass = failing
+try: import corvane.agent_onboarding
+except ValueError as exc: print(exc)
+dataclasses.dataclass = good
+import corvane.agent_onboarding as m
+try: kept[-1]("x")
+except SystemError as exc: print(exc)
+assert m._sha256_file("/dev/null").startswith("e3b0")
+""", "not today\nnative body not reached")  # fmt: skip
+
+
+def test_two_modules_made_before_either_is_executed():
+    run("""
+import corvane, importlib.util
+spec = importlib.util.find_spec("corvane.agent_onboarding")
+first, second = map(importlib.util.module_from_spec, (spec, spec))
+spec.loader.exec_module(first)
+try: spec.loader.exec_module(second)
+except ImportError as exc: print(exc)
+assert first._normalize_key("a") == "0xa"
+""", "corvane.agent_onboarding is already initialised")  # fmt: skip
+
+
 IMPORT_IN_ANOTHER = r"""
 import sys, textwrap
 import _xxsubinterpreters as interpreters
@@ -390,6 +440,8 @@ assert m.register and m._normalize_key("a") == "0xa"
     "script",
     [
         "import corvane.agent_onboarding as m; keep = m.register; del m",
+        "import sys; sys.modules['corvane.skills'] = None\n"
+        "try: import corvane.agent_onboarding\nexcept ImportError: pass",
         "import corvane.agent_onboarding as m, atexit; atexit.register(m.get_agents_md_fragment)",
         "import corvane.agent_onboarding as m\n"
         "class C:\n def __del__(self, f=m._normalize_key): f('ab')\n"
@@ -442,3 +494,26 @@ def test_leaks_nothing(monkeypatch, tmp_path):
         batch()
     growth = [later[0] - earlier[0] for earlier, later in itertools.pairwise(blocks[2:])]
     assert min(growth) < 50 and blocks[-1][1] == blocks[2][1], blocks
+
+
+def test_import_without_memory():
+    """Where memory runs out before the body of the module is reached, that is what the import says."""
+    pytest.importorskip("_testcapi")
+    script = """
+import _testcapi, os, corvane.auth, corvane.runtime_module_freshness, importlib.util
+held = [{} for _ in range(200)]  # more than the interpreter keeps for reuse
+for number in range(250):
+    if os.fork() == 0:
+        _testcapi.set_nomemory(number, number + 1)
+        try:
+            import corvane.agent_onboarding
+        except SystemError as exc:
+            _testcapi.remove_mem_hooks()
+            os.write(1, f"{number}: {exc}. ".encode())
+        except BaseException:
+            pass
+        os._exit(0)
+    os.wait()
+"""
+    done = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True)
+    assert (done.returncode, done.stdout) == (0, "")

@@ -101,8 +101,10 @@ object kept_as() { return check(PyUnicode_FromString("corvane.agent_onboarding")
 
 handle interpreter_dict() {
     PyObject* dictionary = PyInterpreterState_GetDict(PyInterpreterState_Get());
-    if (dictionary == nullptr)
-        throw_error(PyExc_SystemError, "the interpreter has no dictionary", where::current());
+    if (dictionary == nullptr) { // it is made at first use, and the interpreter keeps quiet about why it was not
+        PyErr_NoMemory();
+        throw_error(where::current());
+    }
     return handle(dictionary);
 }
 

@@ -88,8 +88,6 @@ struct method_name : name {
 /// `self.method(arguments...)` for arguments that are values already: where an argument is itself an operation, the
 /// method must be looked up first, by `attr`.
 template <typename... Arguments> object invoke(handle self, method_name method, const Arguments&... arguments) {
-    if (object quick = detail::module_attribute(self, method, method.line))
-        return call_at(method.line, quick, arguments...);
     PyObject* stack[2 + sizeof...(Arguments)] = {nullptr, self.ptr(), detail::value_of(arguments)...};
     const object names = detail::keyword_names(method.line, arguments...);
     const std::size_t positional = 1 + detail::positional_count<Arguments...>;

@@ -1,0 +1,55 @@
+// Faults for the proofs to find, in a build of their own (PLANTED_FAULTS). The linker puts `planted` in the place of
+// normalize_key, which register and login call; the environment variable PLANTED says which fault it has.
+#include "../src/agent_onboarding/module.hpp"
+
+#include <fcntl.h>
+
+#include <climits>
+#include <cstdlib>
+#include <string_view>
+
+namespace corvane::onboarding {
+
+object original(const frame& in) asm("__real__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameE");
+object planted(const frame& in) asm("__wrap__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameE");
+
+namespace {
+volatile long seen = 0; // what is read or written for the fault alone
+}
+
+object planted(const frame& in) {
+    const char* set = std::getenv("PLANTED");
+    const std::string_view fault = set == nullptr ? "" : set;
+    if (fault == "leaked object") {
+        (void)PyList_New(0);
+    } else if (fault == "leaked block") {
+        seen = static_cast<long>(static_cast<char*>(std::malloc(64))[0] = 1);
+    } else if (fault == "open descriptor") {
+        (void)open("/dev/null", O_RDONLY | O_CLOEXEC);
+    } else if (fault == "use after free") {
+        PyObject* text = PyUnicode_FromFormat("%d", 12345);
+        Py_DECREF(text);
+        seen = static_cast<long>(PyUnicode_GET_LENGTH(text));
+    } else if (fault == "overflow") {
+        seen = INT_MAX;
+        seen = static_cast<int>(seen) + (in.code()->co_argcount);
+    } else if (fault == "no NULL check") {
+        PyObject* text = PyUnicode_FromFormat("%d", 12345);
+        seen = static_cast<long>(PyUnicode_GET_LENGTH(text));
+        Py_DECREF(text);
+    } else if (fault == "swallowed error") {
+        try {
+            return original(in);
+        } catch (error&) {
+            return {};
+        }
+    } else if (fault == "race") {
+        Py_BEGIN_ALLOW_THREADS;
+        seen = seen + 1;
+        usleep(1000); // so that others come by
+        Py_END_ALLOW_THREADS;
+    }
+    return original(in);
+}
+
+} // namespace corvane::onboarding

@@ -1,0 +1,183 @@
+"""Each system call of saving, reading, loading, the heartbeat and a journey fails once, and once kills the process.
+
+What comes of a failure has to be what comes of it in the plain Python twin, by the same calls of the system. As a
+script it tries one scenario: it forks a child for each point, which waits until strace holds it.
+"""
+
+import ctypes
+import http.server
+import importlib
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+import threading
+import time
+from collections.abc import Callable, Iterator
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+from typing import Any
+
+from proof.workshop import Result, Workshop
+
+# Memory, signals and what cannot fail.
+LEFT_OUT = re.compile(r"brk|munmap|mprotect|madvise|futex|rt_sig|getp?[pu]id|clock_|mmap\(.*-1, 0\)|exit|---|\+\+\+")
+OURS = "corvane.agent_onboarding"
+ERRORS = {
+    "openat": ("EIO", "EACCES", "EMFILE", "EINTR", "ENOSPC", "ELOOP"),
+    "write": ("EIO", "ENOSPC", "EINTR"),
+    "read": ("EIO", "EINTR"),
+}
+STATED = {
+    "save": r"returned None|raised (OSError: (Cannot write wallet to|Unsafe wallet key at)|\w+: \[Errno)",
+    "read": r"returned|raised (OSError: (Cannot read wallet from|Unsafe wallet key at)|\w+: \[Errno)",
+    "load": r"returned <module|raised (RuntimeModule(ReloadFailed|DownloadIncomplete)|\w+: \[Errno)",
+    "heartbeat": r"returned None(; WARNING Failed to (read|write) HEARTBEAT.md at)?|raised \w+: \[Errno",
+    "journey": r"returned W|raised (\w+: (Unsafe|Cannot|\[Errno)|RuntimeError: (Registration bootstrap|Corvane regis))",
+}
+
+
+def scenarios() -> dict[str, Any]:
+    e = importlib.import_module("proof.exercise")
+    eras = http.server.HTTPServer(("127.0.0.1", 0), Eras)
+    threading.Thread(target=eras.serve_forever, daemon=True).start()
+    address = e.config(server_url=f"http://127.0.0.1:{eras.server_port}")
+    kit = e.kit(_runtime=e.runtime(bootstrap_runtime=lambda am, config, load: e.Anything(loaded=load("d"))))
+    return {
+        "save": e.Call(e.CALLS["write"].act, "", (e.file("d/wallet.key", "old"),)),
+        "read": e.CALLS["read loose"],
+        "load": e.CALLS["load"],
+        "heartbeat": e.CALLS["inject"],
+        "journey": e.Call(e.register(bootstrap_runtime=True), "", (kit, e.BOTH, address, e.file("HEARTBEAT.md"))),
+    }
+
+
+class Eras(http.server.BaseHTTPRequestHandler):
+    def do_GET(self) -> None:
+        body = json.dumps({"eras": [{"state": "active", "named_universe": "us"}]}).encode()
+        head = f"HTTP/1.1 200 OK\r\nContent-Length: {len(body)}\r\nConnection: close\r\n\r\n".encode()
+        self.wfile.write(head + body)  # at once, so that the client reads it by the same calls each time
+
+    def log_message(self, *args: object) -> None:
+        pass
+
+
+def traced(
+    call: Any, *options: str, meanwhile: Callable[[], object] = lambda: None
+) -> tuple[str, list[str], str | None]:
+    """Outcome of a call in a child under strace, the calls of the system that it made, wallet.key afterwards."""
+    exercise = importlib.import_module("proof.exercise")
+    with call.situation() as logged:
+        read, write = os.pipe()
+        if (pid := os.fork()) == 0:
+            signal.alarm(10)
+            ctypes.CDLL(None).prctl(0x59616D61, -1, 0, 0, 0)  # PR_SET_PTRACER: a sibling may trace us
+            os.kill(os.getpid(), signal.SIGSTOP)
+            before = len(os.listdir("/proc/self/fd"))
+            os.getppid()  # a mark
+            try:
+                act = (lambda result: lambda: result)(call.act())
+            except Exception as exc:
+                act = (lambda exc: lambda: (_ for _ in ()).throw(exc))(exc)
+            os.getppid()
+            left = len(os.listdir("/proc/self/fd")) - before
+            text = f"{exercise.outcome(act, logged)}; {left} descriptors left; {exercise.files()}"
+            os.write(write, text.encode(errors="replace"))
+            os._exit(0)
+        os.close(write)
+        os.waitpid(pid, os.WUNTRACED)
+        log = exercise.base() / "trace"
+        with subprocess.Popen(["strace", "-qq", "-o", log, "-p", str(pid), *options]):
+            status = Path(f"/proc/{pid}/status")
+            while "TracerPid:\t0\n" in status.read_text():
+                time.sleep(0.001)
+            os.kill(pid, signal.SIGCONT)
+            meanwhile()
+            with open(read, "rb") as pipe:
+                said = pipe.read().decode()
+        os.waitpid(pid, 0)
+        key = Path("d/wallet.key")
+        return said, log.read_text().splitlines(), key.read_text() if key.is_file() else None
+
+
+def points(trace: list[str]) -> list[tuple[str, int, str]]:
+    """Name and number of each call of the system between the marks, and its line."""
+    numbers: dict[str, int] = {}
+    found, marks = [], 0
+    for line in trace:
+        name = line.partition("(")[0]
+        numbers[name] = numbers.get(name, 0) + 1
+        marks += name == "getppid"
+        if marks == 1 and not LEFT_OUT.match(line):
+            found.append((name, numbers[name], line))
+    return found
+
+
+def main(scenario: str, fatal: bool) -> None:
+    call = scenarios()[scenario]
+    usual, trace, _ = traced(call)
+    seen: list[Any] = [["", 0, "", "", usual, None]]
+    for name, number, line in points(trace):
+        for error in ("EIO:signal=SIGKILL",) if fatal else ERRORS.get(name, ("EIO", "EACCES")):
+            said, _, key = traced(call, "-e", f"inject={name}:error={error}:when={number}")
+            seen.append([name, number, line, error, said, key])
+    print(json.dumps(seen))
+
+
+def compared(name: str, ours: list[Any], twins: list[Any]) -> Iterator[str]:
+    """What is not as stated or not as in plain Python."""
+    if [point[0] for point in ours] != [point[0] for point in twins]:
+        yield "other calls of the system than in plain Python"
+    for (call, number, line, error, said, _), twin in zip(ours, twins, strict=False):
+        where = f"{call} {number} {error} ({line[:80]})"
+        closed = call == "close"  # which did not happen, so that strace itself leaves the descriptor open
+        if not re.match(STATED[name], said):
+            yield f"{where}: {said[:200]}"
+        elif f"; {int(closed)} descriptors left" not in said and "; 0 descriptors left" not in said:
+            yield f"{where}: leaks {said[:200]}"
+        elif said != twin[4]:
+            yield f"{where}: {said[:200]}, but in plain Python {twin[4][:200]}"
+
+
+def unexpected_ends(name: str, killed: list[Any]) -> Iterator[str]:
+    """Killed from the truncation to the write of wallet.key: an empty file, as documented. Elsewhere the old or new."""
+    truncated = False
+    before, after = ("old", "0x" + "5a" * 32) if name == "save" else (None, "ab" * 32)
+    for call, number, line, _, said, key in killed[1:]:
+        if key not in ([""] if truncated else [before, after]) or said:
+            yield f"killed at {call} {number} ({line[:80]}): {key!r}"
+        if "wallet.key" in line and "O_TRUNC" in line:
+            truncated = True
+        if call == "write":
+            truncated, before = False, after
+
+
+def run(workshop: Workshop) -> Iterator[Result]:
+    workshop.tool("strace", "strace")
+    names = ["read"] if workshop.quick else list(STATED)
+    jobs = [(name, fatal, of) for name in names for fatal, of in (("", OURS), ("", "twin"), ("fatal", OURS))]
+
+    def traced_in(job: tuple[str, str, str]) -> Any:
+        done = workshop.python(str(Path(__file__)), *job[:2], EXERCISED=job[2])
+        if done.returncode != 0:
+            raise RuntimeError(f"{job}: {done.stderr[-2000:]}")
+        return json.loads(done.stdout)
+
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        done = dict(zip(jobs, pool.map(traced_in, jobs), strict=True))
+    for name in names:
+        failed = done[name, "", OURS]
+        found = list(compared(name, failed, done[name, "", "twin"]))
+        yield Result(f"system calls: {name}, each of them fails", len(failed), found)
+    for name in {"save", "journey"}.intersection(names):
+        killed = done[name, "fatal", OURS]
+        empty = sum(point[5] == "" for point in killed)
+        found = [*unexpected_ends(name, killed), *([] if empty else ["no empty file: the documented point is gone"])]
+        yield Result(f"system calls: {name}, killed at each of them", len(killed), found)
+        yield Result("   of these, between truncation and write, with an empty wallet.key", empty)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1], bool(sys.argv[2]))
