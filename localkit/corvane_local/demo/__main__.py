@@ -13,7 +13,7 @@ from corvane_local.demo.runtime import RuntimeSteps
 from corvane_local.demo.service import Service
 from corvane_local.demo.wallet import WalletSteps
 
-SABOTAGE = click.Choice(["service", "key-file", "invite", "module"])
+SABOTAGE = click.Choice(["service", "key-file", "invite", "module", "database"])
 
 
 @click.command()
@@ -27,8 +27,9 @@ def main(sabotage: str | None) -> None:
         service, home, workspace = Service(root / "service"), root / "agent", root / "workspace"
         workspace.mkdir()
         os.chdir(workspace)
+        os.environ["MPLCONFIGDIR"] = str(root / "matplotlib")  # what the plotting library keeps, it keeps in the home
         wallet_steps = WalletSteps(service, home, workspace, sabotage).steps()
-        runtime_steps = RuntimeSteps(service, home, sabotage).steps()
+        runtime_steps = RuntimeSteps(service, home, workspace, sabotage).steps()
         try:
             for number, step in enumerate([*wallet_steps, *runtime_steps], 1):
                 click.echo(f"\n{number}. {step.__doc__}")
