@@ -73,8 +73,9 @@ def main() -> None:
         try:
             os.environ["SSL_CERT_FILE"] = str(service.state / "ca.pem")
             agent_onboarding.configure(server_url=service.url, data_dir=str(Path(directory, "agent")))
-            began, profile = time.perf_counter(), cProfile.Profile()
-            profile.runcall(agent_onboarding.register, service.invite(), bootstrap_runtime=True)
+            invite, profile = service.invite(), cProfile.Profile()
+            began = time.perf_counter()
+            profile.runcall(agent_onboarding.register, invite, bootstrap_runtime=True)
             print(f"register(bootstrap_runtime=True): {time.perf_counter() - began:.3f} s")
         finally:
             service.stop()

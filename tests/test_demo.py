@@ -1,4 +1,4 @@
-"""The main job end to end, in processes of its own, and broken on purpose in four ways."""
+"""The main job end to end, in processes of its own, and broken on purpose in five ways."""
 
 import os
 import subprocess
@@ -10,11 +10,12 @@ import pytest
 @pytest.mark.parametrize(
     ("options", "status", "last_line"),
     [
-        ([], 0, "demo: all 17 steps hold"),
+        ([], 0, "demo: all 22 steps hold"),
         (["--sabotage", "service"], 1, "demo: FAILED in this step"),
         (["--sabotage", "key-file"], 1, "demo: FAILED in this step"),
         (["--sabotage", "invite"], 1, "demo: FAILED in this step"),
         (["--sabotage", "module"], 1, "demo: FAILED in this step"),
+        (["--sabotage", "database"], 1, "demo: FAILED in this step"),
     ],
 )
 def test_demo(options, status, last_line, tmp_path):

@@ -155,7 +155,7 @@ class SyncManager:
                 self._write_manifest({**old, "files": kept})
             for path in changed:
                 os.replace(self._part(path), self._root / path)
-            if new != old:
+            if changed or new != old:
                 self._write_manifest(new)
             self._load()
         if self.runtime_freshness_guard is not None:

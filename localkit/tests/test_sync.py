@@ -63,6 +63,15 @@ def test_a_cut_download_is_resumed(start, tmp_path, capsys):
         assert "100%" in capsys.readouterr().err
 
 
+def test_a_file_that_was_spoilt_on_disk_is_repaired_and_listed(service, tmp_path):
+    publish(service, files := {"era_config.json": b"{}", "runtime/a": b"abc"})
+    syncs = SyncManager(service.sign_up(3), tmp_path / "home", service.url)
+    syncs.sync()
+    (tmp_path / "home/runtime/a").write_bytes(b"abd")
+    assert syncs.request_for_sync() == ["runtime/a"]
+    assert checked_manifest(tmp_path / "home")["files"].keys() == files.keys()
+
+
 @pytest.mark.parametrize("held", [b"", b"new", b"other", b"much longer than it"])
 @pytest.mark.parametrize("served", [b"new twO", b"new tw", b"new two" * 999])
 def test_a_spoilt_file_is_refused_and_the_old_era_stays(service, tmp_path, served, held):

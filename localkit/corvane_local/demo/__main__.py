@@ -13,7 +13,7 @@ from corvane_local.demo.runtime import RuntimeSteps
 from corvane_local.demo.service import Service
 from corvane_local.demo.wallet import WalletSteps
 
-SABOTAGE = click.Choice(["service", "key-file", "invite", "module"])
+SABOTAGE = click.Choice(["service", "key-file", "invite", "module", "database"])
 
 
 @click.command()
@@ -28,7 +28,7 @@ def main(sabotage: str | None) -> None:
         workspace.mkdir()
         os.chdir(workspace)
         wallet_steps = WalletSteps(service, home, workspace, sabotage).steps()
-        runtime_steps = RuntimeSteps(service, home, sabotage).steps()
+        runtime_steps = RuntimeSteps(service, home, workspace, sabotage).steps()
         try:
             for number, step in enumerate([*wallet_steps, *runtime_steps], 1):
                 click.echo(f"\n{number}. {step.__doc__}")

@@ -1,43 +1,51 @@
-"""The era that is searched, and the native modules for it: verified, replaced and pruned."""
+"""The runtime: an era is downloaded and verified, searched, simulated; and what happens when something is wrong."""
 
+import difflib
+import importlib
 import json
+import logging
+import math
+import sqlite3
 import ssl
-import statistics
-import sys
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from contextlib import closing, contextmanager
 from hashlib import sha256
-from importlib.resources import files
 from pathlib import Path
-from types import ModuleType, SimpleNamespace
+from typing import Any
 
 import click
 import httpx
 
+import corvane
 from corvane import agent_onboarding as onboarding
-from corvane import auth
+from corvane import auth, search_templates
 from corvane.errors import RuntimeModuleHashMismatch
+from corvane.search_tracking import FoundSignal
 from corvane.sync import CURRENT_PLATFORM
 from corvane_local.demo.checks import check, option, private, refused, show
 from corvane_local.demo.service import Service
 
+EVALUATIONS = 4000
+BACKTESTER = f"runtime/{CURRENT_PLATFORM}/backtester-{CURRENT_PLATFORM}.so"
+kit: Any = importlib.import_module("corvane._runtime")
+
 
 class RuntimeSteps:
-    """The steps around the runtime modules; the wallet is registered, and what one step makes, the next ones use.
+    """The steps around the runtime; the wallet is registered, and what one step makes, the next ones use.
 
     Args:
         service: The running service.
         home: The agent's data directory.
-        sabotage: What goes wrong on purpose: "module".
+        workspace: The agent's working directory.
+        sabotage: What goes wrong on purpose: "module" or "database".
     """
 
-    def __init__(self, service: Service, home: Path, sabotage: str | None) -> None:
+    def __init__(self, service: Service, home: Path, workspace: Path, sabotage: str | None) -> None:
         self.service = service
         self.home = home
+        self.workspace = workspace
         self.sabotage = sabotage
-        self.folder = home / "runtime" / CURRENT_PLATFORM
-        self.era_id = ""
-        self.modules: dict[str, ModuleType] = {}
-        self.agent = SimpleNamespace()  # what uses the backtester
+        self.best: FoundSignal
 
     def find_the_universe(self) -> None:
         """The active era and its universe are found"""
@@ -47,142 +55,233 @@ class RuntimeSteps:
         private("_config")["named_universe"] = ""
         universe = private("_resolve_active_named_universe")(manager)
         show("_resolve_active_named_universe(MANAGER)", universe)
-        eras = self._ask_for_eras(f"Bearer {manager.get_token()}").json()["eras"]
+        eras = self._ask("/eras", manager.get_token())["eras"]
         active = [era for era in eras if era["state"] == "active"]
         check(f"one of the {len(eras)} eras of the service is active", len(eras) > len(active) == 1)
-        self.era_id = active[0]["id"]
         pools = [pool["allowed_named_universes"] for pool in active[0]["signal_pools"]]
-        check("the era names this universe", universe == active[0]["named_universe"])
+        check("the era names this universe", universe == active[0]["named_universe"] == option("named_universe"))
         check(f"so do its {len(pools)} pools", pools != [] and all(names == [universe] for names in pools))
-        check("the option holds it", option("named_universe") == universe)
-        check("without a token the service tells nothing", self._ask_for_eras("").status_code == 401)
+        check("with a wrong token the service tells nothing", "eras" not in self._ask("/eras", "wrong"))
 
-    def load_the_modules(self) -> None:
-        """Two native modules are placed and listed in a manifest: they are verified and loaded"""
-        builds = {"era_data": _shipped("era_data"), "backtester": _shipped("backtester-1")}
-        for name, build in builds.items():
-            self._place(name, build)
-        self._list(builds)
+    def bootstrap(self) -> None:
+        """One call downloads the era, verifies its native modules and builds the runtime"""
         if self.sabotage == "module":
-            self._place("backtester", _with_one_byte_flipped(builds["backtester"]))
-        self.modules = self._load()
-        show("_load_runtime_modules_from_manifest(DATA_DIR, MANIFEST)", list(self.modules))
-        for name, module in self.modules.items():
-            stamp = module._corvane_module_sha256
-            click.echo(f"   {name}: {stamp}")
-            check("that is the digest of the file", stamp == _digest(self._path(name)))
-            copy = Path(str(module.__file__))
-            check(f"and of the copy {copy.name}", copy.parent == self.folder and stamp == _digest(copy))
-        era_data, backtester = self.modules["era_data"], self.modules["backtester"]
-        check(f"the data is that of era {era_data.ERA_ID}", self.era_id == era_data.ERA_ID)
-        prices = list(era_data.prices())
-        show("backtester.mean(era_data.prices())", mean := backtester.mean(era_data.prices()))
-        check(f"that is the mean of its {len(prices)} prices", prices != [] and mean == statistics.fmean(prices))
-        check("it is version 1 of the backtester", backtester.VERSION == "1")
+            digest = self._published()[BACKTESTER]["sha256"]
+            _flip_a_byte(self.service.state / "files" / digest)
+        wallet = onboarding.register(bootstrap_runtime=True)
+        show("register(bootstrap_runtime=True)", wallet)
+        published = self._published()
+        for path, entry in published.items():
+            check(f"{path}: {entry['size']:,} bytes, SHA-256 as published", self._digest(path) == entry["sha256"])
+        manifest = json.loads((self.home / "manifest.json").read_bytes())
+        check("manifest.json names just these files", manifest["files"].keys() == published.keys())
+        runtime = kit.get_runtime()
+        check("the runtime is installed", runtime is not None)
+        check("the search has it", search_templates._library_runtime is runtime)
+        stamp = runtime.raw_backtester._corvane_module_sha256
+        copy = Path(runtime.raw_backtester.__file__)
+        check(f"what runs is the verified copy {copy.name}", sha256(copy.read_bytes()).hexdigest() == stamp)
+        check("its digest is the one published", stamp == published[BACKTESTER]["sha256"])
+        days = runtime.vault.dates
+        click.echo(f"   {len(days)} trading days of {', '.join(runtime.vault)}, {days[0]} to {days[-1]}")
 
-    def refuse_a_flipped_byte(self) -> None:
-        """One flipped byte is refused"""
-        path, good = self._path("backtester"), self._path("backtester").read_bytes()
-        self._place("backtester", _with_one_byte_flipped(good))
-        message = (
-            f"Runtime module 'backtester' hash mismatch at {path}: "
-            f"expected {sha256(good).hexdigest()}, got {_digest(path)}."
+    def search(self) -> None:
+        """A search of a few seconds finds signals, and the milestones reach HEARTBEAT.md"""
+        heartbeat = self.workspace / "HEARTBEAT.md"
+        before = heartbeat.read_text()
+        result = search_templates.start_search(seed=7, max_evaluations=EVALUATIONS)
+        call = f"start_search(seed=7, max_evaluations={EVALUATIONS})"
+        click.echo(f"   >>> {call}\n   {len(result.signals)} signals of {result.candidates} candidates")
+        click.echo(f"   {result.evaluations / result.seconds:,.0f} expressions a second")
+        if self.sabotage == "database":
+            with closing(sqlite3.connect(self.home / "search.db")) as db, db:
+                db.execute("DELETE FROM signals WHERE id = 1")
+        rows = self._rows("SELECT expression, instrument FROM signals ORDER BY id")
+        check("all of them are in the database", rows == [(s.expression, s.instrument) for s in result.signals] != [])
+        self.best = max(result.signals, key=lambda signal: signal.rest_sharpe)
+        show("the best on days that the search had not seen", self.best)
+        after = heartbeat.read_text()
+        lines = [line[2:] for line in difflib.ndiff(before.splitlines(), after.splitlines()) if line.startswith("+ ")]
+        for line in lines:
+            click.echo(f"   + {line}")
+        wanted = ["First signal found!"] + ["10 signals found."] * (len(rows) >= 10)
+        check("HEARTBEAT.md has a line for each milestone", all(any(w in line for line in lines) for w in wanted))
+        check("and nothing else was touched", after.startswith(before))
+
+    def simulate(self) -> None:
+        """The best signal is simulated, with a picture of its equity curve"""
+        picture = self.workspace / "best.png"
+        result = corvane.simulate_signal(self.best.id, picture=picture)
+        show(f"simulate_signal({self.best.id}, picture='best.png')", result)
+        check("the picture is a PNG", picture.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n")
+        runtime = kit.get_runtime()
+        direction = -1 if self.best.pool.endswith("reversal") else 1
+        values, prices = runtime.evaluator.evaluate(self.best.expression), list(runtime.vault[self.best.instrument])
+        capital, held = 1.0, 0
+        for value, price, following in zip(values, prices, prices[1:], strict=False):
+            wanted = direction * ((value > 0) - (value < 0))
+            capital *= 1 + wanted * (following / price - 1) - runtime.era_config["cost"] * abs(wanted - held)
+            held = wanted
+        growth = capital - 1
+        check(f"computed by hand it comes to the same: {growth:.1%}", math.isclose(growth, result.total_return))
+        click.echo("   What fits the past proves little; this is no advice to trade.")
+
+    def ask_for_the_status(self) -> None:
+        """What the checklist names tells the truth"""
+        status = corvane.search_status()
+        show("search_status()", status)
+        show("get_search_velocity()", velocity := corvane.get_search_velocity())
+        for suggestion in corvane.get_suggestions():
+            click.echo(f"   get_suggestions(): {suggestion}")
+        [(signals,)], [(evaluations, hours)] = (
+            self._rows("SELECT count(*) FROM signals"),
+            self._rows("SELECT sum(evaluations), sum(noted_at - started_at) / 3600 FROM runs"),
         )
-        call = "_load_runtime_modules_from_manifest(DATA_DIR, MANIFEST)"
-        refused(call, self._load, RuntimeModuleHashMismatch, message)
-        check("the module in use is the one from before", sys.modules["backtester"] is self.modules["backtester"])
-        self._place("backtester", good)
-        check("with the good file back, it is the same module again", self._load() == self.modules)
+        assert status.run is not None
+        told = status.running, status.signals, status.run.evaluations
+        check("it is what the database holds", told == (False, signals, evaluations))
+        check("so is the velocity", math.isclose(velocity.signals_per_hour, signals / hours))
 
     def take_a_new_build(self) -> None:
-        """A new build is picked up without a restart"""
-        self.guard = onboarding.create_runtime_freshness_guard(str(self.home))
-        old = self.agent.backtester = self.modules["backtester"]
-        self.guard.record_loaded_module("backtester", old._corvane_module_sha256, module=old)
-        self.guard.register_module_consumer("backtester", self.agent, "backtester")
-        check("nothing is reloaded while nothing has changed", self.guard.refresh() == [])
-        self._replace_the_backtester(_shipped("backtester-2"))
-        show("agent.backtester.VERSION", self.agent.backtester.VERSION)
-        check("the agent has the new version", self.agent.backtester.VERSION == "2")
-        check("what still holds the old one can go on with it", (old.VERSION, old.mean([1, 2, 6])) == ("1", 3.0))
+        """The service publishes a new build: it is picked up without a restart"""
+        runtime = kit.get_runtime()
+        old = runtime.raw_backtester
+        click.echo(f"   published as version {self.service.command('publish', '--backtester', '2')}")
+        show("runtime.sync_manager.request_for_sync()", changed := runtime.sync_manager.request_for_sync())
+        check("just the backtester was downloaded", changed == [BACKTESTER])
+        versions = runtime.raw_backtester.VERSION, runtime.evaluator.raw_backtester.VERSION
+        check("the runtime and its evaluator have version 2", versions == ("2", "2"))
+        works = len(old.evaluate("mean(IBM, 5)", {"IBM": runtime.vault["IBM"]})) == len(runtime.vault["IBM"])
+        check("what still holds version 1 can go on with it", old.VERSION == "1" and works)
+        check("the new file is what is published", self._digest(BACKTESTER) == self._published()[BACKTESTER]["sha256"])
 
-    def prune_old_copies(self) -> None:
-        """Old copies are pruned: a third build comes, two copies stay"""
-        ages = self._copies_of_the_backtester()
-        self._replace_the_backtester(_shipped("backtester-1") + b"\0")  # loads as before, with a digest of its own
-        copies = self._copies_of_the_backtester()
-        for name in sorted(copies):
-            click.echo(f"   {name}")
-        check("two are left", len(copies) == 2)
-        check("one of them is in use", Path(self.agent.backtester.__file__).name in copies)
-        check("what is gone is the oldest", [ages[name] for name in ages.keys() - copies] == [min(ages.values())])
+    def go_on_without_the_service(self) -> None:
+        """A bad day: the service is away. The runtime is built from what is on disk"""
+        self.service.stop()
+        kit.close_runtime()
+        with _log_lines() as lines:
+            runtime: Any = onboarding.ensure_runtime_bootstrapped(strict=False)
+        click.echo("   >>> ensure_runtime_bootstrapped(strict=False)")
+        _tell(lines)
+        wanted = "Failed to bootstrap corvane runtime: "
+        check("the log says why the kit could not", len(lines) == 1 and lines[0].startswith(f"WARNING {wanted}"))
+        check("a local runtime is installed", kit.get_runtime() is runtime is not None)
+        check("it asks nobody for anything new", runtime.sync_manager.request_for_sync() == [])
+        again = corvane.simulate_signal(self.best.id)
+        check("the best signal is still there and can be simulated", again.expression == self.best.expression)
+        click.echo("   Next step: none. Call it again when the service is back, to get what is new.")
+
+    def be_strict(self) -> None:
+        """The same, strictly: one error, on one line, with all its causes"""
+        kit.close_runtime()
+        beginning = "Corvane registration authenticated, but runtime data bootstrap failed: ConnectionError: "
+        with _log_lines() as lines:
+            try:
+                onboarding.ensure_runtime_bootstrapped()
+            except RuntimeError as exc:
+                error: RuntimeError | None = exc
+            else:
+                error = None
+        click.echo(f"   >>> ensure_runtime_bootstrapped()\n   RuntimeError: {error}")
+        _tell(lines)
+        check("it says what failed", str(error).startswith(beginning) and "\n" not in str(error))
+        check(
+            "and what caused that", "; caused by " in str(error) and error is not None and error.__cause__ is not None
+        )
+        check("no runtime was left half built", kit.get_runtime() is None)
+        click.echo("   Next step: see that the service can be reached; or ensure_runtime_bootstrapped(strict=False).")
+
+    def refuse_a_flipped_byte(self) -> None:
+        """Another bad day: one byte of the backtester on disk has flipped. It is refused"""
+        path, expected = self.home / BACKTESTER, self._digest(BACKTESTER)
+        _flip_a_byte(path)
+        message = (
+            f"Runtime module 'backtester' hash mismatch at {path}: expected {expected}, got {self._digest(BACKTESTER)}."
+        )
+        load = private("_load_per_era_backtester")
+        refused("_load_per_era_backtester(HOME)", lambda: load(str(self.home)), RuntimeModuleHashMismatch, message)
+        with _log_lines() as lines:
+            runtime = onboarding.ensure_runtime_bootstrapped(strict=False)
+        click.echo("   >>> ensure_runtime_bootstrapped(strict=False)")
+        _tell(lines)
+        said = [line for line in lines if line == f"DEBUG Failed to bootstrap local corvane runtime: {message}"]
+        check("there is no runtime, and the log says why", runtime is kit.get_runtime() is None and said != [])
+        click.echo("   Next step: sync again when the service can be reached.")
+
+    def recover(self) -> None:
+        """The service is back: the same call repairs the file and builds the runtime"""
+        self.service.start()
+        runtime: Any = onboarding.ensure_runtime_bootstrapped()
+        click.echo("   >>> ensure_runtime_bootstrapped()")
+        check("the file is whole again", self._digest(BACKTESTER) == self._published()[BACKTESTER]["sha256"])
+        check("the runtime is installed", kit.get_runtime() is runtime is not None)
+        check("a sync finds nothing to do", runtime.sync_manager.request_for_sync() == [])
+        kept = len(self._rows("SELECT 1 FROM signals"))
+        check(f"the {kept} signals are still there", corvane.search_status().signals == kept > 0)
 
     def steps(self) -> list[Callable[[], None]]:
         return [
             self.find_the_universe,
-            self.load_the_modules,
-            self.refuse_a_flipped_byte,
+            self.bootstrap,
+            self.search,
+            self.simulate,
+            self.ask_for_the_status,
             self.take_a_new_build,
-            self.prune_old_copies,
+            self.go_on_without_the_service,
+            self.be_strict,
+            self.refuse_a_flipped_byte,
+            self.recover,
         ]
 
-    def _ask_for_eras(self, authorization: str) -> httpx.Response:
-        headers = {"Authorization": authorization}
+    def _ask(self, path: str, token: str) -> dict[str, Any]:
+        headers = {"Authorization": f"Bearer {token}"}
         context = ssl.create_default_context()
-        return httpx.get(self.service.url + "/eras", headers=headers, verify=context, trust_env=False)
+        answer: dict[str, Any] = httpx.get(
+            self.service.url + path, headers=headers, verify=context, trust_env=False
+        ).json()
+        return answer
 
-    def _load(self) -> dict[str, ModuleType]:
-        data_dir = str(self.home)
-        manifest = private("_read_manifest")(data_dir)
-        modules: dict[str, ModuleType] = private("_load_runtime_modules_from_manifest")(data_dir, manifest)
-        return modules
+    def _published(self) -> dict[str, Any]:
+        """The files of the release, as the service's database has them."""
+        [(listed,)] = self.service.rows("SELECT files FROM releases ORDER BY version DESC LIMIT 1")
+        published: dict[str, Any] = json.loads(str(listed))
+        return published
 
-    def _replace_the_backtester(self, build: bytes) -> None:
-        self._place("backtester", build)
-        self._list({"era_data": self._path("era_data").read_bytes(), "backtester": build})
-        show("guard.refresh()", reloaded := self.guard.refresh())
-        check("just the backtester was reloaded", reloaded == ["backtester"])
-        stamp = self.agent.backtester._corvane_module_sha256
-        check("the agent's module is the one on disk", stamp == _digest(self._path("backtester")))
+    def _digest(self, path: str) -> str:
+        return sha256((self.home / path).read_bytes()).hexdigest()
 
-    def _copies_of_the_backtester(self) -> dict[str, int]:
-        return {path.name: path.stat().st_mtime_ns for path in self.folder.glob(".corvane-runtime-backtester-*.so")}
-
-    def _path(self, name: str) -> Path:
-        return self.folder / f"{name}.so"
-
-    def _place(self, name: str, build: bytes) -> None:
-        _write(self._path(name), build)
-
-    def _list(self, builds: dict[str, bytes]) -> None:
-        listed = {
-            str(self._path(name).relative_to(self.home)): {
-                "kind": f"runtime_module:{name}",
-                "platform": CURRENT_PLATFORM,
-                "sha256": sha256(build).hexdigest(),
-            }
-            for name, build in builds.items()
-        }
-        manifest = {"era_id": self.era_id, "version": 1, "files": listed}
-        _write(self.home / "manifest.json", json.dumps(manifest).encode())
+    def _rows(self, query: str) -> list[Any]:
+        with closing(sqlite3.connect(f"file:{self.home / 'search.db'}?mode=ro", uri=True)) as db:
+            return db.execute(query).fetchall()
 
 
-def _shipped(name: str) -> bytes:
-    return (files("corvane_local") / "native_modules" / f"{name}.so").read_bytes()
-
-
-def _with_one_byte_flipped(build: bytes) -> bytes:
-    middle = len(build) // 2
-    return build[:middle] + bytes([build[middle] ^ 1]) + build[middle + 1 :]
-
-
-def _digest(path: Path) -> str:
-    return sha256(path.read_bytes()).hexdigest()
-
-
-def _write(path: Path, content: bytes) -> None:
+def _flip_a_byte(path: Path) -> None:
     # A new file takes the old one's name: the bytes of a file that is loaded must never change.
-    path.parent.mkdir(parents=True, exist_ok=True)
-    new = path.with_name(path.name + ".new")
+    content = bytearray(path.read_bytes())
+    content[len(content) // 2] ^= 1
+    new = path.with_name(path.name + ".flipped")
     new.write_bytes(content)
     new.replace(path)
+
+
+def _tell(lines: list[str]) -> None:
+    for line in lines:
+        click.echo(f"   {line}")
+
+
+@contextmanager
+def _log_lines() -> Iterator[list[str]]:
+    """What the module logs meanwhile, debug lines included."""
+    lines: list[str] = []
+    handler = logging.Handler()
+    handler.emit = lambda record: lines.append(f"{record.levelname} {record.getMessage()}")  # type: ignore[method-assign]
+    level = onboarding.logger.level
+    onboarding.logger.addHandler(handler)
+    onboarding.logger.setLevel(logging.DEBUG)
+    onboarding.logger.propagate = False
+    try:
+        yield lines
+    finally:
+        onboarding.logger.propagate = True
+        onboarding.logger.setLevel(level)
+        onboarding.logger.removeHandler(handler)

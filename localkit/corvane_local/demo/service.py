@@ -31,9 +31,13 @@ class Service:
             self._process.communicate(timeout=15)
             self._process = None
 
-    def invite(self) -> str:
-        command = [sys.executable, "-P", "-m", "corvane_local", "invite", "--state", str(self.state)]
+    def command(self, name: str, *options: str) -> str:
+        """The output of an operator's command."""
+        command = [sys.executable, "-P", "-m", "corvane_local", name, "--state", str(self.state), *options]
         return subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip()
+
+    def invite(self) -> str:
+        return self.command("invite")
 
     def rows(self, query: str, *values: str) -> list[tuple[object, ...]]:
         with sqlite3.connect(f"file:{self.state / 'service.db'}?mode=ro", uri=True) as db:

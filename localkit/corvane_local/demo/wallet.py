@@ -135,11 +135,13 @@ class WalletSteps:
         """A milestone leaves one line in HEARTBEAT.md, once"""
         before = self.heartbeat.read_text()
         for _ in range(2):
-            onboarding.update_nudge("first_signal", count=1)
-        show("update_nudge('first_signal', count=1)  # twice", None)
+            onboarding.update_nudge("era_change", era=3)
+        show("update_nudge('era_change', era=3)  # twice", None)
         after = self.heartbeat.read_text()
         _show_difference(before, after)
-        nudge = "- [ ] [Corvane] First signal found! Check status for details.\n"
+        nudge = (
+            "- [ ] [Corvane] New era detected. Your search will pause for re-sync. Check status after sync completes.\n"
+        )
         check("one line was added", after == before + nudge)
 
     def print_the_fragment(self) -> None:
