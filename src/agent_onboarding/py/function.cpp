@@ -26,8 +26,8 @@ struct remembered {
 
 /// The layer's only state. It outlives the module, for function objects can, and ends with the interpreter.
 struct interpreter_state {
-    std::unique_ptr<object[]> names;
-    std::unique_ptr<remembered[]> look_ups;
+    std::vector<object> names;
+    std::vector<remembered> look_ups;
     object globals;
     object builtins;
     object codes; ///< by name, the code that makes each function; keeps the function's own code, see code_of
@@ -307,8 +307,8 @@ void frame::trace(error& raised) const noexcept {
 namespace {
 
 void intern_names(interpreter_state& fresh) {
-    fresh.names = std::make_unique<object[]>(name_count);
-    fresh.look_ups = std::make_unique<remembered[]>(name_count);
+    fresh.names.resize(name_count);
+    fresh.look_ups.resize(name_count);
     for (const name_node* node = first_name; node != nullptr; node = node->next) {
         PyObject* text = detail::text_of(node->text, where::current()).release();
         PyUnicode_InternInPlace(&text);
