@@ -3,13 +3,14 @@ SHELL := /bin/sh
 .DEFAULT_GOAL := help
 
 VENV := .venv
+LOCK := run
 PY := $(VENV)/bin/python
 PIP := $(PY) -m pip --quiet --disable-pip-version-check install
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test test-wheel lint bench proof wheel install clean
+.PHONY: help demo test test-agents test-wheel lint bench proof wheel install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -23,6 +24,11 @@ test: $(VENV)/.installed $(VENV)/.test ## Run all tests against the installed pa
 
 test-wheel: $(VENV)/.run $(VENV)/.data $(VENV)/.test $(VENV)/.ship ## Test what is shipped: wheel and sdist, their bytes, platforms and installation
 	@$(PY) -P -m pytest -m wheel $(TEST_OPTIONS)
+
+test-agents: ## Test that the functions are tools of six agent frameworks (in an environment of their own: .venv-agents)
+	@$(MAKE) --no-print-directory VENV=.venv-agents LOCK=agents install
+	@.venv-agents/bin/python -P -m pytest examples $(TEST_OPTIONS) && echo "make test-agents: passed" \
+	 || { echo "make test-agents: FAILED"; exit 1; }
 
 lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ (clang-tidy; warnings are errors)
 	@echo "Checking format, types, stub and C++."
@@ -60,13 +66,13 @@ wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for e
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
 clean: ## Remove everything that make created
-	rm -rf $(VENV) build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
+	rm -rf $(VENV) .venv-agents build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
 
 $(PY):
-	@echo "Setting up .venv (once)."
+	@echo "Setting up $(VENV) (once)."
 	@python=$$(tools/find-python) && "$$python" -m venv $(VENV)
 
-$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship: $(VENV)/.%: requirements/%.txt $(PY)
+$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship $(VENV)/.agents: $(VENV)/.%: requirements/%.txt $(PY)
 	@echo "Installing what is locked in $<."
 	@$(PIP) --require-hashes -r $<
 	@touch $@
@@ -78,7 +84,7 @@ $(VENV)/.data: requirements/data.txt $(PY)
 	@touch $@
 
 # Without build isolation, so that the locked build tools are the ones used; --no-index because nothing else is needed.
-$(VENV)/.installed: $(VENV)/.run $(VENV)/.data $(EXTENSION) $(KIT)
+$(VENV)/.installed: $(VENV)/.$(LOCK) $(VENV)/.data $(EXTENSION) $(KIT)
 	@echo "Building and installing the extension and the local kit."
 	@PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(PIP) --no-build-isolation --no-deps --no-index --force-reinstall . ./localkit
 	@touch $@
