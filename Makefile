@@ -9,10 +9,10 @@ EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test lint bench proof install clean
+.PHONY: help demo test test-wheel lint bench proof wheel install clean
 
 help: ## Say what there is to make
-	@grep -E '^[a-z]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z]+):.*## (.*)/make \1\t\2/' | expand -t 16
+	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
 
 demo: $(VENV)/.installed ## Show an agent's first day against a service on this machine
 	@$(PY) -P -m corvane_local.demo $(DEMO_OPTIONS)
@@ -21,12 +21,17 @@ test: $(VENV)/.installed $(VENV)/.test ## Run all tests against the installed pa
 	@echo "Testing the installed extension and the local kit."
 	@$(PY) -P -m pytest $(TEST_OPTIONS) && echo "make test: passed" || { echo "make test: FAILED"; exit 1; }
 
+test-wheel: $(VENV)/.run $(VENV)/.data $(VENV)/.test $(VENV)/.ship ## Test what is shipped: wheel and sdist, their bytes, platforms and installation
+	@$(PY) -P -m pytest -m wheel $(TEST_OPTIONS)
+
 lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ (clang-tidy; warnings are errors)
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py docs/draw_architecture.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
+	@sed -n '/^```python/,/^```/{/^```/d;p;}' README.md >build/readme_example.py
+	@cd build && $(CURDIR)/$(VENV)/bin/mypy --strict readme_example.py ../tests/typing_example.py
 	@{ $(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
 	   && $(VENV)/bin/cmake --build build/tidy --target declarations \
 	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
@@ -42,16 +47,26 @@ bench: $(VENV)/.installed ## Time every operation beside its plain Python twin a
 proof: $(VENV)/.installed $(VENV)/.test $(VENV)/.lint ## Prove that nothing crashes, leaks or loses data (PROOF_OPTIONS=--quick: seconds)
 	@PYTHONPATH=.:tests $(PY) -P -m proof $(PROOF_OPTIONS)
 
+# The sdist first and the wheel from it: what the one lacks, the other cannot hold. Bytes depend on the sources alone, so
+# the date of the packed files is a fixed one.
+wheel: export SOURCE_DATE_EPOCH := 1767225600
+wheel: export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
+wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for every Linux that is as old as auditwheel says
+	@rm -rf dist build/wheel && mkdir -p build
+	@$(PY) -P -m build --no-isolation --outdir build/wheel . >build/wheel.log 2>&1 || { cat build/wheel.log; exit 1; }
+	@$(PY) -P -m auditwheel repair --plat auto --wheel-dir dist build/wheel/*.whl >build/wheel.log 2>&1 || { cat build/wheel.log; exit 1; }
+	@mv build/wheel/*.tar.gz dist && ls -l dist
+
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
 clean: ## Remove everything that make created
-	rm -rf $(VENV) build .hypothesis .mypy_cache .pytest_cache .ruff_cache
+	rm -rf $(VENV) build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
 
 $(PY):
 	@echo "Setting up .venv (once)."
 	@python=$$(tools/find-python) && "$$python" -m venv $(VENV)
 
-$(VENV)/.run $(VENV)/.test $(VENV)/.lint: $(VENV)/.%: requirements/%.txt $(PY)
+$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship: $(VENV)/.%: requirements/%.txt $(PY)
 	@echo "Installing what is locked in $<."
 	@$(PIP) --require-hashes -r $<
 	@touch $@

@@ -14,6 +14,7 @@ import pickle
 import re
 import subprocess
 import sys
+import sysconfig
 import traceback
 import types
 import typing
@@ -270,6 +271,59 @@ for _ in range(50):
 assert importlib.reload(first) is first and (first._config["data_dir"], first.__doc__) == ("kept", "kept")
 assert first.inject_heartbeat() is None
 """)
+
+
+SWAPPED = """
+from corvane import agent_onboarding as m
+class Swapping(str):
+    __hash__ = str.__hash__
+    def __eq__(self, other):
+        f.__code__ = (lambda: 5).__code__
+        return str.__eq__(self, other)
+f = m._prune_runtime_extension_copies
+print(f("a", **{Swapping("keep_path"): "/nowhere/x"}), f())
+"""
+
+
+def test_code_that_changes_while_arguments_are_bound():
+    done = subprocess.run([sys.executable, "-P", "-c", SWAPPED], capture_output=True, text=True)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "None 5\n", "")
+
+
+EMBEDDING = """
+#include <Python.h>
+int main(int, char** arguments) {
+    for (int round = 0; round < 4; ++round) {
+        Py_Initialize();
+        if (PyRun_SimpleString(arguments[1]) != 0 || Py_FinalizeEx() != 0)
+            return 1;
+    }
+}
+"""
+EMBEDDED = """
+import importlib.machinery, importlib.util, sys, types
+# Stubs for what the interpreter itself cannot import a second time, and for the siblings.
+names = "hashlib secrets urllib urllib.error urllib.request corvane corvane.auth corvane.errors corvane.skills"
+for name in (*names.split(), "corvane.sync", "corvane.runtime_module_freshness"):
+    module = sys.modules[name] = types.ModuleType(name)
+    module.__path__, module.__getattr__ = [], lambda wanted: sys.modules.get("corvane." + wanted, Exception)
+loader = importlib.machinery.ExtensionFileLoader("corvane.agent_onboarding", PATH)
+m = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
+loader.exec_module(m)
+assert m._normalize_key("ab") == "0xab"
+"""
+
+
+def test_an_interpreter_that_is_started_again(tmp_path):
+    (tmp_path / "embed.cpp").write_text(EMBEDDING)
+    library = sysconfig.get_config_var("LIBDIR")
+    link = [f"-I{sysconfig.get_paths()['include']}", f"-L{library}", f"-Wl,-rpath,{library}", "-rdynamic"]
+    python = f"-lpython{sysconfig.get_config_var('LDVERSION')}"
+    subprocess.run(["c++", "embed.cpp", "-o", "embed", *link, python, "-ldl", "-lm"], cwd=tmp_path, check=True)
+    script = EMBEDDED.replace("PATH", repr(m.__file__))
+    environment = {**os.environ, "PYTHONHOME": sys.base_prefix}
+    done = subprocess.run([tmp_path / "embed", script], capture_output=True, text=True, env=environment)
+    assert (done.returncode, done.stderr) == (0, "")
 
 
 def test_a_sibling_missing_or_failing_then_there():

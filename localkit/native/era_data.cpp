@@ -2,7 +2,6 @@
 #include <Python.h>
 
 #include <cstdint>
-#include <cstring>
 #include <iterator>
 
 namespace {
@@ -29,12 +28,12 @@ template <typename Item> PyObject* view_of(const Item* items, Py_ssize_t count, 
     return PyMemoryView_FromBuffer(&view);
 }
 
-PyObject* dates_of_era(PyObject*, PyObject*) { return view_of(dates, std::size(dates), "i"); }
+PyObject* dates_of_era(PyObject*, PyObject*) { return view_of(dates, std::ssize(dates), "i"); }
 
 PyObject* series_of(PyObject*, PyObject* name) {
     for (std::size_t i = 0; i < std::size(names); ++i) {
         if (PyUnicode_Check(name) && PyUnicode_CompareWithASCIIString(name, names[i]) == 0)
-            return view_of(prices[i], std::size(prices[i]), "d");
+            return view_of(prices[i], std::ssize(prices[i]), "d");
     }
     PyErr_SetObject(PyExc_KeyError, name);
     return nullptr;
@@ -53,11 +52,9 @@ PyObject* names_of_series(PyObject*, PyObject*) {
 }
 
 int execute(PyObject* module) {
-    char bytes[sizeof seal];
-    std::memcpy(bytes, &seal, sizeof seal);
-    PyObject* text = PyBytes_FromStringAndSize(bytes, sizeof bytes);
-    const int added = PyModule_AddObjectRef(module, "SEAL", text);
-    Py_XDECREF(text);
+    PyObject* bytes = PyBytes_FromStringAndSize(reinterpret_cast<const char*>(seal), sizeof seal);
+    const int added = PyModule_AddObjectRef(module, "SEAL", bytes);
+    Py_XDECREF(bytes);
     if (added < 0 || PyModule_AddIntConstant(module, "ERA_ID", era_id) < 0)
         return -1;
     return PyModule_AddStringConstant(module, "SOURCE", source);

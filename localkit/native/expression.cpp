@@ -8,10 +8,14 @@
 namespace backtester {
 
 double mean(window w) {
+    if (w.empty())
+        return undefined;
+    // Summed relative to one of the values: the mean of equal values is exactly that value, and their deviation 0.
+    const double base = std::isfinite(w.front()) ? w.front() : 0;
     double sum = 0;
     for (double x : w)
-        sum += x;
-    return sum / static_cast<double>(w.size());
+        sum += x - base;
+    return base + sum / static_cast<double>(w.size());
 }
 double deviation(window w) {
     const double middle = mean(w);
@@ -124,10 +128,15 @@ class reader {
             return result;
         }
         if (is_digit(first) || first == '.')
-            return series(days_, number());
+            return constant(number());
         if (!begins_name(first))
             expected("a number, a name or (");
         return name_or_call();
+    }
+    // A name for it: in braces, the number of days would be a value.
+    [[nodiscard]] series constant(double value) const {
+        series result(days_, value);
+        return result;
     }
     double number() {
         double value = 0;

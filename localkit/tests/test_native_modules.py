@@ -1,87 +1,92 @@
-"""The native modules as they are shipped, beside plain Python."""
+"""The native modules as they are shipped, beside numpy and plain Python."""
 
-import importlib.machinery
-import importlib.util
 import math
+import re
 import statistics
+import subprocess
+import sys
 from array import array
+from bisect import bisect_left
 from collections import Counter
-from importlib.resources import files
+from importlib import machinery, resources, util
 
+import numpy as np
 import pytest
 from hypothesis import given
 from hypothesis import strategies as st
 
-
-def load(name, file):
-    loader = importlib.machinery.ExtensionFileLoader(name, str(files("corvane_local") / "native_modules" / file))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(name, loader))
-    loader.exec_module(module)
-    return module
-
-
-ERA = load("era_data", "era_data.so")
-BACKTESTERS = [load("backtester", f"backtester-{version}.so") for version in (1, 2)]
-B = BACKTESTERS[0]
-DAYS = 300
-X = array("d", (math.sin(day) * 10 + day % 7 for day in range(DAYS)))
-Y = array("d", (math.cos(day / 3) - 0.1 for day in range(DAYS)))
-
-
-def test_the_era_is_what_it_says():
-    assert [module.VERSION for module in BACKTESTERS] == ["1", "2"] and B.ERA_ID == ERA.ERA_ID == 3
-    dates, prices = ERA.dates(), [ERA.series(name) for name in ERA.names()]
-    assert ERA.names() == ("AAPL", "GOOG", "IBM", "MSFT") and (dates[0], dates[-1]) == (20040819, 20130301)
-    assert list(dates) == sorted(set(dates)) and {len(series) for series in prices} == {len(dates)}
-    assert all(series.readonly and series.format == "d" and min(series) > 1 for series in prices)
-    B.init_reconstruction(ERA.SEAL, prices)
-    for seal, series, secret in [(ERA.SEAL, prices[::-1], None), (b"", prices, None), (ERA.SEAL, prices, "other")]:
-        with pytest.raises(ValueError, match="the seal does not fit"):
-            B.init_reconstruction(seal, series, secret)
-    with pytest.raises(KeyError, match="FB"):
-        ERA.series("FB")
-
-
-def window(function, days):
-    return lambda day: function(X[day - days + 1 : day + 1]) if day >= days - 1 else math.nan
-
-
-def share_below(w):
-    return (sum(v < w[-1] for v in w) + 0.5 * (w.count(w[-1]) - 1)) / (len(w) - 1)
-
-
-EXPRESSIONS = {
-    "x": lambda day: X[day],
-    " -x * 2 + y/4.5e1 - (x - 1)": lambda day: -X[day] * 2 + Y[day] / 45 - (X[day] - 1),
-    "1 - 2 - 3 * - 2": lambda day: 5.0,
-    "abs(x) + sign(y)": lambda day: abs(X[day]) + math.copysign(1, Y[day]),
-    "log(abs(y))": lambda day: math.log(abs(Y[day])),
-    "delay(x, 3)": lambda day: X[day - 3] if day >= 3 else math.nan,
-    "delta(x,1)": lambda day: X[day] - X[day - 1] if day else math.nan,
-    "mean(x, 20)": window(statistics.fmean, 20),
-    "std(x, 5)": window(statistics.pstdev, 5),
-    "zscore(x, 10)": window(lambda w: (w[-1] - statistics.fmean(w)) / statistics.pstdev(w), 10),
-    "rank(x, 10)": window(share_below, 10),
-    "min(x, 7) + max(x, 7)": window(lambda w: min(w) + max(w), 7),
-}
-
-
-@pytest.mark.parametrize("text", EXPRESSIONS)
-def test_expressions(text):
-    expected = [EXPRESSIONS[text](day) for day in range(DAYS)]
-    assert list(B.evaluate(text, {"x": X, "y": Y})) == pytest.approx(expected, nan_ok=True)
-
-
+MODULES, DAYS, RANDOM = resources.files("corvane_local") / "native_modules", 80, np.random.default_rng(7)
+X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
+Y[:3] = math.nan
+NO_SERIES = [array("f", [1]), b"12345678", [1.0], memoryview(X)[::2], memoryview(bytearray(81))[1:].cast("d"), None]
 BAD = {
     "": 1, "x +": 4, "(x": 3, "x)": 2, "x y": 3, "nothing": 1, "mean(x)": 7, "mean(x, 0)": 9, "mean(x, 1001)": 9,
     "mean(x, -1)": 9, "what(x)": 1, "1e999": 1, "x \0": 3, "(" * 200 + "x": 101, "x" * 10_001: 10_001, "2 ** x": 4,
 }  # fmt: skip
 
 
-@pytest.mark.parametrize("text", BAD, ids=lambda text: repr(text)[:20])
-def test_bad_expressions_name_the_column(text):
-    with pytest.raises(ValueError, match=rf"^column {BAD[text]}: "):
-        B.evaluate(text, {"x": X})
+def load(name, file):
+    module = util.module_from_spec(util.spec_from_file_location(name, str(MODULES / file)))
+    assert isinstance(module.__loader__, machinery.ExtensionFileLoader) and not module.__loader__.exec_module(module)
+    return module
+
+
+ERA, B = load("era_data", "era_data.so"), load("backtester", "backtester-1.so")
+
+
+def test_the_era_is_what_it_says():
+    prices = [ERA.series(name) for name in ERA.names()]
+    assert [B.VERSION, load("backtester", "backtester-2.so").VERSION] == ["1", "2"] and B.ERA_ID == ERA.ERA_ID == 3
+    assert ERA.names() == ("AAPL", "GOOG", "IBM", "MSFT") and (ERA.dates()[0], ERA.dates()[-1]) == (20040819, 20130301)
+    assert list(ERA.dates()) == sorted(set(ERA.dates())) and {len(p) for p in prices} == {len(ERA.dates())}
+    assert all(p.readonly and p.format == "d" and min(p) > 1 for p in prices) and "public domain" in ERA.SOURCE
+    B.init_reconstruction(ERA.SEAL, prices)
+    B.init_reconstruction(bytes.fromhex("a3817f04ba25a8e66df67214c7550293"), [], bytes(range(16)))  # as published
+    for wrong in ((ERA.SEAL, prices[::-1]), (b"", prices), (ERA.SEAL, prices, bytes(16)), (ERA.SEAL, prices, b"x")):
+        with pytest.raises(ValueError, match=r"the seal does not fit|must have 16 bytes"):
+            B.init_reconstruction(*wrong)
+
+
+def rolling(function, more=0):
+    return lambda x, n: (
+        [function(x[d - n - more : d]) if d >= n + more else math.nan for d in range(1, DAYS + 1)] * F(1)
+    )
+
+
+def rank(w):
+    return ((w < w[-1]).sum() + (w == w[-1]).sum() / 2 - 0.5) / (len(w) - 1) if len(w) > 1 else 0.5
+
+
+F, DEFINED = (
+    lambda v: np.full(DAYS, float(v)),
+    lambda function: lambda w: math.nan if np.isnan(w).any() else function(w),
+)
+EXACT = {"delay": rolling(lambda w: w[0], 1), "delta": rolling(lambda w: w[-1] - w[0], 1),
+         **{f.__name__: rolling(DEFINED(f)) for f in (min, max, rank)}}  # fmt: skip
+ROUNDED = {"mean": rolling(np.mean), "std": rolling(np.std), "zscore": rolling(lambda w: (w[-1] - w.mean()) / w.std())}
+TEXTS = st.recursive(st.sampled_from(["x", "y", "0.0", "2.5"]), lambda part: st.one_of(
+    st.builds("{} {} {}".format, part, st.sampled_from("+-*/"), part), st.builds("-({})".format, part),
+    st.builds("{}({})".format, st.sampled_from(["abs", "sign"]), part),
+    st.builds("{}({}, {})".format, st.sampled_from(sorted(EXACT)), part, st.integers(1, 90))))  # fmt: skip
+
+
+def compare(text, expect):  # every expression is one of Python's, too
+    names = {"x": X, "y": Y, "F": F, "abs": abs, "sign": np.sign, "log": np.log, **EXACT, **ROUNDED}
+    with np.errstate(all="ignore"):
+        expect(B.evaluate(text, {"x": X, "y": Y}), eval(re.sub(r"\d+\.\d+", r"F(\g<0>)", text), names))
+
+
+@given(TEXTS)
+def test_any_expression_is_what_python_makes_of_it(text):
+    compare(text, np.testing.assert_array_equal)
+
+
+@pytest.mark.parametrize(
+    "text", ["log(x)", *(f"{name}({x}, {n})" for name in ROUNDED for x in "xy" for n in (1, 5, 90))]
+)
+def test_rounded_functions(text):
+    assert {"abs": (1, 0), "log": (1, 0), "sign": (1, 0), **dict.fromkeys([*EXACT, *ROUNDED], (1, 1))} == B.FUNCTIONS
+    compare(text, np.testing.assert_allclose)
 
 
 @given(st.text("xy()+-*/., 0123456789abdelmnrstz_\0\udc80\n", max_size=60))
@@ -92,30 +97,42 @@ def test_any_text_is_a_value_or_a_value_error(text):
         assert str(exc).startswith("column ") or isinstance(exc, UnicodeEncodeError)
 
 
-@pytest.mark.parametrize("series", [array("f", [1.0]), b"12345678", [1.0], memoryview(X)[::2], None], ids=repr)
-def test_what_is_no_series(series):
-    for call in (lambda: B.evaluate("x", {"x": series}), lambda: B.sharpe(series), lambda: B.correlation(X, series)):
-        with pytest.raises((TypeError, BufferError)):
-            call()
+@pytest.mark.parametrize("call, error, message", [
+    *((lambda text=text: B.evaluate(text, {"x": X}), ValueError, f"^column {BAD[text]}: ") for text in BAD),
+    *((lambda s=s: B.evaluate("x", {"x": s}), TypeError, "a series is|a bytes-like object") for s in NO_SERIES),
+    (lambda: B.evaluate("x", {"x": X, "y": Y[1:]}), ValueError, "differ in length"),
+    (lambda: B.correlation(X, X[1:]), ValueError, "differ in length"), (lambda: ERA.series("FB"), KeyError, "FB"),
+    (lambda: B.evaluate("x", X), TypeError, "must be a mapping"), (lambda: B.sharpe(X, -1), ValueError, "positive"),
+])  # fmt: skip
+def test_what_is_refused(call, error, message):
+    with pytest.raises(error, match=message):
+        call()
 
 
 def mutual_information(a, b, bins):
-    def binned(values):
-        order = sorted(range(DAYS), key=lambda day: values[day])
-        return [order.index(day) * bins // DAYS for day in range(DAYS)]
-
-    left, right = binned(a), binned(b)
-    counts = [Counter(zip(left, right, strict=True)), Counter(left), Counter(right)]
-    return sum(n / DAYS * math.log2(n * DAYS / counts[1][i] / counts[2][j]) for (i, j), n in counts[0].items())
+    left, right = ([bisect_left(sorted(s), v) * bins // len(s) for v in s] for s in (a, b))
+    one, other, both = Counter(left), Counter(right), Counter(zip(left, right, strict=True))
+    return sum(n / len(a) * math.log2(n * len(a) / one[i] / other[j]) for (i, j), n in both.items())
 
 
 def test_measures():
-    assert B.correlation(X, Y) == pytest.approx(statistics.correlation(X, Y))
-    assert math.isnan(B.correlation(X, array("d", [1.0]) * DAYS)) and math.isnan(B.sharpe(array("d")))
-    late = array("d", [math.nan] * 5 + list(X[5:]))
-    assert B.sharpe(late) == pytest.approx(statistics.fmean(late[5:]) / statistics.pstdev(late[5:]) * math.sqrt(252))
-    assert B.mutual_information(X, X, bins=4) == pytest.approx(2.0)
-    assert B.mutual_information(X, Y, bins=5) == pytest.approx(mutual_information(X, Y, 5))
-    for wrong in (lambda: B.correlation(X, X[1:]), lambda: B.evaluate("x", {"x": X, "y": Y[1:]})):
-        with pytest.raises(ValueError, match="differ in length"):
-            wrong()
+    x, y = X[3:], Y[3:]
+    assert B.correlation(X, Y) == pytest.approx(statistics.correlation(x, y))
+    assert B.correlation(Y * 1e-90, Y * 1e-90) == 1 and B.mutual_information(SAME, SAME) == 0
+    assert B.sharpe(Y) == pytest.approx(y.mean() / y.std() * math.sqrt(252))
+    for bins in (1, 4, 16):
+        assert B.mutual_information(X, Y, bins) == pytest.approx(mutual_information(x, y, bins))
+    assert all(map(math.isnan, (B.sharpe(SAME), B.correlation(X, SAME), B.sharpe(array("d")))))
+
+
+def test_a_daemon_thread_may_compute_while_the_interpreter_ends(tmp_path):
+    (tmp_path / "backtester.so").symlink_to(MODULES / "backtester-1.so")
+    code = """if True:
+        import array, backtester, threading, time
+        x = array.array("d", range(3000))
+        def work():
+            while True: backtester.evaluate("std(x, 100)", {"x": x})
+        for _ in range(4): threading.Thread(target=work, daemon=True).start()
+        time.sleep(0.3)"""
+    done = subprocess.run([sys.executable, "-c", code], cwd=tmp_path, capture_output=True, timeout=60)
+    assert (done.returncode, done.stderr) == (0, b"")

@@ -27,6 +27,7 @@ def main(sabotage: str | None) -> None:
         service, home, workspace = Service(root / "service"), root / "agent", root / "workspace"
         workspace.mkdir()
         os.chdir(workspace)
+        os.environ["MPLCONFIGDIR"] = str(root / "matplotlib")  # what the plotting library keeps, it keeps in the home
         wallet_steps = WalletSteps(service, home, workspace, sabotage).steps()
         runtime_steps = RuntimeSteps(service, home, workspace, sabotage).steps()
         try:

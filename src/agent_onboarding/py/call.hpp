@@ -69,11 +69,11 @@ void set_global(name changed, handle value, where line = where::current());
 
 namespace detail {
 /// The attribute of a plain module, without the detour over its type; empty if it is not there or not that simple.
-object module_attribute(handle self, name wanted);
+object module_attribute(handle self, name wanted, where line);
 } // namespace detail
 
 inline found handle::attr(name wanted, where line) const {
-    if (object quick = detail::module_attribute(*this, wanted))
+    if (object quick = detail::module_attribute(*this, wanted, line))
         return {std::move(quick), line};
     return {perform(line, PyObject_GetAttr, ptr(), wanted.ptr()), line};
 }
@@ -211,11 +211,11 @@ template <typename... Parts> object concat(opening first, const Parts&... parts)
 /// A special method, looked up on the type as the interpreter does; empty where the type has none.
 object special_method(handle self, handle name, where line);
 /// Enters a context manager; answers its `__exit__` and the value that `__enter__` gave.
-std::pair<object, object> enter(handle manager, where line);
+std::pair<object, object> enter_context(handle manager, where line);
 
 /// `with manager as value: body(value)`. A true result of `__exit__` swallows the exception.
 template <typename Body> void with(const frame& in, handle manager, Body body, where line = where::current()) {
-    auto [exit, value] = enter(manager, line);
+    auto [exit, value] = enter_context(manager, line);
     try {
         body(handle(value));
     } catch (error& caught) {

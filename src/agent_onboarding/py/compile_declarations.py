@@ -15,6 +15,7 @@ import textwrap
 from pathlib import Path
 from types import CodeType
 
+NESTED = ast.FunctionDef | ast.Lambda
 NATIVE_BODY = 'raise SystemError("native body not reached")'
 
 
@@ -74,7 +75,19 @@ def complete(function: ast.FunctionDef, doc: str) -> list[ast.Import | ast.Impor
     summary.value.value = doc
     imports = [statement for statement in function.body if isinstance(statement, ast.Import | ast.ImportFrom)]
     function.body = [statement for statement in function.body if statement not in imports]
+    for statement in [] if is_generator(function) else function.body[1:-1]:
+        # A function or lambda is made anew by the native body; anything else would never be executed.
+        if not isinstance(statement.value if isinstance(statement, ast.Expr) else statement, NESTED):
+            raise ValueError(f"{function.name}, line {statement.lineno}: no statement that a declaration can have")
     return imports
+
+
+def bound_name(statement: ast.Import | ast.ImportFrom) -> str:
+    """The one name that the statement binds."""
+    [alias] = statement.names
+    if alias.asname is None and "." in alias.name:
+        raise ValueError(f"import {alias.name} binds a part of its name only; give it one with `as`")
+    return alias.asname or alias.name
 
 
 def only_code_in(code: CodeType) -> CodeType:
@@ -102,7 +115,9 @@ def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> 
     codes = {}
     for written, function in zip(functions_of(node), functions_of(tree.body[0]), strict=True):
         for statement in complete(function, final_docstring(written, ast.unparse(function), source, module)):
-            bound = statement.names[0].asname or statement.names[0].name
+            bound = bound_name(statement)
+            if f"{function.name}.{bound}" in codes:
+                raise ValueError(f"{function.name} imports {bound} twice")
             codes[f"{function.name}.{bound}"] = import_code(statement, bound, function.name, file_name)
     if isinstance(node, ast.FunctionDef) and is_generator(node):
         # The steps become free variables of the function, as if an outer function had them as parameters.
@@ -141,6 +156,8 @@ def main(declarations: str, module: str, output: str) -> None:
             imports.append(ast.get_source_segment(source, node))
         elif isinstance(node, ast.FunctionDef | ast.ClassDef):
             add(f"<{module}.{node.name}>", *declared(node, source, module))
+        elif not isinstance(node, ast.Expr):
+            raise ValueError(f"line {node.lineno}: neither an import nor a function nor a class")
     text = "\n".join(filter(None, imports)) + "\n"
     add(f"<{module}>", text, {"imports": compile(text, f"<{module}>", "exec", dont_inherit=True, optimize=0)})
 

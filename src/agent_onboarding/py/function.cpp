@@ -26,14 +26,15 @@ struct remembered {
 
 /// The layer's only state. It outlives the module, for function objects can, and ends with the interpreter.
 struct interpreter_state {
-    std::unique_ptr<object[]> names;
-    std::unique_ptr<remembered[]> look_ups;
+    std::vector<object> names;
+    std::vector<remembered> look_ups;
     object globals;
     object builtins;
     object codes; ///< by name, the code that makes each function; keeps the function's own code, see code_of
     std::vector<const void**> bodies; ///< the code_of of every function that was made
 };
 interpreter_state* state = nullptr;
+bool forgets_at_exit = false; // an exit function is called once and then forgotten
 
 vectorcallfunc interpreted = nullptr; // the vectorcall of every function that the interpreter makes
 
@@ -42,6 +43,7 @@ std::size_t name_count = 0;
 
 /// When the interpreter has ended its objects are gone, and another one may start in this process.
 void forget() noexcept {
+    forgets_at_exit = false;
     if (state == nullptr)
         return;
     for (std::size_t i = 0; i < name_count; ++i)
@@ -64,12 +66,12 @@ name interned(const name_node& node) noexcept { return {state->names[node.index]
 // -- Calls ----------------------------------------------------------------------------------------------------------
 
 bound_arguments::bound_arguments(PyFunctionObject* function, PyObject* const* given, std::size_t flagged_count,
-                                 PyObject* keywords) {
-    const auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
+                                 PyObject* keywords)
+    : code_(reinterpret_cast<PyCodeObject*>(function->func_code)) {
     const auto positional_given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
-    const auto positional = static_cast<std::size_t>(code->co_argcount);
-    count_ = positional + static_cast<std::size_t>(code->co_kwonlyargcount) +
-             ((code->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
+    const auto positional = static_cast<std::size_t>(code_->co_argcount);
+    count_ = positional + static_cast<std::size_t>(code_->co_kwonlyargcount) +
+             ((code_->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
     if (positional_given == positional && positional == count_ && keywords == nullptr) {
         for (std::size_t place = 0; place < count_; ++place)
             values_[place] = Py_NewRef(given[place]);
@@ -88,12 +90,11 @@ bound_arguments::~bound_arguments() {
 
 bound_arguments::outcome bound_arguments::bind(PyFunctionObject* function, PyObject* const* given,
                                                std::size_t positional_given, PyObject* keywords) {
-    auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
-    const auto positional = static_cast<std::size_t>(code->co_argcount);
-    const auto parameters = positional + static_cast<std::size_t>(code->co_kwonlyargcount);
+    const auto positional = static_cast<std::size_t>(code_->co_argcount);
+    const auto parameters = positional + static_cast<std::size_t>(code_->co_kwonlyargcount);
     for (std::size_t place = 0; place < positional_given; ++place)
         values_[place] = Py_NewRef(given[place]);
-    if ((code->co_flags & CO_VARKEYWORDS) != 0) {
+    if ((code_->co_flags & CO_VARKEYWORDS) != 0) {
         values_[parameters] = PyDict_New();
         if (values_[parameters] == nullptr)
             return outcome::failed;
@@ -103,8 +104,7 @@ bound_arguments::outcome bound_arguments::bind(PyFunctionObject* function, PyObj
         PyObject* name = PyTuple_GET_ITEM(keywords, i);
         if (!PyUnicode_Check(name))
             return outcome::impossible;
-        const outcome result =
-            bind_keyword(code, parameters, name, given[positional_given + static_cast<std::size_t>(i)]);
+        const outcome result = bind_keyword(parameters, name, given[positional_given + static_cast<std::size_t>(i)]);
         if (result != outcome::bound)
             return result;
     }
@@ -112,9 +112,8 @@ bound_arguments::outcome bound_arguments::bind(PyFunctionObject* function, PyObj
 }
 
 /// Puts a keyword argument into its place. Identity first, then `==`, as the interpreter searches.
-bound_arguments::outcome bound_arguments::bind_keyword(PyCodeObject* code, std::size_t parameters, PyObject* name,
-                                                       PyObject* value) {
-    PyObject* const* names = &PyTuple_GET_ITEM(code->co_localsplusnames, 0);
+bound_arguments::outcome bound_arguments::bind_keyword(std::size_t parameters, PyObject* name, PyObject* value) {
+    PyObject* const* names = &PyTuple_GET_ITEM(code_->co_localsplusnames, 0);
     std::size_t place = 0;
     while (place < parameters && names[place] != name)
         ++place;
@@ -133,7 +132,7 @@ bound_arguments::outcome bound_arguments::bind_keyword(PyCodeObject* code, std::
         values_[place] = Py_NewRef(value);
         return outcome::bound;
     }
-    if ((code->co_flags & CO_VARKEYWORDS) == 0)
+    if ((code_->co_flags & CO_VARKEYWORDS) == 0)
         return outcome::impossible;
     return call_out(PyDict_SetItem, values_[parameters], name, value) < 0 ? outcome::failed : outcome::bound;
 }
@@ -156,9 +155,8 @@ bound_arguments::outcome bound_arguments::bind_defaults(PyFunctionObject* functi
             continue;
         if (function->func_kwdefaults == nullptr)
             return outcome::impossible;
-        PyObject* name = PyTuple_GET_ITEM(reinterpret_cast<PyCodeObject*>(function->func_code)->co_localsplusnames,
-                                          static_cast<Py_ssize_t>(place));
-        PyObject* value = PyDict_GetItemWithError(function->func_kwdefaults, name);
+        PyObject* name = PyTuple_GET_ITEM(code_->co_localsplusnames, static_cast<Py_ssize_t>(place));
+        PyObject* value = call_out(PyDict_GetItemWithError, function->func_kwdefaults, name);
         if (value == nullptr)
             return PyErr_Occurred() != nullptr ? outcome::failed : outcome::impossible;
         values_[place] = Py_NewRef(value);
@@ -176,7 +174,7 @@ namespace {
 constexpr int recursion_cost = 4;
 } // namespace
 
-PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* values) {
+PyObject* enter(native_body body, PyFunctionObject* function, const bound_arguments& bound) {
     // Py_EnterRecursiveCall, with one look-up of the thread for entering and leaving.
     PyThreadState* thread = PyThreadState_Get();
     if (thread->c_recursion_remaining > recursion_cost)
@@ -185,7 +183,7 @@ PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* v
         thread->c_recursion_remaining -= recursion_cost - 1;
     else
         return nullptr;
-    const frame running(function, values);
+    const frame running(function, bound.code(), bound.values());
     PyObject* result = nullptr;
     try {
         result = body(running).release();
@@ -233,17 +231,17 @@ found global(name wanted, where line) {
     return {object::borrow(value), line};
 }
 
-object detail::module_attribute(handle self, name wanted) {
+object detail::module_attribute(handle self, name wanted, where line) {
     if (!PyModule_CheckExact(self.ptr()))
         return {};
     const handle dictionary(PyModule_GetDict(self.ptr()));
     remembered& last = state->look_ups[wanted.index];
     if (last.module_version != version_of(dictionary)) {
-        PyObject* attribute = PyDict_GetItemWithError(dictionary.ptr(), wanted.ptr());
-        if (attribute == nullptr) {
-            PyErr_Clear(); // the ordinary look-up says what is wrong
-            return {};
-        }
+        PyObject* attribute = call_out(PyDict_GetItemWithError, dictionary.ptr(), wanted.ptr());
+        if (attribute == nullptr && PyErr_Occurred() != nullptr)
+            throw_error(line);
+        if (attribute == nullptr)
+            return {}; // the ordinary look-up says what is wrong
         last.module_version = version_of(dictionary);
         last.attribute = attribute;
     }
@@ -309,8 +307,8 @@ void frame::trace(error& raised) const noexcept {
 namespace {
 
 void intern_names(interpreter_state& fresh) {
-    fresh.names = std::make_unique<object[]>(name_count);
-    fresh.look_ups = std::make_unique<remembered[]>(name_count);
+    fresh.names.resize(name_count);
+    fresh.look_ups.resize(name_count);
     for (const name_node* node = first_name; node != nullptr; node = node->next) {
         PyObject* text = detail::text_of(node->text, where::current()).release();
         PyUnicode_InternInPlace(&text);
@@ -395,10 +393,9 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
         auto fresh = std::make_unique<interpreter_state>();
         intern_names(*fresh);
         fresh->codes = load_declarations(declarations);
-        static bool registered = false;
-        if (!registered && Py_AtExit(forget) < 0)
+        if (!forgets_at_exit && Py_AtExit(forget) < 0)
             throw_error(PyExc_SystemError, "the interpreter takes no more exit functions", where::current());
-        registered = true;
+        forgets_at_exit = true;
         state = fresh.release();
     }
     state->globals = object::borrow(module_namespace);

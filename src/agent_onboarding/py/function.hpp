@@ -17,8 +17,8 @@ namespace corvane::py {
 class frame {
   public:
     /// The body of a function.
-    frame(PyFunctionObject* function, PyObject* const* values) noexcept
-        : function_(function), code_(reinterpret_cast<PyCodeObject*>(function->func_code)), values_(values) {}
+    frame(PyFunctionObject* function, PyCodeObject* code, PyObject* const* values) noexcept
+        : function_(function), code_(code), values_(values) {}
     /// The body of the module.
     explicit frame(handle module_namespace) noexcept : module_namespace_(module_namespace) {}
 
@@ -50,13 +50,15 @@ class bound_arguments {
     enum class outcome { bound, impossible, failed };
     [[nodiscard]] outcome result() const noexcept { return result_; }
     [[nodiscard]] PyObject* const* values() const noexcept { return values_; }
+    [[nodiscard]] PyCodeObject* code() const noexcept { return code_; }
 
   private:
     outcome bind(PyFunctionObject* function, PyObject* const* given, std::size_t positional_given, PyObject* keywords);
-    outcome bind_keyword(PyCodeObject* code, std::size_t parameters, PyObject* name, PyObject* value);
+    outcome bind_keyword(std::size_t parameters, PyObject* name, PyObject* value);
     outcome bind_defaults(PyFunctionObject* function, std::size_t positional, std::size_t parameters);
 
     static constexpr std::size_t max_parameters = 8; ///< more than any function of ours has
+    PyCodeObject* code_; ///< as the call found it; kept alive by the layer, whatever the function has by now
     std::size_t count_;
     outcome result_;
     PyObject* values_[max_parameters];
@@ -66,7 +68,7 @@ class bound_arguments {
 template <native_body Body> inline const void* code_of = nullptr;
 
 /// What is there to do once the arguments are bound; `nullptr` with the Python error set on failure.
-PyObject* enter(native_body body, PyFunctionObject* function, PyObject* const* values);
+PyObject* enter(native_body body, PyFunctionObject* function, const bound_arguments& bound);
 /// The interpreter's own way to call the function: raises its TypeError for arguments that do not fit.
 PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords);
 
@@ -85,7 +87,7 @@ PyObject* enter_native(PyObject* callable, PyObject* const* arguments, std::size
     case bound_arguments::outcome::bound:
         break;
     }
-    return enter(Body, function, bound.values());
+    return enter(Body, function, bound);
 }
 
 /// A name among the declarations, and the body that runs instead of theirs.

@@ -1,0 +1,60 @@
+"""The documentation says what is there: messages, links, commands, keywords, an example that runs, the picture."""
+
+import re
+import runpy
+from pathlib import Path
+
+import pytest
+
+from corvane_local.cli import main
+
+ROOT = Path(__file__).parents[1]
+PAGES = {page: page.read_text("utf-8") for glob in ("*.md", "docs/*.md", "localkit/*.md") for page in ROOT.glob(glob)}
+SOURCES = {source.name: source.read_text("utf-8") for source in (ROOT / "src/agent_onboarding").glob("*.cpp")}
+KIT_PAGE = PAGES[ROOT / "docs/developing-the-kit.md"]
+NO_MESSAGES = ("[Corvane]", "## Corvane", "Bearer ", "Agent onboarding subcomponent", "AuthToken(token=")
+
+
+def phrases(text, placeholder):
+    """The fixed words of a message, between its values."""
+    return {part.strip(" :;,.'") for part in re.split(placeholder, text) if re.search("[A-Za-z]", part)}
+
+
+def test_every_message_is_explained():
+    said, explained = set(), set()
+    for source in SOURCES.values():
+        code = re.sub(r'"\s*\n\s*"', "", re.sub(r"^\s*(//|#).*| // .*", "", source, flags=re.M))
+        for literal in re.findall(r'"((?:[^"\\\n]|\\.)*)"', code):
+            if " " in literal and not any(text in literal for text in NO_MESSAGES):
+                said |= phrases(literal, "%s")
+    for message in re.findall(r"^\| `([^`]+)`", PAGES[ROOT / "docs/operating.md"].partition("## Messages")[2], re.M):
+        explained |= phrases(message, "<[a-z]+>")
+    assert explained == said and len(said) > 60
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
+def test_links_and_commands_exist(page):
+    for link, anchor in re.findall(r"\]\((?!https?:)([^)#]*)#?([^)]*)\)", PAGES[page]):
+        target = (page.parent / link).resolve() if link else page
+        assert target.exists(), link
+        headings = re.findall(r"^#+ (.*)", PAGES.get(target, ""), re.M)
+        assert not anchor or anchor in [re.sub(r"[^\w-]", "", h.lower().replace(" ", "-")) for h in headings], anchor
+    targets = re.findall(r"^([a-z-]+):", (ROOT / "Makefile").read_text(), re.M)
+    for made in re.findall(r"(?:^|`)make ((?:[a-z-]+ ?)+)", PAGES[page], re.M):
+        assert set(made.split()) <= set(targets)
+    assert set(re.findall(r"(?:^|`)corvane-local ([a-z]+)", PAGES[page], re.M)) <= set(main.commands)
+
+
+def test_keywords_of_the_kit():
+    documented = re.findall(r"^\w+\((\w+,[^)]*)\)$", KIT_PAGE, re.M)
+    passed = re.findall(r"\(\{\n(.*?)\}\);", SOURCES["bootstrap.cpp"], re.S)
+    assert [re.findall(r"\w+", d) for d in documented] == [re.findall(r'"(\w+)"_a', p) for p in passed] != []
+
+
+def test_the_example_of_the_kit_page_runs():
+    exec(re.search(r"```python\n(.*?)```", KIT_PAGE, re.S)[1], {"__name__": "example"})
+
+
+def test_the_picture_is_of_these_sources():
+    picture = runpy.run_path(str(ROOT / "docs/draw_architecture.py"))["picture"]()
+    assert (ROOT / "docs/architecture.svg").read_text("utf-8") == picture, "run: python docs/draw_architecture.py"
