@@ -234,19 +234,19 @@ def signature(said: str) -> str:
     return re.sub(r"0x[0-9a-f]+|\d+|\n.*", "", said, flags=re.S)
 
 
-def tried(workshop: Workshop, kind: str, names: list[str], **variables: str) -> tuple[int, list[Any]]:
+def tried(workshop: Workshop, kind: str, names: list[str], **environment: str) -> tuple[int, list[Any]]:
     """Points and what is bad, from interpreters on all processors."""
 
     def some(part: list[str]) -> Any:
         done = workshop.python(
-            str(Path(__file__)), kind, *part, site=workshop.folder, timeout=1200, variables=variables
+            str(Path(__file__)), kind, *part, site=workshop.folder, timeout=1200, variables=environment
         )
         if done.returncode != 0:
             raise RuntimeError(f"{part} {done.stderr[-1000:]}")
         return json.loads(done.stdout)
 
     if os.access("/dev/shm", os.W_OK):  # much faster where a million files are made
-        variables["TMPDIR"] = "/dev/shm"
+        environment["TMPDIR"] = "/dev/shm"
     parts = [part for n in range(20) if (part := names[n::20])]
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         done = list(pool.map(some, parts))
