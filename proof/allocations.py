@@ -234,11 +234,13 @@ def signature(said: str) -> str:
     return re.sub(r"0x[0-9a-f]+|\d+|\n.*", "", said, flags=re.S)
 
 
-def tried(workshop: Workshop, kind: str, names: list[str], **environment: str) -> tuple[int, list[Any]]:
+def tried(workshop: Workshop, kind: str, names: list[str], **variables: str) -> tuple[int, list[Any]]:
     """Points and what is bad, from interpreters on all processors."""
 
     def some(part: list[str]) -> Any:
-        done = workshop.python(str(Path(__file__)), kind, *part, site=workshop.folder, timeout=1200, **environment)
+        done = workshop.python(
+            str(Path(__file__)), kind, *part, site=workshop.folder, timeout=1200, variables=variables
+        )
         if done.returncode != 0:
             raise RuntimeError(f"{part} {done.stderr[-1000:]}")
         return json.loads(done.stdout)
