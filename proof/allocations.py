@@ -246,7 +246,7 @@ def tried(workshop: Workshop, kind: str, names: list[str], **variables: str) -> 
         return json.loads(done.stdout)
 
     if os.access("/dev/shm", os.W_OK):  # much faster where a million files are made
-        environment["TMPDIR"] = "/dev/shm"
+        variables["TMPDIR"] = "/dev/shm"
     parts = [part for n in range(20) if (part := names[n::20])]
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         done = list(pool.map(some, parts))
