@@ -238,7 +238,9 @@ def tried(workshop: Workshop, kind: str, names: list[str], **environment: str) -
     """Points and what is bad, from interpreters on all processors."""
 
     def some(part: list[str]) -> Any:
-        done = workshop.python(str(Path(__file__)), kind, *part, site=workshop.folder, timeout=1200, **environment)
+        done = workshop.python(
+            str(Path(__file__)), kind, *part, site=workshop.folder, timeout=1200, variables=environment
+        )
         if done.returncode != 0:
             raise RuntimeError(f"{part} {done.stderr[-1000:]}")
         return json.loads(done.stdout)
