@@ -1,7 +1,7 @@
 """An agent of google-adk that joins the service. A model and its key are needed only once it runs."""
 
 from google.adk.agents import Agent
-from google.adk.tools import FunctionTool
+from google.adk.tools.function_tool import FunctionTool
 
 from corvane.agent_onboarding import get_agents_md_fragment, inject_heartbeat, register, update_nudge
 
