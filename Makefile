@@ -25,7 +25,7 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@{ $(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
 	   && $(VENV)/bin/cmake --build build/tidy --target declarations \
