@@ -3,9 +3,7 @@
 import inspect
 import json
 import logging
-import math
-import os
-import ssl
+import re
 import traceback
 from collections.abc import Iterator
 from dataclasses import dataclass
@@ -54,11 +52,6 @@ MEANINGS = {
 # What an exception of the kit means. The first line counts that fits anything in the chain of causes: what is behind an
 # error says more than what it was wrapped in.
 _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
-    (
-        (ssl.SSLCertVerificationError,),
-        Exit.MACHINE,
-        "Set SSL_CERT_FILE to the service's certificate authority; `corvane doctor` compares the clocks, too.",
-    ),
     ((AuthBusyError, BlockingIOError), Exit.TRY_AGAIN, "Wait a minute, then run the command again."),
     (
         (ConnectionError, TimeoutError, URLError, SyncBackoffCancelled),
@@ -138,8 +131,20 @@ class Command(click.Command):
             failure = exc if isinstance(exc, Failure) else _explain(exc)
             failure.as_json = as_json
             raise failure from None
-        click.echo(json.dumps(_plain(result.data), indent=1) if as_json else result.text)
+        click.echo(json.dumps(result.data, indent=1, default=str, allow_nan=False) if as_json else result.text)
         ctx.exit(result.status)
+
+
+class Group(click.Group):
+    """The commands; a key that somebody passes as an argument all the same is not repeated in the error."""
+
+    def invoke(self, ctx: click.Context) -> Any:
+        """Runs one of them."""
+        try:
+            return super().invoke(ctx)
+        except click.UsageError as exc:
+            exc.message = re.sub(r"\b(0[xX])?[0-9a-fA-F]{64}\b", "(a key)", exc.message)
+            raise
 
 
 _LOCATIONS = [
@@ -166,6 +171,8 @@ _OUTPUT = [
 
 def _explain(exc: BaseException) -> Failure:
     text, chain = str(exc) or type(exc).__name__, list(_chain(exc))
+    if any("CERTIFICATE_VERIFY_FAILED" in str(link) for link in chain):  # to try again would not help
+        return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
     for kinds, status, next_step in _CAUSES:
         if any(isinstance(link, kinds) for link in chain):
             return Failure(text, status, next_step)
@@ -180,14 +187,3 @@ def _chain(exc: BaseException | None) -> Iterator[BaseException]:
     while exc is not None:
         yield exc
         exc = exc.__cause__ or (None if exc.__suppress_context__ else exc.__context__)
-
-
-def _plain(value: Any) -> Any:
-    """The value as JSON can hold it: there is no NaN, and a path is text."""
-    if isinstance(value, dict):
-        return {key: _plain(item) for key, item in value.items()}
-    if isinstance(value, list | tuple):
-        return [_plain(item) for item in value]
-    if isinstance(value, float) and not math.isfinite(value):
-        return None
-    return os.fspath(value) if isinstance(value, os.PathLike) else value

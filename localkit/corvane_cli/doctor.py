@@ -31,6 +31,35 @@ _CLOCK_WARNING, _CLOCK_ERROR = 30.0, 1800.0  # seconds
 _TIMEOUT = 10.0  # seconds
 
 
+_KEY_STATES = {
+    "absent": (
+        WARNING,
+        "There is no wallet key at {path}.",
+        "nobody can sign in without one",
+        "`corvane register --invite-code CODE` makes one, `corvane login < FILE` takes one over.",
+    ),
+    "empty": (
+        ERROR,
+        "{path} is empty.",
+        "a save was interrupted. A new key that was being saved has never been used, so nothing is lost; one that a "
+        "login was replacing is beside it, in the newest wallet.key.backup-*",
+        "`corvane login < BACKUP`; if there never was a key before: rm {path}, then `corvane register`.",
+    ),
+    "malformed": (
+        ERROR,
+        "{path} holds no key.",
+        "a key is 64 hexadecimal digits, with or without 0x in front",
+        "`corvane login --replace < FILE` with a copy of the key; the file is kept as a backup, too.",
+    ),
+    "unsafe": (
+        ERROR,
+        "{path} is not used: {problem}.",
+        "somebody else may have put it there",
+        "Move it away, and find out who did it.",
+    ),
+}
+
+
 @dataclass(frozen=True)
 class Finding:
     """One thing that is wrong: how bad it is, what it is, why it matters, and what to do."""
@@ -76,37 +105,14 @@ def check_key_file(agent: Agent) -> Iterator[Finding]:
 
 def key_findings(key: KeyFile) -> Iterator[Finding]:
     """What is wrong with a key file."""
-    if key.state == "absent":
-        problem, reason = f"There is no wallet key at {key.path}.", "nobody can sign in without one"
-        next_step = "`corvane register --invite-code CODE` makes one, `corvane login < FILE` takes one over."
-        yield Finding("key", WARNING, problem, reason, next_step)
-    elif key.state == "empty":
-        reason = (
-            "a save was interrupted. A key that `register` was making has never been used, so nothing is lost; the key "
-            "that a `login` was replacing is in a file wallet.key.backup-* beside it"
-        )
-        next_step = f"`corvane login < BACKUP`; if there was no key before: rm {key.path}, then `corvane register`."
-        yield Finding("key", ERROR, f"{key.path} is empty.", reason, next_step)
-    elif key.state == "malformed":
-        reason = "a key is 64 hexadecimal digits, with or without 0x in front"
-        next_step = "`corvane login --replace < FILE` with a backup of the key; the file is kept as a backup, too."
-        yield Finding("key", ERROR, f"{key.path} holds no key.", reason, next_step)
-    elif key.state == "unsafe":
-        reason, next_step = (
-            "somebody else may have put it there, or may read it",
-            "Move it away, and find out who did it.",
-        )
-        yield Finding("key", ERROR, f"{key.path} is not used: {key.problem}.", reason, next_step)
-    if key.status is None or key.state == "unsafe":
-        return
-    if key.status.st_nlink > 1:
-        problem, reason = (
-            f"{key.path} has {key.status.st_nlink} names.",
-            "a login that rewrites it rewrites all of them",
-        )
+    if key.state in _KEY_STATES:
+        severity, *texts = _KEY_STATES[key.state]
+        yield Finding("key", severity, *(text.format(path=key.path, problem=key.problem) for text in texts))
+    if key.status and key.status.st_nlink > 1:
+        problem, reason = f"{key.path} has {key.status.st_nlink} names.", "a login rewrites it under all of them"
         next_step = f"Make it a file of its own: cp -p {key.path} {key.path}.new && mv {key.path}.new {key.path}"
         yield Finding("key", ERROR, problem, reason, next_step)
-    if key.status.st_mode & 0o077:
+    if key.status and key.status.st_mode & 0o077:
         problem = f"{key.path} is open to other users (mode {stat.S_IMODE(key.status.st_mode):o})."
         reason = "who has read the key can sign in with it for ever"
         yield Finding("key", ERROR, problem, reason, f"chmod 600 {key.path}; if others were here, use a new wallet.")

@@ -21,7 +21,7 @@ from pydantic import BaseModel
 from corvane.auth import AuthManager, InvalidKeyError, _set_active_auth_manager
 
 KEY_VARIABLE = "CORVANE_PRIVATE_KEY"
-_KEY_FILE_SIZE = 4096  # bytes; more cannot be a key
+_LONGEST_KEY_FILE = 4096  # bytes
 
 
 @dataclass(frozen=True)
@@ -62,6 +62,11 @@ class Agent:
         self._asked_url = server_url.rstrip("/") if server_url else None
 
     @property
+    def key_source(self) -> str:
+        """Where the key is."""
+        return KEY_VARIABLE if self.env_key else str(self.data_dir / "wallet.key")
+
+    @property
     def server_url(self) -> str:
         """The address of the service."""
         session = self.session()
@@ -80,10 +85,12 @@ class Agent:
         with open(fd, "rb") as file:
             status = os.fstat(fd)
             if not stat.S_ISREG(status.st_mode):
-                return KeyFile(path, "unsafe", problem="it is no regular file", status=status)
+                return KeyFile(path, "unsafe", problem="it is no regular file")
             if status.st_uid != os.getuid():
-                return KeyFile(path, "unsafe", problem=f"it belongs to user {status.st_uid}", status=status)
-            content = file.read(_KEY_FILE_SIZE)
+                return KeyFile(path, "unsafe", problem=f"it belongs to user {status.st_uid}")
+            if status.st_size > _LONGEST_KEY_FILE:
+                return KeyFile(path, "unsafe", problem="it is too large for a key")
+            content = file.read()
         if not content.strip():
             return KeyFile(path, "empty", content, status=status)
         try:

@@ -18,7 +18,7 @@ import click
 
 from corvane import __version__, auth
 from corvane_cli import doctor as examination
-from corvane_cli.command import MEANINGS, Command, Exit, Failure, Result
+from corvane_cli.command import MEANINGS, Command, Exit, Failure, Group, Result
 from corvane_cli.identity import KEY_VARIABLE, Agent, KeyFile, prefixed
 
 _KEY_SECONDS = 10.0  # how long a key may take to arrive; a pipe that nobody writes to must not hold an agent up
@@ -31,6 +31,7 @@ _heartbeat = click.option("--heartbeat/--no-heartbeat", default=True, help="Whet
 
 
 @click.group(
+    cls=Group,
     context_settings={"help_option_names": ["-h", "--help"], "max_content_width": 110},
     epilog=f"""\b
 Examples:
@@ -77,18 +78,16 @@ def register(
         raise Failure("This is no invite code.", Exit.USAGE, "Pass it as it was given: CORV-XXXX-XXXX-XXXX.")
     onboarding = agent.onboarding(heartbeat)
     with nullcontext() if dry_run else agent.changing_the_wallet():
-        key = agent.key_file()
-        if not agent.env_key:
-            _require_usable(key)
+        key = _usable_key_file(agent)
         reused = bool(agent.env_key) or key.state == "good"
         if not reused and invite_code is None:
             next_step = "Ask the operator for an invite code, then `corvane register --invite-code CODE`."
             raise Failure(f"A new wallet needs an invite code; there is none at {key.path}.", Exit.USAGE, next_step)
         if dry_run:
-            steps = [] if reused else [f"make a new key in {key.path}"]
-            steps.append(f"sign {_source(agent)} up or in at {agent.server_url}")
-            steps += _heartbeat_steps(onboarding) if heartbeat else []
-            return _plan(steps + [f"download the era to {agent.data_dir}"] * bootstrap)
+            steps = [f"make a new key in {key.path}"] * (not reused)
+            steps.append(f"sign {agent.key_source} {'in' if reused else 'up'} at {agent.server_url}")
+            steps += _heartbeat_steps(onboarding, heartbeat) + [f"download the era to {agent.data_dir}"] * bootstrap
+            return _plan(steps)
         if agent.env_key:
             address = agent.sign_in(agent.manager(invite_code)).get_wallet_address()
             onboarding.configure(auto_heartbeat=heartbeat)
@@ -97,12 +96,11 @@ def register(
             address = onboarding.register(invite_code).address
             agent.begin_session(address)
     changed = _bootstrap(agent, progress) if bootstrap else None
-    note = f"The wallet of {_source(agent)} was there already and was used." if reused else "A new wallet was made."
-    data = {"address": address, "server_url": agent.server_url, "reused": reused, "key": _source(agent)}
-    text = f"{address}\n{note}"
+    data = {"address": address, "server_url": agent.server_url, "reused": reused, "key": agent.key_source}
+    note = f"The wallet of {agent.key_source} was there already and was used."
     if not reused:
-        text += f"\nKeep a copy of {key.path}: nothing else can restore the wallet."
-    return Result({**data, "changed_files": changed}, text)
+        note = f"A new wallet was made. Keep a copy of {key.path}: nothing else can restore it."
+    return Result({**data, "changed_files": changed}, f"{address}\n{note}")
 
 
 @_command(
@@ -124,40 +122,36 @@ def login(agent: Agent, key_fd: int | None, prompt: bool, replace: bool, dry_run
     """
     if agent.env_key and (key_fd is not None or prompt):
         raise Failure(f"{KEY_VARIABLE} is set, and comes first.", Exit.USAGE, f"Unset {KEY_VARIABLE} to store a key.")
-    onboarding = agent.onboarding()
     secret = agent.env_key or _read_key(key_fd, prompt)
-    manager = auth.AuthManager(prefixed(secret), agent.server_url)
-    agent.sign_in(manager)
+    manager = agent.sign_in(auth.AuthManager(prefixed(secret), agent.server_url))
     address, stored, backup = manager.get_wallet_address(), False, None
     data = {"address": address, "server_url": agent.server_url, "expires_at": manager.get_token_expiry()}
     if agent.env_key:
         note = f"The service accepts the key in {KEY_VARIABLE}. It is not stored."
-        return Result({**data, "key": _source(agent), "stored": False, "backup": None}, f"{address}\n{note}")
+        return Result({**data, "key": agent.key_source, "stored": False, "backup": None}, f"{address}\n{note}")
     with nullcontext() if dry_run else agent.changing_the_wallet():
-        key = agent.key_file()
-        if key.state == "unsafe":
-            _require_usable(key)
+        key = _usable_key_file(agent, "unsafe")
         is_same = key.address == address
-        if not is_same and key.state in ("good", "malformed") and not replace:
-            holds = f"the wallet {key.address}" if key.address else "something that is no key"
+        is_lost = not is_same and key.state in ("good", "malformed")
+        if is_lost and not replace:
             next_step = "`corvane login --replace` keeps it as a backup; --data-dir keeps another identity elsewhere."
+            holds = f"the wallet {key.address}" if key.address else "something that is no key"
             raise Failure(f"{key.path} holds {holds}, and was not replaced.", Exit.MACHINE, next_step)
         if dry_run:
-            steps = [f"keep {key.path} as a backup"] * (not is_same and key.state in ("good", "malformed"))
-            return _plan([*steps, *[f"store the key in {key.path}"] * (not is_same), "begin a session"])
+            steps = [f"keep {key.path} as a backup"] * is_lost + [f"store the key in {key.path}"] * (not is_same)
+            return _plan([*steps, "begin a session"])
+        if is_lost:
+            backup = agent.back_up_key(key)
+            click.echo(f"The key that was there is kept in {backup}.", err=True)
         if not is_same:
-            if key.state in ("good", "malformed"):
-                backup = agent.back_up_key(key)
-                click.echo(f"The key that was there is kept in {backup}.", err=True)
-            onboarding.login(secret)
+            agent.onboarding().login(secret)
             stored = agent.key_file().address == address
             if not stored:
-                next_step = f"Free some space; the key that was there is in {backup}." if backup else "Free some space."
+                next_step = "Free some space, then log in again; a key that was there is in the backup."
                 raise Failure(f"The key was not stored completely in {key.path}.", Exit.MACHINE, next_step)
         agent.begin_session(address)
-    data |= {"key": _source(agent), "stored": stored, "backup": backup}
     note = f"The key is in {key.path}." if stored else f"The key was in {key.path} already; the file was not touched."
-    return Result(data, f"{address}\n{note}")
+    return Result({**data, "key": agent.key_source, "stored": stored, "backup": backup}, f"{address}\n{note}")
 
 
 @_command("logout", "logout", "logout --delete-key 0x257014b0a5208b30b7d654c2a0d02e7a58279df8")
@@ -170,7 +164,7 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     with the local one), and every copy of the key still signs in. `corvane register` signs the stored wallet in again.
     """
     key = agent.key_file()
-    if delete_key is not None and (key.address is None or delete_key.lower() != key.address):
+    if delete_key is not None and delete_key.lower() != key.address:
         next_step = "`corvane status` tells the address; a file that holds no key is deleted with rm."
         raise Failure(f"{key.path} is not the key of {delete_key}; it was not deleted.", Exit.USAGE, next_step)
     if dry_run:
@@ -179,12 +173,14 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     if agent.data_dir.is_dir():
         with agent.changing_the_wallet():
             existed = agent.end_session()
-            if delete_key is not None and agent.key_file() == key:
+            if delete_key is not None and agent.key_file().address == key.address:
                 key.path.unlink()
     kept = key.path.exists()
-    revoked = "Nothing is revoked: tokens given out are good until they expire, and every copy of the key signs in."
-    lines = ["The session is forgotten." if existed else "There was no session.", revoked]
-    lines.append(f"The key is still in {key.path}." if kept else f"There is no key at {key.path}.")
+    lines = [
+        "The session is forgotten." if existed else "There was no session.",
+        "Nothing is revoked: tokens given out are good until they expire, and every copy of the key signs in.",
+        f"The key is still in {key.path}." if kept else f"There is no key at {key.path}.",
+    ]
     if agent.env_key:
         lines.append(f"{KEY_VARIABLE} is set: commands sign in with it until it is unset.")
     data = {"had_session": existed, "key_kept": kept, "revoked": False, "environment_key": bool(agent.env_key)}
@@ -195,21 +191,24 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
 @click.option("--online", is_flag=True, help="Sign in, to see whether the service accepts the wallet.")
 def status(agent: Agent, online: bool) -> Result:
     """Say which wallet this is, which service, where the key is, and what is wrong with it. Nothing is sent."""
-    key, session = agent.key_file(), agent.session()
+    key, session, logged_in = agent.key_file(), agent.session(), agent.is_logged_in()
     address = agent.manager().get_wallet_address() if agent.env_key else key.address
     findings = examination.examine(agent, [examination.check_key_file, examination.check_session])
+    since = session.signed_in_at if session and logged_in and not agent.env_key else None
     data: dict[str, Any] = {"address": address, "server_url": agent.server_url, "data_dir": agent.data_dir}
-    logged_in = agent.is_logged_in()
-    data |= {"key": _source(agent), "logged_in": logged_in, "problems": [asdict(finding) for finding in findings]}
-    data["signed_in_at"] = session.signed_in_at if session and logged_in and not agent.env_key else None
-    lines = [f"wallet     {address or 'none'}", f"service    {agent.server_url}", f"directory  {agent.data_dir}"]
-    lines.append(f"key        {_source(agent)}")
-    since = f"since {_time(data['signed_in_at'])}" if data["signed_in_at"] else "with each command"
-    lines.append(f"signed in  {since if logged_in else 'no'}")
+    data |= {"key": agent.key_source, "logged_in": logged_in, "signed_in_at": since}
+    data["problems"] = [asdict(finding) for finding in findings]
+    lines = [
+        f"wallet     {address or 'none'}",
+        f"service    {agent.server_url}",
+        f"directory  {agent.data_dir}",
+        f"key        {agent.key_source}",
+        f"signed in  {('since ' + _time(since) if since else 'with each command') if logged_in else 'no'}",
+    ]
     if online:
-        manager = _sign_in(agent)
-        data |= {"accepted": True, "expires_at": manager.get_token_expiry()}
-        lines.append(f"token      accepted; good until {_time(manager.get_token_expiry())}")
+        expires_at = _sign_in(agent).get_token_expiry()
+        data |= {"accepted": True, "expires_at": expires_at}
+        lines.append(f"token      accepted; good until {_time(expires_at)}")
     if not logged_in and not findings:
         lines.append("Next: `corvane register` signs the stored wallet in.")
     unusable = not agent.env_key and key.state in ("empty", "malformed", "unsafe")
@@ -245,24 +244,17 @@ def sync(agent: Agent, check: bool, progress: bool | None, dry_run: bool) -> Res
 @click.option("--seed", type=click.IntRange(0, 2**63 - 1), help="[default: the number of searches so far]")
 @click.option("--max-evaluations", default=2000, show_default=True, type=click.IntRange(1), help="How many to try.")
 @click.option("--seconds", type=click.FloatRange(0, min_open=True), help="How long at most.")
-@click.option("--jobs", default=1, show_default=True, type=click.IntRange(1), help="How many threads.")
+@click.option("--jobs", "n_jobs", default=1, show_default=True, type=click.IntRange(1), help="How many threads.")
 @_heartbeat
 @_progress
 @_dry_run
 def search(
-    agent: Agent,
-    seed: int | None,
-    max_evaluations: int,
-    seconds: float | None,
-    jobs: int,
-    heartbeat: bool,
-    progress: bool | None,
-    dry_run: bool,
+    agent: Agent, seed: int | None, heartbeat: bool, progress: bool | None, dry_run: bool, **limits: Any
 ) -> Result:
     """Search the active era for signals. What was found is kept, also after Ctrl-C."""
     if dry_run:
-        steps = [f"download what has changed to {agent.data_dir}", f"try {max_evaluations} expressions"]
-        return _plan(steps + (_heartbeat_steps(agent.onboarding(True)) if heartbeat else []))
+        steps = [f"download what has changed to {agent.data_dir}", f"try {limits['max_evaluations']} expressions"]
+        return _plan(steps + _heartbeat_steps(agent.onboarding(), heartbeat))
     _sign_in(agent)
     from corvane.search_templates import search_status, start_search
 
@@ -273,13 +265,11 @@ def search(
         seed = before.run.id if before.run else 0
     _bootstrap(agent, progress)
     agent.onboarding(heartbeat)
-    found = start_search(seed=seed, max_evaluations=max_evaluations, seconds=seconds, progress=progress, n_jobs=jobs)
-    data = {**asdict(found), "seed": seed}
-    head = (
-        f"{len(found.signals)} signals of {found.candidates} candidates in {found.evaluations} expressions, seed {seed}"
-    )
-    lines = [f"{s.id:>4}  {s.instrument}  {s.pool}  {s.expression}  {s.rest_sharpe:.2f}" for s in found.signals]
-    return Result(data, "\n".join([head, *lines, "A found signal is a reason to look closer, never one to trade."]))
+    found = start_search(seed=seed, progress=progress, **limits)
+    counts = f"{len(found.signals)} signals of {found.candidates} candidates in {found.evaluations} expressions"
+    signals = [f"{s.id:>4}  {s.instrument}  {s.pool}  {s.expression}  {s.rest_sharpe:.2f}" for s in found.signals]
+    text = [f"{counts}, seed {seed}", *signals, "A found signal is a reason to look closer, never one to trade."]
+    return Result({**asdict(found), "seed": seed}, "\n".join(text))
 
 
 @_command("simulate", "simulate 4 --picture signal-4.png", 'simulate "zscore(IBM, 20)" --instrument MSFT')
@@ -296,37 +286,36 @@ def simulate(agent: Agent, signal: str, instrument: str | None, picture: str | N
     number_or_text = int(signal) if signal.isdecimal() else signal
     simulation = _simulate_signal_export(number_or_text, instrument=instrument, picture=picture)
     names = ("expression", "instrument", "sharpe", "train_sharpe", "rest_sharpe", "max_drawdown", "total_return")
-    data = {name: getattr(simulation, name) for name in names}
-    text = "\n".join(
-        f"{name:<13} {value if isinstance(value, str) else f'{value:.4f}'}" for name, value in data.items()
-    )
-    return Result({**data, "picture": picture}, text)
+    values = {name: getattr(simulation, name) for name in names}
+    data = {name: None if value != value else value for name, value in values.items()}  # JSON has no NaN
+    text = (f"{name:<13} {round(value, 4) if isinstance(value, float) else value}" for name, value in values.items())
+    return Result({**data, "picture": picture}, "\n".join(text))
 
 
 # -- The workspace ----------------------------------------------------------------------------------------------------
 
 
 @_command("heartbeat", "heartbeat --dry-run", "heartbeat --print > checklist.md    # for a host without the file")
-@click.option("--workspace", type=click.Path(exists=True, file_okay=False), help="[default: the working directory]")
+@click.option("--workspace", default=".", type=click.Path(exists=True, file_okay=False, resolve_path=True))
 @click.option("--print", "only_print", is_flag=True, help="Print the checklist instead.")
 @_dry_run
-def heartbeat(agent: Agent, workspace: str | None, only_print: bool, dry_run: bool) -> Result:
-    """Add the checklist to the nearest HEARTBEAT.md (the directory or one of three parents), once.
+def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> Result:
+    """Add the checklist to the nearest HEARTBEAT.md (the workspace or one of three parents), once.
 
     The file is never made. With the checklist in it, a host that calls its model at each heartbeat (every 30 minutes,
     say) does so about 48 times a day.
     """
     onboarding = agent.onboarding(True)
     if only_print:
-        checklist = _with_checklist(onboarding, "").lstrip()
-        return Result({"checklist": checklist}, checklist.rstrip("\n"))
-    found = vars(onboarding)["_find_heartbeat"](os.path.realpath(workspace or "."))
+        checklist = _with_checklist(onboarding, "").strip()
+        return Result({"checklist": checklist}, checklist)
+    found = vars(onboarding)["_find_heartbeat"](workspace)
     if found is None:
         next_step = "Make the file in the root of the workspace: touch HEARTBEAT.md"
         raise Failure("There is no HEARTBEAT.md here or in three parents.", Exit.MACHINE, next_step)
     before = Path(found).read_text(encoding="utf-8")
     after = _with_checklist(onboarding, before)
-    if not dry_run and after != before:
+    if not dry_run:
         onboarding.inject_heartbeat(workspace)
         if Path(found).read_text(encoding="utf-8") != after:
             raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {found}")
@@ -372,10 +361,6 @@ def demo() -> Result:
 # -- What they share --------------------------------------------------------------------------------------------------
 
 
-def _source(agent: Agent) -> str:
-    return KEY_VARIABLE if agent.env_key else str(agent.data_dir / "wallet.key")
-
-
 def _time(seconds: float) -> str:
     return f"{datetime.fromtimestamp(seconds, UTC):%Y-%m-%d %H:%M:%S} UTC"
 
@@ -385,16 +370,17 @@ def _plan(steps: list[str]) -> Result:
     return Result({"dry_run": True, "would": steps}, text)
 
 
-def _require_usable(key: KeyFile) -> None:
-    if key.state in ("empty", "malformed", "unsafe"):
-        finding = next(iter(examination.key_findings(key)))
+def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:
+    """The key file, if the key is there, or may be put there."""
+    key = agent.key_file()
+    if not agent.env_key and key.state in (refused or ("empty", "malformed", "unsafe")):
+        [finding, *_] = examination.key_findings(key)
         raise Failure(f"{finding.problem} Reason: {finding.reason}.", Exit.MACHINE, finding.next_step)
+    return key
 
 
 def _sign_in(agent: Agent) -> auth.AuthManager:
-    key = agent.key_file()
-    if not agent.env_key:
-        _require_usable(key)
+    key = _usable_key_file(agent)
     if not agent.is_logged_in():
         next_step = "`corvane register` signs the stored wallet in."
         if key.state == "absent":
@@ -405,29 +391,27 @@ def _sign_in(agent: Agent) -> auth.AuthManager:
 
 def _read_key(fd: int | None, prompt: bool) -> str:
     """One key from a descriptor, or from the person at the terminal. Never waits for long."""
+    instead = "`corvane login < FILE`, or --prompt to be asked on a terminal."
     if prompt:
         if not (sys.stdin and sys.stdin.isatty()):
-            raise Failure("There is no terminal to ask on.", Exit.USAGE, "corvane login < FILE")
+            raise Failure("There is no terminal to ask on.", Exit.USAGE, instead)
         return str(click.prompt("Private key", hide_input=True, err=True)).strip()
     source, content, deadline = fd or 0, b"", time.monotonic() + _KEY_SECONDS
     try:
         if os.isatty(source):
-            next_step = "`corvane login < FILE`, or `corvane login --prompt` to type it."
-            raise Failure("A terminal is no place to read a key from unasked.", Exit.USAGE, next_step)
+            raise Failure("A key is read from a terminal only when that is asked for.", Exit.USAGE, instead)
         poll = select.poll()
         poll.register(source, select.POLLIN)
         while len(content) <= _LONGEST_KEY and b"\n" not in content.lstrip():
             if not poll.poll(max(0.0, deadline - time.monotonic()) * 1000):
                 break
-            chunk = os.read(source, _LONGEST_KEY)
-            if not chunk:
+            if not (chunk := os.read(source, _LONGEST_KEY)):
                 break
             content += chunk
     except OSError as exc:
-        raise Failure(f"Descriptor {source}: {exc.strerror}.", Exit.USAGE, "corvane login < FILE") from None
+        raise Failure(f"Descriptor {source} cannot be read: {exc.strerror}.", Exit.USAGE, instead) from None
     if not content.strip():
-        message = f"No key arrived on descriptor {source} within {_KEY_SECONDS:.0f} s."
-        raise Failure(message, Exit.USAGE, f"`corvane login < FILE`, or set {KEY_VARIABLE}.")
+        raise Failure(f"No key has arrived on descriptor {source}.", Exit.USAGE, instead)
     return content.decode("ascii", "replace").strip()
 
 
@@ -435,10 +419,9 @@ def _sync(agent: Agent, progress: bool | None) -> list[str]:
     from corvane.sync import SyncManager
     from corvane.sync_backoff import SyncBackoff
 
-    manager = SyncManager(
-        auth.get_active_auth_manager() or agent.manager(), str(agent.data_dir), agent.server_url, progress
-    )
-    return SyncBackoff(attempts=3, cap=2.0).run(manager.request_for_sync)
+    manager = auth.get_active_auth_manager() or agent.manager()
+    syncs = SyncManager(manager, str(agent.data_dir), agent.server_url, progress)
+    return SyncBackoff(attempts=3, cap=2.0).run(syncs.request_for_sync)
 
 
 def _bootstrap(agent: Agent, progress: bool | None) -> list[str]:
@@ -457,6 +440,6 @@ def _with_checklist(onboarding: ModuleType, text: str) -> str:
         return copy.read_text(encoding="utf-8")
 
 
-def _heartbeat_steps(onboarding: ModuleType) -> list[str]:
-    found = vars(onboarding)["_find_heartbeat"]()
+def _heartbeat_steps(onboarding: ModuleType, wanted: bool) -> list[str]:
+    found = vars(onboarding)["_find_heartbeat"]() if wanted else None
     return [f"see to the checklist in {found}"] if found else []
