@@ -168,7 +168,10 @@ def test_a_key_from_the_environment_comes_first_and_touches_no_file(corvane, key
     corvane("status", env={"CORVANE_PRIVATE_KEY": "x" * 64}, expect=4)
 
 
-def manifest(path="era_config.json", digest=sha256(b"{}").hexdigest()):
+EMPTY_OBJECT = sha256(b"{}").hexdigest()
+
+
+def manifest(path="era_config.json", digest=EMPTY_OBJECT):
     def write(home):
         entry = {"kind": "era_config", "size": 2} | ({"sha256": digest} if digest else {})
         (home / "era_config.json").write_bytes(b"{}")
