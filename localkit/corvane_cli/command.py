@@ -143,8 +143,8 @@ class Group(click.Group):
         try:
             return super().invoke(ctx)
         except click.UsageError as exc:
-            exc.message = re.sub(r"\b(0[xX])?[0-9a-fA-F]{64}\b", "(a key)", exc.message)
-            raise
+            message = re.sub(r"\b(0[xX])?[0-9a-fA-F]{64}\b", "(a key)", exc.message)
+            raise click.UsageError(message, exc.ctx) from None
 
 
 _LOCATIONS = [
