@@ -127,7 +127,7 @@ def test_failures_are_limited_for_each_key_and_address(start):
         assert [answer.status_code for answer in answers] == [401] * 10 + [429] * 2
         assert 1 <= int(answers[-1].headers["Retry-After"]) <= 6
         service.sign_in(1)
-        with pytest.raises(auth.AuthError, match="Too many failures"):
+        with pytest.raises(auth.AuthBusyError, match="Too many failures"):
             service.sign_in(2)
         codes = [fail(10 + n // 8, **{"X-Forwarded-For": f"10.0.0.{n}"}).status_code for n in range(320)]
         assert codes.index(429) > 250 and codes[290:].count(429) > 10  # while no key has failed too often
