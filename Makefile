@@ -3,13 +3,14 @@ SHELL := /bin/sh
 .DEFAULT_GOAL := help
 
 VENV := .venv
+LOCK := run
 PY := $(VENV)/bin/python
 PIP := $(PY) -m pip --quiet --disable-pip-version-check install
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test test-wheel test-fleet lint bench proof wheel install clean
+.PHONY: help demo test test-agents test-fleet test-wheel lint bench proof wheel install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -24,6 +25,11 @@ test: $(VENV)/.installed $(VENV)/.test ## Run all tests against the installed pa
 test-wheel: $(VENV)/.run $(VENV)/.data $(VENV)/.test $(VENV)/.ship ## Test what is shipped: wheel and sdist, their bytes, platforms and installation
 	@$(PY) -P -m pytest -m wheel $(TEST_OPTIONS)
 
+test-agents: ## Test that the functions are tools of six agent frameworks (in an environment of their own: .venv-agents)
+	@$(MAKE) --no-print-directory VENV=.venv-agents LOCK=agents install
+	@.venv-agents/bin/python -P -m pytest examples $(TEST_OPTIONS) && echo "make test-agents: passed" \
+	 || { echo "make test-agents: FAILED"; exit 1; }
+
 test-fleet: ## Test examples/fleet.py, which needs Ray, in .venv-fleet
 	@$(MAKE) --no-print-directory VENV=.venv-fleet .venv-fleet/.installed .venv-fleet/.test .venv-fleet/.fleet
 	@.venv-fleet/bin/python -P -m pytest -m fleet $(TEST_OPTIONS)
@@ -32,7 +38,7 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py docs/draw_architecture.py examples/fleet.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py docs/draw_architecture.py examples/fleet.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@sed -n '/^```python/,/^```/{/^```/d;p;}' README.md >build/readme_example.py
 	@cd build && $(CURDIR)/$(VENV)/bin/mypy --strict readme_example.py ../tests/typing_example.py
@@ -64,13 +70,13 @@ wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for e
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
 clean: ## Remove everything that make created
-	rm -rf $(VENV) .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
+	rm -rf $(VENV) .venv-agents build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
 
 $(PY):
 	@echo "Setting up $(VENV) (once)."
 	@python=$$(tools/find-python) && "$$python" -m venv $(VENV)
 
-$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship $(VENV)/.fleet: $(VENV)/.%: requirements/%.txt $(PY)
+$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship $(VENV)/.agents $(VENV)/.fleet: $(VENV)/.%: requirements/%.txt $(PY)
 	@echo "Installing what is locked in $<."
 	@$(PIP) --require-hashes -r $<
 	@touch $@
@@ -82,7 +88,7 @@ $(VENV)/.data: requirements/data.txt $(PY)
 	@touch $@
 
 # Without build isolation, so that the locked build tools are the ones used; --no-index because nothing else is needed.
-$(VENV)/.installed: $(VENV)/.run $(VENV)/.data $(EXTENSION) $(KIT)
+$(VENV)/.installed: $(VENV)/.$(LOCK) $(VENV)/.data $(EXTENSION) $(KIT)
 	@echo "Building and installing the extension and the local kit."
 	@PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(PIP) --no-build-isolation --no-deps --no-index --force-reinstall . ./localkit
 	@touch $@

@@ -155,6 +155,19 @@ def made(make: Callable[[Path], object], name: str = "d/wallet.key") -> Prepare:
     return prepare
 
 
+def opened(path: str) -> Prepare:
+    """A descriptor, the last of OPENED."""
+
+    def prepare(undo: contextlib.ExitStack) -> None:
+        OPENED[:] = [os.open(path, os.O_RDONLY)]
+        undo.callback(os.close, OPENED[-1])
+
+    return prepare
+
+
+OPENED: list[int] = []
+
+
 def native(**entries: Mapping[str, Any]) -> Prepare:
     """Native modules and the manifest that lists them; an entry's `source` is the file, or its content."""
 
@@ -177,6 +190,8 @@ def native(**entries: Mapping[str, Any]) -> Prepare:
 
 class Anything:
     """Has every attribute, which it is itself, and can be called; but for what is given."""
+
+    __spec__ = None  # an import asks for it, and forgets what goes wrong there
 
     def __init__(self, **given: Any) -> None:
         self.__dict__.update(given)
@@ -308,14 +323,6 @@ def prune() -> list[str]:
     return sorted(os.listdir())
 
 
-def check(path: str) -> object:
-    fd = os.open(path, os.O_RDONLY)
-    try:
-        return m._check_wallet_fd("x", fd)
-    finally:
-        os.close(fd)
-
-
 # fmt: off
 def rows() -> Iterator[tuple[Any, ...]]:
     """Name, what is called, what has to be in the outcome, what is there before."""
@@ -420,8 +427,9 @@ def rows() -> Iterator[tuple[Any, ...]]:
     yield "directory fails", call("_canonical_data_dir", 5), "raised TypeError"
     yield "key path", call("_wallet_key_path", "d"), "returned './d/wallet.key'"
     yield "key refusal", call("_unsafe_wallet_error", "x"), "returned OSError('Unsafe wallet key at x. Refusing"
-    yield "check", lambda: check("d/wallet.key"), "returned None", file("d/wallet.key", KEY, 0o666)
-    yield "check of a directory", lambda: check("."), "raised OSError: Unsafe wallet key at x."
+    check = lambda: m._check_wallet_fd("x", OPENED[-1])  # noqa: E731
+    yield "check", check, "returned None", file("d/wallet.key", KEY, 0o666), opened("d/wallet.key")
+    yield "check of a directory", check, "raised OSError: Unsafe wallet key at x.", opened(".")
     for name, act, lost in (
         ("read", call("_read_wallet_key", "d"), "raised OSError: Cannot read wallet from"),
         ("write", call("_write_wallet_key", "d", "0x" + KEY), NOT_WRITTEN),

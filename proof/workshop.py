@@ -54,7 +54,8 @@ class Workshop:
         """A folder to put first on PYTHONPATH: the kit with an extension of its own, built with these CMake options."""
         built, site = self.folder / name, self.folder / f"{name}-site"
         cmake = str(Path(sys.executable).with_name("cmake"))
-        configure = [cmake, "-S", str(source or self.root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}", *options]
+        configure = [cmake, "-S", str(source or self.root), "-B", str(built), *options]
+        configure.append(f"-DPython_EXECUTABLE={sys.executable}")
         for command in (configure, [cmake, "--build", str(built), "-j2"]):
             done = subprocess.run(command, capture_output=True, text=True)
             if done.returncode != 0:

@@ -125,6 +125,7 @@ def scenarios():
     for act in (call("inject_heartbeat"), call("update_nudge", "first_signal")):
         yield "opted out", heartbeat(b""), lambda m, act=act: (m.configure(auto_heartbeat=False), act(m))
     yield "bootstrap", nothing, register(invite_code="c", bootstrap_runtime=True)
+    yield "bootstrap in a universe", nothing, lambda m: (m.configure(named_universe="u"), m.register("c", "d", True))
     yield "login bootstrap", nothing, call("login", "ab", bootstrap_runtime=True)
     yield "fragment", nothing, call("get_agents_md_fragment")
 

@@ -127,7 +127,11 @@ def test_failures_of_the_http_library(at, failure, tmp_path, monkeypatch):
         status = property(fail) if at == "status" else None
 
     def scenario(module, work, patch, events):
-        patch.setattr(urllib.request, "urlopen", fail if at == "urlopen" else lambda *args, **kwargs: Response())
+        def opened(request, **kwargs):
+            events.append((request.get_method(), request.full_url, request.headers, kwargs))
+            return Response()
+
+        patch.setattr(urllib.request, "urlopen", fail if at == "urlopen" else opened)
         return module._fetch_eras_payload(types.SimpleNamespace(get_token=fail) if at == "get_token" else manager())
 
     same(scenario, tmp_path, monkeypatch)

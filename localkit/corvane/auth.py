@@ -28,6 +28,10 @@ class RegistrationError(AuthError):
     """The service refuses to sign the wallet up."""
 
 
+class AuthBusyError(AuthError):
+    """The service does not sign anybody in just now, or not this wallet after its many failures. Try again later."""
+
+
 class InvalidKeyError(AuthError):
     """The key is not the hexadecimal text of a secp256k1 private key."""
 
@@ -85,6 +89,7 @@ class AuthManager:
         Raises:
             ConnectionError: The service cannot be reached, or its certificate is not trusted.
             RegistrationError: The service refuses the invite code of a new wallet.
+            AuthBusyError: The service is busy, or the wallet has failed too often.
             AuthError: The service refuses the wallet (also a new one without an invite code), or its answer makes no
                 sense.
         """
@@ -133,8 +138,11 @@ class AuthManager:
             raise AuthError(f"The service's answer is no JSON object (HTTP {response.status_code}).")
         if response.status_code == 200:
             return answer
+        message = str(answer.get("error", f"HTTP {response.status_code}"))
+        if response.status_code == 429 or response.status_code >= 500:
+            raise AuthBusyError(message)
         kind = RegistrationError if answer.get("code") in ("bad_invite", "unknown_invite", "used_invite") else AuthError
-        raise kind(str(answer.get("error", f"HTTP {response.status_code}")))
+        raise kind(message)
 
 
 _active: AuthManager | None = None

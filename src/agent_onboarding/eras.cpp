@@ -7,11 +7,6 @@ namespace {
 
 constexpr long timeout_seconds = 15; // of each socket operation
 
-/// `mapping.get(key)`
-object get(handle mapping, name key, where line = where::current()) {
-    return invoke(mapping, method_name("get"_n, line), key);
-}
-
 void append_unique(handle candidates, handle value, where line = where::current()) {
     global("_append_unique_named_universe"_n, line)(candidates, value);
 }
@@ -50,7 +45,7 @@ bool is_active(handle era) {
     if (!is_instance(era, "dict"_n))
         return false;
     found text_form = global("str"_n);
-    object state = text_form(invoke(era, "get"_n, "state"_n, ""_n));
+    object state = text_form(get(era, "state"_n, ""_n));
     return compare(invoke(state, "lower"_n), Py_EQ, "active"_n);
 }
 

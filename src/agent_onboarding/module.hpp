@@ -17,16 +17,34 @@ inline bool path_exists(handle path, where line = where::current()) {
     return is_true(global("os"_n, line).attr("path"_n, line).attr("exists"_n, line)(path), line);
 }
 
+// A manifest can have 100,000 entries. Where an operation is the builtin one on a plain value, which nobody can see, it
+// is done directly; every call that somebody has put in its place, or that goes to another module, is made.
+
 /// `isinstance(value, type)`
 inline bool is_instance(handle value, name type, where line = where::current()) {
     found test = global("isinstance"_n, line);
     found class_or_tuple = global(type, line);
-    if (is_builtin(test, "isinstance"))
-        return perform(line, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
-    return is_true(test(value, class_or_tuple), line);
+    if (!is_builtin(test, "isinstance"))
+        return is_true(test(value, class_or_tuple), line);
+    return perform(line, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
 }
+
+/// `mapping.get(key)`, or `mapping.get(key, fallback)`
+inline object get(handle mapping, name key, handle fallback = {}, where line = where::current()) {
+    if (!PyDict_CheckExact(mapping.ptr()))
+        return fallback ? invoke(mapping, method_name("get"_n, line), key, fallback)
+                        : invoke(mapping, method_name("get"_n, line), key);
+    PyObject* value = call_out(PyDict_GetItemWithError, mapping.ptr(), key.ptr());
+    if (value == nullptr && PyErr_Occurred() != nullptr)
+        throw_error(line);
+    if (value != nullptr)
+        return object::borrow(value);
+    return fallback ? object::borrow(fallback) : none();
+}
+
 /// `raise type(message)`
-[[noreturn]] inline void raise_message(const found& type, const char* message, where line = where::current()) {
+[[noreturn, gnu::always_inline]] inline void raise_message(const found& type, const char* message,
+                                                           where line = where::current()) {
     raise(type(concat({message, line})), line);
 }
 

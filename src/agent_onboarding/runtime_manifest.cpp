@@ -8,29 +8,6 @@ namespace {
 // A manifest can have 100,000 entries. Where an operation is the builtin one on a plain dict or text, which nobody can
 // see, it is done directly; every call that somebody has put in its place, or that goes to another module, is made.
 
-/// `isinstance(value, dict)`
-bool is_dict(handle value, where line = where::current()) {
-    found test = global("isinstance"_n, line);
-    found type = global("dict"_n, line);
-    if (PyDict_CheckExact(value.ptr()) && type.ptr() == reinterpret_cast<PyObject*>(&PyDict_Type) &&
-        is_builtin(test, "isinstance"))
-        return true;
-    return is_true(test(value, type), line);
-}
-
-/// `mapping.get(key)`, or `mapping.get(key, fallback)`
-object get(handle mapping, name key, handle fallback = {}, where line = where::current()) {
-    if (!PyDict_CheckExact(mapping.ptr()))
-        return fallback ? invoke(mapping, method_name("get"_n, line), key, fallback)
-                        : invoke(mapping, method_name("get"_n, line), key);
-    PyObject* value = call_out(PyDict_GetItemWithError, mapping.ptr(), key.ptr());
-    if (value == nullptr && PyErr_Occurred() != nullptr)
-        throw_error(line);
-    if (value != nullptr)
-        return object::borrow(value);
-    return fallback ? object::borrow(fallback) : none();
-}
-
 /// `str(value)`
 object text_form(object value, where line = where::current()) {
     found type = global("str"_n, line);
@@ -39,36 +16,31 @@ object text_form(object value, where line = where::current()) {
     return type(value);
 }
 
-/// `sorted(files.items())` by sorting the keys alone, without a tuple and a tuple comparison for each. The keys of a
-/// dict differ, so values never decide, and exact texts have no comparison of their own that somebody could see. Empty
-/// if the keys are not all such texts.
+/// `iter(sorted(files.items()))` by sorting the keys alone, without a tuple and a tuple comparison for each. The keys
+/// of a dict differ, so values never decide, and exact texts have no comparison of their own that somebody could see.
+/// Empty if the keys are not all such texts.
 object pairs_by_key(handle files) {
-    const Py_ssize_t count = PyDict_GET_SIZE(files.ptr());
-    object keys = check(PyList_New(count), where::current());
-    object values = check(PyList_New(count), where::current());
+    object sorted = check(PyDict_Copy(files.ptr()), where::current()); // the caller's may change between two steps
     PyObject* key = nullptr;
-    PyObject* value = nullptr;
     PyObject* previous = nullptr;
     bool ascending = true;
-    Py_ssize_t position = 0;
-    for (Py_ssize_t i = 0; PyDict_Next(files.ptr(), &position, &key, &value) != 0; ++i) {
+    for (Py_ssize_t position = 0; PyDict_Next(sorted.ptr(), &position, &key, nullptr) != 0;) {
         if (!PyUnicode_CheckExact(key))
             return {};
         ascending = ascending && (previous == nullptr || PyUnicode_Compare(previous, key) < 0);
         previous = key;
-        PyList_SET_ITEM(keys.ptr(), i, Py_NewRef(key));
-        PyList_SET_ITEM(values.ptr(), i, Py_NewRef(value));
     }
     if (!ascending) {
+        object keys = check(PyDict_Keys(sorted.ptr()), where::current());
         check(PyList_Sort(keys.ptr()), where::current());
-        for (Py_ssize_t i = 0; i < count; ++i) {
-            PyObject* looked_up = PyDict_GetItemWithError(files.ptr(), PyList_GET_ITEM(keys.ptr(), i));
-            if (looked_up == nullptr)
-                throw_error(PyExc_RuntimeError, "dictionary changed during iteration", where::current());
-            check(PyList_SetItem(values.ptr(), i, Py_NewRef(looked_up)), where::current());
+        object unsorted = std::exchange(sorted, check(PyDict_New(), where::current()));
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(keys.ptr()); ++i) {
+            key = PyList_GET_ITEM(keys.ptr(), i);
+            check(PyDict_SetItem(sorted.ptr(), key, PyDict_GetItemWithError(unsorted.ptr(), key)), where::current());
         }
     }
-    return call_at(where::current(), handle(reinterpret_cast<PyObject*>(&PyZip_Type)), keys, values);
+    object items = invoke(sorted, "items"_n);
+    return perform(where::current(), PyObject_GetIter, items.ptr());
 }
 
 } // namespace
@@ -95,9 +67,9 @@ object manifest_files(const frame& in) {
     object none_listed = check(PyDict_New(), where::current());
     if (manifest.is_none())
         return none_listed;
-    object files = is_dict(manifest) ? invoke(manifest, "get"_n, "files"_n, none_listed)
-                                     : global("getattr"_n)(manifest, "files"_n, none_listed);
-    return is_dict(files) ? files : check(PyDict_New(), where::current());
+    object files = is_instance(manifest, "dict"_n) ? invoke(manifest, "get"_n, "files"_n, none_listed)
+                                                   : global("getattr"_n)(manifest, "files"_n, none_listed);
+    return is_instance(files, "dict"_n) ? files : check(PyDict_New(), where::current());
 }
 
 object sorted_manifest_pairs(const frame& in) {
@@ -115,7 +87,7 @@ object next_manifest_entry(const frame& in) {
     for (const object& item : iterate(in[0])) {
         unpack(item, pair);
         const auto& [relative_path, file_info] = pair;
-        if (!is_dict(file_info))
+        if (!is_instance(file_info, "dict"_n))
             continue;
         object kind = text_form(get(file_info, "kind"_n, ""_n));
         if (!is_true(global("is_runtime_module_kind"_n)(kind)))

@@ -53,19 +53,21 @@ object exception_instance(object exception, where line) {
     return exception;
 }
 
-[[noreturn]] void raise_instance(const object& instance, where line) {
+error raised_instance(const object& instance, where line) {
     // Unlike PyErr_SetRaisedException, this sets `__context__` to the exception being handled.
     PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(instance.ptr())), instance.ptr());
-    throw_error(line);
+    return error(line);
 }
 } // namespace
 
-void raise(object exception, where line) { raise_instance(exception_instance(std::move(exception), line), line); }
+error raised(object exception, where line) {
+    return raised_instance(exception_instance(std::move(exception), line), line);
+}
 
-void raise_from(object exception, handle cause, where line) {
+error raised_from(object exception, handle cause, where line) {
     object instance = exception_instance(std::move(exception), line);
     PyException_SetCause(instance.ptr(), object::borrow(cause).release());
-    raise_instance(instance, line);
+    return raised_instance(instance, line);
 }
 
 void raise_unbound(const char* variable, where line) {

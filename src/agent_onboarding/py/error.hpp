@@ -55,10 +55,20 @@ auto perform(where line, Function* function, Arguments... arguments) {
     return check(call_out(function, arguments...), line);
 }
 
-/// `raise exception`; an exception class is called first.
-[[noreturn]] void raise(object exception, where line = where::current());
+/// What `raise exception` lets go: an exception class is called first, and `__context__` is set.
+[[nodiscard, gnu::cold]] error raised(object exception, where line);
+[[nodiscard, gnu::cold]] error raised_from(object exception, handle cause, where line);
+
+// Inlined, for each C++ frame that an exception passes costs as much as a Python call.
+
+/// `raise exception`
+[[noreturn, gnu::always_inline]] inline void raise(object exception, where line = where::current()) {
+    throw raised(std::move(exception), line);
+}
 /// `raise exception from cause`
-[[noreturn]] void raise_from(object exception, handle cause, where line = where::current());
+[[noreturn, gnu::always_inline]] inline void raise_from(object exception, handle cause, where line = where::current()) {
+    throw raised_from(std::move(exception), cause, line);
+}
 
 [[noreturn]] void raise_unbound(const char* variable, where line);
 

@@ -1,0 +1,218 @@
+"""Whose agent this is: the key that signs in, the session that says where, and the directory that holds both.
+
+The key is the one in CORVANE_PRIVATE_KEY, which is never stored, or else the one in wallet.key. The session is the
+file session.json: the wallet and the service that the last `login` or `register` was accepted with. It holds no
+secret; without it, or for another wallet or service, the stored key is not used. Tokens are kept in memory only.
+"""
+
+import fcntl
+import os
+import stat
+import time
+from collections.abc import Iterator
+from contextlib import contextmanager
+from dataclasses import dataclass, field
+from datetime import UTC, datetime
+from pathlib import Path
+from types import ModuleType
+
+from pydantic import BaseModel
+
+from corvane.auth import AuthManager, InvalidKeyError, _set_active_auth_manager
+
+KEY_VARIABLE = "CORVANE_PRIVATE_KEY"
+_LONGEST_KEY_FILE = 4096  # bytes
+
+
+@dataclass(frozen=True)
+class KeyFile:
+    """What lies at the path of wallet.key: it is "good", "absent", "empty", "malformed" or "unsafe".
+
+    An unsafe file is not read; `problem` says why it is unsafe.
+    """
+
+    path: Path
+    state: str
+    content: bytes = field(default=b"", repr=False)
+    address: str | None = None
+    problem: str = ""
+    status: os.stat_result | None = None
+
+
+class Session(BaseModel):
+    """What is known of the last accepted sign-in; the time is in seconds since 1970-01-01 UTC."""
+
+    address: str
+    server_url: str
+    signed_in_at: float
+
+
+class Agent:
+    """One identity: a data directory, a service, and the key for it.
+
+    Args:
+        data_dir: The directory; it need not exist.
+        server_url: Address of the service; None takes the one of the session, or else the kit's.
+    """
+
+    def __init__(self, data_dir: str, server_url: str | None) -> None:
+        self.data_dir = Path(os.path.realpath(os.path.expanduser(data_dir or "~/.corvane")))
+        self.env_key = os.environ.get(KEY_VARIABLE, "").strip()
+        self._session_path = self.data_dir / "session.json"
+        self._asked_url = server_url.rstrip("/") if server_url else None
+
+    @property
+    def key_source(self) -> str:
+        """Where the key is."""
+        return KEY_VARIABLE if self.env_key else str(self.data_dir / "wallet.key")
+
+    @property
+    def server_url(self) -> str:
+        """The address of the service."""
+        session = self.session()
+        return self._asked_url or (session.server_url if session else _kit_server_url())
+
+    def key_file(self) -> KeyFile:
+        """What lies at the path of wallet.key now. Changes nothing, not even permissions."""
+        path = self.data_dir / "wallet.key"
+        try:
+            fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
+        except FileNotFoundError:
+            return KeyFile(path, "absent")
+        except OSError as exc:
+            problem = "it is a symbolic link" if path.is_symlink() else f"it cannot be opened: {exc.strerror}"
+            return KeyFile(path, "unsafe", problem=problem)
+        with open(fd, "rb") as file:
+            status = os.fstat(fd)
+            if not stat.S_ISREG(status.st_mode):
+                return KeyFile(path, "unsafe", problem="it is no regular file")
+            if status.st_uid != os.getuid():
+                return KeyFile(path, "unsafe", problem=f"it belongs to user {status.st_uid}")
+            if status.st_size > _LONGEST_KEY_FILE:
+                return KeyFile(path, "unsafe", problem="it is too large for a key")
+            content = file.read()
+        if not content.strip():
+            return KeyFile(path, "empty", content, status=status)
+        try:
+            address = AuthManager(prefixed(content.decode("ascii")), "").get_wallet_address()
+        except (InvalidKeyError, UnicodeDecodeError):
+            return KeyFile(path, "malformed", content, status=status)
+        return KeyFile(path, "good", content, address, status=status)
+
+    def session(self) -> Session | None:
+        """The session, or None if there is none or it makes no sense."""
+        try:
+            return Session.model_validate_json(self._session_path.read_bytes())
+        except (OSError, ValueError):
+            return None
+
+    def is_logged_in(self) -> bool:
+        """Whether there is a key, and for a stored one a session of that wallet with that service."""
+        if self.env_key:
+            return True
+        session, key = self.session(), self.key_file()
+        return bool(session and key.address == session.address and session.server_url == self.server_url)
+
+    def manager(self, invite_code: str | None = None) -> AuthManager:
+        """What signs in with the key of the environment or else the stored one; nothing is sent yet.
+
+        Raises:
+            corvane.auth.InvalidKeyError: The key is malformed.
+        """
+        key = self.env_key or self.key_file().content.decode("ascii", "replace")
+        return AuthManager(prefixed(key), self.server_url, invite_code)
+
+    def sign_in(self, manager: AuthManager | None = None) -> AuthManager:
+        """Signs in for the whole kit, and stores nothing. Raises what `corvane.auth.AuthManager` raises."""
+        onboarding = self.onboarding()  # which refuses a bad address
+        manager = manager or self.manager()
+        manager.authenticate()
+        # As login() does it, which would store the key as well.
+        vars(onboarding)["_auth_manager"] = manager
+        _set_active_auth_manager(manager)
+        return manager
+
+    def onboarding(self, heartbeat: bool = False) -> ModuleType:
+        """The onboarding module with this agent's options set.
+
+        Imported here, not above: the doctor must be able to say why it cannot be imported.
+        """
+        from corvane import agent_onboarding
+
+        agent_onboarding.configure(data_dir=str(self.data_dir), server_url=self.server_url, auto_heartbeat=heartbeat)
+        return agent_onboarding
+
+    def begin_session(self, address: str) -> None:
+        """Notes that the service has accepted the stored key."""
+        session = Session(address=address, server_url=self.server_url, signed_in_at=time.time())
+        write_new(self._session_path.with_suffix(".json.new"), session.model_dump_json().encode(), replace=True)
+        os.replace(self._session_path.with_suffix(".json.new"), self._session_path)
+
+    def end_session(self) -> bool:
+        """Forgets the session; whether there was one."""
+        existed = self._session_path.exists()
+        self._session_path.unlink(missing_ok=True)
+        return existed
+
+    def back_up_key(self, key: KeyFile) -> Path:
+        """A copy of the key file beside it, on disk before this returns."""
+        # A copy, not a link: the file is rewritten in place.
+        backup = key.path.with_name(f"wallet.key.backup-{datetime.now(UTC):%Y%m%dT%H%M%S.%fZ}")
+        write_new(backup, key.content)
+        return backup
+
+    @contextmanager
+    def changing_the_wallet(self) -> Iterator[None]:
+        """Makes the directory, and keeps other commands from changing the wallet meanwhile.
+
+        Raises:
+            BlockingIOError: Another command does so now.
+            PermissionError: Other users could replace the files of the directory.
+        """
+        self.data_dir.mkdir(mode=0o700, parents=True, exist_ok=True)
+        if self.data_dir.stat().st_mode & 0o022:  # not changed here: others may need it
+            raise PermissionError(f"{self.data_dir} can be written by other users; chmod 700 it or choose another.")
+        with open(self.data_dir / "wallet.lock", "ab", opener=_private) as file:
+            try:
+                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except BlockingIOError:
+                raise BlockingIOError(f"Another command is changing the wallet in {self.data_dir}.") from None
+            yield
+
+
+def prefixed(key: str) -> str:
+    """The key with 0x in front, as the kit wants it."""
+    key = key.strip()
+    return key if key[:2].lower() == "0x" else "0x" + key
+
+
+def write_new(path: Path, content: bytes, replace: bool = False) -> None:
+    """Writes a file for its owner alone, and sees to it that it is on disk.
+
+    Raises:
+        FileExistsError: It exists and is not to be replaced.
+    """
+    if replace:
+        path.unlink(missing_ok=True)
+    with open(path, "xb", opener=_private) as file:
+        file.write(content)
+        file.flush()
+        os.fsync(file.fileno())
+    directory = os.open(path.parent, os.O_RDONLY)
+    try:
+        os.fsync(directory)
+    finally:
+        os.close(directory)
+
+
+def _private(path: str, flags: int) -> int:
+    return os.open(path, flags | os.O_NOFOLLOW, 0o600)
+
+
+def _kit_server_url() -> str:
+    """The address that the kit has by default; empty if it cannot be loaded."""
+    try:
+        from corvane import agent_onboarding
+    except ImportError:
+        return ""
+    return str(vars(agent_onboarding)["_config"]["server_url"])
