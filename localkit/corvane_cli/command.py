@@ -44,7 +44,7 @@ class Exit(IntEnum):
     INTERRUPTED = 130, "interrupted with Ctrl-C"
 
 
-_ADDRESS = "Check the address (`corvane status`), then run the command again; nothing is lost."
+_ADDRESS = "Check the address that `corvane status` shows (--server-url sets it), then run it again; nothing is lost."
 _SIGN_UP = "Check key and address (`corvane status`); a new wallet needs `corvane register --invite-code CODE` first."
 
 # What an exception means. The first line counts that fits anything in the chain of causes: what is behind an error says
@@ -56,6 +56,7 @@ _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((RegistrationError,), Exit.REFUSED, "Ask the operator for another invite code. Keep wallet.key for it."),
     ((InvalidKeyError,), Exit.REFUSED, "Pass the key as 64 hexadecimal digits, with or without 0x in front."),
     ((AuthError,), Exit.REFUSED, _SIGN_UP),
+    ((ImportError,), Exit.MACHINE, "`corvane doctor` says what cannot be loaded, and why."),
     ((OSError,), Exit.MACHINE, "Put the file or its permissions right; `corvane doctor` says more."),
     ((KeyboardInterrupt, click.Abort), Exit.INTERRUPTED, "Run it again; what was found or downloaded before is kept."),
 ]

@@ -105,7 +105,8 @@ def check_session(agent: Agent) -> Iterator[Finding]:
     if session and key.address and session.address != key.address and not agent.env_key:
         problem = f"The session is of {session.address}, {key.path} of {key.address}."
         reason = "the key was replaced without `corvane login`; it is not used until it has signed in"
-        yield Finding("session", WARNING, problem, reason, SIGN_IN)
+        next_step = f"{SIGN_IN} If it is the wrong one: `corvane login --replace < FILE` with a copy of the right key."
+        yield Finding("session", WARNING, problem, reason, next_step)
 
 
 def check_files(agent: Agent) -> Iterator[Finding]:

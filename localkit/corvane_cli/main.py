@@ -91,9 +91,9 @@ def register(
             address = onboarding.register(invite_code).address
             agent.begin_session(address)
     changed = _bootstrap(agent, progress) if bootstrap else None
-    note = f"The wallet of {agent.key_source} was there already and was used."
-    if not reused:
-        note = f"A new wallet was made. Keep a copy of {key.path}: nothing else can restore it."
+    note = f"The wallet of {agent.key_source} was there already and was used." if reused else "A new wallet was made."
+    if not agent.env_key:  # also of a wallet that an earlier attempt has made
+        note += f" Keep a copy of {key.path}: nothing else can restore it."
     return _who(agent, address, note, reused=reused, changed_files=changed)
 
 
@@ -150,10 +150,10 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     """Forget the session. The key stays, unless its deletion is asked for by its address.
 
     Nothing is revoked: the service still knows the wallet, tokens that it gave out are good until they expire (an hour
-    with the local one), and every copy of the key still signs in. `corvane register` signs the stored wallet in again.
+    with the local one), and every copy of the key still signs in.
     """
     with agent.changing_the_wallet(dry_run):
-        key = agent.key_file()
+        key, url = agent.key_file(), agent.server_url
         if delete_key is not None and delete_key.lower() != key.address:
             next_step = "`corvane status` tells the address; a file that holds no key is deleted with rm."
             raise Failure(f"{key.path} is not the key of {delete_key}; it was not deleted.", Exit.USAGE, next_step)
@@ -162,11 +162,11 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
         existed = agent.end_session()
         if delete_key:
             key.path.unlink()
-    kept = key.path.exists()
+    kept, again = key.path.exists(), f"`corvane register --server-url {url}` signs in with it again."
     lines = [
         "The session is forgotten." if existed else "There was no session.",
         "Nothing is revoked: tokens given out are good until they expire, and every copy of the key signs in.",
-        f"The key is still in {key.path}." if kept else f"There is no key at {key.path}.",
+        f"The key is still in {key.path}; {again}" if kept else f"There is no key at {key.path}.",
     ]
     if agent.env_key:
         lines.append(f"{KEY_VARIABLE} is set: commands sign in with it until it is unset.")
@@ -326,7 +326,7 @@ def doctor(agent: Agent, offline: bool) -> Result:
     findings = examination.examine(agent, *examination.CHECKS, *online)
     errors = sum(finding.severity == examination.ERROR for finding in findings)
     code = Exit.ERRORS if errors else Exit.WARNINGS if findings else Exit.OK
-    text = "\n".join([*(f.text() for f in findings), f"{errors} errors, {len(findings) - errors} warnings"])
+    text = "\n".join([*(f.text() for f in findings), f"errors: {errors}, warnings: {len(findings) - errors}"])
     return Result({"findings": [asdict(finding) for finding in findings], "errors": errors}, text, code)
 
 
@@ -350,8 +350,11 @@ def _who(agent: Agent, address: str | None, note: str, **more: Any) -> Result:
 
 
 def _table(values: dict[str, Any]) -> str:
-    shown = ((name, round(value, 4) if isinstance(value, float) else value) for name, value in values.items())
-    return "\n".join(f"{name:<13} {value}" for name, value in shown if value is not None)
+    lines = []
+    for name, value in values.items():
+        text = f"{value:.4f}" if isinstance(value, float) else " ".join(value) if isinstance(value, list) else value
+        lines += [f"{name:<13} {text}"] * (value is not None)
+    return "\n".join(lines)
 
 
 def _time(seconds: float) -> str:

@@ -52,6 +52,7 @@ def test_a_day_with_the_command(service, corvane):
     assert searched.stderr == "" and "First signal" not in heartbeat.read_text()
     assert corvane.json(f"simulate 1 --picture {drawn}")["expression"] == first["expression"] and drawn.exists()
     corvane("simulate nonsense(", expect=2)
+    assert corvane.json("simulate 1 --picture x.png --dry-run")["would"][-1] == "draw x.png"
     assert "search: 100%" in corvane("search --max-evaluations 50 --progress").stderr
     assert corvane("heartbeat").stdout.endswith("has the checklist.\n")
     command = [*corvane.command, "search", "--max-evaluations", "9999999", "--progress"]
@@ -136,8 +137,9 @@ DOCTOR = [
     ("key", 8, lambda home: (home / "wallet.key").unlink(), "There is no wallet key"),
     ("session", 8, put("wallet.key", "1" * 64), "The session is of"),
     ("manifest", 9, put("manifest.json", ENTRY % ("era_config.json", "")), "era_config.json sha256 Field required"),
-    ("manifest", 9, put("manifest.json", ENTRY % ("runtime/../../x", DIGEST)), "the path 'runtime/../../x' is not allowed"),
+    ("manifest", 9, put("manifest.json", ENTRY % ("runtime/../../x", DIGEST)), "is not allowed"),
     ("manifest", 9, put("manifest.json", "{"), "is malformed"),
+    ("files", 9, lambda home: (home / "manifest.json").mkdir(), "Is a directory"),
     ("files", 9, put("manifest.json", ENTRY % ("era_config.json", DIGEST)), "is missing"),
     ("copies", 9, put(f".corvane-runtime-x-{'0' * 16}.so", "x"), "does not hold"),
     ("host", 8, put("../openclaw", HOST % "2026.8.1", 0o755), "openclaw 2026.8.1 does not read HEARTBEAT.md"),
@@ -178,6 +180,7 @@ def test_doctor_explains_an_extension_for_another_interpreter(corvane):
     shutil.copytree(Path(kit.__file__).parent, package, ignore=shutil.ignore_patterns("*.so", "__pycache__"))
     (package / "agent_onboarding.cpython-311-x86_64-linux-gnu.so").write_bytes(b"")
     [finding, _] = corvane.json("doctor --offline", expect=9, env={"PYTHONPATH": package.parent})["findings"]
+    corvane("register", expect=6, env={"PYTHONPATH": package.parent})
     assert finding["check"] == "extension" and "agent_onboarding.cpython-311" in finding["reason"]
 
 
@@ -195,3 +198,4 @@ def test_help_completion_and_documented_statuses(corvane):
     assert corvane.json("agents-md")["fragment"].startswith("## Corvane Integration\n")
     assert corvane("heartbeat --print").stdout.count("- [ ] **") == 5
     corvane("heartbeat", expect=6)
+    assert json.loads(corvane("login --json --bogus", expect=2).stderr)["exit_status"] == 2
