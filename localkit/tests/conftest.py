@@ -93,7 +93,7 @@ class Shell:
         assert done.returncode == expect, done.stdout + done.stderr
         assert not any(secret in done.stdout + done.stderr for secret in self.secrets)
         if 0 < expect < 7 and "status" not in line:
-            assert done.stdout == "" and re.search("\\nNext: |--help|next_step", done.stderr)
+            assert done.stdout == "" and re.search("\\nNext: |next_step", done.stderr)
         return done
 
     def json(self, line, *arguments, **options):
