@@ -101,7 +101,7 @@ struct lent_series {
 lent_series lend(PyObject* owner) {
     object view = owned(PyMemoryView_FromObject(owner));
     const Py_buffer& buffer = *PyMemoryView_GET_BUFFER(view.get());
-    const bool aligned = std::bit_cast<std::uintptr_t>(buffer.buf) % alignof(double) == 0;
+    const bool aligned = buffer.len == 0 || std::bit_cast<std::uintptr_t>(buffer.buf) % alignof(double) == 0;
     if (buffer.ndim == 1 && std::strcmp(buffer.format, "d") == 0 && PyBuffer_IsContiguous(&buffer, 'C') != 0 && aligned)
         return {std::move(view), {static_cast<const double*>(buffer.buf), static_cast<std::size_t>(buffer.shape[0])}};
     PyErr_SetString(PyExc_TypeError, "a series is a contiguous, aligned, one-dimensional buffer of float");
