@@ -64,7 +64,7 @@ def test_a_seed_decides_what_is_found(service, bootstrap, tmp_path):
     assert facts(search_templates.start_search(seed=5, max_evaluations=3000, n_jobs=2).signals) == facts(first.signals)
 
 
-def test_status_velocity_and_suggestions_are_true(service, bootstrap, tmp_path):
+def test_status_and_suggestions_are_true(service, bootstrap, tmp_path):
     tracker = bootstrap(service).search_tracker
     assert (corvane.search_status(), corvane.get_suggestions()) == (search_templates.SearchStatus(False, None, 0), [])
     with subprocess.Popen([sys.executable, "-Pc", SEARCHER, service.url]) as searcher:
@@ -80,8 +80,6 @@ def test_status_velocity_and_suggestions_are_true(service, bootstrap, tmp_path):
     assert corvane.search_status().error == "killed"
     result = search_templates.start_search(seed=1, max_evaluations=400)
     assert tracker.signals() == [*kept, *result.signals] and corvane.search_status().error is None
-    hours = sum(run.noted_at - run.started_at for run in tracker.runs()) / 3600
-    assert corvane.get_search_velocity().signals_per_hour == pytest.approx(len(tracker.signals()) / hours)
     with contextlib.closing(sqlite3.connect(tmp_path / "agent/search.db")) as db, db:
         db.execute("UPDATE uses SET tried = iif(name = 'IBM', 1, 50), found = iif(name = 'AAPL', 9, 1)")
     assert {s.use.name: s.reason for s in corvane.get_suggestions()} == {"AAPL": "promising", "IBM": "rarely tried"}

@@ -1,4 +1,4 @@
-"""Syncs against the real service: cut downloads, spoilt files, kills, and the back-off around them."""
+"""Syncs against the real service: cut downloads, spoilt files, kills; the back-off around them, the guard behind."""
 
 import concurrent.futures
 import json
@@ -9,12 +9,13 @@ import sys
 import threading
 import time
 from hashlib import sha256
-from types import SimpleNamespace
+from types import ModuleType, SimpleNamespace
 
 import pytest
 
 from corvane import auth, errors
-from corvane.sync import SyncManager
+from corvane.runtime_module_freshness import RuntimeFreshnessGuard
+from corvane.sync import CURRENT_PLATFORM, SyncManager
 from corvane.sync_backoff import ServiceBusy, SyncBackoff, SyncBackoffCancelled
 from corvane_local.store import Store
 
@@ -149,3 +150,29 @@ def test_back_off_waits_as_asked_and_ends_when_told(planned, tmp_path):
     called_off, began = SyncBackoff(cap=60), time.monotonic()
     threading.Timer(0.5, called_off.cancel).start()
     assert outcome(called_off, (503, "60")) == (SyncBackoffCancelled, 1) and 0.4 < time.monotonic() - began < 5
+
+
+def test_the_guard_goes_by_the_manifest_of_the_moment(tmp_path):
+    def load(name, sha256):
+        if sha256 == "broken":
+            raise errors.RuntimeModuleHashMismatch("other bytes")
+        return ModuleType(name, sha256)
+
+    def refresh(*digests):
+        entry = {"kind": "runtime_module:backtester", "platform": CURRENT_PLATFORM}
+        files = {f"m/{number}": entry | {"sha256": digest} for number, digest in enumerate(digests)}
+        files |= {"a": 5, "b": entry | {"platform": "other", "sha256": "x"}, "c": {"kind": "any", "sha256": "x"}}
+        (tmp_path / "manifest.json").write_text(json.dumps({"files": files}))
+        return guard.refresh()
+
+    guard = RuntimeFreshnessGuard(data_dir=str(tmp_path), module_loader=load)
+    guard.record_loaded_module("backtester", "one")
+    live, strong = ModuleType("consumer"), SimpleNamespace()
+    for consumer in (strong, ModuleType("gone"), live):
+        guard.register_module_consumer("backtester", consumer, "used")
+    del consumer
+    assert refresh("one") == refresh("one", "two") == refresh(None, "two") == []
+    assert refresh("two") == ["backtester"] and live.used is strong.used and live.used.__doc__ == "two"
+    with pytest.raises(errors.RuntimeModuleHashMismatch, match="other bytes"):
+        refresh("broken")
+    assert live.used.__doc__ == "two" and refresh("two") == []
