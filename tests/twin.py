@@ -16,7 +16,7 @@ from dataclasses import dataclass, field
 from types import SimpleNamespace
 from typing import Optional
 
-from corvane import auth
+from corvane import agent_onboarding, auth
 from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed
 from corvane.runtime_module_freshness import (
     RuntimeFreshnessGuard,
@@ -274,9 +274,10 @@ class AuthToken:
         return f"AuthToken(token='<redacted>', expires_at={self.expires_at!r})"
 
 
-_HEARTBEAT_STATIC_SECTION = _AGENTS_MD_FRAGMENT = ""  # the tests hand over the module's own texts
-_NUDGE_TEXTS: dict = {}
-_config: dict = {}
+_HEARTBEAT_STATIC_SECTION = agent_onboarding._HEARTBEAT_STATIC_SECTION
+_NUDGE_TEXTS = agent_onboarding._NUDGE_TEXTS
+_AGENTS_MD_FRAGMENT = agent_onboarding._AGENTS_MD_FRAGMENT
+_config = dict(agent_onboarding._config)
 _auth_manager = None
 _VALID_OPTIONS = {"auto_heartbeat": bool, "data_dir": str, "server_url": str, "named_universe": str}
 
