@@ -12,39 +12,11 @@ from pathlib import Path
 
 import pytest
 
+import proof.exercise as e
 from corvane import agent_onboarding as native
 from corvane import auth
 from corvane.sync import CURRENT_PLATFORM
 from differential import same, same_at_each_step, tried
-from proof import exercise
-from proof.exercise import (
-    CALLS,
-    KEY,
-    KEY_FILE,
-    LINK,
-    LOCAL,
-    MANAGER,
-    MISSING,
-    SIBLINGS,
-    Anything,
-    Call,
-    Cancelled,
-    call,
-    chain,
-    config,
-    file,
-    invited,
-    kit,
-    made,
-    manager,
-    other_os,
-    ours,
-    patched,
-    raising,
-    register,
-    runtime,
-)
-from proof.exercise import native as native_modules
 
 
 class Text(str):
@@ -85,6 +57,11 @@ class OtherMapping(dict):
     get = None
 
 
+READ, WRITE = e.call("_read_wallet_key", "d"), e.call("_write_wallet_key", "d", e.KEY)
+INJECT, NUDGE = e.call("inject_heartbeat"), e.call("update_nudge", "first_signal", n=1)
+CHECKLIST = e.file("HEARTBEAT.md", "x")
+
+
 def several(*acts):
     """All of them one after the other, whatever is raised."""
     return lambda: [tried(act) for act in acts]
@@ -96,10 +73,10 @@ def bind(path):
 
 
 def key_file(content=b"abc\n", mode=0o600):
-    return (file("d/wallet.key", content, mode),)
+    return (e.file("d/wallet.key", content, mode),)
 
 
-VICTIM = LINK, file("d/victim", "secret")
+VICTIM = e.LINK, e.file("d/victim", "secret")
 KEY_FILES = {
     "none": (),
     "key": key_file(),
@@ -107,11 +84,11 @@ KEY_FILES = {
     "not utf-8": key_file(b"\xff\xfe"),
     "longer": key_file(b"x" * 200),
     "link": VICTIM,
-    "loop": (made(lambda p: p.symlink_to("wallet.key")),),
-    "fifo": (made(os.mkfifo),),
-    "socket": (made(bind),),
-    "foreign": (made(lambda p: (p.write_text("k"), os.chown(p, 65534, 65534))),),
-    "file for a directory": (file("d"),),
+    "loop": (e.made(lambda p: p.symlink_to("wallet.key")),),
+    "fifo": (e.made(os.mkfifo),),
+    "socket": (e.made(bind),),
+    "foreign": (e.made(lambda p: (p.write_text("k"), os.chown(p, 65534, 65534))),),
+    "file for a directory": (e.file("d"),),
 }
 HEARTBEATS = b"", b"abc", b"abc\n", b"a\r\nb\rc", b"x ## [Corvane] y", b"\xff", b"- [ ] [Corvane] old", b"\0\n"
 PATHS = None, "", "d", Path("d"), Text("d"), b"d", 5, "d\0", "\udc80", "~/x", "~nobody-there/x", Awkward()
@@ -127,41 +104,32 @@ OPTIONS = (
 def first_rows():
     """Wallet, registration, workspace, options: name, what is called, what is there before."""
     for kind, prepare in KEY_FILES.items():
-        for name, act in (("read", call("_read_wallet_key", "d")), ("write", call("_write_wallet_key", "d", KEY))):
+        for name, act in {"read": READ, "write": WRITE, "register": e.register()}.items():
             yield f"{name} {kind}", act, *prepare
-        yield f"register {kind}", register(), *prepare
-    foreign = other_os(fstat=lambda fd: os.stat_result((*os.stat(fd)[:4], os.getuid() + 1, *os.stat(fd)[5:])))
-    yield "foreign once it is open", call("_read_wallet_key", "d"), *key_file(), foreign
+    foreign = e.other_os(fstat=lambda fd: os.stat_result((*os.stat(fd)[:4], os.getuid() + 1, *os.stat(fd)[5:])))
+    yield "foreign once it is open", READ, *key_file(), foreign
     for key in (None, "", "abc", "0Xab", Text("ab"), b"ab", 7, "a\udc80", "x" * 100_000, Awkward()):
-        yield f"login {key!r:.20}", call("login", key)
-        yield f"normalize {key!r:.20}", call("_normalize_key", key)
+        yield f"login {key!r:.20}", e.call("login", key)
+        yield f"normalize {key!r:.20}", e.call("_normalize_key", key)
     for path in PATHS:
         for name in ("_canonical_data_dir", "_wallet_key_path", "_unsafe_wallet_error", "_find_heartbeat"):
-            yield f"{name} {type(path)} {path!r:.9}", call(name, path)
-        yield f"inject {type(path)} {path!r:.9}", call("inject_heartbeat", path), file("HEARTBEAT.md")
-        yield f"register in {type(path)} {path!r:.9}", register(data_dir=path)
+            yield f"{name} {type(path)} {path!r:.9}", e.call(name, path)
+        yield f"inject {type(path)} {path!r:.9}", e.call("inject_heartbeat", path), e.file("HEARTBEAT.md")
+        yield f"register in {type(path)} {path!r:.9}", e.register(data_dir=path)
     for code in (None, "", "c", 5):
-        yield f"invite {code}", register(invite_code=code), invited
-    twice = several(call("inject_heartbeat", "."), call("inject_heartbeat"))
+        yield f"invite {code}", e.register(invite_code=code), e.invited
     for content in HEARTBEATS:
-        yield f"inject {content}", twice, file("HEARTBEAT.md", content)
-        yield (
-            f"nudge {content}",
-            several(*[call("update_nudge", "first_signal", n=1)] * 2),
-            file("HEARTBEAT.md", content),
-        )
+        twice = several(e.call("inject_heartbeat", "."), INJECT, NUDGE, NUDGE)
+        yield f"heartbeat {content}", twice, e.file("HEARTBEAT.md", content)
+        yield f"nudge {content}", NUDGE, e.file("HEARTBEAT.md", content)
     for trigger in ("first_signal", "10_signals", "unknown", Text("era_change"), 5, None, [], Awkward()):
-        yield f"nudge {trigger!r:.20}", call("update_nudge", trigger), file("HEARTBEAT.md", "x")
+        yield f"nudge {trigger!r:.20}", e.call("update_nudge", trigger), CHECKLIST
     for depth in ("a", "a/b/c", "a/b/c/d", "a/b/c/", ".", "/", "a/b/c/d/e"):
-        yield f"find {depth}", call("_find_heartbeat", depth), file("HEARTBEAT.md")
-        yield (
-            f"find below {depth}",
-            lambda d=depth: exercise.m._find_heartbeat(os.path.abspath(d)),
-            file("HEARTBEAT.md"),
-        )
-    yield "a directory", call("inject_heartbeat"), made(Path.mkdir, "HEARTBEAT.md")
+        below = lambda d=depth: e.m._find_heartbeat(os.path.abspath(d))  # noqa: E731
+        yield f"find {depth}", several(e.call("_find_heartbeat", depth), below), CHECKLIST
+    yield "a directory", INJECT, e.made(Path.mkdir, "HEARTBEAT.md")
     for options in OPTIONS:
-        yield f"configure {options}", call("configure", **options)
+        yield f"configure {options}", e.call("configure", **options)
 
 
 class Swallowing:
@@ -169,7 +137,7 @@ class Swallowing:
 
     __enter__ = lambda self: self  # noqa: E731
     __exit__ = lambda self, *exc: True  # noqa: E731
-    read = raising(ValueError, "swallowed")
+    read = e.raising(ValueError, "swallowed")
 
 
 class NotBound:
@@ -189,7 +157,7 @@ def interrupted(at):
             raise KeyboardInterrupt
         return open(path, mode, **kwargs)
 
-    return ours(open=other_open)
+    return e.ours(open=other_open)
 
 
 def in_a_generator():
@@ -199,7 +167,7 @@ def in_a_generator():
         try:
             raise KeyError("in the generator")
         except KeyError:
-            yield exercise.m._read_wallet_key("d")
+            yield e.m._read_wallet_key("d")
 
     try:
         raise ValueError("outside")
@@ -208,8 +176,8 @@ def in_a_generator():
 
 
 class Failing(Exception):
-    __str__ = raising(RuntimeError, "no text")
-    diagnostic_detail = property(raising(KeyError, "no detail"))
+    __str__ = e.raising(RuntimeError, "no text")
+    diagnostic_detail = property(e.raising(KeyError, "no detail"))
 
 
 def with_detail(detail):
@@ -220,30 +188,28 @@ def with_detail(detail):
 
 def seldom_rows():
     """What hardly ever happens: strange files, classes that are raised, endless chains of exceptions."""
-    there = file("HEARTBEAT.md", "x")
     for mode in "rw":
-        yield f"interrupted {mode}", call("inject_heartbeat"), there, interrupted(mode)
+        yield f"interrupted {mode}", INJECT, CHECKLIST, interrupted(mode)
     for kind in (type("NoExit", (), {"__enter__": dict}), NotBound, Swallowing):
-        strange = several(call("inject_heartbeat"), call("update_nudge", "first_signal"))
-        yield f"a file: {kind.__name__}", strange, there, ours(open=lambda *args, kind=kind, **kwargs: kind())
-    swallowing = other_os(fdopen=lambda fd, mode: os.close(fd) or Swallowing())
-    yield "a swallowed exception", call("_read_wallet_key", "d"), *key_file(), swallowing
-    for kind in (OSError, NoInstance):
         yield (
-            f"{kind} is raised",
-            call("_read_wallet_key", "d"),
-            *VICTIM,
-            ours(_unsafe_wallet_error=lambda p, k=kind: k),
+            f"a file: {kind.__name__}",
+            several(INJECT, NUDGE),
+            CHECKLIST,
+            e.ours(open=lambda *args, kind=kind, **kwargs: kind()),
         )
+    swallowing = e.other_os(fdopen=lambda fd, mode: os.close(fd) or Swallowing())
+    yield "a swallowed exception", READ, *key_file(), swallowing
+    for kind in (OSError, NoInstance):
+        yield f"{kind} is raised", READ, *VICTIM, e.ours(_unsafe_wallet_error=lambda p, kind=kind: kind)
     yield "inside a generator and handlers", in_a_generator, *VICTIM
-    loop = chain(ValueError("a"), KeyError("b"))
+    loop = e.chain(ValueError("a"), KeyError("b"))
     loop.__cause__.__cause__ = loop
     for exc in (
-        None, ValueError(), ValueError("  x \n"), chain(*map(ValueError, "abcdef")), with_detail("disk full"),
-        chain(*map(ValueError, "aabbccdd")), with_detail(""), with_detail(5), loop, Failing(), "no exception",
-        Awkward(), chain(*[ValueError("same") for _ in range(2000)]),
+        None, ValueError(), ValueError("  x \n"), e.chain(*map(ValueError, "abcdef")), with_detail("disk full"),
+        e.chain(*map(ValueError, "aabbccdd")), with_detail(""), with_detail(5), loop, Failing(), "no exception",
+        Awkward(), e.chain(*[ValueError("same") for _ in range(2000)]),
     ):  # fmt: skip
-        yield f"chain {type(exc).__name__}", call("_exception_chain_detail", exc)
+        yield f"chain {type(exc).__name__}", e.call("_exception_chain_detail", exc)
 
 
 NAMES = [None, "", " us ", ".", "..", "a/b", "a\\b", "a\0", 7, 0, False, ["x"], {}, Text(" t\n"), "\udc80", "us"]
@@ -268,23 +234,23 @@ CONFIGURATIONS = [
 
 def collected():
     names = []
-    exercise.m._append_allowed_named_universes(names, NAMES)
+    e.m._append_allowed_named_universes(names, NAMES)
     return names
 
 
 def era_rows():
     """Eras and names of every shape."""
-    resolve = call("_resolve_active_named_universe", "am")
+    resolve = e.call("_resolve_active_named_universe", "am")
     for eras, configured in itertools.product(ERAS, (None, "", " mine ", "..", 5)):
-        fetched = ours(_fetch_eras_payload=Anything("fetch", {"fetch()": {"eras": eras}}))
-        yield f"eras {eras!r:.50} and {configured}", resolve, fetched, config(named_universe=configured)
+        fetched = e.ours(_fetch_eras_payload=e.Anything("fetch", {"fetch()": {"eras": eras}}))
+        yield f"eras {eras!r:.50} and {configured}", resolve, fetched, e.config(named_universe=configured)
     first = "_first_allowed_named_universe_from_era_config"
     for name, values in ((first, CONFIGURATIONS), ("_safe_named_universe", NAMES)):
-        yield name, several(*(call(name, value) for value in values), collected)
+        yield name, several(*(e.call(name, value) for value in values), collected)
     names = "RuntimeError", "OSError", "isinstance", "_fetch_eras_payload", "urllib", "json", "str", "len"
     for name, value in itertools.product(names, (None, ValueError, "text")):
-        no_token = call("_resolve_active_named_universe", manager(get_token=str))
-        yield f"eras with {name} {value}", no_token, ours(**{name: value})
+        no_token = e.call("_resolve_active_named_universe", e.manager(get_token=str))
+        yield f"eras with {name} {value}", no_token, e.ours(**{name: value})
 
 
 def entry(kind="runtime_module:backtester", **fields):
@@ -315,16 +281,16 @@ def manifest_rows():
     manifests = [m for files in FILES for m in ({"files": files}, types.SimpleNamespace(files=files))]
     for number, manifest in enumerate([*manifests, types.SimpleNamespace()]):
         names = "backtester", "era_data", "vault", "absent", None, []
-        select = (call("_select_runtime_module_manifest_entry", manifest, name) for name in names)
-        entries = lambda m=manifest: list(exercise.m._runtime_module_manifest_entries(m))  # noqa: E731
-        load = call("_load_runtime_modules_from_manifest", "d", manifest)
+        select = (e.call("_select_runtime_module_manifest_entry", manifest, name) for name in names)
+        entries = lambda m=manifest: list(e.m._runtime_module_manifest_entries(m))  # noqa: E731
+        load = e.call("_load_runtime_modules_from_manifest", "d", manifest)
         yield f"manifest {number}", several(*select, entries, load)
-    read = several(call("_read_manifest", "d"), call("_load_per_era_backtester", "d"), lambda: sys.path[0])
+    read = several(e.call("_read_manifest", "d"), e.call("_load_per_era_backtester", "d"), lambda: sys.path[0])
     for content in MANIFESTS:
-        yield f"manifest {content!r:.40}", read, file("d/manifest.json", content)
+        yield f"manifest {content!r:.40}", read, e.file("d/manifest.json", content)
     paths = None, "", "missing", "x", "list", "bad", ".", 5000, b"list"  # an open descriptor would be read and closed
-    optional = ((call("_local_vocabulary_path", ".", path), call("_read_json_if_present", path)) for path in paths)
-    there = file("list", "[]"), file("bad", "{"), *(made(Path.mkdir, name) for name in ("x", "vocabulary.json"))
+    optional = ((e.call("_local_vocabulary_path", ".", path), e.call("_read_json_if_present", path)) for path in paths)
+    there = e.file("list", "[]"), e.file("bad", "{"), *(e.made(Path.mkdir, name) for name in ("x", "vocabulary.json"))
     yield "optional files", several(*itertools.chain(*optional)), *there
 
 
@@ -335,11 +301,11 @@ COMPLETE = {"d/features/u/vocabulary.json": '{"era_id": "7"}', "d/manifest.json"
 
 def on_disk(files=(), modules=MODULES, **options):
     """Configuration and files of a data directory that is complete but for what is changed."""
-    yield config(**{"era_config": ERA, **options})
+    yield e.config(**{"era_config": ERA, **options})
     for name, content in {**COMPLETE, **dict(files)}.items():
-        yield made(Path.mkdir, "d/features/u") if content is None else file(name, content)
-    loader = Anything("load_modules", {"load_modules()": modules})
-    yield ours(create_runtime_freshness_guard=Anything("make_guard"), _load_runtime_modules_from_manifest=loader)
+        yield e.made(Path.mkdir, "d/features/u") if content is None else e.file(name, content)
+    loader = e.Anything("load_modules", {"load_modules()": modules})
+    yield e.ours(create_runtime_freshness_guard=e.Anything("make_guard"), _load_runtime_modules_from_manifest=loader)
 
 
 NO_UNIVERSE = {"d/vocabulary.json": "{}"}
@@ -357,21 +323,20 @@ SITUATIONS = {
     "a backtester without digest": {"modules": {"backtester": object}},
 }
 BATCHES = (1, 2, 3, 4, 5), None, "abcd", ImportError, KeyboardInterrupt
-CHANGES = [
-    *({"_runtime._import_batch_runtime()": batch} for batch in BATCHES),
+CHANGES = [{"_runtime._import_batch_runtime()": batch} for batch in BATCHES] + [
     *({"_runtime._build_graph_validator()": KeyboardInterrupt}, {"search_tracking": None}),
-    {"search_tracking": SyntaxError},
+    *({"search_tracking": SyntaxError}, {}),
 ]
 RUNTIME = "_runtime.bootstrap_runtime()"
 KIT_FAILS = {RUNTIME: ConnectionError}
 KITS = {
     "no runtime": {RUNTIME: None},
-    "cancelled elsewhere": {"simulate_signal.init_simulate_signal()": Cancelled},
+    "cancelled elsewhere": {"simulate_signal.init_simulate_signal()": e.Cancelled},
     "no Cancelled": {"sync_backoff.SyncBackoffCancelled": AttributeError, **KIT_FAILS},
     "Cancelled is no class": {"sync_backoff.SyncBackoffCancelled": 5, **KIT_FAILS},
     "no export": {"simulate_signal._simulate_signal_export": AttributeError},
-    **{f"{name} missing": {name: None} for name in SIBLINGS},
-    **{f"{n} fails with {e.__name__}": {n: e} for n in SIBLINGS for e in (KeyError, KeyboardInterrupt)},
+    **{f"{name} missing": {name: None} for name in e.SIBLINGS},
+    **{f"{n} fails with {kind}": {n: kind} for n in e.SIBLINGS for kind in (KeyError, KeyboardInterrupt)},
     **{
         f"a runtime without {name}": {f"{RUNTIME}.{name}": AttributeError}
         for name in ("registry", "sync_manager", "evaluator.graph_validator", "evaluator.correlate_per_pool")
@@ -382,11 +347,11 @@ READY = {"_runtime.get_runtime()": "ready"}
 
 
 def sync_manager():
-    class Own(exercise.m._LocalRuntimeSyncManager):
+    class Own(e.m._LocalRuntimeSyncManager):
         def get_manifest(self):
             return [super().get_manifest()]
 
-    own, plain = Own("manifest", runtime_freshness_guard=5), exercise.m._LocalRuntimeSyncManager(manifest="m")
+    own, plain = Own("manifest", runtime_freshness_guard=5), e.m._LocalRuntimeSyncManager(manifest="m")
     lists = own.request_for_sync(), own.request_for_sync()
     lists[0].append(1)
     calls = plain.acquire(), plain.release(), plain.register_era_callback(1), plain.unregister_era_callback(2)
@@ -396,39 +361,31 @@ def sync_manager():
 
 def bootstrap_rows():
     """The runtime, with a kit that records what is done to it and fails."""
-    local = call("_bootstrap_local_runtime_from_config", "am")
-    for name, situation in {"complete": {}, **SITUATIONS}.items():
-        yield f"local {name}", local, *on_disk(**situation), kit()
+    local = e.call("_bootstrap_local_runtime_from_config", "am")
+    for name, situation in SITUATIONS.items():
+        yield f"local {name}", local, *on_disk(**situation), e.kit()
     for changes in CHANGES:
-        yield f"local {changes}", local, *on_disk(), kit(changes)
+        yield f"local {changes}", local, *on_disk(), e.kit(changes)
     for strict in STRICTNESS:
-        propagate = call("_propagate_auth", "am", strict=strict)
+        propagate = e.call("_propagate_auth", "am", strict=strict)
         for name, changes in KITS.items():
-            yield f"propagate, {name}, {strict}", propagate, *on_disk(), kit(changes)
-        yield f"no detail {strict}", propagate, kit(KIT_FAILS), ours(_exception_chain_detail=lambda exc: "")
-        yield f"both fail {strict}", propagate, *on_disk(modules=OSError), kit(KIT_FAILS)
+            yield f"propagate, {name}, {strict}", propagate, *on_disk(), e.kit(changes)
+        yield f"no detail {strict}", propagate, e.kit(KIT_FAILS), e.ours(_exception_chain_detail=lambda exc: "")
+        yield f"both fail {strict}", propagate, *on_disk(modules=OSError), e.kit(KIT_FAILS)
         for more in ({"_runtime": None}, {"_runtime.get_runtime()": LookupError}, {**READY, "search_templates": None}):
-            yield f"ensure {more} {strict}", call("ensure_runtime_bootstrapped", strict), MANAGER, kit(more)
-    loads = iter([[], 5])
-    changing = ours(_read_json_if_present=lambda path: {} if "vocabulary" in path else next(loads, 5))
-    yield "a manifest that changes", local, *on_disk(), kit(), changing
+            yield f"ensure {more} {strict}", e.call("ensure_runtime_bootstrapped", strict), e.MANAGER, e.kit(more)
+    changing = e.ours(_read_json_if_present=lambda path: {} if "vocabulary" in path else 5)
+    yield "a manifest that changes", local, *on_disk(), e.kit(), changing
     yield "sync manager", sync_manager
 
 
 FAILURES = [
-    (ConnectionRefusedError, 111, "refused"),
-    (auth.RegistrationError, "used", 2),
-    (auth.InvalidKeyError, "bad"),
-    (auth.AuthError,),
-    (OSError, 5, "x"),
-    (KeyboardInterrupt,),
+    *((ConnectionRefusedError, 111, "refused"), (OSError, 5, "x"), (KeyboardInterrupt,)),
+    *((auth.RegistrationError, "used", 2), (auth.InvalidKeyError, "bad"), (auth.AuthError,)),
 ]
 UNMATCHED = (
-    patched(auth),
-    ours(ConnectionError="not a class"),
-    patched(auth, AuthError=(ValueError, OSError)),
-    patched(auth, InvalidKeyError=None),
-    patched(auth, RegistrationError=None),
+    *(e.patched(auth), e.ours(ConnectionError="not a class"), e.patched(auth, AuthError=(ValueError, OSError))),
+    *(e.patched(auth, InvalidKeyError=None), e.patched(auth, RegistrationError=None)),
 )
 
 
@@ -441,42 +398,42 @@ def handling(act):
 
 def service_rows():
     """Except clauses look their class up when they are tried; inside, the caught exception is the one handled."""
-    acts = {"register": register(), "login": call("login", KEY)}
+    acts = {"register": e.register(), "login": e.call("login", e.KEY)}
     for failure, (number, other), (name, act) in itertools.product(FAILURES, enumerate(UNMATCHED), acts.items()):
         handled = lambda act=act: handling(act)  # noqa: E731
-        yield f"{name} {failure} {number}", handled, exercise.service(*failure), other
+        yield f"{name} {failure} {number}", handled, e.service(*failure), other
 
 
 PATCHED = """
     _read_wallet_key _write_wallet_key _canonical_data_dir _unsafe_wallet_error _normalize_key inject_heartbeat
     WalletRegistration open isinstance OSError Exception hasattr sorted _config _VALID_OPTIONS logger _find_heartbeat
     _check_wallet_fd secrets IOError"""
-REPLACEMENTS = {"deleted": MISSING, "None": None, "text": "text", "class": ValueError, "function": lambda *a, **k: "p"}
+REPLACEMENTS = e.MISSING, None, "text", ValueError, lambda *args, **kwargs: "patched"
 
 
 def replaced(name, value):
     """The module's namespace is the seam: a replaced name is used, a deleted one is a NameError."""
-    acts = [getattr(exercise.m, name) for name in ("register", "login", "inject_heartbeat", "configure")]
+    acts = [getattr(e.m, name) for name in ("register", "login", "inject_heartbeat", "configure")]
     with contextlib.ExitStack() as undo:
-        ours(**{name: value})(undo)
-        refused = several(lambda: acts[0]("CORV-AAAA-BBBB-CCCC", "d"), lambda: acts[1](KEY), acts[2])
+        e.ours(**{name: value})(undo)
+        refused = several(lambda: acts[0]("CORV-AAAA-BBBB-CCCC", "d"), lambda: acts[1](e.KEY), acts[2])
         return several(lambda: acts[0]("CORV-AAAA-BBBB-CCCC", "e"), lambda: acts[3](x=1), refused)()
 
 
 def patched_rows():
-    for name, (kind, value) in itertools.product(PATCHED.split(), REPLACEMENTS.items()):
+    for name, value in itertools.product(PATCHED.split(), REPLACEMENTS):
         act = lambda name=name, value=value: replaced(name, value)  # noqa: E731
-        yield f"{name} {kind}", act, *VICTIM, file("HEARTBEAT.md", b"\xff")
+        yield f"{name} {value!r:.9}", act, *VICTIM, e.file("HEARTBEAT.md", b"\xff")
 
 
 TABLES = first_rows, seldom_rows, era_rows, manifest_rows, bootstrap_rows, service_rows, patched_rows
 ROWS = [row for table in TABLES for row in table()]
 
 
-@pytest.mark.parametrize("name", CALLS)
+@pytest.mark.parametrize("name", e.CALLS)
 def test_calls_of_the_exercise(name):
-    same(CALLS[name].act, *CALLS[name].prepare)
-    CALLS[name]()
+    same(e.CALLS[name].act, *e.CALLS[name].prepare)
+    e.CALLS[name]()
 
 
 @pytest.mark.parametrize(("act", "prepare"), [pytest.param(act, rest, id=name) for name, act, *rest in ROWS])
@@ -485,21 +442,21 @@ def test_same_as_python(act, prepare):
 
 
 STEPWISE = {
-    "read": (call("_read_wallet_key", "d"), *key_file(mode=0o644)),
-    "write": (call("_write_wallet_key", "d", KEY), *key_file()),
-    "register": (register(), file("HEARTBEAT.md", "x")),
-    "register again": (register(), KEY_FILE),
-    "login": (call("login", KEY),),
-    "nudge": (call("update_nudge", "first_signal"), file("HEARTBEAT.md", "x")),
-    "configure": (call("configure", server_url="https://x/", data_dir="e"),),
+    "read": (READ, *key_file(mode=0o644)),
+    "write": (WRITE, e.KEY_FILE),
+    "register": (e.register(), CHECKLIST),
+    "register again": (e.register(), e.KEY_FILE),
+    "login": (e.call("login", e.KEY),),
+    "nudge": (NUDGE, CHECKLIST),
+    "configure": (e.call("configure", server_url="https://x/", data_dir="e"),),
     **{
-        f"propagate {strict} {changes}": (call("_propagate_auth", "am", strict=strict), *on_disk(), kit(changes))
+        f"propagate {strict} {changes}": (e.call("_propagate_auth", "am", strict=strict), *on_disk(), e.kit(changes))
         for strict, changes in itertools.product((True, False), ({}, KIT_FAILS))
     },
 }
 
 
-@pytest.mark.parametrize("failure", [PermissionError, auth.AuthError, AttributeError, Cancelled, KeyboardInterrupt])
+@pytest.mark.parametrize("failure", [PermissionError, auth.AuthError, AttributeError, e.Cancelled, KeyboardInterrupt])
 @pytest.mark.parametrize("name", STEPWISE)
 def test_each_step_fails_in_turn(name, failure):
     same_at_each_step(failure, *STEPWISE[name])
@@ -508,13 +465,10 @@ def test_each_step_fails_in_turn(name, failure):
 def test_a_real_module_is_reloaded_into_the_runtime():
     """Real guard, real native modules: a new build reaches the evaluator and the runtime of a local bootstrap."""
 
-    def holder(**parts):
-        return types.SimpleNamespace(**parts)
-
-    real = runtime(RuntimeEvaluationAdapter=holder, LibraryRuntime=holder)
-    with Call(None, "", (*LOCAL, kit(_runtime=real))).situation(), contextlib.ExitStack() as undo:
+    real = e.runtime(RuntimeEvaluationAdapter=types.SimpleNamespace, LibraryRuntime=types.SimpleNamespace)
+    with e.Call(None, "", (*e.LOCAL, e.kit(_runtime=real))).situation(), contextlib.ExitStack() as undo:
         built = native._bootstrap_local_runtime_from_config("am")
         assert built.raw_backtester.VERSION == built.evaluator.raw_backtester.VERSION == "1"
-        native_modules(backtester={"source": "backtester-2.so"}, era_data={})(undo)
+        e.native(backtester={"source": "backtester-2.so"}, era_data={})(undo)
         assert built.runtime_freshness_guard.refresh() == ["backtester"]
         assert built.raw_backtester.VERSION == built.evaluator.raw_backtester.VERSION == "2"
