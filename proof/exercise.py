@@ -64,8 +64,7 @@ class Call:
         with contextlib.ExitStack() as undo:
             undo.callback(m.logger.setLevel, level)
             m.logger.setLevel(logging.DEBUG)
-            undo.callback(m.logger.removeHandler, handler)
-            m.logger.addHandler(handler)
+            patched(m.logger, handlers=[handler], propagate=False)(undo)
             undo.callback(shutil.rmtree, work, ignore_errors=True)
             undo.enter_context(contextlib.chdir(base()))
             shutil.rmtree(work, ignore_errors=True)
@@ -163,19 +162,6 @@ def made(make: Callable[[Path], object], name: str = "d/wallet.key") -> Prepare:
         make(Path(name))
 
     return prepare
-
-
-def opened(path: str) -> Prepare:
-    """A descriptor, the last of OPENED."""
-
-    def prepare(undo: contextlib.ExitStack) -> None:
-        OPENED[:] = [os.open(path, os.O_RDONLY)]
-        undo.callback(os.close, OPENED[-1])
-
-    return prepare
-
-
-OPENED: list[int] = []
 
 
 def native(**entries: Mapping[str, Any]) -> Prepare:
@@ -358,6 +344,14 @@ def read_only(path: str, mode: str, **kwargs: Any) -> Any:
     return open("/" if mode == "w" else path, mode, **kwargs)
 
 
+def check(path: str) -> None:
+    descriptor = os.open(path, os.O_RDONLY)
+    try:
+        m._check_wallet_fd("x", descriptor)
+    finally:
+        os.close(descriptor)
+
+
 def prune() -> list[str]:
     m._prune_runtime_extension_copies("x", ".corvane-runtime-x-0.so")
     return sorted(os.listdir())
@@ -467,9 +461,8 @@ def rows() -> Iterator[tuple[Any, ...]]:
     yield "directory fails", call("_canonical_data_dir", 5), "raised TypeError"
     yield "key path", call("_wallet_key_path", "d"), "returned './d/wallet.key'"
     yield "key refusal", call("_unsafe_wallet_error", "x"), "returned OSError('Unsafe wallet key at x. Refusing"
-    check = lambda: m._check_wallet_fd("x", OPENED[-1])  # noqa: E731
-    yield "check", check, "returned None", file("d/wallet.key", KEY, 0o666), opened("d/wallet.key")
-    yield "check of a directory", check, "raised OSError: Unsafe wallet key at x.", opened(".")
+    yield "check", lambda: check("d/wallet.key"), "returned None", file("d/wallet.key", KEY, 0o666)
+    yield "check of a directory", lambda: check("."), "raised OSError: Unsafe wallet key at x."
     for name, act, lost in (
         ("read", call("_read_wallet_key", "d"), "raised OSError: Cannot read wallet from"),
         ("write", call("_write_wallet_key", "d", "0x" + KEY), NOT_WRITTEN),
