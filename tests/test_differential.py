@@ -229,6 +229,7 @@ CONFIGURATIONS = [
     *({"signal_pools": [5, {"allowed_named_universes": n}], "named_universe": "last"} for n in (*NAMES, NAMES)),
     *({"allowed_named_universes": [n, "next"], "signal_pools": [{}]} for n in NAMES),
     {"allowed_named_universes": ["..", "a/b"], "named_universe": "last"},
+    *(era for eras in ERAS if isinstance(eras, list) for era in eras),
 ]
 
 
@@ -302,8 +303,7 @@ COMPLETE = {"d/features/u/vocabulary.json": '{"era_id": "7"}', "d/manifest.json"
 def on_disk(files=(), modules=MODULES, **options):
     """Configuration and files of a data directory that is complete but for what is changed."""
     yield e.config(**{"era_config": ERA, **options})
-    for name, content in {**COMPLETE, **dict(files)}.items():
-        yield e.made(Path.mkdir, "d/features/u") if content is None else e.file(name, content)
+    yield from (e.file(name, text) for name, text in {**COMPLETE, **dict(files)}.items() if text is not None)
     loader = e.Anything("load_modules", {"load_modules()": modules})
     yield e.ours(create_runtime_freshness_guard=e.Anything("make_guard"), _load_runtime_modules_from_manifest=loader)
 
@@ -316,7 +316,7 @@ SITUATIONS = {
     "no universe": {"era_config": {"era_id": 1}, "files": NO_UNIVERSE},
     **{f"universe {v!r}": {"named_universe": v} for v in ("v", "u", "", None, 5, [1])},
     **{f"vocabulary {v!r}": {"files": {"d/features/u/vocabulary.json": v}} for v in (None, "[]", "{", "null", b"\xe9")},
-    **{f"manifest {v!r}": {"files": {"d/manifest.json": v}} for v in ("[]", "{", "{}", '{"files": 5}')},
+    **{f"manifest {v!r}": {"files": {"d/manifest.json": v}} for v in (None, "[]", "{", '{"files": 5}')},
     **{f"data_dir {v!r}": {"data_dir": v} for v in ("", None, 5, b"d")},
     **{f"server_url {v!r}": {"server_url": v} for v in ("", None, "https://x")},
     "no backtester": {"modules": {"era_data": 1}},

@@ -59,8 +59,9 @@ def test_disk_full_leaves_the_documented_state():
     """A write that fails is reported, the descriptor is closed, the file stays truncated."""
 
     def full(undo):
-        undo.callback(resource.setrlimit, resource.RLIMIT_FSIZE, resource.getrlimit(resource.RLIMIT_FSIZE))
-        resource.setrlimit(resource.RLIMIT_FSIZE, (0, resource.RLIM_INFINITY))
+        before = resource.getrlimit(resource.RLIMIT_FSIZE)
+        undo.callback(resource.setrlimit, resource.RLIMIT_FSIZE, before)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (0, before[1]))
 
     seen = same(WRITE, VICTIM, full)
     assert "Cannot write wallet to" in seen["raised"]["text"] and seen["raised"]["context"]["attributes"][0] == "27"
