@@ -7,7 +7,6 @@ import dataclasses
 import gc
 import hashlib
 import inspect
-import itertools
 import linecache
 import os
 import pickle
@@ -392,20 +391,17 @@ def test_only_the_entry_point_is_exported():
     assert re.findall(r"\S+$", listed.stdout, re.M) == ["PyInit_agent_onboarding"]
 
 
-# The interpreter keeps something of its own, for a while, of each native module that is imported.
-STEADY = [name for name, made in exercise.CALLS.items() if exercise.BOTH not in made.prepare]
-
-
-@pytest.mark.parametrize("name", STEADY[::10])
+@pytest.mark.parametrize("name", list(exercise.CALLS)[::9])
 def test_leaks_nothing(name):
-    """Equal batches of calls: a leak grows in every one."""
-    counts = []
-    for _ in range(7):
-        for _ in range(15):
+    """Twenty calls leave fewer than half as many blocks, once the interpreter's own caches are full."""
+
+    def blocks():
+        for _ in range(20):
             exercise.CALLS[name]()
         gc.collect()
-        counts.append(sys.getallocatedblocks())
-    assert min(later - earlier for earlier, later in itertools.pairwise(counts)) < 15, counts
+        return sys.getallocatedblocks()
+
+    assert any(blocks() + 10 > blocks() for _ in range(25))
 
 
 def test_import_without_memory():
