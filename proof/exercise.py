@@ -530,13 +530,13 @@ def rows() -> Iterator[tuple[Any, ...]]:
     refused = kit({**ready, **refusing})
     yield "ensure refused", call(ensure, False), "returned 'ready'; WARNING Failed to inject exis", MANAGER, refused
     yield "ensure refused strictly", call(ensure), STRICT + "search runtime injection failed", MANAGER, refused
-    yield "ensure new", call(ensure), "returned _runtime.", MANAGER, kit(), config(named_universe="u")
+    one_era = answer(json.dumps({"eras": [ERA]}).encode())
+    yield "ensure new", call(ensure), "returned _runtime.", MANAGER, kit(), one_era
     yield "normalize", lambda: [m._normalize_key(k) for k in ("ab", "0Xab")], "returned ['0xab', '0Xab']"
     yield "normalize no text", call("_normalize_key", 7), "raised AttributeError"
     yield "invite", call("_resolve_invite_code", None), "returned 'CORV-AAAA-BBBB-CCCC'", invited
     yield "invite missing", call("_resolve_invite_code", ""), "raised ValueError: Invite code required. Pass", invited
     yield "invite optional", call("_resolve_optional_invite_code", None), "returned None", invited
-    one_era = answer(json.dumps({"eras": [ERA]}).encode())
     for name, act, done, failures in (
         ("register", register(), "returned WalletRegistration(address='0xaddress')",
          {ConnectionError: "Cannot reach", auth.RegistrationError: "Registration failed: refused. Contact",

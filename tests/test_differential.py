@@ -4,6 +4,7 @@ import contextlib
 import itertools
 import json
 import os
+import secrets
 import socket
 import sys
 import types
@@ -202,6 +203,7 @@ def seldom_rows():
     for kind in (OSError, NoInstance):
         yield f"{kind} is raised", READ, *VICTIM, e.ours(_unsafe_wallet_error=lambda p, kind=kind: kind)
     yield "inside a generator and handlers", in_a_generator, *VICTIM
+    yield "a module without the function", e.register(), e.patched(secrets, token_hex=e.MISSING)
     loop = e.chain(ValueError("a"), KeyError("b"))
     loop.__cause__.__cause__ = loop
     for exc in (
