@@ -109,6 +109,9 @@ def first_rows():
             yield f"{name} {kind}", act, *prepare
     foreign = e.other_os(fstat=lambda fd: os.stat_result((*os.stat(fd)[:4], os.getuid() + 1, *os.stat(fd)[5:])))
     yield "foreign once it is open", READ, *key_file(), foreign
+    mode = type("Mode", (int,), {"__and__": e.raising(LookupError)})(0o100600)
+    status = types.SimpleNamespace(st_mode=mode, st_uid=os.getuid())
+    yield "a mode of its own kind", READ, *key_file(), e.other_os(fstat=lambda fd: status)
     for key in (None, "", "abc", "0Xab", Text("ab"), b"ab", 7, "a\udc80", "x" * 100_000, Awkward()):
         yield f"login {key!r:.20}", e.call("login", key)
         yield f"normalize {key!r:.20}", e.call("_normalize_key", key)
