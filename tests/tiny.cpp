@@ -28,6 +28,6 @@ static int execute(PyObject* module) {
 }
 
 static PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void*>(execute)}, {0, nullptr}};
-static PyModuleDef definition = {PyModuleDef_HEAD_INIT, "backtester", nullptr, 0, nullptr, slots, nullptr, nullptr, nullptr};
+static PyModuleDef definition = {PyModuleDef_HEAD_INIT, "tiny", nullptr, 0, nullptr, slots, nullptr, nullptr, nullptr};
 
 PyMODINIT_FUNC PyInit_backtester() { return PyModuleDef_Init(&definition); }
