@@ -249,8 +249,9 @@ def kit(changes: Mapping[str, Any] = MappingProxyType({}), **siblings: Any) -> P
     def prepare(undo: contextlib.ExitStack) -> None:
         for name in SIBLINGS:
             sibling = {**changes, **siblings}.get(name, Anything(name, {**USUAL, **changes}))
-            undo.callback(sys.modules.pop, f"corvane.{name}", None)
-            undo.callback(vars(corvane).pop, name, None)
+            for table, key in (sys.modules, f"corvane.{name}"), (vars(corvane), name):
+                undo.callback(table.update, {key: table.pop(key)} if key in table else {})
+                undo.callback(table.pop, key, None)
             if isinstance(sibling, type):
                 Path(f"{name}.py").write_text(f"raise {sibling.__name__}('while {name} was imported')")
                 patched(corvane, __path__=[os.getcwd()])(undo)
