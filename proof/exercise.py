@@ -22,6 +22,7 @@ import urllib.request
 from collections.abc import Callable, Iterator, Mapping
 from dataclasses import dataclass
 from pathlib import Path
+from types import MappingProxyType
 from typing import Any
 
 import corvane
@@ -30,13 +31,11 @@ from corvane import auth
 from corvane.sync import CURRENT_PLATFORM
 
 m: Any = importlib.import_module(os.environ.get("EXERCISED", "corvane.agent_onboarding"))
-if not m._config:  # the twin, which is handed the module's own texts and defaults
-    for _name in "_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS", "_AGENTS_MD_FRAGMENT", "_config":
-        setattr(m, _name, getattr(importlib.import_module("corvane.agent_onboarding"), _name))
 DEFAULTS: dict[str, Any] = dict(m._config)
 KEY = "5a" * 32
 SIBLINGS = "_runtime", "sync_backoff", "search_tracking", "search_templates", "simulate_signal"
-_MISSING = object()
+MISSING = object()
+note: Callable[[str], None] | None = None  # is told what the fakes are asked for
 
 Prepare = Callable[[contextlib.ExitStack], object]
 
@@ -65,8 +64,7 @@ class Call:
         with contextlib.ExitStack() as undo:
             undo.callback(m.logger.setLevel, level)
             m.logger.setLevel(logging.DEBUG)
-            undo.callback(m.logger.removeHandler, handler)
-            m.logger.addHandler(handler)
+            patched(m.logger, handlers=[handler], propagate=False)(undo)
             undo.callback(shutil.rmtree, work, ignore_errors=True)
             undo.enter_context(contextlib.chdir(base()))
             shutil.rmtree(work, ignore_errors=True)
@@ -111,21 +109,32 @@ def files() -> dict[str, tuple[str, bytes]]:
 # -- What is there before a call
 
 
+def put(target: object, name: str, value: object) -> None:
+    if value is not MISSING:
+        setattr(target, name, value)
+    elif name in vars(target):
+        delattr(target, name)
+
+
 def patched(target: object, **attributes: Any) -> Prepare:
-    """Other attributes of a module or an object."""
+    """Other attributes of a module or an object; MISSING deletes one."""
 
     def prepare(undo: contextlib.ExitStack) -> None:
         for name, value in attributes.items():
-            old = vars(target).get(name, _MISSING)
-            undo.callback(*((delattr, target, name) if old is _MISSING else (setattr, target, name, old)))
-            setattr(target, name, value)
+            undo.callback(put, target, name, vars(target).get(name, MISSING))
+            put(target, name, value)
 
     return prepare
 
 
+def ours(**attributes: Any) -> Prepare:
+    """Other names in the module that is called."""
+    return lambda undo: patched(m, **attributes)(undo)
+
+
 def other_os(**functions: Any) -> Prepare:
     """An os module, for ours alone, in which these functions are others."""
-    return patched(m, os=types.SimpleNamespace(**{**vars(os), **functions}))
+    return ours(os=types.SimpleNamespace(**{**vars(os), **functions}))
 
 
 def invited(undo: contextlib.ExitStack) -> None:
@@ -155,19 +164,6 @@ def made(make: Callable[[Path], object], name: str = "d/wallet.key") -> Prepare:
     return prepare
 
 
-def opened(path: str) -> Prepare:
-    """A descriptor, the last of OPENED."""
-
-    def prepare(undo: contextlib.ExitStack) -> None:
-        OPENED[:] = [os.open(path, os.O_RDONLY)]
-        undo.callback(os.close, OPENED[-1])
-
-    return prepare
-
-
-OPENED: list[int] = []
-
-
 def native(**entries: Mapping[str, Any]) -> Prepare:
     """Native modules and the manifest that lists them; an entry's `source` is the file, or its content."""
 
@@ -189,23 +185,41 @@ def native(**entries: Mapping[str, Any]) -> Prepare:
 
 
 class Anything:
-    """Has every attribute, which it is itself, and can be called; but for what is given."""
+    """Has every attribute and can be called; `changes` says what such a look-up or call gives or raises instead."""
 
     __spec__ = None  # an import asks for it, and forgets what goes wrong there
+    _label: str
 
-    def __init__(self, **given: Any) -> None:
-        self.__dict__.update(given)
+    def __init__(
+        self, label: str = "anything", changes: Mapping[str, Any] = MappingProxyType({}), **given: Any
+    ) -> None:
+        self.__dict__.update(given, _label=label, _changes=changes)
+
+    def _give(self, label: str) -> Any:
+        if note:
+            note(label)
+        given = self._changes.get(label, MISSING)
+        if isinstance(given, type) and issubclass(given, Exception | KeyboardInterrupt) and given is not Cancelled:
+            raise given("no")
+        return Anything(label, self._changes) if given is MISSING else given
 
     def __getattr__(self, name: str) -> Any:
         if name.startswith("__"):
             raise AttributeError(name)
-        return self
+        return self._give(f"{self._label}.{name}")
+
+    def __setattr__(self, name: str, value: object) -> None:
+        self._give(f"{self._label}.{name} =")
+        if note:
+            note(repr(value))
 
     def __call__(self, *args: object, **kwargs: object) -> Any:
-        return self
+        if note:
+            note(f"{self._label}(*{args}, **{kwargs}) while {sys.exc_info()[0]}")
+        return self._give(f"{self._label}()")
 
     def __repr__(self) -> str:
-        return "anything"
+        return self._label
 
 
 def raising(kind: type[BaseException], *args: object) -> Callable[..., Any]:
@@ -215,15 +229,33 @@ def raising(kind: type[BaseException], *args: object) -> Callable[..., Any]:
     return fail
 
 
-def kit(**siblings: Any) -> Prepare:
-    """The rest of the kit; None makes a module missing."""
+class Cancelled(Exception):
+    """What the kit raises when somebody cancels its waiting."""
+
+
+USUAL = {
+    "_runtime.get_runtime()": None,
+    "_runtime._import_batch_runtime()": (1, 2, 3, 4),
+    "sync_backoff.SyncBackoffCancelled": Cancelled,
+    "manager.get_token()": "token",
+    "manager.get_token_expiry()": 12.5,
+    "manager.get_wallet_address()": "0xaddress",
+}
+
+
+def kit(changes: Mapping[str, Any] = MappingProxyType({}), **siblings: Any) -> Prepare:
+    """The rest of the kit, its answers changed; a module that is None is missing, one that is an exception fails."""
 
     def prepare(undo: contextlib.ExitStack) -> None:
-        plain = {"sync_backoff": Anything(SyncBackoffCancelled=Cancelled), "_runtime": runtime()}
         for name in SIBLINGS:
-            sibling = siblings.get(name, plain.get(name, Anything()))
-            undo.callback(sys.modules.pop, f"corvane.{name}", None)
-            undo.callback(vars(corvane).pop, name, None)
+            sibling = {**changes, **siblings}.get(name, Anything(name, {**USUAL, **changes}))
+            for table, key in (sys.modules, f"corvane.{name}"), (vars(corvane), name):
+                undo.callback(table.update, {key: table.pop(key)} if key in table else {})
+                undo.callback(table.pop, key, None)
+            if isinstance(sibling, type):
+                Path(f"{name}.py").write_text(f"raise {sibling.__name__}('while {name} was imported')")
+                patched(corvane, __path__=[os.getcwd()])(undo)
+                continue
             sys.modules[f"corvane.{name}"] = sibling
             if sibling is not None:
                 setattr(corvane, name, sibling)
@@ -232,21 +264,16 @@ def kit(**siblings: Any) -> Prepare:
 
 
 def runtime(**given: Any) -> Anything:
-    return Anything(**{"get_runtime": lambda: None, "_import_batch_runtime": lambda: (1, 2, 3, 4), **given})
-
-
-class Cancelled(Exception):
-    """What the kit raises when somebody cancels its waiting."""
+    return Anything("_runtime", USUAL, **given)
 
 
 def manager(**given: Any) -> Anything:
-    plain = {"get_token": lambda: "token", "get_token_expiry": lambda: 12.5, "get_wallet_address": lambda: "0xaddress"}
-    return Anything(**{**plain, **given})
+    return Anything("manager", USUAL, **given)
 
 
-def service(failure: type[Exception] | None = None) -> Prepare:
+def service(*failure: Any) -> Prepare:
     """A service that lets everybody in, or fails."""
-    given = {"authenticate": raising(failure, "refused")} if failure else {}
+    given = {"authenticate": raising(*failure)} if failure else {}
     return patched(auth, AuthManager=lambda *args, **kwargs: manager(**given))
 
 
@@ -265,7 +292,7 @@ def chain(*links: BaseException) -> BaseException:
 def forget_native(undo: contextlib.ExitStack) -> None:
     path = list(sys.path)
     undo.callback(sys.path.__setitem__, slice(None), path)
-    for name in ("backtester", "era_data"):
+    for name in "backtester", "era_data":
         undo.callback(sys.modules.pop, name, None)
 
 
@@ -293,10 +320,10 @@ LINK = made(lambda p: p.symlink_to("victim"))
 KEY_FILE = file("d/wallet.key", KEY + "\n")
 BOTH = native(backtester={"source": "backtester-1.so"}, era_data={})
 LOCAL = (BOTH, config(era_config={"era_id": 3, "allowed_named_universes": ["u"]}), file("d/vocabulary.json", "{}"))
-KIT_FAILS = runtime(bootstrap_runtime=raising(OSError, "no data"))
+KIT_FAILS = kit({"_runtime.bootstrap_runtime()": OSError})
 ACTIVE = {"state": "active", "named_universe": "us"}
 ERA = {**ACTIVE, "signal_pools": [{"allowed_named_universes": ["us", ".."]}], "universes": [{"id": "us"}, "us"]}
-MANAGER = patched(m, _auth_manager=manager())
+MANAGER = ours(_auth_manager=manager())
 LOAD = call("_load_manifest_runtime_module", "d", "backtester")
 IMPORT = call("_load_extension_from_path", "backtester", "d/backtester.so")
 COPIES = tuple(file(f".corvane-runtime-x-{n}.so", "", 0o600, n) for n in range(4))
@@ -316,6 +343,14 @@ def manager_methods() -> object:
 
 def read_only(path: str, mode: str, **kwargs: Any) -> Any:
     return open("/" if mode == "w" else path, mode, **kwargs)
+
+
+def check(path: str) -> None:
+    descriptor = os.open(path, os.O_RDONLY)
+    try:
+        m._check_wallet_fd("x", descriptor)
+    finally:
+        os.close(descriptor)
 
 
 def prune() -> list[str]:
@@ -348,7 +383,7 @@ def rows() -> Iterator[tuple[Any, ...]]:
     yield "import another build", lambda: (IMPORT() is other(), sys.modules["backtester"] is other()), "(False, T", two
     text = native(backtester={"source": b"no library"})
     yield "import fails", IMPORT, "raised ImportError", text
-    undone = patched(m, _prune_runtime_extension_copies=raising(LookupError))
+    undone = ours(_prune_runtime_extension_copies=raising(LookupError))
     yield "import undone", IMPORT, "raised LookupError", BOTH, undone
     nothing = patched(sys.modules["importlib.util"], spec_from_file_location=lambda *args: None)
     yield "import unspecified", IMPORT, "raised RuntimeError: Could not create import spec for ./d", BOTH, nothing
@@ -374,7 +409,7 @@ def rows() -> Iterator[tuple[Any, ...]]:
     wrong = call("_load_manifest_runtime_module", "d", "backtester", expected_sha256="5a")
     yield "load mismatch", wrong, "raised RuntimeModuleHashMismatch: Runtime module 'backtester' hash mismatch", BOTH
     yield "load fails", LOAD, "raised RuntimeModuleReloadFailed: Runtime module 'backtester' failed to load", text
-    swapped = patched(m, _load_extension_from_path=lambda *args: None)
+    swapped = ours(_load_extension_from_path=lambda *args: None)
     yield "load unexpected", LOAD, "HashMismatch: Runtime module 'backtester' loaded with unexpected", BOTH, swapped
     yield "load all", lambda: list(m._load_runtime_modules_from_manifest("d", m._read_manifest("d"))), "['era_", BOTH
     guard = call("create_runtime_freshness_guard", "d")
@@ -396,7 +431,7 @@ def rows() -> Iterator[tuple[Any, ...]]:
         yield f"{name} nowhere", act, "returned None"
         yield f"{name} opted out", act, "returned None", file("HEARTBEAT.md"), config(auto_heartbeat=False)
         yield f"{name} unreadable", act, "returned None; WARNING ", file("HEARTBEAT.md", b"\xff")
-        yield f"{name} unwritable", act, "WARNING ", file("HEARTBEAT.md"), patched(m, open=read_only)
+        yield f"{name} unwritable", act, "WARNING ", file("HEARTBEAT.md"), ours(open=read_only)
     yield "nudge unknown", call("update_nudge", "unknown"), "returned None", file("HEARTBEAT.md")
     yield "fragment", call("get_agents_md_fragment"), "returned '## Corvane Integration"
     fetch = call("_fetch_eras_payload", manager())
@@ -427,9 +462,8 @@ def rows() -> Iterator[tuple[Any, ...]]:
     yield "directory fails", call("_canonical_data_dir", 5), "raised TypeError"
     yield "key path", call("_wallet_key_path", "d"), "returned './d/wallet.key'"
     yield "key refusal", call("_unsafe_wallet_error", "x"), "returned OSError('Unsafe wallet key at x. Refusing"
-    check = lambda: m._check_wallet_fd("x", OPENED[-1])  # noqa: E731
-    yield "check", check, "returned None", file("d/wallet.key", KEY, 0o666), opened("d/wallet.key")
-    yield "check of a directory", check, "raised OSError: Unsafe wallet key at x.", opened(".")
+    yield "check", lambda: check("d/wallet.key"), "returned None", file("d/wallet.key", KEY, 0o666)
+    yield "check of a directory", lambda: check("."), "raised OSError: Unsafe wallet key at x."
     for name, act, lost in (
         ("read", call("_read_wallet_key", "d"), "raised OSError: Cannot read wallet from"),
         ("write", call("_write_wallet_key", "d", "0x" + KEY), NOT_WRITTEN),
@@ -444,7 +478,7 @@ def rows() -> Iterator[tuple[Any, ...]]:
         yield f"{name} foreign", act, UNSAFE, KEY_FILE, other_os(getuid=lambda: 12345)
         unopened = other_os(open=raising(OSError, 24, "full"))
         yield f"{name} unopened", act, UNSAFE if reading else NOT_WRITTEN, KEY_FILE, unopened
-        swap = patched(m, _check_wallet_fd=lambda path, fd: m._nothing)
+        swap = ours(_check_wallet_fd=lambda path, fd: m._nothing)
         yield f"{name} checked wrongly", act, "raised AttributeError", KEY_FILE, swap
         yield f"{name} no status", act, lost, KEY_FILE, other_os(lstat=raising(OSError, 5, "bad"))
     yield "read no text", call("_read_wallet_key", "d"), "raised UnicodeDecodeError", file("d/wallet.key", b"\xff")
@@ -459,27 +493,27 @@ def rows() -> Iterator[tuple[Any, ...]]:
         yield f"vocabulary {path}", vocabulary, f"returned '{path}'", file(path)
     yield "vocabulary missing", vocabulary, "returned None"
     local = call("_bootstrap_local_runtime_from_config", manager())
-    yield "local", local, "returned anything", kit(), *LOCAL
+    yield "local", local, "returned _runtime.", kit(), *LOCAL
     yield "local without era", local, "returned None", kit(), BOTH
     yield "local without vocabulary", local, "returned None", kit(), *LOCAL[:2]
     yield "local without backtester", local, "Per-era backtester runtime is missing", kit(), *LOCAL, native(era_data={})
     yield "local without kit", local, "raised ModuleNotFoundError", kit(_runtime=None), *LOCAL
-    batch = kit(_runtime=runtime(_import_batch_runtime=lambda: (1, 2, 3)))
-    yield "local without batch", local, "anything; WARNING Batch runtime import failed", batch, *LOCAL
-    validator = kit(_runtime=runtime(_build_graph_validator=raising(LookupError)))
+    batch = kit({"_runtime._import_batch_runtime()": (1, 2, 3)})
+    yield "local without batch", local, "Runtime(); WARNING Batch runtime import failed", batch, *LOCAL
+    validator = kit({"_runtime._build_graph_validator()": LookupError})
     yield "local without validator", local, "raised LookupError", validator, *LOCAL
-    failing_template = type("Refusing", (Anything,), {"__setattr__": raising(TypeError, "no")})()
+    refusing = {"search_templates._library_runtime =": TypeError}
     unset = patched(auth, _set_active_auth_manager=raising(ValueError, "no"))
     steps: dict[str, tuple[str, str, tuple[Prepare, ...]]] = {
-        "": ("returned anything", "returned anything", (kit(),)),
+        "": ("returned _runtime.bootst", "returned _runtime.bootst", (kit(),)),
         " unset": ("auth bootstrap failed after", "WARNING Failed to set active", (unset, kit())),
-        " kit fails": ("runtime data bootstrap failed: OSError: no data", "DEBUG Failed to bootstrap local corvane",
-                       (kit(_runtime=KIT_FAILS), *LOCAL, file("d/manifest.json"))),
-        " kit fails, local": ("OSError: no data", "returned anything; WARNING", (kit(_runtime=KIT_FAILS), *LOCAL)),
+        " kit fails": ("runtime data bootstrap failed: OSError: no", "DEBUG Failed to bootstrap local corvane",
+                       (KIT_FAILS, *LOCAL, file("d/manifest.json"))),
+        " kit fails, local": ("OSError: no", "returned _runtime.LibraryRuntime(); WARNING", (KIT_FAILS, *LOCAL)),
         " no runtime": ("bootstrap returned no runtime.", "private corvane runtime was not initialized",
-                        (kit(_runtime=runtime(bootstrap_runtime=lambda *a: None)),)),
+                        (kit({"_runtime.bootstrap_runtime()": None}),)),
         " refused": ("search runtime injection failed", "WARNING Failed to inject runtime into search_templates: no",
-                     (kit(search_templates=failing_template),)),
+                     (kit(refusing),)),
         " no simulation": ("simulate_signal bootstrap failed: ModuleNotFoundError", "WARNING Failed to initialize sim",
                            (kit(simulate_signal=None),)),
         " cancelled": ("raised Cancelled", "raised Cancelled",
@@ -492,18 +526,18 @@ def rows() -> Iterator[tuple[Any, ...]]:
     ensure = "ensure_runtime_bootstrapped"
     yield "ensure nothing", call(ensure, False), "returned None"
     yield "ensure nothing strictly", call(ensure), "raised AuthError: No wallet initialized."
-    ready = runtime(get_runtime=lambda: "ready")
-    yield "ensure ready", call(ensure), "returned 'ready'", MANAGER, kit(_runtime=ready)
-    refused = kit(_runtime=ready, search_templates=failing_template)
+    ready = {"_runtime.get_runtime()": "ready"}
+    yield "ensure ready", call(ensure), "returned 'ready'", MANAGER, kit(ready)
+    refused = kit({**ready, **refusing})
     yield "ensure refused", call(ensure, False), "returned 'ready'; WARNING Failed to inject exis", MANAGER, refused
     yield "ensure refused strictly", call(ensure), STRICT + "search runtime injection failed", MANAGER, refused
-    yield "ensure new", call(ensure), "returned anything", MANAGER, kit(), config(named_universe="u")
+    one_era = answer(json.dumps({"eras": [ERA]}).encode())
+    yield "ensure new", call(ensure), "returned _runtime.", MANAGER, kit(), one_era
     yield "normalize", lambda: [m._normalize_key(k) for k in ("ab", "0Xab")], "returned ['0xab', '0Xab']"
     yield "normalize no text", call("_normalize_key", 7), "raised AttributeError"
     yield "invite", call("_resolve_invite_code", None), "returned 'CORV-AAAA-BBBB-CCCC'", invited
     yield "invite missing", call("_resolve_invite_code", ""), "raised ValueError: Invite code required. Pass", invited
     yield "invite optional", call("_resolve_optional_invite_code", None), "returned None", invited
-    one_era = answer(json.dumps({"eras": [ERA]}).encode())
     for name, act, done, failures in (
         ("register", register(), "returned WalletRegistration(address='0xaddress')",
          {ConnectionError: "Cannot reach", auth.RegistrationError: "Registration failed: refused. Contact",
@@ -517,10 +551,10 @@ def rows() -> Iterator[tuple[Any, ...]]:
         yield f"{name} unset", act, f"{done}; WARNING Failed to set active auth manager: no", unset
         yield f"{name} unsafe", act, UNSAFE, LINK, file("d/victim")
         for failure, seen in failures.items():
-            yield f"{name} {failure.__name__}", act, seen, service(failure)
+            yield f"{name} {failure.__name__}", act, seen, service(failure, "refused")
         started = register(bootstrap_runtime=True) if name == "register" else call("login", KEY, bootstrap_runtime=True)
         yield f"{name} bootstrap", started, done, kit(), one_era
-        yield f"{name} bootstrap fails", started, STRICT, kit(_runtime=KIT_FAILS), one_era
+        yield f"{name} bootstrap fails", started, STRICT, KIT_FAILS, one_era
     yield "register uninvited", register(invite_code="no"), "raised ValueError: Invite code required."
     yield "login None", call("login", None), "raised ValueError: Invalid private key format."
     options: dict[str, Any]

@@ -20,12 +20,12 @@ from proof.workshop import Result, Workshop
 EACH, SEED, WANTED = 9, 20, 95.0  # mutants of a file, seed of the draw, per cent that must be noticed
 LONGEST, SLOWER = 300, 5  # seconds for tests without a change; how many times longer is a hang
 TESTS = {
-    "bootstrap.cpp": "bootstrap",
+    "bootstrap.cpp": "differential",
     "entry_points.cpp": "differential surface",
-    "eras.cpp": "eras",
+    "eras.cpp": "differential eras",
     "module.cpp": "surface",
-    "runtime_loading.cpp": "runtime",
-    "runtime_manifest.cpp": "runtime",
+    "runtime_loading.cpp": "differential runtime",
+    "runtime_manifest.cpp": "differential runtime",
     "wallet_store.cpp": "differential key_file",
     "workspace.cpp": "differential surface",
     "": "differential surface runtime eras",  # the layer over the interpreter

@@ -1,9 +1,9 @@
-"""Runs one scenario on the native module and on its Python twin and describes all that a caller could tell apart."""
+"""Makes one call on the native module and on its Python twin and describes all that a caller could tell apart."""
 
-import logging
+import contextlib
 import os
 import pprint
-import shutil
+import re
 import stat
 import sys
 import time
@@ -13,50 +13,60 @@ from pathlib import Path
 
 import twin
 from corvane import agent_onboarding as native
+from proof import exercise
+from proof.exercise import Call, patched
 
 GENERATOR_STEPS = ("sorted_pairs", "next_entry")  # frames of their own, below that of the generator
 # The module keeps a wording of its own for this one; the twin cannot but have the interpreter's.
 UNBOUND = "local variable 'sync_backoff' referenced before assignment"
 UNBOUND_NOW = "cannot access local variable 'sync_backoff' where it is not associated with a value"
-SHARED_TEXTS = ("_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS", "_AGENTS_MD_FRAGMENT")
-for _name in SHARED_TEXTS:
-    setattr(twin, _name, getattr(native, _name))
+
+
+def text(value):
+    """What it says, without addresses and without the name of the one that it belongs to."""
+    return re.sub(r" at 0x[0-9a-f]+", "", repr(value).replace(UNBOUND_NOW, UNBOUND).replace(native.__name__, "twin"))
 
 
 def describe_exception(exc, seen=()):
-    """Type, text, args, chain and the functions in the traceback."""
+    """Type, text, args, attributes, chain and the functions in the traceback."""
     if exc is None or exc in seen:
         return exc if exc is None else "(seen)"
     seen = (*seen, exc)
     frames = [f.name for f in traceback.extract_tb(exc.__traceback__) if "site-packages" not in f.filename]
-    frames = [name for name in frames if name not in GENERATOR_STEPS]
     return {
         "type": type(exc),
-        "text": str(exc).replace(UNBOUND_NOW, UNBOUND),
-        "args": repr(exc.args).replace(UNBOUND_NOW, UNBOUND),
-        "attributes": [getattr(exc, n, None) for n in ("errno", "filename", "name", "start", "end")],
-        "frames": frames,
+        "text": text(str(exc)),
+        "args": text(exc.args),
+        "attributes": [text(getattr(exc, n, None)) for n in ("errno", "filename", "name", "start", "end", "__dict__")],
+        "frames": [name for name in frames if name not in GENERATOR_STEPS],
         "cause": describe_exception(exc.__cause__, seen),
         "context": describe_exception(exc.__context__, seen),
         "suppress": exc.__suppress_context__,
     }
 
 
-def snapshot(root: Path):
-    """Every entry below root: type and mode, link target or bytes."""
+def tried(act):
+    """The result, or the description of what is raised."""
+    try:
+        return act()
+    except BaseException as exc:
+        return describe_exception(exc)
+
+
+def snapshot():
+    """Every entry below the working directory: type and mode, link target or bytes."""
 
     def entry(path):
         status = path.lstat()
         if stat.S_ISLNK(status.st_mode):
             return os.readlink(path)
-        content = path.read_bytes() if stat.S_ISREG(status.st_mode) else b""
-        return oct(status.st_mode), content
+        return oct(status.st_mode), path.read_bytes() if stat.S_ISREG(status.st_mode) else b""
 
-    return {str(p.relative_to(root)): entry(p) for p in sorted(root.rglob("*"))}
+    return {str(path): entry(path) for path in sorted(Path().rglob("*"))}
 
 
 class Tap:
-    """Stands before a module or an object and notes each attribute look-up and call; the Nth event can raise."""
+    """Stands before a module or an object and notes each attribute look-up and call."""
 
     def __init__(self, target, label, events):
         self.__dict__.update(_target=target, _label=label, _events=events)
@@ -76,12 +86,14 @@ class Tap:
 
 
 class Events(list):
-    def __init__(self, fail_at=None, failure=None):
+    """What the module did with its surroundings; number `fail_at` of it raises."""
+
+    def __init__(self, fail_at, failure):
         super().__init__()
         self.fail_at, self.failure = fail_at, failure
 
-    def note(self, text):
-        self.append(text)
+    def note(self, seen):
+        self.append(text(seen))
         if len(self) == self.fail_at:
             raise self.failure()
 
@@ -91,42 +103,6 @@ class Events(list):
             return function(*args, **kwargs)
 
         return called
-
-
-class FakeManager:
-    def __init__(self, failure):
-        self.failure = failure
-
-    def authenticate(self):
-        if self.failure:
-            raise self.failure[0](*self.failure[1:])
-
-    get_wallet_address = lambda self: "0xaddress"  # noqa: E731
-    get_token = lambda self: "token"  # noqa: E731
-    get_token_expiry = lambda self: 12.5  # noqa: E731
-
-
-class FakeAuth:
-    """The auth module of a kit whose service answers as told."""
-
-    AuthError = type("AuthError", (Exception,), {})
-    RegistrationError = type("RegistrationError", (AuthError,), {})
-    InvalidKeyError = type("InvalidKeyError", (AuthError,), {})
-
-    def __init__(self, events, failure=None):
-        self.events, self.failure = events, failure
-
-    def AuthManager(self, key, server_url, **kwargs):
-        return Tap(FakeManager(self.failure), "manager", self.events)
-
-    def _normalize_invite_code(self, code):
-        return code.upper() if isinstance(code, str) else None
-
-    def _set_active_auth_manager(self, manager):
-        pass
-
-    def _validate_server_url(self, url):
-        return url.rstrip("/")
 
 
 def descriptors():
@@ -144,56 +120,51 @@ def left_open(before):
     return leaked
 
 
-def observe(module, scenario, work: Path, monkeypatch, fail_at=None, failure=None):
-    """Runs scenario(module, work) in a fresh directory and answers (description, number of events)."""
-    shutil.rmtree(work, ignore_errors=True)
-    work.mkdir(mode=0o755)
-    events, logged = Events(fail_at, failure), []
-    handler = logging.Handler()
-    handler.emit = lambda record: logged.append((record.levelname, record.msg, repr(record.args), record.exc_info))
-    before = descriptors()
-    with monkeypatch.context() as patch:
-        patch.chdir(work)
-        patch.setenv("HOME", str(work))
-        patch.setenv("CORVANE_INVITE_CODE", "from-environment")
-        patch.setattr(module, "_config", dict(DEFAULTS))
-        patch.setattr(module, "_auth_manager", None)
-        patch.setattr(module, "os", Tap(os, "os", events))
-        patch.setattr(module, "_stat", Tap(stat, "stat", events))
-        patch.setattr(module, "auth", Tap(FakeAuth(events), "auth", events))
-        patch.setattr(module.secrets, "token_hex", lambda n: "ab" * n)
-        module.logger.addHandler(handler)
-        result = raised = None
+def observe(module, call, fail_at=None, failure=None):
+    """What comes of the call in its situation, and everything that it did on the way."""
+    events = Events(fail_at, failure)
+    with contextlib.ExitStack() as undo:
+        patched(exercise, m=module)(undo)
+        patched(os, environ={**os.environ, "HOME": str(exercise.base() / "work")})(undo)
+        logged = undo.enter_context(call.situation())
+        patched(module._LocalRuntimeSyncManager, __repr__=lambda self: f"local manager {vars(self)}")(undo)
+        taps = {name: Tap(getattr(module, name), name.strip("_"), events) for name in ("os", "_stat", "auth")}
+        patched(module, **taps)(undo)
+        patched(exercise, note=events.note)(undo)
+        before, result, raised = descriptors(), None, None
         try:
-            result = scenario(module, work, patch, events)
+            result = text(call.act())
         except BaseException as exc:
             raised = describe_exception(exc)
-        finally:
-            module.logger.removeHandler(handler)
-        state = {"_config": repr(module._config), "manager set": module._auth_manager is not None}
-    seen = {
-        "result": repr(result),
-        "raised": raised,
-        "events": list(events),
-        "logged": logged,
-        "files": snapshot(work),
-        "state": state,
-        "descriptors": len(leaked := left_open(before)),
-    }
-    for fd in leaked:  # where the scenario let os.close fail
-        os.close(int(fd))
-    return seen, len(events)
+        leaked = left_open(before)
+        for fd in leaked:  # where os.close was made to fail
+            os.close(int(fd))
+        return {
+            "result": result,
+            "raised": raised,
+            "events": list(events),
+            "logged": [(r.levelname, r.msg, text(r.args), r.exc_info) for r in logged],
+            "files": snapshot(),
+            "state": (text(vars(module).get("_config")), module._auth_manager is not None),
+            "descriptors": len(leaked),
+        }
 
 
-DEFAULTS = dict(native._config)
-
-
-def same(scenario, tmp_path, monkeypatch, fail_at=None, failure=None):
+def same(act, *prepare, fail_at=None, failure=None):
     """Asserts that the twin and the native module cannot be told apart; answers what was seen."""
-    expected, count = observe(twin, scenario, tmp_path / "work", monkeypatch, fail_at, failure)
-    actual, _ = observe(native, scenario, tmp_path / "work", monkeypatch, fail_at, failure)
+    call = Call(act, "", prepare)
+    expected, actual = (observe(module, call, fail_at, failure) for module in (twin, native))
     different = {
         key: {"python": expected[key], "native": actual[key]} for key in expected if expected[key] != actual[key]
     }
     assert not different, pprint.pformat(different, width=150)
-    return actual, count
+    return actual
+
+
+def same_at_each_step(failure, act, *prepare):
+    """The same with each event failing in turn; answers what was seen without a failure."""
+    seen = same(act, *prepare)
+    assert len(seen["events"]) >= 2
+    for step in range(1, len(seen["events"]) + 1):
+        same(act, *prepare, fail_at=step, failure=failure)
+    return seen

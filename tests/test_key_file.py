@@ -1,120 +1,71 @@
-"""wallet.key on a real file system: modes, umasks, other users, objects that must not hang or be touched."""
+"""wallet.key on a real file system: umasks, other users, races, a full disk; and its text, which is never shown."""
 
 import os
-import shutil
-import signal
-import stat
+import resource
 import subprocess
 import sys
-import tempfile
-from pathlib import Path
 
 import pytest
 
-from corvane import agent_onboarding as m
+from differential import same
+from proof.exercise import KEY, base, call, file, other_os
 
-KEY = "5a" * 32
-as_root = pytest.mark.skipif(os.getuid() != 0, reason="needs root to become somebody else")
-
-
-@pytest.fixture(autouse=True)
-def no_hang():
-    signal.alarm(5)
-    yield
-    signal.alarm(0)
+READ, WRITE = call("_read_wallet_key", "d"), call("_write_wallet_key", "d", KEY)
+VICTIM = file("d/wallet.key", "victim", 0o666)
+NOBODY = 65534
 
 
 @pytest.mark.parametrize("umask", [0, 0o077, 0o777])
-def test_new_key_is_owner_only_whatever_the_umask(tmp_path, umask):
-    old = os.umask(umask)
-    try:
-        m._write_wallet_key(tmp_path, KEY)
-    finally:
-        os.umask(old)
-    key = tmp_path / "wallet.key"
-    assert stat.S_IMODE(key.stat().st_mode) == 0o600 and key.read_bytes() == KEY.encode()
+def test_new_key_is_owner_only_whatever_the_umask(umask):
+    seen = same(WRITE, file("d/other"), lambda undo: undo.callback(os.umask, os.umask(umask)))
+    assert seen["files"]["d/wallet.key"] == ("0o100600", KEY.encode())
 
 
-def in_child(action):
-    """Runs action in a forked child and answers what it printed with its exit status."""
-    read, write = os.pipe()
-    if (pid := os.fork()) == 0:
-        try:
-            os.write(write, repr(action()).encode())
-        except BaseException as exc:
-            os.write(write, f"{type(exc).__name__}: {exc}".encode())
-        os._exit(0)
-    os.close(write)
-    with open(read, "rb") as pipe:
-        answer = pipe.read().decode()
-    assert os.waitpid(pid, 0)[1] == 0
-    return answer
+def nobody(undo):
+    undo.callback(base().chmod, 0o700)
+    base().chmod(0o755)
+    undo.callback(os.setresuid, 0, 0, 0)
+    os.setresuid(NOBODY, NOBODY, 0)
 
 
-@as_root
-def test_another_users_key_is_refused_both_ways(request):
-    directory = Path(tempfile.mkdtemp())  # where another user can get at it, unlike tmp_path
-    request.addfinalizer(lambda: shutil.rmtree(directory))
-    directory.chmod(0o777)
-    key = directory / "wallet.key"
-    key.write_text("victim")
-    key.chmod(0o666)
-
-    def as_nobody():
-        os.setresuid(65534, 65534, 65534)
-        return m._write_wallet_key(directory, KEY)
-
-    refusal = (
-        f"OSError: Unsafe wallet key at {key}. Refusing to use wallet.key with unsafe ownership, type, or permissions."
-    )
-    assert in_child(as_nobody) == refusal
-    os.chown(key, 65534, 65534)
-    for call in (lambda: m._read_wallet_key(directory), lambda: m._write_wallet_key(directory, KEY)):
-        assert in_child(call) == refusal
-    assert key.read_text() == "victim" and stat.S_IMODE(key.stat().st_mode) == 0o666
+def given_away(undo):
+    os.chown("d/wallet.key", NOBODY, NOBODY)
 
 
-def test_swapped_for_a_link_between_check_and_open(tmp_path, monkeypatch):
+@pytest.mark.skipif(os.getuid() != 0, reason="needs root to become somebody else")
+@pytest.mark.parametrize("user", [nobody, given_away])
+@pytest.mark.parametrize("act", [READ, WRITE], ids=["read", "write"])
+def test_another_users_key_is_refused_both_ways(act, user):
+    seen = same(act, VICTIM, lambda undo: os.chmod("d", 0o777), user)
+    refusal = "Unsafe wallet key at /work/d/wallet.key. Refusing to use wallet.key with unsafe ownership, type, or perm"
+    assert refusal in seen["raised"]["text"].replace(str(base()), "")
+    assert seen["files"]["d/wallet.key"] == ("0o100666", b"victim")
+
+
+@pytest.mark.parametrize("act", [READ, WRITE], ids=["read", "write"])
+def test_swapped_for_a_link_between_check_and_open(act):
     """The race that the check of the open descriptor and O_NOFOLLOW are there for, for reading and for writing."""
-    key, victim = tmp_path / "wallet.key", tmp_path / "victim"
 
-    class SwappingOs:
-        def __getattr__(self, name):
-            return getattr(os, name)
+    def swapping(path, *args):
+        os.unlink(path)
+        os.symlink("victim", path)
+        return os.open(path, *args)
 
-        def open(self, path, *args):
-            key.unlink()
-            key.symlink_to(victim)
-            return os.open(path, *args)
-
-    for call in (lambda: m._read_wallet_key(tmp_path), lambda: m._write_wallet_key(tmp_path, KEY)):
-        key.unlink(missing_ok=True)
-        key.write_text(KEY)
-        victim.write_text("secret")
-        with monkeypatch.context() as patch:
-            patch.setattr(m, "os", SwappingOs())
-            with pytest.raises(OSError, match=r"Unsafe wallet key at|Cannot write wallet to") as info:
-                call()
-        assert info.value.__context__.errno == 40 and victim.read_text() == "secret"
+    seen = same(act, VICTIM, file("d/victim", "secret"), other_os(open=swapping))
+    assert seen["raised"]["context"]["attributes"][0] == "40" and seen["files"]["d/victim"][1] == b"secret"
 
 
-def test_disk_full_leaves_the_documented_state(tmp_path):
+def test_disk_full_leaves_the_documented_state():
     """A write that fails is reported, the descriptor is closed, the file stays truncated."""
 
-    def full():
-        import resource
+    def full(undo):
+        before = resource.getrlimit(resource.RLIMIT_FSIZE)
+        undo.callback(resource.setrlimit, resource.RLIMIT_FSIZE, before)
+        resource.setrlimit(resource.RLIMIT_FSIZE, (0, before[1]))
 
-        signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
-        resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
-        before = len(os.listdir("/proc/self/fd"))
-        try:
-            m._write_wallet_key(tmp_path, KEY)
-        except OSError as exc:
-            return str(exc), exc.__context__.errno, len(os.listdir("/proc/self/fd")) - before
-
-    expected = (f"Cannot write wallet to {tmp_path}/wallet.key. Check directory permissions.", 27, 0)
-    assert in_child(full) == repr(expected)
-    assert (tmp_path / "wallet.key").read_bytes() == b""
+    seen = same(WRITE, VICTIM, full)
+    assert "Cannot write wallet to" in seen["raised"]["text"] and seen["raised"]["context"]["attributes"][0] == "27"
+    assert seen["files"]["d/wallet.key"][1] == b"" and seen["descriptors"] == 0
 
 
 def test_no_key_text_in_any_message(tmp_path):
@@ -125,8 +76,8 @@ def test_no_key_text_in_any_message(tmp_path):
 import logging, sys, traceback
 logging.basicConfig(level=0)
 import corvane.agent_onboarding as m
-m.configure(data_dir={str(tmp_path)!r}, server_url="http://127.0.0.1:9")
-for directory in (m._config["data_dir"], {str(tmp_path / "other")!r}):
+m.configure(server_url="http://127.0.0.1:9")
+for directory in ({str(tmp_path)!r}, {str(tmp_path / "other")!r}):
     m.configure(data_dir=directory)
     try:
         m.login(sys.stdin.readline().strip())

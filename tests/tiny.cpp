@@ -23,11 +23,11 @@ static int execute(PyObject* module) {
         PyErr_SetString(PyExc_ValueError, "replaced, then failed");
         return -1;
     default:
-        return PyModule_AddIntConstant(module, "BUILD", BUILD);
+        return 0;
     }
 }
 
 static PyModuleDef_Slot slots[] = {{Py_mod_exec, reinterpret_cast<void*>(execute)}, {0, nullptr}};
 static PyModuleDef definition = {PyModuleDef_HEAD_INIT, "tiny", nullptr, 0, nullptr, slots, nullptr, nullptr, nullptr};
 
-PyMODINIT_FUNC INITIALISE() { return PyModuleDef_Init(&definition); }
+PyMODINIT_FUNC PyInit_backtester() { return PyModuleDef_Init(&definition); }

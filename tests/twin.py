@@ -16,7 +16,7 @@ from dataclasses import dataclass, field
 from types import SimpleNamespace
 from typing import Optional
 
-from corvane import auth
+from corvane import agent_onboarding, auth
 from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed
 from corvane.runtime_module_freshness import (
     RuntimeFreshnessGuard,
@@ -274,9 +274,10 @@ class AuthToken:
         return f"AuthToken(token='<redacted>', expires_at={self.expires_at!r})"
 
 
-_HEARTBEAT_STATIC_SECTION = _AGENTS_MD_FRAGMENT = ""  # the tests hand over the module's own texts
-_NUDGE_TEXTS: dict = {}
-_config: dict = {}
+_HEARTBEAT_STATIC_SECTION = agent_onboarding._HEARTBEAT_STATIC_SECTION
+_NUDGE_TEXTS = agent_onboarding._NUDGE_TEXTS
+_AGENTS_MD_FRAGMENT = agent_onboarding._AGENTS_MD_FRAGMENT
+_config = dict(agent_onboarding._config)
 _auth_manager = None
 _VALID_OPTIONS = {"auto_heartbeat": bool, "data_dir": str, "server_url": str, "named_universe": str}
 
@@ -576,22 +577,12 @@ def _bootstrap_local_runtime_from_config(am):
             "Batch runtime import failed during local bootstrap; continuing without batch orchestration helpers: %s", e
         )
     evaluator = _runtime.RuntimeEvaluationAdapter(
-        data_dir=data_dir,
-        era_config=era_config,
-        raw_backtester=raw_backtester,
-        vault=vault,
-        manifest=manifest,
-        graph_validator=None,
-        batch_orchestrator_cls=batch_cls,
-        compute_search_plan=compute_plan,
-        expression_type_cls=expression_type_cls,
-        expression_evaluator=expression_evaluator,
-        registry=registry,
-        raw_vocabulary=vocabulary,
-        named_universe=named_universe,
-        auth=am,
+        data_dir=data_dir, era_config=era_config, raw_backtester=raw_backtester, vault=vault, manifest=manifest,
+        graph_validator=None, batch_orchestrator_cls=batch_cls, compute_search_plan=compute_plan,
+        expression_type_cls=expression_type_cls, expression_evaluator=expression_evaluator, registry=registry,
+        raw_vocabulary=vocabulary, named_universe=named_universe, auth=am,
         runtime_freshness_guard=runtime_freshness_guard,
-    )
+    )  # fmt: skip
     runtime_freshness_guard.register_module_consumer("backtester", evaluator, "raw_backtester")
     tracker = SearchTracker(data_dir)
     named_universes = (named_universe,)
@@ -602,28 +593,15 @@ def _bootstrap_local_runtime_from_config(am):
         )
     }
     runtime = _runtime.LibraryRuntime(
-        auth=am,
-        auth_proxy=am,
-        data_dir=data_dir,
-        server_url=_config.get("server_url") or "https://api.corvane.example",
-        sync_manager=sync_manager,
-        era_id=era_id,
-        era_thread=_runtime._EraThreadProxy(sync_manager),
-        era_config=era_config,
-        search_era_config=_runtime._SearchEraConfig(era_config),
-        named_universes=named_universes,
-        default_named_universe=named_universe,
-        vocabularies={named_universe: vocabulary},
-        feature_dirs=feature_dirs,
-        manifest_adapters=manifest_adapters,
-        vocabulary_raw=vocabulary,
-        registry=evaluator.registry,
-        vault=vault,
-        raw_backtester=raw_backtester,
-        evaluator=evaluator,
-        search_tracker=tracker,
+        auth=am, auth_proxy=am, data_dir=data_dir,
+        server_url=_config.get("server_url") or "https://api.corvane.example", sync_manager=sync_manager,
+        era_id=era_id, era_thread=_runtime._EraThreadProxy(sync_manager), era_config=era_config,
+        search_era_config=_runtime._SearchEraConfig(era_config), named_universes=named_universes,
+        default_named_universe=named_universe, vocabularies={named_universe: vocabulary}, feature_dirs=feature_dirs,
+        manifest_adapters=manifest_adapters, vocabulary_raw=vocabulary, registry=evaluator.registry, vault=vault,
+        raw_backtester=raw_backtester, evaluator=evaluator, search_tracker=tracker,
         runtime_freshness_guard=runtime_freshness_guard,
-    )
+    )  # fmt: skip
     _runtime._runtime = runtime
     try:
         evaluator.graph_validator = _runtime._build_graph_validator(
@@ -677,26 +655,18 @@ def _propagate_auth(am, strict=False):
         if runtime is None:
             raise RuntimeError("private corvane runtime was not initialized")
         sim_mod.init_simulate_signal(
-            auth=am,
-            sync_manager=runtime.sync_manager,
-            vault=runtime.vault,
-            backtester=runtime.evaluator,
-            search_tracker=runtime.search_tracker,
-            era_thread=runtime.era_thread,
+            auth=am, sync_manager=runtime.sync_manager, vault=runtime.vault, backtester=runtime.evaluator,
+            search_tracker=runtime.search_tracker, era_thread=runtime.era_thread,
             graph_validator=getattr(runtime.evaluator, "graph_validator", None),
-            compute_search_plan=runtime.evaluator.compute_search_plan,
-            era_config=runtime.era_config,
+            compute_search_plan=runtime.evaluator.compute_search_plan, era_config=runtime.era_config,
             load_vocabulary=runtime.load_vocabulary,
             useful_signal_metadata=getattr(runtime.sync_manager, "_vocabulary", None),
             load_found_signal_pnl=getattr(runtime.evaluator, "load_found_signal_pnl", None),
-            signal_dir=runtime.data_dir,
-            BatchOrchestrator_cls=runtime.evaluator.make_batch_orchestrator_cls(),
+            signal_dir=runtime.data_dir, BatchOrchestrator_cls=runtime.evaluator.make_batch_orchestrator_cls(),
             correlate_per_pool=runtime.evaluator.correlate_per_pool,
-            compute_mi_per_pool=runtime.evaluator.compute_mi_per_pool,
-            vocabulary=getattr(runtime, "registry", None),
-            vocabulary_raw=runtime.vocabulary_raw,
-            runtime_freshness_guard=runtime.runtime_freshness_guard,
-        )
+            compute_mi_per_pool=runtime.evaluator.compute_mi_per_pool, vocabulary=getattr(runtime, "registry", None),
+            vocabulary_raw=runtime.vocabulary_raw, runtime_freshness_guard=runtime.runtime_freshness_guard,
+        )  # fmt: skip
         try:
             import corvane
 
