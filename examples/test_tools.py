@@ -95,7 +95,7 @@ def test_tool(framework, name, service, tmp_path, monkeypatch):
             text = str(call(tool, {**given, "context": {}} if "'context': {" in repr(told) else given))
         except Exception as error:
             text = f"{type(error).__name__}: {error}"
-        tree, token = snapshot(home), m._auth_manager.get_token() if m._auth_manager else KEY
+        tree, token = snapshot(), m._auth_manager.get_token() if m._auth_manager else KEY
         home.rename(tmp_path / m.__name__)  # the other one has the same place
         assert KEY not in text and token not in text
         return bool(worked(m, tree, text)), re.sub(r" at 0x\w+", "", text), told, tree, options
