@@ -70,7 +70,7 @@ wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for e
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
 clean: ## Remove everything that make created
-	rm -rf $(VENV) .venv-agents build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
+	rm -rf $(VENV) .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
 
 $(PY):
 	@echo "Setting up $(VENV) (once)."
