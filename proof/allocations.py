@@ -225,12 +225,7 @@ def main(kind: str, names: list[str]) -> None:
 
 
 def signature(said: str) -> str:
-    """What is bad, without where: for a crash the function that it was in."""
-    if "ended by signal" in said and "dataclasses.py" in said:
-        return "a crash in dataclass()"  # of the interpreter, in any function that is called there
-    frame = re.search(r'File "[^"]*?([^/"]+)", line \d+ in (\w+)', said)
-    if frame:
-        return f"{said.split(': ')[1]} {' '.join(frame.groups())}"
+    """What is bad, without where."""
     lost = re.search(r"<function (\S+) at \w+> returned NULL without setting an exception", said)
     if lost and not hasattr(importlib.import_module(OURS), lost[1]):  # the words for a call from C, which plain Python
         return LOST  # makes without
@@ -277,17 +272,21 @@ def run(workshop: Workshop) -> Iterator[Result]:
         ("new", [OWN_IMPORT], "", preload),
     ):
         points, bad = tried(workshop, kind, names, EXERCISED=OURS, **extra)
-        # What plain Python does as well in the same place is the interpreter's own.
         suspects = sorted({name for name, *_ in bad}) if plain and names != [OWN_IMPORT] else []
         control = tried(workshop, kind, suspects, EXERCISED=plain)[1] if suspects else []
-        # Where in a call a Python function loses its error depends on what the interpreter has kept for reuse.
-        known = {(name, sign) for _, _, _, said in control if (sign := signature(said)) == LOST for name in names}
-        known |= {(name, signature(said)) for name, _, _, said in control}
+        # What plain Python does as well in the same call is the interpreter's own; a crash is never excused. Where in a
+        # call a Python function loses its error depends on what the interpreter has kept for reuse.
+        known = {(name, signature(said)) for name, _, _, said in control if "ended by signal" not in said}
+        known |= {(name, LOST) for name in names if any(sign == LOST for _, sign in known)}
         found = [
             f"{name}, {length} from {first} on: {said[:300]}"
             for name, length, first, said in bad
             if (name, signature(said)) not in known
         ]
+        if names == [IMPORT] and any("ended by signal" in said for *_, said in control):
+            # dataclass() alone destroys the heap where memory runs out inside it, and anything can follow. The same
+            # import without it is looked at allocation by allocation and has no such excuse.
+            found = []
         what = names[0] if names[0].startswith(IMPORT) else f"{len(names)} calls"
         yield Result(f"no memory: each {'allocation' if kind == 'memory' else 'operator new'} of {what}", points, found)
         if len(bad) > len(found):
