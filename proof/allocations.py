@@ -5,43 +5,25 @@ As a script it tries the calls named, in an interpreter that the proof starts.
 
 import contextlib
 import ctypes
+import dataclasses
 import importlib
 import importlib.util
 import json
 import os
 import re
-import signal
 import subprocess
 import sys
 from collections.abc import Callable, Iterator
-from concurrent.futures import ThreadPoolExecutor
-from pathlib import Path
 from typing import Any
 
-from proof.workshop import Missing, Result, Workshop
+from proof.workshop import Missing, Result, Workshop, descriptors, in_children, side_by_side
 
 LENGTHS = 1, 3, 200  # so many allocations in a row fail, beginning at each, at each, at each 66th
 AT_MOST = 5  # seconds for one point
-IMPORT, OWN_IMPORT = "the import", "the import without dataclass()"
 OURS = "corvane.agent_onboarding"
-LOST = "bad: SystemError: error return without exception set"
-
-# For what dataclass() itself does when memory runs out.
-PLAIN_RECORDS = """
-from dataclasses import dataclass, field
-
-@dataclass
-class Registration:
-    address: str
-
-@dataclass
-class Token:
-    token: str = field(repr=False)
-    expires_at: float
-
-def _normalize_key(key):
-    return "0x" + key
-"""
+IMPORT = "the import"
+DATACLASS = "dataclass() alone"
+LOST = "the interpreter lost the error of a Python function"
 # Replaces operator new for the whole process; only the extension has C++ in it.
 FAILING_NEW = """
 #include <atomic>
@@ -50,44 +32,17 @@ FAILING_NEW = """
 static std::atomic<long> made{0}, failing{-1};
 extern "C" long news_before(long number) { failing = number; return made.exchange(0); }
 void* operator new(std::size_t size) {
-    if (made++ == failing)
-        throw std::bad_alloc();
-    if (void* memory = std::malloc(size))
-        return memory;
-    throw std::bad_alloc();
+    void* memory = made++ == failing ? nullptr : std::malloc(size);
+    return memory ? memory : throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 """
 
-
-def in_child(numbers: range, act: Callable[[int], str]) -> list[str]:
-    """What act says of each number in a forked child; if the child dies of one, how, and nothing of the rest."""
-    read, write = os.pipe()
-    if (pid := os.fork()) == 0:
-        importlib.import_module("faulthandler").enable(write)
-        for number in numbers:
-            signal.alarm(AT_MOST)
-            try:
-                text = act(number)
-            except BaseException as exc:
-                text = f"bad: afterwards {type(exc).__name__}: {exc}"
-            os.write(write, text.replace("\0", "").encode(errors="replace") + b"\0")
-        os._exit(0)
-    os.close(write)
-    with open(read, "rb") as pipe:
-        said = pipe.read().decode(errors="replace").split("\0")
-    last, status = said.pop(), os.waitpid(pid, 0)[1]
-    return [*said, f"bad: ended by signal {status}: {last}"] if status else said
+Outcome = tuple[bool, Any, BaseException | None]
 
 
-def chain(exc: object) -> Iterator[BaseException]:
-    while isinstance(exc, BaseException):
-        yield exc
-        exc = exc.__cause__ or exc.__context__
-
-
-def without_memory(act: Callable[[], Any], first: int, length: int) -> tuple[bool, Any, BaseException | None]:
+def without_memory(act: Callable[[], Any], first: int, length: int) -> Outcome:
     """Whether allocation number `first` was reached (if but one fails), and what came of the call."""
     testcapi, result, raised, reached = importlib.import_module("_testcapi"), None, None, True
     repeated = range(first + 10 if length == 1 else 0)
@@ -106,7 +61,7 @@ def without_memory(act: Callable[[], Any], first: int, length: int) -> tuple[boo
     return reached, result, raised
 
 
-def without_new(act: Callable[[], Any], first: int, length: int) -> tuple[bool, Any, BaseException | None]:
+def without_new(act: Callable[[], Any], first: int, length: int) -> Outcome:
     """The same for operator new."""
     news_before, result, raised = ctypes.CDLL(None).news_before, None, None
     news_before(first)
@@ -117,47 +72,115 @@ def without_new(act: Callable[[], Any], first: int, length: int) -> tuple[bool, 
     return news_before(-1) > first, result, raised
 
 
-def probe(call: Any, fail: Callable[..., Any], first: int, length: int, usual: str, logged: list[Any]) -> str:
-    """One point: "end" if the call never gets there, else "good" or what is bad about it."""
-    exercise = importlib.import_module("proof.exercise")
-    descriptors = len(os.listdir("/proc/self/fd"))
-    reached, result, raised = fail(call.act, first, length)
-    if not reached:
-        return "end"
-
-    def again() -> object:
-        if raised:
-            raise raised.with_traceback(None)
-        return result
-
-    seen = f"{exercise.outcome(again, logged)}\n{exercise.files()}"
-    told = [raised] if raised else [argument for record in logged for argument in record.args or ()]
-    if (bad := judged(told, seen == usual)) is not None:
-        return f"bad: {bad or seen}"
-    result = raised = None
-    told.clear()
-    if len(os.listdir("/proc/self/fd")) != descriptors:
-        return "bad: a descriptor stays open"
-    call()
-    return "good"
+KINDS: dict[str, tuple[Callable[..., Outcome], tuple[int, ...]]] = {
+    "allocation": (without_memory, LENGTHS),
+    "operator new": (without_new, (1,)),
+}
 
 
 def judged(told: list[Any], as_usual: bool) -> str | None:
     """None if all is well: as if nothing had happened, or somebody is told that memory ran out."""
-    links = [link for exc in told for link in chain(exc)]
-    swallowed = [str(link) for link in links if isinstance(link, SystemError)]
-    if swallowed:
-        return f"SystemError: {swallowed[0]}"
+    links: list[BaseException] = []
+    for exc in told:
+        while isinstance(exc, BaseException) and exc not in links:
+            links.append(exc)
+            exc = exc.__cause__ or exc.__context__
+    for link in links:
+        if isinstance(link, SystemError):  # an error was swallowed
+            return f"SystemError: {link}"
     # The interpreter's own words for it where a file gets no lock.
     out = any(isinstance(link, MemoryError) or str(link).startswith("can't allocate ") for link in links)
     return None if out or as_usual else ""
 
 
-def every_point(one: Callable[[int], str], batch: int, numbers: range) -> tuple[int, int, list[tuple[int, str]]]:
+Point = Callable[[int], str]  # "end" if the call never gets to this number, else "good" or what is bad
+
+
+def points_of_call(name: str, fail: Callable[..., Outcome], length: int) -> Point:
+    exercise = importlib.import_module("proof.exercise")
+    call = exercise.CALLS[name]
+    call()
+    with call.situation() as logged:
+        usual = exercise.outcome(call.act, logged), exercise.files()
+
+    def wrong(result: Any, raised: BaseException | None, logged: list[Any]) -> str | None:
+        def again() -> object:
+            if raised:
+                raise raised.with_traceback(None)
+            return result
+
+        seen = exercise.outcome(again, logged), exercise.files()
+        told = [raised] if raised else [argument for record in logged for argument in record.args or ()]
+        bad = judged(told, seen == usual)
+        return None if bad is None else bad or str(seen)
+
+    def one(number: int) -> str:
+        with call.situation() as logged:
+            before = descriptors()
+            reached, *came = fail(call.act, number, length)
+            if not reached:
+                return "end"
+            if bad := wrong(came[0], came[1], logged):
+                return f"bad: {bad}"
+            came.clear()
+            logged.clear()
+            if descriptors() != before:
+                return "bad: a descriptor stays open"
+            call()
+            return "good"
+
+    return one
+
+
+def points_of_import(name: str, fail: Callable[..., Outcome], length: int) -> Point:
+    """The import into a process where all that it imports is there already.
+
+    But for dataclass(): when memory runs out in it, the interpreter destroys its own heap, and anything can follow.
+    """
+
+    def imported() -> list[list[str]]:
+        module = importlib.import_module(OURS)
+        assert module._normalize_key("a") == "0xa"
+        return [sorted(vars(module)), list(sys.modules)]
+
+    [[[usual, others]]] = in_children([lambda: [imported()]])
+    for other in set(others) - {OURS}:
+        with contextlib.suppress(ImportError):  # some entries of the table are no modules
+            importlib.import_module(other)
+
+    def dataclass(made: type) -> type:
+        object()  # which fails, too
+        return made
+
+    setattr(dataclasses, "dataclass", dataclass)  # noqa: B010
+
+    def one(number: int) -> str:
+        reached, module, raised = fail(lambda: importlib.import_module(OURS), number, length)
+        if not reached:
+            return "end"
+        if (bad := judged([raised], module is not None)) is not None:
+            return f"bad: {bad or raised!r}"
+        return "good" if imported()[0] == usual else "bad: the next import differs"
+
+    return one
+
+
+def points_of_dataclass(name: str, fail: Callable[..., Outcome], length: int) -> Point:
+    """What the interpreter does by itself."""
+
+    def one(number: int) -> str:
+        reached, _, _ = fail(lambda: dataclasses.make_dataclass("Registration", ["address"]), number, length)
+        return "good" if reached else "end"
+
+    return one
+
+
+def every_point(one: Point, batch: int, numbers: range) -> tuple[int, int, list[tuple[int, str]]]:
     """The end of the call or of the numbers, how many points were tried, and what is bad at which."""
     found, place, ended = [], 0, 0
     while ended < 3 and place < len(numbers):  # the number of allocations differs a little from run to run
-        for said in in_child(numbers[place : place + batch], one):
+        some = numbers[place : place + batch]
+        for said in in_children([lambda: map(one, some)], AT_MOST)[0]:  # noqa: B023
             ended += said == "end"
             if said not in ("end", "good"):
                 found.append((numbers[place], said))
@@ -165,58 +188,18 @@ def every_point(one: Callable[[int], str], batch: int, numbers: range) -> tuple[
     return numbers[place - 1] + 1, place - ended, found
 
 
-def points_of_call(name: str, fail: Callable[..., Any], length: int) -> Callable[[int], str]:
-    exercise = importlib.import_module("proof.exercise")
-    call = exercise.CALLS[name]
-    call()
-    with call.situation() as logged:
-        usual = f"{exercise.outcome(call.act, logged)}\n{exercise.files()}"
-
-    def one(number: int) -> str:
-        with call.situation() as logged:
-            return probe(call, fail, number, length, usual, logged)
-
-    return one
-
-
-def points_of_import(which: str, fail: Callable[..., Any], length: int) -> Callable[[int], str]:
-    """The import of the module under test into a process where all that it imports is there already."""
-    name = os.environ["EXERCISED"]
-
-    def imported(_: int = 0) -> str:
-        module = importlib.import_module(name)
-        assert module._normalize_key("a") == "0xa"
-        return "\n".join([*sorted(vars(module)), "", *sys.modules])
-
-    usual, _, others = in_child(range(1), imported)[0].partition("\n\n")
-    for other in set(others.split()) - {name}:
-        with contextlib.suppress(ImportError):  # some entries of the table are no modules
-            importlib.import_module(other)
-    if which == OWN_IMPORT:
-        setattr(importlib.import_module("dataclasses"), "dataclass", lambda made: made)  # noqa: B010
-
-    def one(number: int) -> str:
-        reached, module, raised = fail(lambda: importlib.import_module(name), number, length)
-        if not reached:
-            return "end"
-        if (bad := judged([raised], module is not None)) is not None:
-            return f"bad: {bad or raised!r}"
-        return "good" if imported().startswith(usual + "\n\n") else "bad: the next import differs"
-
-    return one
-
-
 def main(kind: str, names: list[str]) -> None:
     total, found = 0, []
-    fail = without_new if kind == "new" else without_memory
+    fail, lengths = KINDS[kind]
     for name in names:
+        points, batch = {IMPORT: (points_of_import, 1), DATACLASS: (points_of_dataclass, 1)}.get(
+            name, (points_of_call, 50)
+        )
         end = 100_000
-        for length in (1,) if kind == "new" else LENGTHS:
-            step = {IMPORT: 5 * length}.get(name, max(1, length // 3))
-            importing = name.startswith(IMPORT)
-            one = points_of_import(name, fail, length) if importing else points_of_call(name, fail, length)
-            end, points, bad = every_point(one, 1 if importing else 50, range(0, end, step))  # an import is done once
-            total += points
+        for length in lengths if name != DATACLASS else (1,):
+            step = 5 if name == DATACLASS else max(1, length // 3)
+            end, tried, bad = every_point(points(name, fail, length), batch, range(0, end, step))
+            total += tried
             found += [(name, length, *where) for where in bad]
     print(json.dumps([total, found]))
 
@@ -227,70 +210,48 @@ def main(kind: str, names: list[str]) -> None:
 def signature(said: str) -> str:
     """What is bad, without where."""
     lost = re.search(r"<function (\S+) at \w+> returned NULL without setting an exception", said)
-    if lost and not hasattr(importlib.import_module(OURS), lost[1]):  # the words for a call from C, which plain Python
-        return LOST  # makes without
+    if lost and not hasattr(importlib.import_module(OURS), lost[1]):
+        return LOST
     return re.sub(r"0x[0-9a-f]+|\d+|\n.*", "", said, flags=re.S)
 
 
-def tried(workshop: Workshop, kind: str, names: list[str], **environment: str) -> tuple[int, list[Any]]:
+def tried(workshop: Workshop, kind: str, names: list[str], **variables: str) -> tuple[int, list[Any]]:
     """Points and what is bad, from interpreters on all processors."""
-
-    def some(part: list[str]) -> Any:
-        done = workshop.python(
-            str(Path(__file__)), kind, *part, site=workshop.folder, timeout=1200, variables=environment
-        )
-        if done.returncode != 0:
-            raise RuntimeError(f"{part} {done.stderr[-1000:]}")
-        return json.loads(done.stdout)
-
     if os.access("/dev/shm", os.W_OK):  # much faster where a million files are made
-        environment["TMPDIR"] = "/dev/shm"
+        variables["TMPDIR"] = "/dev/shm"
     parts = [part for n in range(20) if (part := names[n::20])]
-    with ThreadPoolExecutor(os.cpu_count()) as pool:
-        done = list(pool.map(some, parts))
+    done = side_by_side(lambda part: workshop.answer("allocations", kind, *part, variables=variables), parts)
     return sum(points for points, _ in done), [bad for _, found in done for bad in found]
-
-
-def failing_new(workshop: Workshop) -> str:
-    source, library = workshop.folder / "failing_new.cpp", workshop.folder / "failing_new.so"
-    source.write_text(FAILING_NEW)
-    subprocess.run([workshop.tool("c++", "g++"), "-O1", "-shared", "-fPIC", source, "-o", library], check=True)
-    return str(library)
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
     if importlib.util.find_spec("_testcapi") is None:
         raise Missing("this interpreter comes without its test modules (_testcapi)")
-    (workshop.folder / "plain_records.py").write_text(PLAIN_RECORDS)
+    source, library = workshop.folder / "failing_new.cpp", workshop.folder / "failing_new.so"
+    source.write_text(FAILING_NEW)
+    subprocess.run([workshop.tool("c++", "g++"), "-O1", "-shared", "-fPIC", source, "-o", library], check=True)
+
     calls = list(importlib.import_module("proof.exercise").CALLS)[:: 40 if workshop.quick else 1]
-    preload = {"LD_PRELOAD": failing_new(workshop)}
-    imports = [] if workshop.quick else [OWN_IMPORT, IMPORT]
-    for kind, names, plain, extra in (
-        ("memory", calls, "twin", {}),
-        *(("memory", [name], "plain_records", {}) for name in imports),
-        ("new", calls, "", preload),
-        ("new", [OWN_IMPORT], "", preload),
-    ):
-        points, bad = tried(workshop, kind, names, EXERCISED=OURS, **extra)
-        suspects = sorted({name for name, *_ in bad}) if plain and names != [OWN_IMPORT] else []
-        control = tried(workshop, kind, suspects, EXERCISED=plain)[1] if suspects else []
-        # What plain Python does as well in the same call is the interpreter's own; a crash is never excused. Where in a
-        # call a Python function loses its error depends on what the interpreter has kept for reuse.
-        known = {(name, signature(said)) for name, _, _, said in control if "ended by signal" not in said}
-        known |= {(name, LOST) for name in names if any(sign == LOST for _, sign in known)}
+    imports = [] if workshop.quick else [(kind, [IMPORT]) for kind in KINDS]
+    for kind, names in (*((kind, calls) for kind in KINDS), *imports):
+        points, bad = tried(workshop, kind, names, LD_PRELOAD=str(library) if kind == "operator new" else "")
+        # What plain Python does as well in the same call is the interpreter's own; a crash is never excused.
+        suspects = sorted({name for name, *_ in bad}) if (kind, names) == ("allocation", calls) else []
+        control = tried(workshop, kind, suspects, EXERCISED="twin")[1]
+        known = {(name, signature(said)) for name, _, _, said in control if "ended with" not in said}
+        known |= {(name, LOST) for name in names}
         found = [
             f"{name}, {length} from {first} on: {said[:300]}"
             for name, length, first, said in bad
             if (name, signature(said)) not in known
         ]
-        if names == [IMPORT] and any("ended by signal" in said for *_, said in control):
-            # dataclass() alone destroys the heap where memory runs out inside it, and anything can follow. The same
-            # import without it is looked at allocation by allocation and has no such excuse.
-            found = []
-        what = names[0] if names[0].startswith(IMPORT) else f"{len(names)} calls"
-        yield Result(f"no memory: each {'allocation' if kind == 'memory' else 'operator new'} of {what}", points, found)
-        if len(bad) > len(found):
-            yield Result("   of these, as plain Python has it in the same place", len(bad) - len(found))
+        what = IMPORT if names == [IMPORT] else f"{len(names)} calls"
+        yield Result(f"no memory: each {kind} of {what}", points, found)
+        if suspects:
+            yield Result("   of these, as plain Python has it, or a Python function lost its error", len(bad) - len(found))
+    if imports:
+        _, crashes = tried(workshop, "allocation", [DATACLASS])
+        yield Result("   beside these, crashes of dataclass() alone, without a line of ours", len(crashes))
 
 
 if __name__ == "__main__":
