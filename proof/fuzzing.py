@@ -22,75 +22,48 @@ from typing import Any
 from proof.workshop import Missing, Result, Workshop, side_by_side
 
 RUNS, QUICK_RUNS, SECONDS, FEWEST_EDGES = 100_000, 2_000, 600, 100
-ENTRY = {"kind": "runtime_module:backtester", "sha256": "0" * 64, "platform": ""}
-ERA = {"state": "active", "named_universe": "us", "signal_pools": [{"allowed_named_universes": ["us"]}]}
-# Inputs to begin with, words to build others from, by target.
-TARGETS: dict[str, tuple[list[str], str]] = {
+# By target: what may be raised, and inputs to begin with; their words are what others are built from.
+TARGETS: dict[str, tuple[tuple[type[Exception], ...], tuple[str, ...]]] = {
+    # ValueError: no JSON, no UTF-8, a number of more than 4,300 digits; AttributeError: JSON, but no object
     "manifest": (
-        [
-            json.dumps({"era_id": 1, "files": {"b": ENTRY, "a": {"kind": "runtime_module:vault"}, "c": 5}}),
-            json.dumps({"files": {"b": {**ENTRY, "platform": "else"}, "a": {"kind": 7}}}),
-            *('{"files": []}', "[]"),
-        ],
-        '"files" "kind" "runtime_module:" "vault" "platform" null [] {} , : 1e999',
+        (ValueError, AttributeError, RecursionError),
+        (
+            '{"era_id": 1e999, "files": {"b": {"kind": "runtime_module:era_data", "sha256": "00", "platform": ""}}}',
+            '{"files": {"a": {"kind": "runtime_module:vault"}, "c": 5, "d": {"kind": 7}, "e": {"platform": "else"}}}',
+            '{"files": []}',
+        ),
     ),
     "eras": (
-        [
-            json.dumps({"eras": [ERA]}),
-            json.dumps({"eras": [{"state": "active", "universes": {"b": 1}}, {"state": 1}, 5]}),
-            json.dumps(
-                {"eras": [{"state": "active", "universes": [{"id": "x"}, "y"], "allowed_named_universes": ["z"]}]}
-            ),
-            *('{"eras": 1}', "[]"),
-        ],
-        '"eras" "state" "active" "universes" "named_universe" "id" "name" "signal_pools" ".." null [] {} ,',
+        (RuntimeError, RecursionError, ValueError),
+        (
+            '{"eras": [{"state": "active", "named_universe": "u", "signal_pools": [{"allowed_named_universes": []}]}]}',
+            '{"eras": [{"state": "active", "universes": {"b": 1}}, {"state": 1}, 5]}',
+            '{"eras": [{"state": "active", "universes": [{"id": "x"}, {"name": "y"}], "named_universe": null}]}',
+        ),
     ),
-    "key": (["5a" * 32 + "\n", "0x" + "5A" * 32, ""], "0x 0X \\x0a \\xff \\xef\\xbb\\xbf"),
-    "heartbeat": (
-        ["", "# Mine\n", "a\r\nb\rc", "x\n## [Corvane] Search Monitoring\n"],
-        "## [Corvane] \\x0d\\x0a \\x0a \\xff First signal found!",
-    ),
+    "key": ((UnicodeDecodeError,), ("5a" * 32 + "\n", "0x" + "5A" * 32, "0X\ufeff", "")),
+    "heartbeat": ((), ("", "# Mine\n", "a\r\nb\rc", "x\n## [Corvane] Search Monitoring\n", "First signal found!")),
     "configure": (
-        ["auto_heartbeat=b1", "data_dir=sd\ncolour=i1", "server_url=shttps://x/", "named_universe=s us ", "data_dir=s"],
-        "auto_heartbeat=b data_dir=s server_url=shttp://127.0.0.1 named_universe=s .. / \\x5c \\x00 \\x0a",
+        (ValueError,),
+        (
+            '{"auto_heartbeat": true, "data_dir": "e", "colour": 1}',
+            '{"server_url": "https://x/", "named_universe": " us "}',
+            '{"server_url": "http://127.0.0.1", "named_universe": "..", "data_dir": "\\u0000"}',
+        ),
     ),
-}
-STATED: dict[str, tuple[type[Exception], ...]] = {
-    # ValueError: no JSON, no UTF-8, a number of more than 4,300 digits; AttributeError: JSON, but no object
-    "manifest": (ValueError, AttributeError, RecursionError),
-    "eras": (RuntimeError, RecursionError, ValueError),
-    "key": (UnicodeDecodeError,),
-    "heartbeat": (),
-    "configure": (ValueError,),
 }
 
 
 # -- In the interpreter inside the fuzzer
 
 
-def outcome(act: Callable[[], object], stated: tuple[type[Exception], ...]) -> str:
-    try:
-        return repr(act())
-    except stated as exc:
-        return f"{type(exc).__name__}: {exc} from {exc.__cause__!r}"
-
-
-def given(data: bytes) -> dict[str, Any]:
-    """Lines of an option, `=`, a letter for the type, and the value."""
-    lines = [line.partition("=") for line in data.decode("utf-8", "surrogateescape").split("\n")]
-    kinds: dict[str, Callable[[str], object]] = {"b": bool, "i": len, "n": lambda text: None, "l": list}
-    return {key: kinds.get(value[:1], str)(value[1:]) for key, _, value in lines}
-
-
-def checker(target: str, folder: str) -> Callable[[bytes], None]:
+def checker(target: str) -> Callable[[bytes], None]:
     """The function that holds the extension beside its twin on one input."""
     native: Any = importlib.import_module("corvane.agent_onboarding")
     twin: Any = importlib.import_module("twin")
     for name in ("_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS"):
         setattr(twin, name, getattr(native, name))
     native.logger.disabled = True
-    os.chdir(folder)
-    manager = types.SimpleNamespace(get_token=lambda: "token")
     defaults = dict(native._config)
 
     def manifest(m: Any, data: bytes) -> object:
@@ -102,7 +75,7 @@ def checker(target: str, folder: str) -> Callable[[bytes], None]:
     def eras(m: Any, data: bytes) -> object:
         response = types.SimpleNamespace(status=200, read=lambda: data)
         m.urllib.request.urlopen = lambda *args, **kwargs: contextlib.nullcontext(response)
-        return m._resolve_active_named_universe(manager), m._config
+        return m._resolve_active_named_universe(types.SimpleNamespace(get_token=lambda: "token"))
 
     def key(m: Any, data: bytes) -> object:
         Path("wallet.key").write_bytes(data)
@@ -120,22 +93,21 @@ def checker(target: str, folder: str) -> Callable[[bytes], None]:
         return after
 
     def configure(m: Any, data: bytes) -> object:
-        try:
-            return m.configure(**given(data))
-        finally:
-            states.append(dict(m._config))
+        options = json.loads(data)
+        return m.configure(**options) if isinstance(options, dict) else None
 
-    act = locals()[target]
-    states: list[object] = []
+    act, stated = locals()[target], TARGETS[target][0]
+
+    def outcome(m: Any, data: bytes) -> tuple[str, object]:
+        m._config = dict(defaults)
+        try:
+            return repr(act(m, data)), m._config
+        except stated as exc:
+            return f"{type(exc).__name__}: {exc} from {exc.__cause__!r}", m._config
 
     def check(data: bytes) -> None:
-        seen = []
-        for m in (twin, native):
-            m._config = dict(defaults)
-            seen.append(outcome(lambda m=m: act(m, data), STATED[target]))  # type: ignore[misc]
-        assert seen[0] == seen[1], seen
-        assert len(states) == 0 or states[0] == states[1], states
-        states.clear()
+        expected, seen = outcome(twin, data), outcome(native, data)
+        assert seen == expected, f"{seen}, but in plain Python {expected}"
 
     return check
 
@@ -144,8 +116,8 @@ def main(target: str, *options: str) -> None:
     """Fuzzes; any exception of the checker ends the process, and libFuzzer keeps the input."""
     arguments = [b"fuzzer", *map(os.fsencode, options)]
     array = (ctypes.c_char_p * (len(arguments) + 1))(*arguments)
-    with tempfile.TemporaryDirectory() as folder:
-        check = checker(target, folder)
+    with tempfile.TemporaryDirectory() as folder, contextlib.chdir(folder):
+        check = checker(target)
 
         def one(data: int, size: int) -> int:
             try:
@@ -179,14 +151,15 @@ def fuzzer(workshop: Workshop) -> tuple[Path, str]:
 
 
 def fuzz(workshop: Workshop, site: Path, preload: str, target: str) -> Result:
-    seeds, words = TARGETS[target]
+    seeds = TARGETS[target][1]
     work, corpus = workshop.folder / "fuzz" / target, workshop.folder / "fuzz" / target / "corpus"
     shutil.rmtree(work, ignore_errors=True)
     corpus.mkdir(parents=True)
     for number, seed in enumerate(seeds):
         (corpus / f"seed-{number}").write_text(seed)
-    quoted = [word.replace('"', '\\"') for word in words.split(" ")]
-    (work / "words").write_text("".join(f'"{word}"\n' for word in quoted))
+    words = dict.fromkeys(re.findall(r"\w+|\W", " ".join(seeds)))
+    escaped = ("".join(f"\\x{byte:02x}" for byte in word.encode()) for word in words)
+    (work / "words").write_text("".join(f'"{word}"\n' for word in escaped))
     runs = QUICK_RUNS if workshop.quick else RUNS
     options = [f"-runs={runs}", f"-max_total_time={SECONDS}", "-max_len=2048", "-timeout=20", "-seed=1"]
     options += ["-detect_leaks=0", "-print_final_stats=1", f"-dict={work}/words", f"-artifact_prefix={work}/"]

@@ -14,7 +14,7 @@ METERS: dict[str, tuple[str, Callable[[Workshop, Path, dict[str, str]], object]]
     "leaks": ("debug", lambda w, site, set_: w.answer("leaks", *CALLS, site=site, variables=set_)),
     "allocations": (
         "debug",
-        lambda w, site, set_: w.answer("allocations", "allocation", *CALLS, site=site, variables=set_)[1],
+        lambda w, site, set_: w.answer("allocations", "allocation", *CALLS, site=site, variables=set_)[2],
     ),
     "valgrind": ("debug", lambda w, site, set_: sanitizers.valgrind(w, *CALLS, site=site, **set_)),
     "ASan": ("asan", lambda w, site, set_: sanitizers.under(w, "libasan.so", site, "calls", *CALLS, **set_)[1]),
