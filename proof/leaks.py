@@ -63,9 +63,9 @@ def run(workshop: Workshop) -> Iterator[Result]:
         "malloc bytes": lambda: LIBC.malloc(100),
         "a descriptor": lambda: os.open(base(), os.O_RDONLY),
     }
-    missed = [f"the meter misses {name}" for name, act in planted.items() if not leak(Call(act, "returned", ()))]
+    missed = [f"the meter misses {name}" for name, act in planted.items() if not growth(Call(act, "returned", ()), 3)]
     yield Result("leaks: planted, all of them seen", len(planted), missed)
-    calls = list(CALLS.items())[:: 10 if workshop.quick else 1]
+    calls = list(CALLS.items())[:: 20 if workshop.quick else 1]
     grown = [f"{name}: {text}" for name, call in calls for text in leak(call)]
     yield Result(f"leaks: calls of the exercise, {4 * SIZE} times and more", len(calls), grown)
 
