@@ -45,43 +45,45 @@ void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 """
 
-Outcome = tuple[bool, Any, BaseException | None]
+
+def memory_ends(first: int, length: int) -> None:
+    importlib.import_module("_testcapi").set_nomemory(first, first + length)
 
 
-def without_memory(act: Callable[[], Any], first: int, length: int) -> Outcome:
-    """Whether allocation number `first` was reached (if but one fails), and what came of the call."""
-    testcapi, result, raised, reached = importlib.import_module("_testcapi"), None, None, True
-    repeated = range(first + 10 if length == 1 else 0)
-    testcapi.set_nomemory(first, first + length)
+def memory_is_back(first: int, length: int) -> bool:
+    """Whether so many allocations were made; where the call was done before, one of these fails."""
     try:
-        result = act()
-    except BaseException as exc:
-        raised = exc
-    try:
-        for _ in repeated:
-            object()  # fails where the call was done before
+        for _ in range(first + 10 if length == 1 else 0):
+            object()
+        return True
     except MemoryError:
-        reached = False
+        return False
     finally:
-        testcapi.remove_mem_hooks()
-    return reached, result, raised
+        importlib.import_module("_testcapi").remove_mem_hooks()
 
 
-def without_new(act: Callable[[], Any], first: int, length: int) -> Outcome:
-    """The same for operator new."""
-    news_before, result, raised = ctypes.CDLL(None).news_before, None, None
-    news_before(first)
+# By kind: what lets allocations fail, what ends that, how many fail in a row. The library's function answers how many
+# there were before.
+KINDS: dict[str, tuple[Callable[[int, int], object], Callable[[int, int], bool], tuple[int, ...]]] = {
+    "allocation": (memory_ends, memory_is_back, LENGTHS),
+    "operator new": (
+        lambda first, length: ctypes.CDLL(None).news_before(first),
+        lambda first, length: bool(ctypes.CDLL(None).news_before(-1) > first),
+        (1,),
+    ),
+}
+
+
+def attempt(kind: str, act: Callable[[], Any], first: int, length: int) -> tuple[bool, Any, BaseException | None]:
+    """Whether allocation number `first` was reached (if but one fails), and what came of the call."""
+    begin, end, _ = KINDS[kind]
+    result, raised = None, None
+    begin(first, length)
     try:
         result = act()
     except BaseException as exc:
         raised = exc
-    return news_before(-1) > first, result, raised
-
-
-KINDS: dict[str, tuple[Callable[..., Outcome], tuple[int, ...]]] = {
-    "allocation": (without_memory, LENGTHS),
-    "operator new": (without_new, (1,)),
-}
+    return end(first, length), result, raised
 
 
 def judged(told: list[Any], as_usual: bool) -> str:
@@ -123,7 +125,7 @@ def keep_nested_codes() -> None:
 Point = Callable[[int], str]  # "end" if the call never gets to this number, else "good" or what is bad
 
 
-def points_of_call(name: str, fail: Callable[..., Outcome], length: int) -> Point:
+def points_of_call(name: str, kind: str, length: int) -> Point:
     exercise = importlib.import_module("proof.exercise")
     call = exercise.CALLS[name]
     call()
@@ -147,7 +149,7 @@ def points_of_call(name: str, fail: Callable[..., Outcome], length: int) -> Poin
     def one(number: int) -> str:
         with call.situation() as logged:
             before = descriptors()
-            reached, *came = fail(call.act, number, length)
+            reached, *came = attempt(kind, call.act, number, length)
             if not reached:
                 return "end"
             verdict = came_of(came[0], came[1], logged)
@@ -161,7 +163,7 @@ def points_of_call(name: str, fail: Callable[..., Outcome], length: int) -> Poin
     return one
 
 
-def points_of_import(name: str, fail: Callable[..., Outcome], length: int) -> Point:
+def points_of_import(name: str, kind: str, length: int) -> Point:
     """The import into a process where all that it imports is there already.
 
     But for dataclass(): when memory runs out in it, the interpreter destroys its own heap, and anything can follow.
@@ -184,7 +186,7 @@ def points_of_import(name: str, fail: Callable[..., Outcome], length: int) -> Po
     setattr(dataclasses, "dataclass", dataclass)  # noqa: B010
 
     def one(number: int) -> str:
-        reached, module, raised = fail(lambda: importlib.import_module(OURS), number, length)
+        reached, module, raised = attempt(kind, lambda: importlib.import_module(OURS), number, length)
         if not reached:
             return "end"
         verdict = judged([raised], module is not None)
@@ -207,13 +209,12 @@ def every_point(one: Point, batch: int, numbers: range) -> tuple[int, list[tuple
 def main(kind: str, names: list[str]) -> None:
     """Prints how many points there were, at how many the interpreter lost an error, and what is bad."""
     total, lost, bad = 0, 0, []
-    fail, lengths = KINDS[kind]
     for name in names:
         points, batch = (points_of_import, 1) if name == IMPORT else (points_of_call, 50)
         end = 100_000
-        for length in lengths:
+        for length in KINDS[kind][-1]:
             numbers = range(0, end, max(1, length // 3))
-            end, seen = every_point(points(name, fail, length), batch, numbers)
+            end, seen = every_point(points(name, kind, length), batch, numbers)
             total += len(seen)
             lost += sum(said == LOST for _, said in seen)
             bad += [f"{name}, {length} from {number} on: {said[:600]}" for number, said in seen if said[:4] != "good"]

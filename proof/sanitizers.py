@@ -11,8 +11,8 @@ import shutil
 import subprocess
 import sys
 import tempfile
-import threading
 from collections.abc import Iterator
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from proof.workshop import Result, Workshop, descriptors
@@ -109,20 +109,18 @@ def in_threads(rounds: int) -> None:
     """Calls of all kinds from many threads; each must come to what it comes to alone."""
     m = importlib.import_module("corvane.agent_onboarding")
     sys.setswitchinterval(1e-6)
-    wrong: list[str] = []
-    done = [0] * THREADS
 
-    def turn(number: int, key: str, home: str) -> Iterator[bool]:
-        heartbeat = Path(home, "HEARTBEAT.md")
+    def turn(home: Path, key: str) -> Iterator[bool]:
+        heartbeat = home / "HEARTBEAT.md"
         heartbeat.write_text("x")
         m.inject_heartbeat(home)
         yield heartbeat.read_text().endswith(m._HEARTBEAT_STATIC_SECTION)
         yield len(m._sha256_file(str(heartbeat))) == 64
         m._write_wallet_key(home, key)
         yield m._read_wallet_key(home) == key
-        yield m.configure(named_universe=f"u{number}", auto_heartbeat=True) is None
+        yield m.configure(named_universe=key, auto_heartbeat=True) is None
         try:
-            m.configure(colour=number)
+            m.configure(colour=1)
         except ValueError as exc:
             yield m._exception_chain_detail(exc).startswith("ValueError: Unknown configuration option: 'colour'")
         yield [name for name, *_ in m._runtime_module_manifest_entries(m._read_manifest(home))] == ["a"]
@@ -131,29 +129,16 @@ def in_threads(rounds: int) -> None:
         yield m._normalize_key(key) == "0x" + key
         yield m._LocalRuntimeSyncManager(key).get_manifest() == key
 
-    def work(number: int, home: str) -> None:
-        Path(home, "manifest.json").write_text('{"files": {"a.so": {"kind": "runtime_module:a", "sha256": "1"}}}')
-        for round_ in range(rounds):
-            for place, good in enumerate(turn(number, f"{number:02x}{round_ % 256:02x}" * 16, home)):
-                done[number] += 1
-                if not good:
-                    wrong.append(f"thread {number}, round {round_}: {place}")
+    def work(home: Path) -> list[bool]:
+        (home / "manifest.json").write_text('{"files": {"a.so": {"kind": "runtime_module:a", "sha256": "1"}}}')
+        return [good for _ in range(rounds) for good in turn(home, os.urandom(32).hex())]
 
-    with tempfile.TemporaryDirectory() as folder:
-        homes = [tempfile.mkdtemp(dir=folder) for _ in range(THREADS)]
+    with tempfile.TemporaryDirectory() as folder, ThreadPoolExecutor(THREADS) as pool:
         before = descriptors()
-        threads = [threading.Thread(target=work, args=pair) for pair in enumerate(homes)]
-        for thread in threads:
-            thread.start()
-        for thread in threads:
-            thread.join()
-        if descriptors() != before:
-            wrong.append("a descriptor is left open")
-    if done != [10 * rounds] * THREADS:
-        wrong.append("a thread has ended early")
-    print(sum(done), flush=True)
-    if wrong:
-        raise SystemExit("\n".join(wrong[:5]))
+        done = list(pool.map(work, [Path(tempfile.mkdtemp(dir=folder)) for _ in range(THREADS)]))
+        assert done == [[True] * 10 * rounds] * THREADS, [goods.index(False) for goods in done if not all(goods)]
+        assert descriptors() == before, "a descriptor is left open"
+    print(10 * rounds * THREADS, flush=True)
 
 
 if __name__ == "__main__":

@@ -28,13 +28,7 @@ ERRORS = {
     "write": ("EIO", "ENOSPC", "EINTR"),
     "read": ("EIO", "EINTR"),
 }
-STATED = {
-    "save": r"returned None|raised (OSError: (Cannot write wallet to|Unsafe wallet key at)|\w+: \[Errno)",
-    "read": r"returned|raised (OSError: (Cannot read wallet from|Unsafe wallet key at)|\w+: \[Errno)",
-    "load": r"returned <module|raised (RuntimeModule(ReloadFailed|DownloadIncomplete)|\w+: \[Errno)",
-    "heartbeat": r"returned None(; WARNING Failed to (read|write) HEARTBEAT.md at)?|raised \w+: \[Errno",
-    "journey": r"returned W|raised (\w+: (Unsafe|Cannot|\[Errno)|RuntimeError: (Registration bootstrap|Corvane regis))",
-}
+SCENARIOS = "save", "read", "load", "heartbeat", "journey"
 
 
 def scenarios() -> dict[str, Any]:
@@ -115,19 +109,15 @@ def main(scenario: str, fatal: bool) -> None:
     print(json.dumps(seen))
 
 
-def compared(name: str, ours: list[Any], twins: list[Any]) -> Iterator[str]:
-    """What is not as stated or not as in plain Python."""
+def compared(ours: list[Any], twins: list[Any]) -> Iterator[str]:
+    """What is not as in plain Python, or leaks."""
     if [point[0] for point in ours] != [point[0] for point in twins]:
         yield "other calls of the system than in plain Python"
     for (call, number, line, error, said, _), twin in zip(ours, twins, strict=False):
-        where = f"{call} {number} {error} ({line[:80]})"
-        closed = call == "close"  # which did not happen, so that strace itself leaves the descriptor open
-        if not re.match(STATED[name], said):
-            yield f"{where}: {said[:200]}"
-        elif f"; {int(closed)} descriptors left" not in said and "; 0 descriptors left" not in said:
-            yield f"{where}: leaks {said[:200]}"
-        elif said != twin[4]:
-            yield f"{where}: {said[:200]}, but in plain Python {twin[4][:200]}"
+        # A close that did not happen, since strace itself answers it, leaves the descriptor open.
+        left = re.search(r"; (\d+) descriptors left", said)
+        if said != twin[4] or not left or int(left[1]) > (call == "close"):
+            yield f"{call} {number} {error} ({line[:80]}): {said[:200]}, in plain Python {twin[4][:200]}"
 
 
 def unexpected_ends(name: str, killed: list[Any]) -> Iterator[str]:
@@ -145,13 +135,13 @@ def unexpected_ends(name: str, killed: list[Any]) -> Iterator[str]:
 
 def run(workshop: Workshop) -> Iterator[Result]:
     workshop.tool("strace", "strace")
-    names = ["read"] if workshop.quick else list(STATED)
+    names = ["read"] if workshop.quick else SCENARIOS
     jobs = [(name, fatal, of) for name in names for fatal, of in (("", OURS), ("", "twin"), ("fatal", OURS))]
     answers = side_by_side(lambda job: workshop.answer("system_calls", *job[:2], variables={"EXERCISED": job[2]}), jobs)
     done = dict(zip(jobs, answers, strict=True))
     for name in names:
         failed = done[name, "", OURS]
-        found = list(compared(name, failed, done[name, "", "twin"]))
+        found = list(compared(failed, done[name, "", "twin"]))
         yield Result(f"system calls: {name}, each of them fails", len(failed), found)
     for name in {"save", "journey"}.intersection(names):
         killed = done[name, "fatal", OURS]

@@ -1,4 +1,4 @@
-"""Other users both ways, every mode of wallet.key, every awkward umask; as root and as nobody."""
+"""Other users both ways, every mode of wallet.key; as root and as nobody."""
 
 import itertools
 import os
@@ -59,14 +59,6 @@ def modes(key: Path, all_modes: Iterable[int]) -> Iterator[str]:
                 yield f"user {user}, {name}, mode {mode:04o}: {seen}"
 
 
-def umasks(key: Path) -> Iterator[str]:
-    for mask in (0, 0o077, 0o777):
-        key.unlink(missing_ok=True)
-        os.umask(mask)
-        if (seen := (tried("write", key), left(key))) != ("returned None", (0o600, NEW)):
-            yield f"user {os.geteuid()}, umask {mask:03o}: {seen}"
-
-
 def run(workshop: Workshop) -> Iterator[Result]:
     if os.geteuid() != 0:
         raise Missing("only root can become somebody else")
@@ -87,4 +79,3 @@ def run(workshop: Workshop) -> Iterator[Result]:
             key.unlink()
             found = as_user(user, lambda: modes(key, all_modes))
             yield Result(f"users: each mode of the key file, as user {user}", 2 * len(all_modes), found)
-            yield Result(f"users: each umask, as user {user}", 3, as_user(user, lambda: umasks(key)))

@@ -1,6 +1,5 @@
 """What the methods of proof share: results, tools, builds, interpreters, forked children."""
 
-import contextlib
 import faulthandler
 import hashlib
 import json
@@ -11,7 +10,7 @@ import signal
 import subprocess
 import sys
 import time
-from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
+from collections.abc import Callable, Iterable, Mapping, Sequence
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -165,12 +164,3 @@ def in_children(acts: Iterable[Callable[[], Iterable[Any]]], seconds: int = 60) 
 def descriptors() -> int:
     """How many are open."""
     return len(os.listdir("/proc/self/fd"))
-
-
-@contextlib.contextmanager
-def none_lost(findings: list[str], what: str) -> Iterator[None]:
-    """Adds a finding if a descriptor stays open."""
-    before = descriptors()
-    yield
-    if descriptors() != before:
-        findings.append(f"{what}: a descriptor stays open")
