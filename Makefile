@@ -10,7 +10,7 @@ EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test test-agents test-wheel lint bench proof wheel install clean
+.PHONY: help demo test test-agents test-fleet test-wheel lint bench proof wheel install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -30,11 +30,15 @@ test-agents: ## Test that the functions are tools of six agent frameworks (in an
 	@.venv-agents/bin/python -P -m pytest examples $(TEST_OPTIONS) && echo "make test-agents: passed" \
 	 || { echo "make test-agents: FAILED"; exit 1; }
 
+test-fleet: ## Test examples/fleet.py, which needs Ray, in .venv-fleet
+	@$(MAKE) --no-print-directory VENV=.venv-fleet .venv-fleet/.installed .venv-fleet/.test .venv-fleet/.fleet
+	@.venv-fleet/bin/python -P -m pytest -m fleet $(TEST_OPTIONS)
+
 lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ (clang-tidy; warnings are errors)
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py docs/draw_architecture.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py docs/draw_architecture.py examples/fleet.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@sed -n '/^```python/,/^```/{/^```/d;p;}' README.md >build/readme_example.py
 	@cd build && $(CURDIR)/$(VENV)/bin/mypy --strict readme_example.py ../tests/typing_example.py
@@ -72,7 +76,7 @@ $(PY):
 	@echo "Setting up $(VENV) (once)."
 	@python=$$(tools/find-python) && "$$python" -m venv $(VENV)
 
-$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship $(VENV)/.agents: $(VENV)/.%: requirements/%.txt $(PY)
+$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship $(VENV)/.agents $(VENV)/.fleet: $(VENV)/.%: requirements/%.txt $(PY)
 	@echo "Installing what is locked in $<."
 	@$(PIP) --require-hashes -r $<
 	@touch $@

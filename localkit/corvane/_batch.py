@@ -97,14 +97,14 @@ def evaluate_expression(
     Raises:
         ValueError: The expression is malformed; the message says in which column.
     """
-    return memoryview(backtester.evaluate(str(expression), inputs))
+    return memoryview(backtester.evaluate(str(expression), dict(inputs)))
 
 
 class BatchOrchestrator:
     """Evaluates expressions on several threads; what comes out is in the order of what went in.
 
     Args:
-        n_jobs: Threads. The backtester lets the others run while it computes.
+        n_jobs: Threads. The backtester computes in one of them at a time.
     """
 
     evaluate: ClassVar[Callable[[Expression], memoryview]]

@@ -22,23 +22,17 @@ class Vault(Mapping[str, memoryview]):
 
     def __init__(self, module: ModuleType) -> None:
         self.module = module
-        self._names: tuple[str, ...] = module.names()
+        self._series: dict[str, memoryview] = module.SERIES
+        self.dates: memoryview = module.DATES  # the trading days, as numbers of the form YYYYMMDD
 
     def __getitem__(self, name: str) -> memoryview:
-        series: memoryview = self.module.series(name)
-        return series
+        return self._series[name]
 
     def __iter__(self) -> Iterator[str]:
-        return iter(self._names)
+        return iter(self._series)
 
     def __len__(self) -> int:
-        return len(self._names)
-
-    @property
-    def dates(self) -> memoryview:
-        """The trading days, as numbers of the form YYYYMMDD."""
-        days: memoryview = self.module.dates()
-        return days
+        return len(self._series)
 
 
 def daily_profit(signal: memoryview, prices: memoryview, direction: float, cost: float) -> Series:

@@ -11,53 +11,24 @@ import time
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from email.utils import parsedate_to_datetime
-from hashlib import file_digest
 from importlib.machinery import EXTENSION_SUFFIXES
-from importlib.util import find_spec
 from pathlib import Path
-from typing import Any
 
 import httpx
 from pydantic import ValidationError
 
-from corvane.sync import _checked_manifest
+import corvane
+from corvane.sync import _checked_manifest, _digest
 from corvane_cli.identity import KEY_VARIABLE, Agent, KeyFile
 
 ERROR, WARNING = "error", "warning"
+SIGN_UP = "`corvane register --invite-code CODE` makes a wallet, `corvane login < FILE` takes one over."
+SIGN_IN = "`corvane register` signs the stored wallet in."
 
 _COPY = re.compile(r"\.corvane-runtime-.+-([0-9a-f]{16})\.so")
 _NO_HEARTBEAT = (2026, 8, 1)  # the first version of the agent host that does not read HEARTBEAT.md
 _CLOCK_WARNING, _CLOCK_ERROR = 30.0, 1800.0  # seconds
 _TIMEOUT = 10.0  # seconds
-
-
-_KEY_STATES = {
-    "absent": (
-        WARNING,
-        "There is no wallet key at {path}.",
-        "nobody can sign in without one",
-        "`corvane register --invite-code CODE` makes one, `corvane login < FILE` takes one over.",
-    ),
-    "empty": (
-        ERROR,
-        "{path} is empty.",
-        "a save was interrupted. A new key that was being saved has never been used, so nothing is lost; one that a "
-        "login was replacing is beside it, in the newest wallet.key.backup-*",
-        "`corvane login < BACKUP`; if there never was a key before: rm {path}, then `corvane register`.",
-    ),
-    "malformed": (
-        ERROR,
-        "{path} holds no key.",
-        "a key is 64 hexadecimal digits, with or without 0x in front",
-        "`corvane login --replace < FILE` with a copy of the key; the file is kept as a backup, too.",
-    ),
-    "unsafe": (
-        ERROR,
-        "{path} is not used: {problem}.",
-        "somebody else may have put it there",
-        "Move it away, and find out who did it.",
-    ),
-}
 
 
 @dataclass(frozen=True)
@@ -79,13 +50,9 @@ def check_directory(agent: Agent) -> Iterator[Finding]:
     """Whether somebody else can put other files in the place of ours."""
     reason = "whoever can rename a directory on the way to wallet.key can put another key in its place"
     for path in (agent.data_dir, *agent.data_dir.parents):
-        try:
-            status = path.stat()
-        except FileNotFoundError:
+        if not path.exists():
             continue
-        except OSError as exc:
-            yield Finding("directory", ERROR, f"{path}: {exc.strerror}", reason, "Choose another --data-dir.")
-            return
+        status = path.stat()
         if status.st_uid not in (0, os.getuid()):
             problem = f"{path} belongs to user {status.st_uid}."
             yield Finding("directory", ERROR, problem, reason, "Choose a --data-dir below directories of your own.")
@@ -105,17 +72,31 @@ def check_key_file(agent: Agent) -> Iterator[Finding]:
 
 def key_findings(key: KeyFile) -> Iterator[Finding]:
     """What is wrong with a key file."""
-    if key.state in _KEY_STATES:
-        severity, *texts = _KEY_STATES[key.state]
-        yield Finding("key", severity, *(text.format(path=key.path, problem=key.problem) for text in texts))
+    path = key.path
+    if key.state == "absent":
+        yield Finding("key", WARNING, f"There is no wallet key at {path}.", "nobody can sign in without one", SIGN_UP)
+    elif key.state == "empty":
+        reason = (
+            "a save was interrupted. A new key that was being saved has never been used, so nothing is lost; one that "
+            "a login was replacing is beside it, in the newest wallet.key.backup-*"
+        )
+        next_step = f"`corvane login < BACKUP`; if there never was a key before: rm {path}, then `corvane register`."
+        yield Finding("key", ERROR, f"{path} is empty.", reason, next_step)
+    elif key.state == "malformed":
+        reason = "a key is 64 hexadecimal digits, with or without 0x in front"
+        next_step = "`corvane login --replace < FILE` with a copy of the key; the file is kept as a backup, too."
+        yield Finding("key", ERROR, f"{path} holds no key.", reason, next_step)
+    elif key.state == "unsafe":
+        problem, reason = f"{path} is not used: {key.problem}.", "somebody else may have put it there"
+        yield Finding("key", ERROR, problem, reason, "Move it away, and find out who did it.")
     if key.status and key.status.st_nlink > 1:
-        problem, reason = f"{key.path} has {key.status.st_nlink} names.", "a login rewrites it under all of them"
-        next_step = f"Make it a file of its own: cp -p {key.path} {key.path}.new && mv {key.path}.new {key.path}"
+        problem, reason = f"{path} has {key.status.st_nlink} names.", "a login rewrites it under all of them"
+        next_step = f"Make it a file of its own: cp -p {path} {path}.new && mv {path}.new {path}"
         yield Finding("key", ERROR, problem, reason, next_step)
     if key.status and key.status.st_mode & 0o077:
-        problem = f"{key.path} is open to other users (mode {stat.S_IMODE(key.status.st_mode):o})."
+        problem = f"{path} is open to other users (mode {stat.S_IMODE(key.status.st_mode):o})."
         reason = "who has read the key can sign in with it for ever"
-        yield Finding("key", ERROR, problem, reason, f"chmod 600 {key.path}; if others were here, use a new wallet.")
+        yield Finding("key", ERROR, problem, reason, f"chmod 600 {path}; if others were here, use a new wallet.")
 
 
 def check_session(agent: Agent) -> Iterator[Finding]:
@@ -124,7 +105,8 @@ def check_session(agent: Agent) -> Iterator[Finding]:
     if session and key.address and session.address != key.address and not agent.env_key:
         problem = f"The session is of {session.address}, {key.path} of {key.address}."
         reason = "the key was replaced without `corvane login`; it is not used until it has signed in"
-        yield Finding("session", WARNING, problem, reason, "`corvane register` signs the stored wallet in.")
+        next_step = f"{SIGN_IN} If it is the wrong one: `corvane login --replace < FILE` with a copy of the right key."
+        yield Finding("session", WARNING, problem, reason, next_step)
 
 
 def check_files(agent: Agent) -> Iterator[Finding]:
@@ -135,40 +117,32 @@ def check_files(agent: Agent) -> Iterator[Finding]:
     except FileNotFoundError:
         return
     except ValidationError as exc:
+        reasons = {
+            "sha256": "a native module without a digest is loaded unverified",
+            "[key]": "a file of the service belongs below the data directory, in the places meant for it",
+        }
         for error in exc.errors(include_url=False, include_input=False):
-            yield _manifest_finding(path, error["loc"], error["msg"])
-        return
-    except OSError as exc:
-        yield Finding("manifest", ERROR, f"{path}: {exc.strerror}", "nothing can be verified without it", again)
+            place = [str(part) for part in error["loc"]]
+            problem = f"{path} is malformed: {' '.join([*place, error['msg']])}."
+            reason = reasons.get("".join(place[-1:]), "nothing can be verified with it")
+            yield Finding("manifest", ERROR, problem, reason, f"rm {path}; `corvane sync` writes it anew.")
         return
     for name, entry in sorted(manifest["files"].items()):
         file = agent.data_dir / name
         if not Path(os.path.realpath(file)).is_relative_to(agent.data_dir):
             problem, reason = f"{file} leads out of the directory.", "what lies elsewhere is not ours to keep true"
             yield Finding("manifest", ERROR, problem, reason, f"rm {file}; {again}")
-        elif (actual := _digest(file)) != entry["sha256"]:
+        elif (actual := _digest(file) if file.is_file() else None) != entry["sha256"]:
             problem = f"{file} is {'spoilt' if actual else 'missing'}."
             reason = f"the manifest promises SHA-256 {entry['sha256']}, there is {actual or 'no file'}"
             yield Finding("files", ERROR, problem, reason, again)
-
-
-def _manifest_finding(path: Path, place: tuple[Any, ...], message: str) -> Finding:
-    again = f"rm {path}; `corvane sync` writes it anew."
-    if place[-1:] == ("[key]",):
-        reason = "a file of the service belongs below the data directory, in the places meant for it"
-        return Finding("manifest", ERROR, f"{path} names a file outside: {message}.", reason, again)
-    if place[-1:] == ("sha256",):
-        reason = "a native module without one is loaded unverified"
-        return Finding("manifest", ERROR, f"{path} has no digest for {place[1]}: {message}.", reason, again)
-    where = " at " + ".".join(map(str, place)) if place else ""
-    return Finding("manifest", ERROR, f"{path} is malformed{where}: {message}.", "nothing can be verified", again)
 
 
 def check_copies(agent: Agent) -> Iterator[Finding]:
     """Whether the copies of native modules hold the bytes that their names promise."""
     for path in sorted(agent.data_dir.rglob(".corvane-runtime-*")):
         named = _COPY.fullmatch(path.name)
-        actual = None if path.is_symlink() else _digest(path)
+        actual = _digest(path) if path.is_file() and not path.is_symlink() else None
         if named is None or actual is None or not actual.startswith(named[1]):
             reason = "a copy is trusted by its name and imported without being read again"
             next_step = f"rm {path}; the next start makes a new one from the verified file."
@@ -188,17 +162,13 @@ def check_service(agent: Agent) -> Iterator[Finding]:
         yield Finding("service", ERROR, f"{url} cannot be reached: {exc}", "nobody can sign in meanwhile", next_step)
         return
     if response.is_redirect:
-        target, reason = (
-            response.headers.get("Location", "nowhere"),
-            "the kit takes its tokens nowhere else",
-        )
-        next_step = f"If you trust it: CORVANE_SERVER_URL={target.removesuffix('/health')}"
-        yield Finding("service", ERROR, f"{url} redirects to {target}.", reason, next_step)
+        target = response.headers.get("Location", "nowhere")
+        next_step = f"If you trust it: --server-url {target.removesuffix('/health')}"
+        problem, reason = f"{url} redirects to {target}.", "the kit takes its tokens nowhere else"
+        yield Finding("service", ERROR, problem, reason, next_step)
     elif response.status_code != 200:
-        problem = f"{url}/health answers HTTP {response.status_code}."
-        yield Finding(
-            "service", WARNING, problem, "it is busy, or no Corvane service", "Try again, or check the address."
-        )
+        problem, next_step = f"{url}/health answers HTTP {response.status_code}.", "Try again, or check the address."
+        yield Finding("service", WARNING, problem, "it is busy, or no Corvane service", next_step)
     try:
         theirs = parsedate_to_datetime(response.headers.get("Date", "")).timestamp()
     except ValueError:
@@ -215,13 +185,12 @@ def check_agent_host(agent: Agent) -> Iterator[Finding]:
     """Whether the agent host still reads HEARTBEAT.md."""
     if (command := shutil.which("openclaw")) is None:
         return
-    environment = {name: value for name, value in os.environ.items() if name != KEY_VARIABLE}
+    env = {name: value for name, value in os.environ.items() if name != KEY_VARIABLE}
     try:
-        options: dict[str, Any] = {"capture_output": True, "text": True, "errors": "replace", "timeout": _TIMEOUT}
-        output = subprocess.run([command, "--version"], stdin=subprocess.DEVNULL, env=environment, **options).stdout
-    except (OSError, subprocess.TimeoutExpired) as exc:
-        output = str(exc)
-    version = re.search(r"\b(20\d\d)\.(\d{1,2})\.(\d{1,3})\b", output)
+        said = subprocess.run([command, "--version"], input=b"", capture_output=True, env=env, timeout=_TIMEOUT).stdout
+    except (OSError, subprocess.TimeoutExpired):
+        said = b""
+    version = re.search(rb"\b(20\d\d)\.(\d{1,2})\.(\d{1,3})\b", said)
     if version is None:
         problem, reason = f"{command} does not tell its version.", "versions from 2026.8.1 on do not read HEARTBEAT.md"
         yield Finding("host", WARNING, problem, reason, "Run `openclaw --version` yourself.")
@@ -231,7 +200,7 @@ def check_agent_host(agent: Agent) -> Iterator[Finding]:
             "`corvane heartbeat --print > FILE`, find the job with `openclaw cron list --all --json`, add what its "
             "scratch holds to FILE, then `openclaw cron scratch <jobId> --file FILE --expected-revision N`."
         )
-        yield Finding("host", WARNING, f"openclaw {version[0]} does not read HEARTBEAT.md.", reason, next_step)
+        yield Finding("host", WARNING, f"openclaw {version[0].decode()} does not read HEARTBEAT.md.", reason, next_step)
 
 
 def check_extension(agent: Agent) -> Iterator[Finding]:
@@ -239,33 +208,23 @@ def check_extension(agent: Agent) -> Iterator[Finding]:
     try:
         importlib.import_module("corvane.agent_onboarding")
     except ImportError as exc:
-        package = find_spec("corvane")
-        places = package.submodule_search_locations if package else None
-        files = [file.name for place in places or [] for file in sorted(Path(place).glob("agent_onboarding*.so"))]
+        files = [file.name for place in corvane.__path__ for file in sorted(Path(place).glob("agent_onboarding*.so"))]
         reason = f"this interpreter loads {EXTENSION_SUFFIXES[0]}; there is {', '.join(files) or 'no such file'}"
         next_step = "Install the kit with the interpreter that runs it: CPython 3.12, `python3.12 -m pip install`."
         yield Finding("extension", ERROR, f"corvane.agent_onboarding cannot be loaded: {exc}.", reason, next_step)
 
 
-LOCAL_CHECKS: list[Callable[[Agent], Iterator[Finding]]] = [
-    check_extension,
-    check_directory,
-    check_key_file,
-    check_session,
-    check_files,
-    check_copies,
-    check_agent_host,
-]
+Check = Callable[[Agent], Iterator[Finding]]
+CHECKS = (check_extension, check_directory, check_key_file, check_session, check_files, check_copies, check_agent_host)
 
 
-def examine(agent: Agent, checks: list[Callable[[Agent], Iterator[Finding]]]) -> list[Finding]:
-    """What the checks find."""
-    return [finding for check in checks for finding in check(agent)]
-
-
-def _digest(path: Path) -> str | None:
-    try:
-        with open(path, "rb", opener=lambda name, flags: os.open(name, flags | os.O_NONBLOCK)) as file:
-            return file_digest(file, "sha256").hexdigest()
-    except OSError:
-        return None
+def examine(agent: Agent, *checks: Check) -> list[Finding]:
+    """What the checks find; what one cannot read is a finding, too."""
+    findings: list[Finding] = []
+    for check in checks:
+        try:
+            findings.extend(check(agent))
+        except OSError as exc:
+            reason, next_step = "what cannot be read cannot be examined", "Put the permissions right, or remove it."
+            findings.append(Finding("files", ERROR, f"{exc.filename}: {exc.strerror}.", reason, next_step))
+    return findings

@@ -21,7 +21,7 @@ from pydantic import BaseModel
 from corvane.auth import AuthManager, InvalidKeyError, _set_active_auth_manager
 
 KEY_VARIABLE = "CORVANE_PRIVATE_KEY"
-_LONGEST_KEY_FILE = 4096  # bytes
+LONGEST_KEY = 4096  # bytes, of a file or of what arrives
 
 
 @dataclass(frozen=True)
@@ -58,19 +58,22 @@ class Agent:
     def __init__(self, data_dir: str, server_url: str | None) -> None:
         self.data_dir = Path(os.path.realpath(os.path.expanduser(data_dir or "~/.corvane")))
         self.env_key = os.environ.get(KEY_VARIABLE, "").strip()
+        self.key_source = KEY_VARIABLE if self.env_key else str(self.data_dir / "wallet.key")
         self._session_path = self.data_dir / "session.json"
         self._asked_url = server_url.rstrip("/") if server_url else None
 
     @property
-    def key_source(self) -> str:
-        """Where the key is."""
-        return KEY_VARIABLE if self.env_key else str(self.data_dir / "wallet.key")
-
-    @property
     def server_url(self) -> str:
-        """The address of the service."""
-        session = self.session()
-        return self._asked_url or (session.server_url if session else _kit_server_url())
+        """The address of the service; empty if only the kit could tell, and it cannot be loaded."""
+        if self._asked_url:
+            return self._asked_url
+        if session := self.session():
+            return session.server_url
+        try:
+            from corvane import agent_onboarding
+        except ImportError:
+            return ""
+        return str(vars(agent_onboarding)["_config"]["server_url"])
 
     def key_file(self) -> KeyFile:
         """What lies at the path of wallet.key now. Changes nothing, not even permissions."""
@@ -88,7 +91,7 @@ class Agent:
                 return KeyFile(path, "unsafe", problem="it is no regular file")
             if status.st_uid != os.getuid():
                 return KeyFile(path, "unsafe", problem=f"it belongs to user {status.st_uid}")
-            if status.st_size > _LONGEST_KEY_FILE:
+            if status.st_size > LONGEST_KEY:
                 return KeyFile(path, "unsafe", problem="it is too large for a key")
             content = file.read()
         if not content.strip():
@@ -122,10 +125,9 @@ class Agent:
         key = self.env_key or self.key_file().content.decode("ascii", "replace")
         return AuthManager(prefixed(key), self.server_url, invite_code)
 
-    def sign_in(self, manager: AuthManager | None = None) -> AuthManager:
+    def sign_in(self, manager: AuthManager) -> AuthManager:
         """Signs in for the whole kit, and stores nothing. Raises what `corvane.auth.AuthManager` raises."""
         onboarding = self.onboarding()  # which refuses a bad address
-        manager = manager or self.manager()
         manager.authenticate()
         # As login() does it, which would store the key as well.
         vars(onboarding)["_auth_manager"] = manager
@@ -145,8 +147,7 @@ class Agent:
     def begin_session(self, address: str) -> None:
         """Notes that the service has accepted the stored key."""
         session = Session(address=address, server_url=self.server_url, signed_in_at=time.time())
-        write_new(self._session_path.with_suffix(".json.new"), session.model_dump_json().encode(), replace=True)
-        os.replace(self._session_path.with_suffix(".json.new"), self._session_path)
+        _write(self._session_path, session.model_dump_json().encode())
 
     def end_session(self) -> bool:
         """Forgets the session; whether there was one."""
@@ -158,17 +159,20 @@ class Agent:
         """A copy of the key file beside it, on disk before this returns."""
         # A copy, not a link: the file is rewritten in place.
         backup = key.path.with_name(f"wallet.key.backup-{datetime.now(UTC):%Y%m%dT%H%M%S.%fZ}")
-        write_new(backup, key.content)
+        _write(backup, key.content)
         return backup
 
     @contextmanager
-    def changing_the_wallet(self) -> Iterator[None]:
-        """Makes the directory, and keeps other commands from changing the wallet meanwhile.
+    def changing_the_wallet(self, dry_run: bool) -> Iterator[None]:
+        """Makes the directory, and keeps other commands from changing the wallet meanwhile; a dry run does neither.
 
         Raises:
             BlockingIOError: Another command does so now.
             PermissionError: Other users could replace the files of the directory.
         """
+        if dry_run:
+            yield
+            return
         self.data_dir.mkdir(mode=0o700, parents=True, exist_ok=True)
         if self.data_dir.stat().st_mode & 0o022:  # not changed here: others may need it
             raise PermissionError(f"{self.data_dir} can be written by other users; chmod 700 it or choose another.")
@@ -186,33 +190,17 @@ def prefixed(key: str) -> str:
     return key if key[:2].lower() == "0x" else "0x" + key
 
 
-def write_new(path: Path, content: bytes, replace: bool = False) -> None:
-    """Writes a file for its owner alone, and sees to it that it is on disk.
-
-    Raises:
-        FileExistsError: It exists and is not to be replaced.
-    """
-    if replace:
-        path.unlink(missing_ok=True)
-    with open(path, "xb", opener=_private) as file:
+def _write(path: Path, content: bytes) -> None:
+    new = path.with_name(path.name + ".new")
+    with open(new, "wb", opener=_private) as file:
         file.write(content)
         file.flush()
         os.fsync(file.fileno())
+    os.replace(new, path)
     directory = os.open(path.parent, os.O_RDONLY)
-    try:
-        os.fsync(directory)
-    finally:
-        os.close(directory)
+    os.fsync(directory)
+    os.close(directory)
 
 
 def _private(path: str, flags: int) -> int:
     return os.open(path, flags | os.O_NOFOLLOW, 0o600)
-
-
-def _kit_server_url() -> str:
-    """The address that the kit has by default; empty if it cannot be loaded."""
-    try:
-        from corvane import agent_onboarding
-    except ImportError:
-        return ""
-    return str(vars(agent_onboarding)["_config"]["server_url"])

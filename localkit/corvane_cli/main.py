@@ -4,10 +4,8 @@ import os
 import select
 import subprocess
 import sys
-import tempfile
 import time
 from collections.abc import Callable
-from contextlib import nullcontext
 from dataclasses import asdict
 from datetime import UTC, datetime
 from pathlib import Path
@@ -18,12 +16,12 @@ import click
 
 from corvane import __version__, auth
 from corvane_cli import doctor as examination
-from corvane_cli.command import MEANINGS, Command, Exit, Failure, Group, Result
-from corvane_cli.identity import KEY_VARIABLE, Agent, KeyFile, prefixed
+from corvane_cli.command import Command, Exit, Failure, Group, Result
+from corvane_cli.identity import KEY_VARIABLE, LONGEST_KEY, Agent, KeyFile, prefixed
 
 _KEY_SECONDS = 10.0  # how long a key may take to arrive; a pipe that nobody writes to must not hold an agent up
-_LONGEST_KEY = 4096  # bytes
-_STATUSES = "\n".join(f"  {status.value:>3}  {meaning}" for status, meaning in MEANINGS.items())
+_CHECKLIST_TITLE = "## [Corvane]"  # by it the onboarding module tells whether a file has the checklist
+_STATUSES = "\n".join(f"  {status:>3}  {status.meaning}" for status in Exit)
 
 _progress = click.option("--progress/--no-progress", default=None, help="Progress bars; by default on a terminal only.")
 _dry_run = click.option("--dry-run", is_flag=True, help="Say what would be done, and do nothing.")
@@ -32,7 +30,7 @@ _heartbeat = click.option("--heartbeat/--no-heartbeat", default=True, help="Whet
 
 @click.group(
     cls=Group,
-    context_settings={"help_option_names": ["-h", "--help"], "max_content_width": 110},
+    context_settings={"help_option_names": ["-h", "--help"], "max_content_width": 110, "show_default": True},
     epilog=f"""\b
 Examples:
   corvane register --invite-code CORV-2222-3333-4444
@@ -74,33 +72,29 @@ def register(
 
     The checklist is added to HEARTBEAT.md of the working directory or one of its three parents, if there is one.
     """
-    if invite_code is not None and auth._normalize_invite_code(invite_code) is None:
-        raise Failure("This is no invite code.", Exit.USAGE, "Pass it as it was given: CORV-XXXX-XXXX-XXXX.")
     onboarding = agent.onboarding(heartbeat)
-    with nullcontext() if dry_run else agent.changing_the_wallet():
+    with agent.changing_the_wallet(dry_run):
         key = _usable_key_file(agent)
         reused = bool(agent.env_key) or key.state == "good"
-        if not reused and invite_code is None:
+        if not reused and auth._normalize_invite_code(invite_code) is None:
+            problem = f"There is no wallet at {key.path}, and a new one needs an invite code: CORV-XXXX-XXXX-XXXX."
             next_step = "Ask the operator for an invite code, then `corvane register --invite-code CODE`."
-            raise Failure(f"A new wallet needs an invite code; there is none at {key.path}.", Exit.USAGE, next_step)
+            raise Failure(problem, Exit.USAGE, next_step)
         if dry_run:
             steps = [f"make a new key in {key.path}"] * (not reused)
             steps.append(f"sign {agent.key_source} {'in' if reused else 'up'} at {agent.server_url}")
-            steps += _heartbeat_steps(onboarding, heartbeat) + [f"download the era to {agent.data_dir}"] * bootstrap
-            return _plan(steps)
+            return _plan(steps + _heartbeat_steps(onboarding, heartbeat) + [_download(agent)] * bootstrap)
         if agent.env_key:
             address = agent.sign_in(agent.manager(invite_code)).get_wallet_address()
-            onboarding.configure(auto_heartbeat=heartbeat)
-            onboarding.inject_heartbeat()
+            agent.onboarding(heartbeat).inject_heartbeat()
         else:
             address = onboarding.register(invite_code).address
             agent.begin_session(address)
     changed = _bootstrap(agent, progress) if bootstrap else None
-    data = {"address": address, "server_url": agent.server_url, "reused": reused, "key": agent.key_source}
-    note = f"The wallet of {agent.key_source} was there already and was used."
-    if not reused:
-        note = f"A new wallet was made. Keep a copy of {key.path}: nothing else can restore it."
-    return Result({**data, "changed_files": changed}, f"{address}\n{note}")
+    note = f"The wallet of {agent.key_source} was there already and was used." if reused else "A new wallet was made."
+    if not agent.env_key:  # also of a wallet that an earlier attempt has made
+        note += f" Keep a copy of {key.path}: nothing else can restore it."
+    return _who(agent, address, note, reused=reused, changed_files=changed)
 
 
 @_command(
@@ -110,48 +104,43 @@ def register(
     "login --prompt                  # on a terminal",
     "login --replace < OTHER_KEY     # keeps the old key as wallet.key.backup-TIME",
 )
-@click.option("--key-fd", type=click.IntRange(0), help="Read the key from this file descriptor.  [default: 0]")
+@click.option("--key-fd", default=0, type=click.IntRange(0), help="Read the key from this file descriptor.")
 @click.option("--prompt", is_flag=True, help="Ask for the key on the terminal.")
 @click.option("--replace", is_flag=True, help="Replace the key of another wallet; it is kept as a backup.")
 @_dry_run
-def login(agent: Agent, key_fd: int | None, prompt: bool, replace: bool, dry_run: bool) -> Result:
+def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool) -> Result:
     """Sign in with a key, and store it once the service has accepted it.
 
-    The key comes on standard input, never as an argument, where others could see it. The one in CORVANE_PRIVATE_KEY
-    comes first; it is verified and not stored.
+    The key comes on standard input, never as an argument, where others could see it.
     """
-    if agent.env_key and (key_fd is not None or prompt):
-        raise Failure(f"{KEY_VARIABLE} is set, and comes first.", Exit.USAGE, f"Unset {KEY_VARIABLE} to store a key.")
-    secret = agent.env_key or _read_key(key_fd, prompt)
-    manager = agent.sign_in(auth.AuthManager(prefixed(secret), agent.server_url))
-    address, stored, backup = manager.get_wallet_address(), False, None
-    data = {"address": address, "server_url": agent.server_url, "expires_at": manager.get_token_expiry()}
     if agent.env_key:
-        note = f"The service accepts the key in {KEY_VARIABLE}. It is not stored."
-        return Result({**data, "key": agent.key_source, "stored": False, "backup": None}, f"{address}\n{note}")
-    with nullcontext() if dry_run else agent.changing_the_wallet():
+        next_step = f"`corvane status --online` verifies it. Unset {KEY_VARIABLE} to store a key."
+        raise Failure(f"The key in {KEY_VARIABLE} comes first, and is never stored.", Exit.USAGE, next_step)
+    secret = _read_key(key_fd, prompt)
+    manager = agent.sign_in(auth.AuthManager(prefixed(secret), agent.server_url))
+    address, backup = manager.get_wallet_address(), None
+    with agent.changing_the_wallet(dry_run):
         key = _usable_key_file(agent, "unsafe")
-        is_same = key.address == address
-        is_lost = not is_same and key.state in ("good", "malformed")
-        if is_lost and not replace:
+        stores = key.address != address
+        replaces = stores and key.state in ("good", "malformed")
+        if replaces and not replace:
             next_step = "`corvane login --replace` keeps it as a backup; --data-dir keeps another identity elsewhere."
             holds = f"the wallet {key.address}" if key.address else "something that is no key"
             raise Failure(f"{key.path} holds {holds}, and was not replaced.", Exit.MACHINE, next_step)
         if dry_run:
-            steps = [f"keep {key.path} as a backup"] * is_lost + [f"store the key in {key.path}"] * (not is_same)
+            steps = [f"keep {key.path} as a backup"] * replaces + [f"store the key in {key.path}"] * stores
             return _plan([*steps, "begin a session"])
-        if is_lost:
+        if replaces:
             backup = agent.back_up_key(key)
             click.echo(f"The key that was there is kept in {backup}.", err=True)
-        if not is_same:
+        if stores:
             agent.onboarding().login(secret)
-            stored = agent.key_file().address == address
-            if not stored:
+            if agent.key_file().address != address:
                 next_step = "Free some space, then log in again; a key that was there is in the backup."
                 raise Failure(f"The key was not stored completely in {key.path}.", Exit.MACHINE, next_step)
         agent.begin_session(address)
-    note = f"The key is in {key.path}." if stored else f"The key was in {key.path} already; the file was not touched."
-    return Result({**data, "key": agent.key_source, "stored": stored, "backup": backup}, f"{address}\n{note}")
+    note = f"The key is in {key.path}." if stores else f"The key was in {key.path} already; the file was not touched."
+    return _who(agent, address, note, stored=stores, backup=backup, expires_at=_time(manager.get_token_expiry()))
 
 
 @_command("logout", "logout", "logout --delete-key 0x257014b0a5208b30b7d654c2a0d02e7a58279df8")
@@ -161,25 +150,23 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     """Forget the session. The key stays, unless its deletion is asked for by its address.
 
     Nothing is revoked: the service still knows the wallet, tokens that it gave out are good until they expire (an hour
-    with the local one), and every copy of the key still signs in. `corvane register` signs the stored wallet in again.
+    with the local one), and every copy of the key still signs in.
     """
-    key = agent.key_file()
-    if delete_key is not None and delete_key.lower() != key.address:
-        next_step = "`corvane status` tells the address; a file that holds no key is deleted with rm."
-        raise Failure(f"{key.path} is not the key of {delete_key}; it was not deleted.", Exit.USAGE, next_step)
-    if dry_run:
-        return _plan(["forget the session"] + [f"delete {key.path} for good"] * bool(delete_key))
-    existed = False
-    if agent.data_dir.is_dir():
-        with agent.changing_the_wallet():
-            existed = agent.end_session()
-            if delete_key is not None and agent.key_file().address == key.address:
-                key.path.unlink()
-    kept = key.path.exists()
+    with agent.changing_the_wallet(dry_run):
+        key, url = agent.key_file(), agent.server_url
+        if delete_key is not None and delete_key.lower() != key.address:
+            next_step = "`corvane status` tells the address; a file that holds no key is deleted with rm."
+            raise Failure(f"{key.path} is not the key of {delete_key}; it was not deleted.", Exit.USAGE, next_step)
+        if dry_run:
+            return _plan(["forget the session"] + [f"delete {key.path} for good"] * bool(delete_key))
+        existed = agent.end_session()
+        if delete_key:
+            key.path.unlink()
+    kept, again = key.path.exists(), f"`corvane register --server-url {url}` signs in with it again."
     lines = [
         "The session is forgotten." if existed else "There was no session.",
         "Nothing is revoked: tokens given out are good until they expire, and every copy of the key signs in.",
-        f"The key is still in {key.path}." if kept else f"There is no key at {key.path}.",
+        f"The key is still in {key.path}; {again}" if kept else f"There is no key at {key.path}.",
     ]
     if agent.env_key:
         lines.append(f"{KEY_VARIABLE} is set: commands sign in with it until it is unset.")
@@ -193,27 +180,19 @@ def status(agent: Agent, online: bool) -> Result:
     """Say which wallet this is, which service, where the key is, and what is wrong with it. Nothing is sent."""
     key, session, logged_in = agent.key_file(), agent.session(), agent.is_logged_in()
     address = agent.manager().get_wallet_address() if agent.env_key else key.address
-    findings = examination.examine(agent, [examination.check_key_file, examination.check_session])
-    since = session.signed_in_at if session and logged_in and not agent.env_key else None
-    data: dict[str, Any] = {"address": address, "server_url": agent.server_url, "data_dir": agent.data_dir}
-    data |= {"key": agent.key_source, "logged_in": logged_in, "signed_in_at": since}
-    data["problems"] = [asdict(finding) for finding in findings]
-    lines = [
-        f"wallet     {address or 'none'}",
-        f"service    {agent.server_url}",
-        f"directory  {agent.data_dir}",
-        f"key        {agent.key_source}",
-        f"signed in  {('since ' + _time(since) if since else 'with each command') if logged_in else 'no'}",
-    ]
+    findings = examination.examine(agent, examination.check_key_file, examination.check_session)
+    since = _time(session.signed_in_at) if session and logged_in and not agent.env_key else None
+    more: dict[str, Any] = {"data_dir": agent.data_dir, "logged_in": logged_in, "signed_in_at": since}
     if online:
-        expires_at = _sign_in(agent).get_token_expiry()
-        data |= {"accepted": True, "expires_at": expires_at}
-        lines.append(f"token      accepted; good until {_time(expires_at)}")
+        more |= {"accepted": True, "expires_at": _time(_sign_in(agent).get_token_expiry())}
+    notes = [finding.text() for finding in findings]
     if not logged_in and not findings:
-        lines.append("Next: `corvane register` signs the stored wallet in.")
-    unusable = not agent.env_key and key.state in ("empty", "malformed", "unsafe")
-    code = Exit.OK if logged_in else Exit.MACHINE if unusable else Exit.NOT_LOGGED_IN
-    return Result(data, "\n".join(lines + [finding.text() for finding in findings]), code)
+        notes = [f"Next: {examination.SIGN_IN}"]
+    result = _who(agent, address, "\n".join(notes), **more)
+    result.data["problems"] = [asdict(finding) for finding in findings]
+    if not logged_in:
+        result.status = Exit.NOT_LOGGED_IN if key.state in ("good", "absent") else Exit.MACHINE
+    return result
 
 
 # -- Searching --------------------------------------------------------------------------------------------------------
@@ -225,26 +204,25 @@ def status(agent: Agent, online: bool) -> Result:
 @_dry_run
 def sync(agent: Agent, check: bool, progress: bool | None, dry_run: bool) -> Result:
     """Download what has changed of the active era, and mend what is spoilt."""
-    if check or dry_run:
-        findings = examination.examine(agent, [examination.check_files, examination.check_copies])
-        if dry_run:
-            mended = [f"mend: {finding.problem}" for finding in findings]
-            return _plan([*mended, f"download what has changed at {agent.server_url} to {agent.data_dir}"])
-        if not (agent.data_dir / "manifest.json").exists():
-            raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "corvane sync")
-        data = {"intact": not findings, "findings": [asdict(finding) for finding in findings]}
-        text = "\n".join(finding.text() for finding in findings) or "All files are what the manifest says."
-        return Result(data, text, Exit.SPOILT if findings else Exit.OK)
-    _sign_in(agent)
-    changed = _sync(agent, progress)
-    return Result({"changed_files": changed}, "\n".join(changed) or "Nothing has changed.")
+    if not check and not dry_run:
+        _sign_in(agent)
+        changed = _sync(agent, progress)
+        return Result({"changed_files": changed}, "\n".join(changed) or "Nothing has changed.")
+    findings = examination.examine(agent, examination.check_files, examination.check_copies)
+    if dry_run:
+        return _plan([*(f"mend: {finding.problem}" for finding in findings), _download(agent)])
+    if not (agent.data_dir / "manifest.json").exists():
+        raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "`corvane sync` downloads the era.")
+    text = "\n".join(finding.text() for finding in findings) or "All files are what the manifest says."
+    data = {"intact": not findings, "findings": [asdict(finding) for finding in findings]}
+    return Result(data, text, Exit.SPOILT if findings else Exit.OK)
 
 
 @_command("search", "search --max-evaluations 5000", "search --seconds 60 --jobs 2 --json")
-@click.option("--seed", type=click.IntRange(0, 2**63 - 1), help="[default: the number of searches so far]")
-@click.option("--max-evaluations", default=2000, show_default=True, type=click.IntRange(1), help="How many to try.")
+@click.option("--seed", type=click.IntRange(0, 2**63 - 1), show_default="the number of searches so far")
+@click.option("--max-evaluations", default=2000, type=click.IntRange(1), help="How many to try.")
 @click.option("--seconds", type=click.FloatRange(0, min_open=True), help="How long at most.")
-@click.option("--jobs", "n_jobs", default=1, show_default=True, type=click.IntRange(1), help="How many threads.")
+@click.option("--jobs", "n_jobs", default=1, type=click.IntRange(1), help="How many threads.")
 @_heartbeat
 @_progress
 @_dry_run
@@ -253,7 +231,7 @@ def search(
 ) -> Result:
     """Search the active era for signals. What was found is kept, also after Ctrl-C."""
     if dry_run:
-        steps = [f"download what has changed to {agent.data_dir}", f"try {limits['max_evaluations']} expressions"]
+        steps = [_download(agent), f"try {limits['max_evaluations']} expressions"]
         return _plan(steps + _heartbeat_steps(agent.onboarding(), heartbeat))
     _sign_in(agent)
     from corvane.search_templates import search_status, start_search
@@ -274,11 +252,16 @@ def search(
 
 @_command("simulate", "simulate 4 --picture signal-4.png", 'simulate "zscore(IBM, 20)" --instrument MSFT')
 @click.argument("signal")
-@click.option("--instrument", help="What is traded.  [default: the one of the signal]")
+@click.option("--instrument", help="What is traded.", show_default="the one of the signal")
 @click.option("--picture", type=click.Path(dir_okay=False), help="Draw the growth of the capital as PNG.")
 @_progress
-def simulate(agent: Agent, signal: str, instrument: str | None, picture: str | None, progress: bool | None) -> Result:
+@_dry_run
+def simulate(
+    agent: Agent, signal: str, instrument: str | None, picture: str | None, progress: bool | None, dry_run: bool
+) -> Result:
     """Say what trading a found signal (its number) or an expression would have earned, after costs."""
+    if dry_run:
+        return _plan([_download(agent), f"simulate {signal}"] + [f"draw {picture}"] * bool(picture))
     _sign_in(agent)
     _bootstrap(agent, progress)
     from corvane.simulate_signal import _simulate_signal_export
@@ -288,8 +271,7 @@ def simulate(agent: Agent, signal: str, instrument: str | None, picture: str | N
     names = ("expression", "instrument", "sharpe", "train_sharpe", "rest_sharpe", "max_drawdown", "total_return")
     values = {name: getattr(simulation, name) for name in names}
     data = {name: None if value != value else value for name, value in values.items()}  # JSON has no NaN
-    text = (f"{name:<13} {round(value, 4) if isinstance(value, float) else value}" for name, value in values.items())
-    return Result({**data, "picture": picture}, "\n".join(text))
+    return Result({**data, "picture": picture}, _table(values))
 
 
 # -- The workspace ----------------------------------------------------------------------------------------------------
@@ -306,22 +288,22 @@ def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> 
     say) does so about 48 times a day.
     """
     onboarding = agent.onboarding(True)
+    checklist = vars(onboarding)["_HEARTBEAT_STATIC_SECTION"].strip()
     if only_print:
-        checklist = _with_checklist(onboarding, "").strip()
         return Result({"checklist": checklist}, checklist)
     found = vars(onboarding)["_find_heartbeat"](workspace)
     if found is None:
         next_step = "Make the file in the root of the workspace: touch HEARTBEAT.md"
         raise Failure("There is no HEARTBEAT.md here or in three parents.", Exit.MACHINE, next_step)
-    before = Path(found).read_text(encoding="utf-8")
-    after = _with_checklist(onboarding, before)
-    if not dry_run:
+    missing = _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8")
+    if missing and not dry_run:
         onboarding.inject_heartbeat(workspace)
-        if Path(found).read_text(encoding="utf-8") != after:
+        if _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8"):
             raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {found}")
-    added = after[len(before) :].strip()
-    text = f"{found}: {'to be added' if dry_run else 'added'}\n{added}" if added else f"{found} has the checklist."
-    return Result({"path": found, "added": added, "dry_run": dry_run}, text)
+    text = (
+        f"{found}: {'to be added' if dry_run else 'added'}\n{checklist}" if missing else f"{found} has the checklist."
+    )
+    return Result({"path": found, "added": checklist if missing else "", "dry_run": dry_run}, text)
 
 
 @_command("agents-md", "agents-md >> AGENTS.md")
@@ -340,11 +322,11 @@ def agents_md() -> Result:
 @click.option("--offline", is_flag=True, help="Do not ask the service.")
 def doctor(agent: Agent, offline: bool) -> Result:
     """Examine the wallet, what was downloaded, the service, the clock and the agent host. Nothing is changed."""
-    checks = examination.LOCAL_CHECKS + ([] if offline else [examination.check_service])
-    findings = examination.examine(agent, checks)
+    online = () if offline else (examination.check_service,)
+    findings = examination.examine(agent, *examination.CHECKS, *online)
     errors = sum(finding.severity == examination.ERROR for finding in findings)
     code = Exit.ERRORS if errors else Exit.WARNINGS if findings else Exit.OK
-    text = "\n".join([*(f.text() for f in findings), f"{errors} errors, {len(findings) - errors} warnings"])
+    text = "\n".join([*(f.text() for f in findings), f"errors: {errors}, warnings: {len(findings) - errors}"])
     return Result({"findings": [asdict(finding) for finding in findings], "errors": errors}, text, code)
 
 
@@ -353,21 +335,44 @@ def demo() -> Result:
     """Show an agent's first day, with a real service on this machine. Your wallet is not touched."""
     environment = {name: value for name, value in os.environ.items() if not name.startswith("CORVANE_")}
     command = [sys.executable, "-P", "-m", "corvane_local.demo"]
-    passed = subprocess.run(command, env=environment, stdout=sys.stderr, check=False).returncode == 0
-    text = "The demo has passed." if passed else "The demo has failed."
-    return Result({"passed": passed}, text, Exit.OK if passed else Exit.FAILED)
+    if subprocess.run(command, env=environment, stdout=sys.stderr, check=False).returncode:
+        raise Failure("The demo has failed.", Exit.FAILED, "The last lines above say at which step, and why.")
+    return Result({"passed": True}, "The demo has passed.")
 
 
 # -- What they share --------------------------------------------------------------------------------------------------
 
 
+def _who(agent: Agent, address: str | None, note: str, **more: Any) -> Result:
+    """Which wallet it is, which service, where the key is, and what else there is to say."""
+    data = {"address": address, "server_url": agent.server_url, "key": agent.key_source, **more}
+    return Result(data, f"{_table(data)}\n{note}".strip())
+
+
+def _table(values: dict[str, Any]) -> str:
+    lines = []
+    for name, value in values.items():
+        text = f"{value:.4f}" if isinstance(value, float) else " ".join(value) if isinstance(value, list) else value
+        lines += [f"{name:<13} {text}"] * (value is not None)
+    return "\n".join(lines)
+
+
 def _time(seconds: float) -> str:
-    return f"{datetime.fromtimestamp(seconds, UTC):%Y-%m-%d %H:%M:%S} UTC"
+    return f"{datetime.fromtimestamp(seconds, UTC):%Y-%m-%dT%H:%M:%SZ}"
 
 
 def _plan(steps: list[str]) -> Result:
     text = "\n".join(["Nothing was done. It would:", *(f"- {step}" for step in steps)])
     return Result({"dry_run": True, "would": steps}, text)
+
+
+def _download(agent: Agent) -> str:
+    return f"download what has changed at {agent.server_url} to {agent.data_dir}"
+
+
+def _heartbeat_steps(onboarding: ModuleType, wanted: bool) -> list[str]:
+    found = vars(onboarding)["_find_heartbeat"]() if wanted else None
+    return [f"see to the checklist in {found}"] if found else []
 
 
 def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:
@@ -382,30 +387,27 @@ def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:
 def _sign_in(agent: Agent) -> auth.AuthManager:
     key = _usable_key_file(agent)
     if not agent.is_logged_in():
-        next_step = "`corvane register` signs the stored wallet in."
-        if key.state == "absent":
-            next_step = "`corvane register --invite-code CODE` makes a wallet, `corvane login < FILE` takes one over."
+        next_step = examination.SIGN_UP if key.state == "absent" else examination.SIGN_IN
         raise Failure(f"Not logged in at {agent.server_url} with {key.path}.", Exit.NOT_LOGGED_IN, next_step)
-    return agent.sign_in()
+    return agent.sign_in(agent.manager())
 
 
-def _read_key(fd: int | None, prompt: bool) -> str:
+def _read_key(source: int, prompt: bool) -> str:
     """One key from a descriptor, or from the person at the terminal. Never waits for long."""
     instead = "`corvane login < FILE`, or --prompt to be asked on a terminal."
     if prompt:
         if not (sys.stdin and sys.stdin.isatty()):
             raise Failure("There is no terminal to ask on.", Exit.USAGE, instead)
         return str(click.prompt("Private key", hide_input=True, err=True)).strip()
-    source, content, deadline = fd or 0, b"", time.monotonic() + _KEY_SECONDS
+    content, deadline = b"", time.monotonic() + _KEY_SECONDS
     try:
         if os.isatty(source):
             raise Failure("A key is read from a terminal only when that is asked for.", Exit.USAGE, instead)
         poll = select.poll()
         poll.register(source, select.POLLIN)
-        while len(content) <= _LONGEST_KEY and b"\n" not in content.lstrip():
-            if not poll.poll(max(0.0, deadline - time.monotonic()) * 1000):
-                break
-            if not (chunk := os.read(source, _LONGEST_KEY)):
+        while len(content) <= LONGEST_KEY and b"\n" not in content.lstrip():
+            arrived = poll.poll(max(0.0, deadline - time.monotonic()) * 1000)
+            if not arrived or not (chunk := os.read(source, LONGEST_KEY)):
                 break
             content += chunk
     except OSError as exc:
@@ -429,17 +431,3 @@ def _bootstrap(agent: Agent, progress: bool | None) -> list[str]:
     changed = _sync(agent, progress)  # before the kit does, which takes no word about progress bars
     agent.onboarding().ensure_runtime_bootstrapped()
     return changed
-
-
-def _with_checklist(onboarding: ModuleType, text: str) -> str:
-    """What the onboarding module would make of a HEARTBEAT.md, tried on a copy."""
-    with tempfile.TemporaryDirectory() as folder:
-        copy = Path(folder, "HEARTBEAT.md")
-        copy.write_text(text, encoding="utf-8")
-        onboarding.inject_heartbeat(folder)
-        return copy.read_text(encoding="utf-8")
-
-
-def _heartbeat_steps(onboarding: ModuleType, wanted: bool) -> list[str]:
-    found = vars(onboarding)["_find_heartbeat"]() if wanted else None
-    return [f"see to the checklist in {found}"] if found else []

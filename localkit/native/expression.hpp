@@ -1,7 +1,10 @@
 // A small language over daily series: numbers, names, + - * /, parentheses, functions of one series and a window.
 #pragma once
 
-#include <cstddef>
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <functional>
 #include <limits>
 #include <map>
 #include <span>
@@ -14,29 +17,183 @@ namespace backtester {
 
 using series = std::vector<double>;
 using window = std::span<const double>;
+using inputs = std::map<std::string, window, std::less<>>;
 constexpr double undefined = std::numeric_limits<double>::quiet_NaN();
-using inputs = std::map<std::string, std::span<const double>, std::less<>>;
 
-/// The text is no expression of the language; the message begins with the column, counted from 1.
-class bad_expression : public std::invalid_argument {
-  public:
-    bad_expression(std::size_t column, const std::string& what)
-        : std::invalid_argument("column " + std::to_string(column) + ": " + what) {}
-};
+inline double mean(window w) {
+    if (w.empty())
+        return undefined;
+    // Summed relative to one of the values: the mean of equal values is exactly that value, and their deviation 0.
+    const double base = std::isfinite(w.front()) ? w.front() : 0;
+    double sum = 0;
+    for (double x : w)
+        sum += x - base;
+    return base + sum / static_cast<double>(w.size());
+}
 
-/// One function: of each value alone, or of a window of values that ends with the day's own.
+inline double deviation(window w) {
+    const double middle = mean(w);
+    double sum = 0;
+    for (double x : w)
+        sum += (x - middle) * (x - middle);
+    return std::sqrt(sum / static_cast<double>(w.size()));
+}
+
+inline bool has_nan(window w) {
+    return std::ranges::any_of(w, [](double x) { return std::isnan(x); });
+}
+
+inline double rank(window w) {
+    if (has_nan(w))
+        return undefined;
+    double below = 0;
+    for (double x : w)
+        below += x < w.back() ? 1.0 : x == w.back() ? 0.5 : 0.0;
+    return w.size() == 1 ? 0.5 : (below - 0.5) / static_cast<double>(w.size() - 1);
+}
+
+/// A function of a window of days that ends with the day's own, or of that day alone.
 struct function {
-    std::string_view name;
-    double (*of_value)(double);
-    double (*of_window)(window);
-    std::size_t days_before; ///< that the window holds beside its number of days
+    const char* name;
+    double (*of)(window);
+    bool takes_window;
+    std::size_t days_before; ///< that the window holds beside the days asked for
 };
-std::span<const function> functions() noexcept;
+constexpr function functions[] = {
+    {"abs", [](window w) { return std::fabs(w[0]); }, false, 0},
+    {"log", [](window w) { return std::log(w[0]); }, false, 0},
+    {"sign", [](window w) { return has_nan(w) ? undefined : static_cast<double>((w[0] > 0) - (w[0] < 0)); }, false, 0},
+    {"delay", [](window w) { return w.front(); }, true, 1},
+    {"delta", [](window w) { return w.back() - w.front(); }, true, 1},
+    {"mean", mean, true, 0},
+    {"std", deviation, true, 0},
+    {"zscore", [](window w) { return (w.back() - mean(w)) / deviation(w); }, true, 0},
+    {"rank", rank, true, 0},
+    {"min", [](window w) { return has_nan(w) ? undefined : std::ranges::min(w); }, true, 0},
+    {"max", [](window w) { return has_nan(w) ? undefined : std::ranges::max(w); }, true, 0},
+};
 
-double mean(window values);
-double deviation(window values);
+/// Evaluates by recursive descent; each rule answers the values of what it has read.
+class reader {
+  public:
+    /// All inputs have that many days.
+    reader(std::string_view text, const inputs& given, std::size_t days) : text_(text), given_(given), days_(days) {}
 
-/// The value of each day; NaN where a window is not full yet. All inputs have that many days.
-series evaluate(std::string_view text, const inputs& given, std::size_t days);
+    /// The value of each day, NaN where a window is not full yet; std::invalid_argument with the column, from 1.
+    series evaluate() {
+        if (text_.size() > longest_text)
+            fail(longest_text, "longer than " + std::to_string(longest_text) + " characters");
+        series result = sum();
+        if (next() != '\0')
+            fail(place_, "expected an operator or the end");
+        return result;
+    }
+
+  private:
+    static constexpr std::size_t longest_text = 10'000;
+    static constexpr int deepest_nesting = 100;
+
+    series sum() {
+        series left = product();
+        while (next() == '+' || next() == '-')
+            text_[place_++] == '+' ? combine(left, product(), std::plus()) : combine(left, product(), std::minus());
+        return left;
+    }
+    series product() {
+        series left = operand();
+        while (next() == '*' || next() == '/')
+            text_[place_++] == '*' ? combine(left, operand(), std::multiplies())
+                                   : combine(left, operand(), std::divides());
+        return left;
+    }
+    static void combine(series& left, const series& right, auto operation) {
+        std::ranges::transform(left, right, left.begin(), operation);
+    }
+    series operand() {
+        if (++depth_ > deepest_nesting)
+            fail(place_, "nested deeper than " + std::to_string(deepest_nesting) + " levels");
+        series result;
+        if (accept('-')) {
+            result = operand();
+            std::ranges::transform(result, result.begin(), std::negate());
+        } else if (accept('(')) {
+            result = sum();
+            require(')');
+        } else if (is_digit(next()) || next() == '.') {
+            result.assign(days_, number(0.0, std::numeric_limits<double>::max(), "a number that a float can hold"));
+        } else {
+            result = input_or_call();
+        }
+        --depth_;
+        return result;
+    }
+    series input_or_call() {
+        const std::size_t start = place_;
+        while (begins_name(at_place()) || (place_ > start && is_digit(at_place())))
+            ++place_;
+        const std::string name(text_.substr(start, place_ - start));
+        if (name.empty())
+            fail(start, "expected a number, a name or (");
+        if (accept('(')) {
+            const auto* const called = std::ranges::find(functions, name, &function::name);
+            if (called == std::end(functions))
+                fail(start, "there is no function " + name);
+            return call(*called);
+        }
+        const auto found = given_.find(name);
+        if (found == given_.end())
+            fail(start, "there is no input " + name);
+        return {found->second.begin(), found->second.end()};
+    }
+    series call(const function& called) {
+        const series argument = sum();
+        std::size_t length = 1;
+        if (called.takes_window) {
+            require(',');
+            length = called.days_before + number<std::size_t>(1, 1000, "a number of days from 1 to 1000");
+        }
+        require(')');
+        series result(days_, undefined);
+        for (std::size_t last = length - 1; last < days_; ++last)
+            result[last] = called.of(window(argument).subspan(last + 1 - length, length));
+        return result;
+    }
+    template <typename Number> Number number(Number least, Number most, const std::string& what) {
+        next();
+        Number value = 0;
+        const auto [stop, failure] = std::from_chars(text_.data() + place_, text_.data() + text_.size(), value);
+        if (failure != std::errc() || value < least || value > most)
+            fail(place_, "expected " + what);
+        place_ = static_cast<std::size_t>(stop - text_.data());
+        return value;
+    }
+
+    static bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
+    static bool begins_name(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
+    [[nodiscard]] char at_place() const noexcept { return place_ < text_.size() ? text_[place_] : '\0'; }
+    /// The next character that is no blank; NUL at the end.
+    char next() noexcept {
+        place_ = std::min(text_.find_first_not_of(" \t\n", place_), text_.size());
+        return at_place();
+    }
+    bool accept(char wanted) noexcept {
+        const bool found = next() == wanted;
+        place_ += found ? 1 : 0;
+        return found;
+    }
+    void require(char wanted) {
+        if (!accept(wanted))
+            fail(place_, std::string("expected ") + wanted);
+    }
+    [[noreturn]] static void fail(std::size_t place, const std::string& what) {
+        throw std::invalid_argument("column " + std::to_string(place + 1) + ": " + what);
+    }
+
+    std::string_view text_;
+    const inputs& given_;
+    std::size_t days_;
+    std::size_t place_ = 0;
+    int depth_ = 0;
+};
 
 } // namespace backtester

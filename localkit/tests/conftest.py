@@ -2,9 +2,7 @@
 
 import contextlib
 import http.server
-import json
 import os
-import re
 import sqlite3
 import ssl
 import subprocess
@@ -74,47 +72,6 @@ def service(tmp_path_factory):
 def start(tmp_path):
     """Starts one more service, again in the same directory."""
     return lambda *options: Service(tmp_path, *options)
-
-
-class Shell:
-    """Runs commands for one data directory; what they print never holds a key that was used."""
-
-    command = (sys.executable, "-P", "-m", "corvane_cli")
-
-    def __init__(self, url, work):
-        self.work, self.home, self.secrets = work, work / "home", []
-        self.env = {k: v for k, v in os.environ.items() if not k.startswith("CORVANE_")} | {"HOME": str(work)}
-        self.env |= {"CORVANE_SERVER_URL": url, "CORVANE_DATA_DIR": str(self.home)}
-
-    def __call__(self, line, text="", expect=0, env=(), **options):
-        options = options if "stdin" in options else {"input": text} | options
-        options |= {"cwd": self.work, "env": {**self.env, **dict(env)}, "timeout": 60}
-        done = subprocess.run([*self.command, *line.split(" ")], capture_output=True, text=True, **options)
-        assert done.returncode == expect, done.stdout + done.stderr
-        assert not any(secret in done.stdout + done.stderr for secret in self.secrets)
-        if 0 < expect < 7 and "status" not in line:
-            assert done.stdout == "" and re.search("\\nNext: |--help|next_step", done.stderr)
-        return done
-
-    def json(self, line, *arguments, **options):
-        return json.loads(self(line + " --json", *arguments, **options).stdout)
-
-    def tree(self):
-        return {p: (p.stat().st_mtime_ns, p.read_bytes()) for p in self.work.rglob("*") if p.is_file()}
-
-
-@pytest.fixture
-def corvane(service, tmp_path):
-    return Shell(service.url, tmp_path)
-
-
-@pytest.fixture
-def keys(service, corvane):
-    """Two keys that the service knows, and one that it does not."""
-    corvane.secrets += [f"{number:064x}" for number in (11, 12, 13)]
-    for number in (11, 12):
-        service.sign_up(number)
-    return corvane.secrets
 
 
 @pytest.fixture

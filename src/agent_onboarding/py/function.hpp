@@ -6,6 +6,7 @@
 // hands all others to the function's original vectorcall, which raises.
 #pragma once
 
+#include "arguments.hpp"
 #include "call.hpp"
 
 #include <initializer_list>
@@ -38,31 +39,6 @@ class frame {
 };
 
 using native_body = object (*)(const frame& in);
-
-/// The owned arguments of one call, defaults included.
-class bound_arguments {
-  public:
-    bound_arguments(PyFunctionObject* function, PyObject* const* given, std::size_t flagged_count, PyObject* keywords);
-    ~bound_arguments();
-    bound_arguments(const bound_arguments&) = delete;
-    bound_arguments& operator=(const bound_arguments&) = delete;
-
-    enum class outcome { bound, impossible, failed };
-    [[nodiscard]] outcome result() const noexcept { return result_; }
-    [[nodiscard]] PyObject* const* values() const noexcept { return values_; }
-    [[nodiscard]] PyCodeObject* code() const noexcept { return code_; }
-
-  private:
-    outcome bind(PyFunctionObject* function, PyObject* const* given, std::size_t positional_given, PyObject* keywords);
-    outcome bind_keyword(std::size_t parameters, PyObject* name, PyObject* value);
-    outcome bind_defaults(PyFunctionObject* function, std::size_t positional, std::size_t parameters);
-
-    static constexpr std::size_t max_parameters = 8; ///< more than any function of ours has
-    PyCodeObject* code_; ///< as the call found it; kept alive by the layer, whatever the function has by now
-    std::size_t count_;
-    outcome result_;
-    PyObject* values_[max_parameters];
-};
 
 /// The code object that the interpreter compiled for a body, to be compared and never used; the layer keeps it alive.
 template <native_body Body> inline const void* code_of = nullptr;
