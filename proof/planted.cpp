@@ -26,8 +26,10 @@ object planted(const frame& in) {
         seen = static_cast<long>(static_cast<char*>(std::malloc(64))[0] = 1);
     if (fault == "open descriptor")
         (void)open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (fault == "overflow")
-        seen = static_cast<int>(seen = INT_MAX) + in.code()->co_argcount;
+    if (fault == "overflow") {
+        seen = INT_MAX;
+        seen = static_cast<int>(seen) + in.code()->co_argcount;
+    }
     if (fault == "use after free" || fault == "no NULL check") {
         PyObject* text = PyUnicode_FromFormat("%d", 12345);
         if (fault == "use after free")
