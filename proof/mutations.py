@@ -140,11 +140,9 @@ def run(workshop: Workshop) -> Iterator[Result]:
     site, mutants = build(workshop)
     tried = [(n, mutant, TESTS.get(mutant.file, OTHER_TESTS)) for n, mutant in enumerate(mutants, 1)]
     tried = tried[:: 12 if workshop.quick else 1]
-    broken = [
-        f"without any change the tests fail: {tests}"
-        for tests in dict.fromkeys(tests for _, _, tests in tried)
-        if noticed(workshop, site, 0, tests)
-    ]
+    rooms = list(dict.fromkeys(tests for _, _, tests in tried))
+    failing = side_by_side(lambda tests: noticed(workshop, site, 0, tests), rooms)
+    broken = [f"without any change the tests fail: {tests}" for tests, bad in zip(rooms, failing, strict=True) if bad]
     caught = side_by_side(lambda one: noticed(workshop, site, one[0], one[2]), tried)
     survivors = [mutant for (_, mutant, _), seen in zip(tried, caught, strict=True) if not seen]
     share = 100 * sum(caught) / len(caught)
