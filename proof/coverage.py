@@ -18,7 +18,6 @@ REASONS = (
     (r"^(throw_error\((line|where::current\(\))\)|return|return nullptr);", "a look-up of an interned text has failed"),
     (r"return outcome::impossible", "the interpreter refuses a keyword that is no text before it calls"),
     (r"PyExc_SystemError, \"", "sources that contradict one another; no test would pass"),
-    (r"PyExc_RuntimeError, \"dictionary changed", "a plain dict does not change while its own texts are sorted"),
     (r"what\(\) const noexcept", "the interface of std::exception wants it"),
     (r"^\"- \[ \] \[Corvane\]", "the middle of a statement that gcov counts on its last line"),
 )
