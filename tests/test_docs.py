@@ -44,8 +44,8 @@ def test_links_and_commands_exist(page):
     targets = re.findall(r"^([a-z-]+):", (ROOT / "Makefile").read_text(), re.M)
     for made in re.findall(r"(?:^|`)make ((?:[a-z-]+ ?)+)", PAGES[page], re.M):
         assert set(made.split()) <= set(targets)
-    called = r"(?<!from )(?<![\w.-])(corvane(?:-local)?) ([a-z][a-z-]*)([^`#,;&|<()\n]*)"
-    for program, name, arguments in re.findall(called, PAGES[page]):
+    called = r"(?:^|[`(/]|&& |, )(corvane(?:-local)?) ([a-z][a-z-]*)([^`#,;&|<()\n]*)"
+    for program, name, arguments in re.findall(called, PAGES[page], re.M):
         assert name in COMMANDS[program], (program, name)
         parameters = COMMANDS[program][name].params
         known = {option for parameter in parameters for option in (*parameter.opts, *parameter.secondary_opts)}
