@@ -20,36 +20,37 @@ volatile long seen = 0; // what is read or written for the fault alone
 object planted(const frame& in) {
     const char* set = std::getenv("PLANTED");
     const std::string_view fault = set == nullptr ? "" : set;
-    if (fault == "leaked object") {
+    if (fault == "leaked object")
         (void)PyList_New(0);
-    } else if (fault == "leaked block") {
+    if (fault == "leaked block")
         seen = static_cast<long>(static_cast<char*>(std::malloc(64))[0] = 1);
-    } else if (fault == "open descriptor") {
+    if (fault == "open descriptor")
         (void)open("/dev/null", O_RDONLY | O_CLOEXEC);
-    } else if (fault == "use after free") {
-        PyObject* text = PyUnicode_FromFormat("%d", 12345);
-        Py_DECREF(text);
-        seen = static_cast<long>(PyUnicode_GET_LENGTH(text));
-    } else if (fault == "overflow") {
+    if (fault == "overflow") {
         seen = INT_MAX;
-        seen = static_cast<int>(seen) + (in.code()->co_argcount);
-    } else if (fault == "no NULL check") {
+        seen = static_cast<int>(seen) + in.code()->co_argcount;
+    }
+    if (fault == "use after free" || fault == "no NULL check") {
         PyObject* text = PyUnicode_FromFormat("%d", 12345);
+        if (fault == "use after free")
+            Py_DECREF(text);
         seen = static_cast<long>(PyUnicode_GET_LENGTH(text));
-        Py_DECREF(text);
-    } else if (fault == "swallowed error") {
-        try {
-            return original(in);
-        } catch (error&) {
-            return {};
-        }
-    } else if (fault == "race") {
+        if (fault == "no NULL check")
+            Py_DECREF(text);
+    }
+    if (fault == "race") {
         Py_BEGIN_ALLOW_THREADS;
         seen = seen + 1;
         usleep(1000); // so that others come by
         Py_END_ALLOW_THREADS;
     }
-    return original(in);
+    try {
+        return original(in);
+    } catch (error&) {
+        if (fault == "swallowed error")
+            return {};
+        throw;
+    }
 }
 
 } // namespace corvane::onboarding

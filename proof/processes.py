@@ -3,7 +3,6 @@
 import collections
 import functools
 import itertools
-import json
 import multiprocessing
 import os
 import re
@@ -14,37 +13,10 @@ from collections.abc import Callable, Iterator
 from typing import Any
 
 from proof.exercise import CALLS, KEY, Call, base, m, manager, patched
-from proof.workshop import Result, Workshop
+from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
 
 LOADERS, LOADS = 16, 40
 LOST = "SameFileError", "ImportError", "FileNotFoundError"  # the copy came, or went, while it was made or loaded
-
-
-def descriptors() -> int:
-    return len(os.listdir("/proc/self/fd"))
-
-
-def in_children(acts: list[Callable[[], Any]]) -> list[Any]:
-    """What each act answers in a forked child of its own, all at once; or how the child ended."""
-    running = []
-    for act in acts:
-        read, write = os.pipe()
-        if (pid := os.fork()) == 0:
-            signal.alarm(60)
-            try:
-                os.write(write, json.dumps(act()).encode())
-            except BaseException as exc:
-                os.write(write, json.dumps(f"{type(exc).__name__}: {exc}").encode())
-            os._exit(0)
-        os.close(write)
-        running.append((pid, read))
-    answers = []
-    for pid, read in running:
-        with open(read, "rb") as pipe:
-            said = pipe.read()
-        status = os.waitpid(pid, 0)[1]
-        answers.append(f"ended by signal {status}" if status else json.loads(said))
-    return answers
 
 
 # -- Loading
@@ -71,15 +43,14 @@ def loading(builds: int, processes: int, loads: int) -> tuple[list[str], int]:
             with open(f"d/{build}.so", "ab") as file:
                 file.write(bytes(build))  # another digest
 
-        def worker(number: int) -> list[str]:
-            return [load({"files": {f"{(number + i) % builds}.so": kind}}) for i in range(loads)]
+        def worker(number: int) -> Iterator[str]:
+            for i in range(loads):
+                yield load({"files": {f"{(number + i) % builds}.so": kind}})
 
-        answers = in_children([functools.partial(worker, n) for n in range(processes)])
-    found = [answer for answer in answers if isinstance(answer, str)]
-    seen = collections.Counter(itertools.chain.from_iterable(a for a in answers if isinstance(a, list)))
-    lost = {kind: count for kind, count in seen.items() if kind}
-    found += [f"{kind} {n} times" for kind, n in lost.items() if kind not in LOST]
-    return found, sum(lost.values())
+        answers = in_children(functools.partial(worker, number) for number in range(processes))
+    seen = collections.Counter(itertools.chain.from_iterable(answers))
+    loaded = seen.pop("", 0)
+    return [f"{why} {n} times" for why, n in seen.items() if why not in LOST], processes * loads - loaded
 
 
 # -- Forks
@@ -97,12 +68,11 @@ def forked_in_the_middle() -> list[str]:
     call, found = Call(usual.act, usual.expected, (*usual.prepare, forking)), []
     for _ in range(20):
         with call.situation():
-            seen = repr(call.act())
+            good = repr(call.act()).startswith("WalletRegistration") and m._normalize_key(KEY) == "0x" + KEY
             if children[-1] == 0:
-                os._exit(0 if seen.startswith("WalletRegistration") and m._normalize_key(KEY) == "0x" + KEY else 1)
-            status = os.waitpid(children[-1], 0)[1]
-            if status or not seen.startswith("WalletRegistration"):
-                found.append(f"parent {seen}, child {status}")
+                os._exit(not good)
+            if (status := os.waitpid(children[-1], 0)[1]) or not good:
+                found.append(f"parent {'good' if good else 'bad'}, child {status}")
     return found
 
 
@@ -122,84 +92,79 @@ def pools() -> list[str]:
 STATED = re.compile("Bad file descriptor|'sync_backoff' referenced before assignment")
 
 
-def interrupted_at(call: Call, number: int) -> tuple[int, str]:
-    """The number of traced events of the call, and what is wrong when KeyboardInterrupt comes at one of them."""
-    events = 0
+def struck(call: Call, arm: Callable[[Callable[[], None]], object], disarm: Callable[[], object]) -> tuple[bool, str]:
+    """Whether KeyboardInterrupt came during the call, and what is wrong with what came of it."""
+    came = False
+    ignored: list[Any] = []  # what hits a generator that is being thrown away is reported by the interpreter itself
+
+    def strike() -> None:
+        nonlocal came
+        came = True
+        raise KeyboardInterrupt
+
+    with call.situation():
+        before, wrong, sys.unraisablehook = descriptors(), "", ignored.append
+        try:
+            arm(strike)
+            call.act()
+            disarm()
+            wrong = "swallowed" if came and not ignored else ""
+        except KeyboardInterrupt:
+            pass
+        except Exception as exc:
+            disarm()
+            stated = isinstance(exc.__context__, KeyboardInterrupt) and STATED.search(str(exc))
+            wrong = f"became {exc!r}" if came and not stated else ""
+        finally:
+            disarm()
+            sys.unraisablehook = sys.__unraisablehook__
+        ignored.clear()
+        return came, wrong or ("" if descriptors() == before else "a descriptor stays open")
+
+
+def at_event(number: int, strike: Callable[[], None]) -> None:
+    """Strikes at this of the traced events from now on."""
+    events = itertools.count(1)
 
     def trace(frame: Any, event: str, argument: object) -> Any:
-        nonlocal events
-        events += 1
-        if events == number:
-            raise KeyboardInterrupt
+        if next(events) == number:
+            strike()
         return trace
 
-    ignored: list[Any] = []  # what hits a generator that is being thrown away is reported by the interpreter itself
-    with call.situation():
-        before, seen, sys.unraisablehook = descriptors(), "swallowed", ignored.append
-        sys.settrace(trace)
-        try:
-            call.act()
-        except KeyboardInterrupt:
-            seen = ""
-        except (OSError, UnboundLocalError) as exc:
-            seen = (
-                "" if isinstance(exc.__context__, KeyboardInterrupt) and STATED.search(str(exc)) else f"became {exc!r}"
-            )
-        except Exception as exc:
-            seen = f"became {exc!r}"
-        finally:
-            sys.settrace(None)
-            sys.unraisablehook = sys.__unraisablehook__
-        if ignored:
-            seen = ""
-            ignored.clear()
-        return events, seen or ("" if descriptors() == before else "a descriptor stays open")
+    sys.settrace(trace)
 
 
 def interrupts(calls: dict[str, Call]) -> tuple[int, list[str]]:
-    """At each event of a call, of a long one at 100 of them, evenly spread."""
+    """At each of the first 100 events of a call, and at ever fewer after them."""
     points, found = 0, []
     for name, call in calls.items():
-        events, _ = interrupted_at(call, -1)
-        for number in range(1, events + 1, events // 100 + 1):
-            seen, wrong = interrupted_at(call, number)
-            points += 1
-            if wrong and seen >= number:
-                found.append(f"{name}, event {number}: {wrong}")
+        number, came = 1, True
+        while came:
+            came, wrong = struck(call, functools.partial(at_event, number), functools.partial(sys.settrace, None))
+            points += came
+            found += [f"{name}, event {number}: {wrong}"] if wrong else []
+            number += number // 100 + 1
         call()
     return points, found
 
 
 def storm(names: tuple[str, ...], rounds: int) -> tuple[int, list[str]]:
-    """Signals every 20 to 400 microseconds whose handler raises."""
+    """A signal after 20 to 400 microseconds whose handler raises."""
+    points, found = 0, []
 
-    class Struck(BaseException):
-        pass
+    def arm(seconds: float, strike: Callable[[], None]) -> None:
+        signal.signal(signal.SIGALRM, lambda number, frame: strike())
+        signal.setitimer(signal.ITIMER_REAL, seconds)
 
-    def handler(number: int, frame: object) -> None:
-        signal.setitimer(signal.ITIMER_REAL, 0)
-        raise Struck
-
-    struck, found = 0, []
-    before = signal.signal(signal.SIGALRM, handler)
     for name, microseconds, _ in itertools.product(names, range(20, 400, 10), range(rounds)):
-        with CALLS[name].situation():
-            held = descriptors()
-            try:
-                signal.setitimer(signal.ITIMER_REAL, microseconds / 1e6)
-                CALLS[name].act()
-                signal.setitimer(signal.ITIMER_REAL, 0)
-            except Struck:
-                struck += 1
-            except (OSError, UnboundLocalError) as exc:
-                struck += 1
-                if not isinstance(exc.__context__, Struck) or not STATED.search(str(exc)):
-                    found.append(f"{name} after {microseconds} us: {exc!r}")
-            if descriptors() != held:
-                found.append(f"{name} after {microseconds} us: a descriptor stays open")
+        arms = functools.partial(arm, microseconds / 1e6)
+        came, wrong = struck(CALLS[name], arms, functools.partial(signal.setitimer, signal.ITIMER_REAL, 0))
+        points += came
+        found += [f"{name} after {microseconds} us: {wrong}"] if wrong else []
+    for name in names:
         CALLS[name]()
-    signal.signal(signal.SIGALRM, before)
-    return struck, found
+    signal.signal(signal.SIGALRM, signal.SIG_DFL)
+    return points, found
 
 
 # -- Ends and beginnings of interpreters
@@ -247,12 +212,12 @@ for _ in range(50):
 
 
 def scripts(workshop: Workshop, texts: dict[str, str]) -> list[str]:
-    found = []
-    for name, text in texts.items():
-        done = workshop.python("-X", "dev", "-c", IMPORT + text, timeout=60)
-        if done.returncode != 0 or done.stderr:
-            found.append(f"{name}: exit status {done.returncode}, {done.stderr[-300:]}")
-    return found
+    done = side_by_side(lambda text: workshop.python("-X", "dev", "-c", IMPORT + text, timeout=60), texts.values())
+    return [
+        f"{name}: exit status {one.returncode}, {one.stderr[-300:]}"
+        for name, one in zip(texts, done, strict=True)
+        if one.returncode or one.stderr
+    ]
 
 
 def run(workshop: Workshop) -> Iterator[Result]:

@@ -1,11 +1,14 @@
 """Something else lies at wallet.key between its examination and its opening: refused, and what lies there is let be."""
 
+import functools
 import importlib
+import itertools
 import os
 import re
 import socket
 import time
 from collections.abc import Callable, Iterator
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 from proof.system_calls import traced
@@ -25,12 +28,18 @@ def foreign(path: Path) -> None:
     os.chown(path, 65534, 65534)
 
 
+def fifo(path: Path) -> None:
+    os.mkfifo(path)
+    time.sleep(HELD)
+    os.close(os.open(path, os.O_RDWR | os.O_NONBLOCK))  # for which the other opening waits, as the system has it
+
+
 KINDS: dict[str, Callable[[Path], object]] = {
     "a link to a file": lambda path: path.symlink_to("../victim"),
     "a link to a directory": lambda path: path.symlink_to(".."),
     "a dangling link": lambda path: path.symlink_to("nothing"),
     "a loop": lambda path: path.symlink_to(path.name),
-    "a FIFO": os.mkfifo,
+    "a FIFO": fifo,
     "a directory": Path.mkdir,
     "a socket": bind,
     "a device": lambda path: os.mknod(path, 0o20600, os.makedev(1, 3)),
@@ -38,17 +47,17 @@ KINDS: dict[str, Callable[[Path], object]] = {
 }
 
 
-def swap(path: Path, kind: str) -> None:
-    """Puts the object into the key's place while the opening is held back."""
-    time.sleep(HELD / 2)
-    path.unlink()
-    KINDS[kind](path)
-    if kind == "a FIFO":  # its opening waits, as the system has it, until somebody opens the other end
-        time.sleep(HELD)
-        opened.append(os.open(path, os.O_RDWR | os.O_NONBLOCK))
+def while_swapped(act: Callable[[], object], path: Path, put: Callable[[Path], object]) -> object:
+    """The call, while another thread, which strace does not follow, puts something else into the key's place."""
 
+    def swap() -> None:
+        time.sleep(HELD / 2)
+        path.unlink()
+        put(path)
 
-opened: list[int] = []
+    with ThreadPoolExecutor(1) as pool:
+        pool.submit(swap)
+        return act()
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
@@ -56,26 +65,22 @@ def run(workshop: Workshop) -> Iterator[Result]:
     if os.geteuid() != 0:
         raise Missing("only root can make devices and other users' files")
     exercise = importlib.import_module("proof.exercise")
+    path = exercise.base() / "work/d/wallet.key"
+    held = "-P", str(path), "-e", "trace=openat", "-e", f"inject=openat:delay_enter={HELD * 1e6:.0f}"
+    tried = list(itertools.product(REFUSED, KINDS))[:: 8 if workshop.quick else 1]
     found: list[str] = []
-    emptied = 0
-    for name, refusal in REFUSED.items():
-        call = exercise.Call(exercise.CALLS[name].act, "", (exercise.KEY_FILE, exercise.file("victim", "victim")))
-        for kind in list(KINDS)[:: 8 if workshop.quick else 1]:
-            path = exercise.base() / "work/d/wallet.key"
-            options = "-P", str(path), "-e", "trace=openat", "-e", f"inject=openat:delay_enter={HELD * 1e6:.0f}"
-            started = time.monotonic()
-            said, _, _ = traced(call, *options, meanwhile=lambda: swap(path, kind))  # noqa: B023
-            while opened:
-                os.close(opened.pop())
-            contents = re.findall(r"b'(victim)?'", said)
-            # The opening for writing truncates, and root may open anything; the check of the owner comes after it.
-            cut = name == "write" and kind == "somebody else's file"
-            emptied += cut
-            if not said.startswith(f"{refusal}/wallet.key") or "; 0 descriptors left" not in said:
-                found.append(f"{name}, {kind}: {said[:200]!r}")
-            elif contents.count("victim") != (2 if "else" in kind and not cut else 1):
-                found.append(f"{name}, {kind}: a victim was changed: {said[:400]}")
-            elif not HELD < time.monotonic() - started < 9 * HELD:
-                found.append(f"{name}, {kind}: took {time.monotonic() - started:.1f} s")
-    yield Result("races: swapped between examination and opening", len(REFUSED) * len(KINDS), found)
-    yield Result("   of these, as documented: refused, but the opening for writing emptied it", emptied)
+    for name, kind in tried:
+        act = functools.partial(while_swapped, exercise.CALLS[name].act, path, KINDS[kind])
+        started = time.monotonic()
+        said, _, _ = traced(exercise.Call(act, "", (exercise.KEY_FILE, exercise.file("victim", "victim"))), *held)
+        victims = 2 if (name, kind) == ("read", "somebody else's file") else 1
+        if not said.startswith(f"{REFUSED[name]}/wallet.key") or "; 0 descriptors left" not in said:
+            found.append(f"{name}, {kind}: {said[:200]!r}")
+        elif re.findall(r"b'(victim)?'", said).count("victim") != victims:
+            found.append(f"{name}, {kind}: a victim was changed: {said[:400]}")
+        elif not HELD < time.monotonic() - started < 9 * HELD:
+            found.append(f"{name}, {kind}: took {time.monotonic() - started:.1f} s")
+    yield Result("races: swapped between examination and opening", len(tried), found)
+    # The opening truncates, and root may open anything; the check of the owner comes after it.
+    cut = tried.count(("write", "somebody else's file"))
+    yield Result("   of these, as documented: refused, but the opening for writing emptied it", cut)

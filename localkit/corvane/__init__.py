@@ -17,4 +17,5 @@ def __getattr__(name: str) -> Any:
         from corvane import search_templates
 
         return getattr(search_templates, name)
-    raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+    hint = ". Call register(bootstrap_runtime=True) first." if name == "simulate_signal" else ""
+    raise AttributeError(f"module {__name__!r} has no attribute {name!r}{hint}")

@@ -90,7 +90,7 @@ class reader {
     }
 
   private:
-    static constexpr std::size_t longest_text = 10'000;
+    static constexpr std::size_t longest_text = 2'000; // well under a second of work
     static constexpr int deepest_nesting = 100;
 
     series sum() {
