@@ -24,6 +24,7 @@ from proof.workshop import Missing, Result, Workshop, descriptors, in_children, 
 
 LENGTHS = 1, 3, 200  # so many allocations in a row fail, beginning at each, at each, at each 66th
 AT_MOST = 5  # seconds for one point
+testcapi: Any = importlib.import_module("_testcapi") if importlib.util.find_spec("_testcapi") else None
 OURS = "corvane.agent_onboarding"
 IMPORT = "the import"
 # CPython 3.12 loses an error whose traceback finds no memory, in its own Python functions. It names those that were
@@ -47,19 +48,20 @@ void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 
 def memory_ends(first: int, length: int) -> None:
-    importlib.import_module("_testcapi").set_nomemory(first, first + length)
+    testcapi.set_nomemory(first, first + length)
 
 
 def memory_is_back(first: int, length: int) -> bool:
     """Whether so many allocations were made; where the call was done before, one of these fails."""
     try:
-        for _ in range(first + 10 if length == 1 else 0):
-            object()
+        if length == 1:
+            for _ in range(first + 10):
+                object()
         return True
     except MemoryError:
         return False
     finally:
-        importlib.import_module("_testcapi").remove_mem_hooks()
+        testcapi.remove_mem_hooks()
 
 
 # By kind: what lets allocations fail, what ends that, how many fail in a row. The library's function answers how many
@@ -139,7 +141,7 @@ def points_of_call(name: str, kind: str, length: int) -> Point:
                 raise raised.with_traceback(raised.__traceback__)
             return result
 
-        told = [raised] if raised else [argument for record in logged for argument in record.args or ()]
+        told = [raised, *(argument for record in logged for argument in record.args or ())]
         verdict = judged(told, False)
         if verdict.startswith("bad"):
             seen = exercise.outcome(again, logged), exercise.files()
@@ -225,7 +227,7 @@ def main(kind: str, names: list[str]) -> None:
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    if importlib.util.find_spec("_testcapi") is None:
+    if testcapi is None:
         raise Missing("this interpreter comes without its test modules (_testcapi)")
     source, library = workshop.folder / "failing_new.cpp", workshop.folder / "failing_new.so"
     source.write_text(FAILING_NEW)
