@@ -147,12 +147,11 @@ class RuntimeSteps:
         )
         velocity = corvane.get_search_velocity()
         say("get_search_velocity()", f"{velocity.signals_per_hour:,.0f} signals in an hour, trend {velocity.trend}.")
-        suggestions = [(suggestion.reason, suggestion.use) for suggestion in corvane.get_suggestions()]
-        words = [
-            f"The {use.kind} {use.name} is {reason}: tried {use.tried}, found {use.found}."
-            for reason, use in suggestions
-        ]
-        say("get_suggestions()", *words)
+        for suggestion in corvane.get_suggestions():
+            use = suggestion.use
+            click.echo(
+                f"   get_suggestions(): the {use.kind} {use.name} is {suggestion.reason}, found {use.found} times"
+            )
         [(signals,)], [(evaluations, hours)] = (
             self._rows("SELECT count(*) FROM signals"),
             self._rows("SELECT sum(evaluations), sum(noted_at - started_at) / 3600 FROM runs"),
