@@ -25,7 +25,7 @@ PLANTED = (
     ("leaked object", "leaks", "tracked objects grew"),
     ("leaked block", "leaks", "malloc bytes grew"),
     ("open descriptor", "leaks", "descriptors grew"),
-    ("leaked block", "ASan", "Direct leak of 64 byte"),
+    ("leaked block", "ASan", "Direct leak of "),
     ("use after free", "ASan", "heap-use-after-free"),
     ("use after free", "valgrind", "Invalid read"),
     ("overflow", "ASan", "signed integer overflow"),

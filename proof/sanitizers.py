@@ -62,7 +62,8 @@ def under(workshop: Workshop, library: str, site: Path, *arguments: str, **varia
     plain = environment(workshop, library, every_leak) | variables
     done = workshop.python("-m", "proof.sanitizers", *arguments, site=site, wrapper=wrapper, variables=plain)
     wrong = [] if done.returncode == 0 else [f"ended with {done.returncode}: {done.stderr[-500:]}"]
-    return int(done.stdout or 0), take_reports(workshop) + wrong
+    undefined = re.findall("^.*runtime error: .*", done.stderr, re.M)  # which UBSan writes there
+    return int(done.stdout or 0), take_reports(workshop) + undefined + wrong
 
 
 def valgrind(workshop: Workshop, *names: str, site: Path | None = None, **variables: str) -> list[str]:
