@@ -27,6 +27,7 @@ test-wheel: $(VENV)/.run $(VENV)/.data $(VENV)/.test $(VENV)/.ship ## Test what 
 
 test-agents: ## Test that the functions are tools of six agent frameworks (in an environment of their own: .venv-agents)
 	@$(MAKE) --no-print-directory VENV=.venv-agents LOCK=agents install
+	@.venv-agents/bin/mypy $(filter-out examples/test_tools.py examples/fleet.py,$(wildcard examples/*.py))
 	@.venv-agents/bin/python -P -m pytest examples $(TEST_OPTIONS) && echo "make test-agents: passed" \
 	 || { echo "make test-agents: FAILED"; exit 1; }
 

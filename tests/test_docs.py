@@ -6,12 +6,14 @@ from pathlib import Path
 
 import pytest
 
-from corvane_local.cli import main
+from corvane_cli.main import main as corvane
+from corvane_local.cli import main as corvane_local
 
 ROOT = Path(__file__).parents[1]
 PAGES = {page: page.read_text("utf-8") for glob in ("*.md", "docs/*.md", "localkit/*.md") for page in ROOT.glob(glob)}
 SOURCES = {source.name: source.read_text("utf-8") for source in (ROOT / "src/agent_onboarding").glob("*.cpp")}
 KIT_PAGE = PAGES[ROOT / "docs/developing-the-kit.md"]
+COMMANDS = {"corvane": corvane.commands, "corvane-local": corvane_local.commands}
 NO_MESSAGES = ("[Corvane]", "## Corvane", "Bearer ", "Agent onboarding subcomponent", "AuthToken(token=")
 
 
@@ -42,7 +44,18 @@ def test_links_and_commands_exist(page):
     targets = re.findall(r"^([a-z-]+):", (ROOT / "Makefile").read_text(), re.M)
     for made in re.findall(r"(?:^|`)make ((?:[a-z-]+ ?)+)", PAGES[page], re.M):
         assert set(made.split()) <= set(targets)
-    assert set(re.findall(r"(?:^|`)corvane-local ([a-z]+)", PAGES[page], re.M)) <= set(main.commands)
+    called = r"(?:^|[`(/]|&& |, )(corvane(?:-local)?) ([a-z][a-z-]*)([^`#,;&|<()\n]*)"
+    for program, name, arguments in re.findall(called, PAGES[page], re.M):
+        assert name in COMMANDS[program], (program, name)
+        parameters = COMMANDS[program][name].params
+        known = {option for parameter in parameters for option in (*parameter.opts, *parameter.secondary_opts)}
+        assert set(re.findall(r"--[a-z-]+", arguments)) <= known, (program, name, arguments)
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
+def test_pages_are_finished_and_fit(page):
+    assert not re.search(r"\b(FIGURES|TODO|FIXME|TBD|XXX)\b", PAGES[page])
+    assert [line for line in PAGES[page].splitlines() if len(line) > 120 and not line.startswith("|")] == []
 
 
 def test_keywords_of_the_kit():

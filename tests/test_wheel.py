@@ -76,13 +76,15 @@ def test_beside_the_kit_in_every_order(built, tmp_path):
             (tmp_path / "libraries").mkdir(exist_ok=True)
             (tmp_path / "libraries" / library.name).symlink_to(library)
 
+    python, environment = tmp_path / "fresh/bin/python", {"PYTHONPATH": str(tmp_path / "libraries")}
+
     def after(*arguments):
-        python = tmp_path / "fresh/bin/python"
         run([python, "-m", "pip", "-q", "--disable-pip-version-check", *arguments], tmp_path)
-        environment = {"PYTHONPATH": str(tmp_path / "libraries")}
         return subprocess.run([python, "-c", SCRIPT], stderr=-1, text=True, env=environment).stderr.strip()
 
     install, uninstall = ("install", "--no-index", "--no-deps"), ("uninstall", "-y")
     assert after(*install, ours).endswith(WITHOUT_KIT) and after(*install, kit) == ""
     assert after(*uninstall, "corvane-local-kit").endswith(WITHOUT_KIT) and after(*install, kit) == ""
     assert WITHOUT_US in after(*uninstall, "corvane-agent-onboarding") and after(*install, ours) == ""
+    tests = [f"tests/test_{name}.py" for name in ("differential", "surface", "key_file", "eras", "runtime")]
+    assert " passed" in run([python, "-P", "-m", "pytest", "-p", "no:cacheprovider", *tests], **environment)

@@ -21,20 +21,32 @@ def check(claim: str, holds: bool) -> None:
         raise CheckFailed(claim)
 
 
+def say(call: str, *lines: str) -> None:
+    """Prints a call, and in plain words what came of it."""
+    for line in (f">>> {call}", *lines):
+        click.echo(f"   {line}")
+
+
 def show(call: str, result: object) -> None:
-    click.echo(f"   >>> {call}\n   {result!r}")
+    say(call, repr(result))
 
 
-def refused(call: str, action: Callable[[], object], kind: type[Exception], message: str) -> None:
-    """The action must fail with just this error and this message, which the agent sees."""
+def refused(call: str, action: Callable[[], object], error: Exception, next_step: str) -> None:
+    """The action must fail with just this error, which the agent sees."""
     try:
         result = action()
     except Exception as exc:
-        click.echo(f"   >>> {call}\n   {type(exc).__name__}: {exc}")
-        check(f"the agent sees just this {kind.__name__}", type(exc) is kind and str(exc) == message)
+        say(call, f"{type(exc).__name__}: {exc}")
+        check(f"the agent sees just this {type(error).__name__}", type(exc) is type(error) and str(exc) == str(error))
+        click.echo(f"   Next step: {next_step}")
     else:
         show(call, result)
-        check(f"the agent sees {kind.__name__}", False)
+        check(f"the agent sees {type(error).__name__}", False)
+
+
+def steps_of(part: object) -> list[Callable[[], None]]:
+    """The steps of a part of the demo: its public methods, in the order in which they are written."""
+    return [getattr(part, name) for name in vars(type(part)) if not name.startswith("_")]
 
 
 def private(name: str) -> Any:

@@ -7,14 +7,16 @@ import logging
 import math
 import sqlite3
 import ssl
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator, Sequence
 from contextlib import closing, contextmanager
+from datetime import datetime
 from hashlib import sha256
 from pathlib import Path
 from typing import Any
 
 import click
 import httpx
+import numpy as np
 
 import corvane
 from corvane import agent_onboarding as onboarding
@@ -22,7 +24,7 @@ from corvane import auth, search_templates
 from corvane.errors import RuntimeModuleHashMismatch
 from corvane.search_tracking import FoundSignal
 from corvane.sync import CURRENT_PLATFORM
-from corvane_local.demo.checks import check, option, private, refused, show
+from corvane_local.demo.checks import check, option, private, refused, say, show
 from corvane_local.demo.service import Service
 
 EVALUATIONS = 4000
@@ -37,7 +39,7 @@ class RuntimeSteps:
         service: The running service.
         home: The agent's data directory.
         workspace: The agent's working directory.
-        sabotage: What goes wrong on purpose: "module" or "database".
+        sabotage: What is spoilt behind the kit's back: "module" or "picture".
     """
 
     def __init__(self, service: Service, home: Path, workspace: Path, sabotage: str | None) -> None:
@@ -90,16 +92,16 @@ class RuntimeSteps:
         heartbeat = self.workspace / "HEARTBEAT.md"
         before = heartbeat.read_text()
         result = search_templates.start_search(seed=7, max_evaluations=EVALUATIONS)
-        call = f"start_search(seed=7, max_evaluations={EVALUATIONS})"
-        click.echo(f"   >>> {call}\n   {len(result.signals)} signals of {result.candidates} candidates")
-        click.echo(f"   {result.evaluations / result.seconds:,.0f} expressions a second")
-        if self.sabotage == "database":
-            with closing(sqlite3.connect(self.home / "search.db")) as db, db:
-                db.execute("DELETE FROM signals WHERE id = 1")
+        say(
+            f"start_search(seed=7, max_evaluations={EVALUATIONS})",
+            f"{len(result.signals)} signals of {result.candidates} candidates",
+            f"{result.evaluations / result.seconds:,.0f} expressions a second",
+        )
         rows = self._rows("SELECT expression, instrument FROM signals ORDER BY id")
         check("all of them are in the database", rows == [(s.expression, s.instrument) for s in result.signals] != [])
-        self.best = max(result.signals, key=lambda signal: signal.rest_sharpe)
-        show("the best on days that the search had not seen", self.best)
+        self.best = best = max(result.signals, key=lambda signal: signal.rest_sharpe)
+        click.echo(f"   The best on days that the search had not seen: number {best.id}, {best.expression} on")
+        click.echo(f"   {best.instrument}, Sharpe ratio {best.rest_sharpe:.2f}, and {best.sharpe:.2f} on the others.")
         after = heartbeat.read_text()
         lines = [line[2:] for line in difflib.ndiff(before.splitlines(), after.splitlines()) if line.startswith("+ ")]
         for line in lines:
@@ -112,32 +114,48 @@ class RuntimeSteps:
         """The best signal is simulated, with a picture of its equity curve"""
         picture = self.workspace / "best.png"
         result = corvane.simulate_signal(self.best.id, picture=picture)
-        show(f"simulate_signal({self.best.id}, picture='best.png')", result)
-        check("the picture is a PNG", picture.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n")
+        say(
+            f"simulate_signal({self.best.id}, picture='best.png')",
+            f"{result.expression} traded on {result.instrument}: {result.total_return:.1%} in all,"
+            f" Sharpe ratio {result.sharpe:.2f}, greatest fall {result.max_drawdown:.1%}.",
+        )
         runtime = kit.get_runtime()
         direction = -1 if self.best.pool.endswith("reversal") else 1
         values, prices = runtime.evaluator.evaluate(self.best.expression), list(runtime.vault[self.best.instrument])
-        capital, held = 1.0, 0
+        capital, held = [1.0], 0
         for value, price, following in zip(values, prices, prices[1:], strict=False):
             wanted = direction * ((value > 0) - (value < 0))
-            capital *= 1 + wanted * (following / price - 1) - runtime.era_config["cost"] * abs(wanted - held)
+            profit = wanted * (following / price - 1) - runtime.era_config["cost"] * abs(wanted - held)
+            capital.append(capital[-1] * (1 + profit))
             held = wanted
-        growth = capital - 1
+        growth = capital[-1] - 1
         check(f"computed by hand it comes to the same: {growth:.1%}", math.isclose(growth, result.total_return))
+        if self.sabotage == "picture":
+            other = next(name for name in runtime.vault if name != self.best.instrument)
+            corvane.simulate_signal(self.best.expression, instrument=other, picture=picture)
+        check("the curve in the picture is this capital", _is_drawn(capital, runtime.vault.dates, picture))
         click.echo("   What fits the past proves little; this is no advice to trade.")
 
     def ask_for_the_status(self) -> None:
         """What the checklist names tells the truth"""
         status = corvane.search_status()
-        show("search_status()", status)
-        show("get_search_velocity()", velocity := corvane.get_search_velocity())
+        assert status.run is not None
+        say(
+            "search_status()",
+            f"{'A' if status.running else 'No'} search runs. The last one: {status.run.outcome} after"
+            f" {status.run.evaluations:,} evaluations; {status.signals} signals so far.",
+        )
+        velocity = corvane.get_search_velocity()
+        say("get_search_velocity()", f"{velocity.signals_per_hour:,.0f} signals in an hour, trend {velocity.trend}.")
         for suggestion in corvane.get_suggestions():
-            click.echo(f"   get_suggestions(): {suggestion}")
+            use = suggestion.use
+            click.echo(
+                f"   get_suggestions(): the {use.kind} {use.name} is {suggestion.reason}, found {use.found} times"
+            )
         [(signals,)], [(evaluations, hours)] = (
             self._rows("SELECT count(*) FROM signals"),
             self._rows("SELECT sum(evaluations), sum(noted_at - started_at) / 3600 FROM runs"),
         )
-        assert status.run is not None
         told = status.running, status.signals, status.run.evaluations
         check("it is what the database holds", told == (False, signals, evaluations))
         check("so is the velocity", math.isclose(velocity.signals_per_hour, signals / hours))
@@ -161,8 +179,7 @@ class RuntimeSteps:
         kit.close_runtime()
         with _log_lines() as lines:
             runtime: Any = onboarding.ensure_runtime_bootstrapped(strict=False)
-        click.echo("   >>> ensure_runtime_bootstrapped(strict=False)")
-        _tell(lines)
+        say("ensure_runtime_bootstrapped(strict=False)", *lines)
         wanted = "Failed to bootstrap corvane runtime: "
         check("the log says why the kit could not", len(lines) == 1 and lines[0].startswith(f"WARNING {wanted}"))
         check("a local runtime is installed", kit.get_runtime() is runtime is not None)
@@ -175,19 +192,15 @@ class RuntimeSteps:
         """The same, strictly: one error, on one line, with all its causes"""
         kit.close_runtime()
         beginning = "Corvane registration authenticated, but runtime data bootstrap failed: ConnectionError: "
+        error = RuntimeError("there was none")
         with _log_lines() as lines:
             try:
                 onboarding.ensure_runtime_bootstrapped()
             except RuntimeError as exc:
-                error: RuntimeError | None = exc
-            else:
-                error = None
-        click.echo(f"   >>> ensure_runtime_bootstrapped()\n   RuntimeError: {error}")
-        _tell(lines)
+                error = exc
+        say("ensure_runtime_bootstrapped()", f"RuntimeError: {error}", *lines)
         check("it says what failed", str(error).startswith(beginning) and "\n" not in str(error))
-        check(
-            "and what caused that", "; caused by " in str(error) and error is not None and error.__cause__ is not None
-        )
+        check("and what caused that", "; caused by " in str(error) and error.__cause__ is not None)
         check("no runtime was left half built", kit.get_runtime() is None)
         click.echo("   Next step: see that the service can be reached; or ensure_runtime_bootstrapped(strict=False).")
 
@@ -199,47 +212,29 @@ class RuntimeSteps:
             f"Runtime module 'backtester' hash mismatch at {path}: expected {expected}, got {self._digest(BACKTESTER)}."
         )
         load = private("_load_per_era_backtester")
-        refused("_load_per_era_backtester(HOME)", lambda: load(str(self.home)), RuntimeModuleHashMismatch, message)
+        error, sync = RuntimeModuleHashMismatch(message), "sync again when the service can be reached."
+        refused("_load_per_era_backtester(HOME)", lambda: load(str(self.home)), error, sync)
         with _log_lines() as lines:
             runtime = onboarding.ensure_runtime_bootstrapped(strict=False)
-        click.echo("   >>> ensure_runtime_bootstrapped(strict=False)")
-        _tell(lines)
+        say("ensure_runtime_bootstrapped(strict=False)", *lines)
         said = [line for line in lines if line == f"DEBUG Failed to bootstrap local corvane runtime: {message}"]
         check("there is no runtime, and the log says why", runtime is kit.get_runtime() is None and said != [])
-        click.echo("   Next step: sync again when the service can be reached.")
 
     def recover(self) -> None:
         """The service is back: the same call repairs the file and builds the runtime"""
         self.service.start()
         runtime: Any = onboarding.ensure_runtime_bootstrapped()
-        click.echo("   >>> ensure_runtime_bootstrapped()")
+        say("ensure_runtime_bootstrapped()")
         check("the file is whole again", self._digest(BACKTESTER) == self._published()[BACKTESTER]["sha256"])
         check("the runtime is installed", kit.get_runtime() is runtime is not None)
         check("a sync finds nothing to do", runtime.sync_manager.request_for_sync() == [])
         kept = len(self._rows("SELECT 1 FROM signals"))
         check(f"the {kept} signals are still there", corvane.search_status().signals == kept > 0)
 
-    def steps(self) -> list[Callable[[], None]]:
-        return [
-            self.find_the_universe,
-            self.bootstrap,
-            self.search,
-            self.simulate,
-            self.ask_for_the_status,
-            self.take_a_new_build,
-            self.go_on_without_the_service,
-            self.be_strict,
-            self.refuse_a_flipped_byte,
-            self.recover,
-        ]
-
     def _ask(self, path: str, token: str) -> dict[str, Any]:
-        headers = {"Authorization": f"Bearer {token}"}
-        context = ssl.create_default_context()
-        answer: dict[str, Any] = httpx.get(
-            self.service.url + path, headers=headers, verify=context, trust_env=False
-        ).json()
-        return answer
+        headers, context = {"Authorization": f"Bearer {token}"}, ssl.create_default_context()
+        answer = httpx.get(self.service.url + path, headers=headers, verify=context, trust_env=False)
+        return dict(answer.json())
 
     def _published(self) -> dict[str, Any]:
         """The files of the release, as the service's database has them."""
@@ -264,9 +259,18 @@ def _flip_a_byte(path: Path) -> None:
     new.replace(path)
 
 
-def _tell(lines: list[str]) -> None:
-    for line in lines:
-        click.echo(f"   {line}")
+def _is_drawn(capital: Sequence[float], days: Sequence[int], picture: Path) -> bool:
+    """Whether the coloured pixels of a PNG, stretched over their own width and height, go through every value."""
+    from matplotlib.image import imread  # after the directory for its cache is set
+
+    red, _, blue, _ = np.moveaxis(imread(picture), -1, 0)
+    curve = blue - red > 0.2  # all the rest is grey
+    rows, columns = np.nonzero(curve)
+    dates = np.array([datetime.strptime(str(day), "%Y%m%d").toordinal() for day in days])
+    across = (dates - dates[0]) / np.ptp(dates) * np.ptp(columns) + columns.min()
+    down = (max(capital) - np.array(capital)) / np.ptp(capital) * np.ptp(rows) + rows.min()
+    points = zip(across.round().astype(int), down.round().astype(int), strict=True)
+    return all(curve[y - 2 : y + 3, x - 2 : x + 3].any() for x, y in points)
 
 
 @contextmanager

@@ -1,6 +1,5 @@
 """The local service as the demo runs it."""
 
-import signal
 import sqlite3
 import subprocess
 import sys
@@ -25,9 +24,9 @@ class Service:
         self.url = self._process.stdout.readline().strip()
         check("the service answers with its address", self.url.startswith("https://127.0.0.1:"))
 
-    def stop(self, number: int = signal.SIGTERM) -> None:
+    def stop(self) -> None:
         if self._process is not None:
-            self._process.send_signal(number)
+            self._process.terminate()
             self._process.communicate(timeout=15)
             self._process = None
 

@@ -2,16 +2,17 @@
 
 import difflib
 import os
-import signal
+import sqlite3
 import stat
-from collections.abc import Callable
+from contextlib import closing
+from datetime import datetime
 from pathlib import Path
 
 import click
 
 from corvane import agent_onboarding as onboarding
 from corvane import auth
-from corvane_local.demo.checks import check, mode, option, refused, show
+from corvane_local.demo.checks import check, mode, option, refused, say, show
 from corvane_local.demo.service import Service
 
 WORKSPACE_TEXT = "# Heartbeat\n\n- [ ] Read the mail\n"
@@ -24,7 +25,7 @@ class WalletSteps:
         service: The service, not started yet.
         home: The agent's data directory.
         workspace: The agent's working directory; gets a HEARTBEAT.md.
-        sabotage: What goes wrong on purpose: "service", "key-file" or "invite".
+        sabotage: What is spoilt behind the kit's back: "key-file", "invite" or "heartbeat".
     """
 
     def __init__(self, service: Service, home: Path, workspace: Path, sabotage: str | None) -> None:
@@ -53,27 +54,28 @@ class WalletSteps:
 
     def register_while_the_service_is_down(self) -> None:
         """The agent registers, but the service is down: the new key is kept"""
-        if self.sabotage == "invite":
-            other = auth.AuthManager("0x" + "01" * 32, self.service.url, self.invite_code)
-            other.authenticate()
         self.service.stop()
         call = f"register({self.invite_code!r}, data_dir='.../agent')"
-        message = "Cannot reach Corvane server. Check your network connection and try again."
-        refused(call, lambda: onboarding.register(self.invite_code, str(self.home)), ConnectionError, message)
-        check(f"wallet.key is there, 64 digits, mode {mode(self.key_file):o}", self._key_is_safe())
+        error = ConnectionError("Cannot reach Corvane server. Check your network connection and try again.")
+        again = "the same call again, when the service is back."
+        refused(call, lambda: onboarding.register(self.invite_code, str(self.home)), error, again)
+        if self.sabotage == "key-file":
+            self.key_file.chmod(0o644)
+        check("wallet.key is there: 64 digits, mode 600", self._key_is_safe())
         check("nothing went into HEARTBEAT.md", self.heartbeat.read_text() == WORKSPACE_TEXT)
         self.service.start()
 
     def register(self) -> None:
         """The service is back: the same call registers the same key"""
         key = self.key_file.read_text()
-        if self.sabotage == "service":
-            self.service.stop(signal.SIGKILL)
         wallet = onboarding.register(self.invite_code, str(self.home))
         self.address = wallet.address
         show(f"register({self.invite_code!r}, data_dir='.../agent')", wallet)
         click.echo(f"   key file: {self.key_file}, mode {mode(self.key_file):o}")
         check("the key on disk is the one from before", self._key_is_safe() and self.key_file.read_text() == key)
+        if self.sabotage == "invite":
+            with closing(sqlite3.connect(self.service.state / "service.db")) as db, db:
+                db.execute("UPDATE invites SET used_by = NULL")
         users = self.service.rows("SELECT used_by FROM invites WHERE code = ?", self.invite_code)
         check("the service has used the invite for this wallet", users == [(self.address,)])
         check("the service knows the wallet", self._wallets() == [(self.address,)])
@@ -87,9 +89,6 @@ class WalletSteps:
 
     def register_again(self) -> None:
         """Registering again is the same wallet, without an invite"""
-        if self.sabotage == "key-file":
-            moved = self.key_file.rename(self.home / "elsewhere")
-            self.key_file.symlink_to(moved)
         before = self.heartbeat.read_text()
         wallet = onboarding.register()
         show("register()", wallet)
@@ -102,7 +101,8 @@ class WalletSteps:
         onboarding.configure(data_dir=str(other))
         key = self.key_file.read_text()
         token = onboarding.login(key)
-        show("configure(data_dir='.../second-home'); login(KEY)", token)
+        call = "configure(data_dir='.../second-home'); login(KEY)"
+        say(call, f"signed in until {datetime.fromtimestamp(token.expires_at):%H:%M:%S}")
         check("the key was stored there, owner-only", (other / "wallet.key").read_text() == key)
         check("the mode is 600", mode(other / "wallet.key") == 0o600)
         digests = self.service.rows("SELECT count(*) FROM tokens WHERE address = ?", self.address)
@@ -112,13 +112,10 @@ class WalletSteps:
     def refuse_a_second_use(self) -> None:
         """Another agent tries the used invite"""
         third = str(self.home.with_name("third-home"))
+        call = f"register({self.invite_code!r}, data_dir='.../third-home')"
         message = "Registration failed: This invite code has been used. Contact support if this persists."
-        refused(
-            f"register({self.invite_code!r}, data_dir='.../third-home')",
-            lambda: onboarding.register(self.invite_code, third),
-            auth.RegistrationError,
-            message,
-        )
+        error, ask = auth.RegistrationError(message), "ask the operator for another invite code."
+        refused(call, lambda: onboarding.register(self.invite_code, third), error, ask)
         check("the service has no second wallet", self._wallets() == [(self.address,)])
         onboarding.configure(data_dir=str(self.home))
 
@@ -127,8 +124,8 @@ class WalletSteps:
         onboarding.configure(named_universe=" us_large ")
         show("configure(named_universe=' us_large ')", None)
         check("the name is stored without blanks", option("named_universe") == "us_large")
-        message = "Option 'auto_heartbeat' expects bool, got int."
-        refused("configure(auto_heartbeat=1)", lambda: onboarding.configure(auto_heartbeat=1), ValueError, message)
+        error, call = ValueError("Option 'auto_heartbeat' expects bool, got int."), "configure(auto_heartbeat=1)"
+        refused(call, lambda: onboarding.configure(auto_heartbeat=1), error, "configure(auto_heartbeat=True).")
         check("the option is as it was", option("auto_heartbeat") is True)
 
     def add_a_nudge(self) -> None:
@@ -137,12 +134,14 @@ class WalletSteps:
         for _ in range(2):
             onboarding.update_nudge("era_change", era=3)
         show("update_nudge('era_change', era=3)  # twice", None)
+        if self.sabotage == "heartbeat":
+            self.heartbeat.write_text(self.heartbeat.read_text().replace("- [ ] Read", "- [x] Read"))
         after = self.heartbeat.read_text()
         _show_difference(before, after)
         nudge = (
             "- [ ] [Corvane] New era detected. Your search will pause for re-sync. Check status after sync completes.\n"
         )
-        check("one line was added", after == before + nudge)
+        check("one line was added, nothing else changed", after == before + nudge)
 
     def print_the_fragment(self) -> None:
         """The fragment for AGENTS.md"""
@@ -156,32 +155,17 @@ class WalletSteps:
         victim.write_text("precious")
         key = self.key_file.rename(self.home / "wallet.key.away")
         self.key_file.symlink_to(victim)
-        message = (
+        error = OSError(
             f"Unsafe wallet key at {self.key_file}. "
             "Refusing to use wallet.key with unsafe ownership, type, or permissions."
         )
-        refused("login(KEY)", lambda: onboarding.login(key.read_text()), OSError, message)
-        refused("register()", onboarding.register, OSError, message)
+        put_back = "put the key file back where the link is."
+        refused("login(KEY)", lambda: onboarding.login(key.read_text()), error, put_back)
+        refused("register()", onboarding.register, error, put_back)
         check("what the link points to is untouched", victim.read_text() == "precious")
         self.key_file.unlink()
         key.rename(self.key_file)
         check("with the file put back, register() works", onboarding.register().address == self.address)
-
-    def steps(self) -> list[Callable[[], None]]:
-        return [
-            self.start_the_service,
-            self.get_an_invite,
-            self.register_while_the_service_is_down,
-            self.register,
-            self.read_the_heartbeat,
-            self.register_again,
-            self.login_elsewhere,
-            self.refuse_a_second_use,
-            self.set_options,
-            self.add_a_nudge,
-            self.print_the_fragment,
-            self.refuse_an_unsafe_key_file,
-        ]
 
     def _wallets(self) -> list[tuple[object, ...]]:
         return self.service.rows("SELECT address FROM wallets")
