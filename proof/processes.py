@@ -114,7 +114,7 @@ def struck(call: Call, arm: Callable[[Callable[[], None]], object], disarm: Call
         except Exception as exc:
             disarm()
             stated = isinstance(exc.__context__, KeyboardInterrupt) and STATED.search(str(exc))
-            wrong = f"became {exc!r}" if came and not stated else ""
+            wrong = f"became {exc!r}" if came and not stated and not ignored else ""
         finally:
             disarm()
             sys.unraisablehook = sys.__unraisablehook__

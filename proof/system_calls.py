@@ -98,14 +98,29 @@ def points(trace: list[str]) -> list[tuple[str, int, str]]:
     return found
 
 
+def failed(call: Any, name: str, number: int, earlier: int, error: str) -> tuple[str, str | None]:
+    """Outcome and wallet.key when this call of the system fails, `earlier` of the same name after the mark.
+
+    strace counts from where it took hold of the process, which is not the same place each time.
+    """
+    for _ in range(5):
+        said, trace, key = traced(call, "-e", f"inject={name}:error={error}:when={number}")
+        lines = [line for other, _, line in points(trace) if other == name]
+        if len(lines) > earlier and lines[earlier].endswith(("(INJECTED)", "= ?")):  # the latter: killed in it
+            return said, key
+    raise RuntimeError(f"{name} {number} could not be made to fail")
+
+
 def main(scenario: str, fatal: bool) -> None:
     call = scenarios()[scenario]
     usual, trace, _ = traced(call)
     seen: list[Any] = [["", 0, "", "", usual, None]]
+    earlier: dict[str, int] = {}
     for name, number, line in points(trace):
         for error in ("EIO:signal=SIGKILL",) if fatal else ERRORS.get(name, ("EIO", "EACCES")):
-            said, _, key = traced(call, "-e", f"inject={name}:error={error}:when={number}")
+            said, key = failed(call, name, number, earlier.get(name, 0), error)
             seen.append([name, number, line, error, said, key])
+        earlier[name] = earlier.get(name, 0) + 1
     print(json.dumps(seen))
 
 
