@@ -345,12 +345,21 @@ def read_only(path: str, mode: str, **kwargs: Any) -> Any:
     return open("/" if mode == "w" else path, mode, **kwargs)
 
 
-def check(path: str) -> None:
-    descriptor = os.open(path, os.O_RDONLY)
-    try:
-        m._check_wallet_fd("x", descriptor)
-    finally:
-        os.close(descriptor)
+OPENED: list[int] = []
+
+
+def opened(path: str) -> Prepare:
+    """A descriptor, in OPENED: an interrupt between opening and closing it in the call would leave it open."""
+
+    def prepare(undo: contextlib.ExitStack) -> None:
+        OPENED[:] = [os.open(path, os.O_RDONLY)]
+        undo.callback(os.close, OPENED[0])
+
+    return prepare
+
+
+def check() -> None:
+    m._check_wallet_fd("x", OPENED[0])
 
 
 def prune() -> list[str]:
@@ -462,8 +471,8 @@ def rows() -> Iterator[tuple[Any, ...]]:
     yield "directory fails", call("_canonical_data_dir", 5), "raised TypeError"
     yield "key path", call("_wallet_key_path", "d"), "returned './d/wallet.key'"
     yield "key refusal", call("_unsafe_wallet_error", "x"), "returned OSError('Unsafe wallet key at x. Refusing"
-    yield "check", lambda: check("d/wallet.key"), "returned None", file("d/wallet.key", KEY, 0o666)
-    yield "check of a directory", lambda: check("."), "raised OSError: Unsafe wallet key at x."
+    yield "check", check, "returned None", file("d/wallet.key", KEY, 0o666), opened("d/wallet.key")
+    yield "check of a directory", check, "raised OSError: Unsafe wallet key at x.", opened(".")
     for name, act, lost in (
         ("read", call("_read_wallet_key", "d"), "raised OSError: Cannot read wallet from"),
         ("write", call("_write_wallet_key", "d", "0x" + KEY), NOT_WRITTEN),
