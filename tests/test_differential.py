@@ -120,6 +120,8 @@ def first_rows():
             yield f"{name} {type(path)} {path!r:.9}", e.call(name, path)
         yield f"inject {type(path)} {path!r:.9}", e.call("inject_heartbeat", path), e.file("HEARTBEAT.md")
         yield f"register in {type(path)} {path!r:.9}", e.register(data_dir=path)
+    no_option = lambda undo: e.m._config.pop("auto_heartbeat")  # noqa: E731
+    yield "no option to opt out", several(e.register(), INJECT, NUDGE), CHECKLIST, no_option
     for code in (None, "", "c", 5):
         yield f"invite {code}", e.register(invite_code=code), e.invited
     for content in HEARTBEATS:
@@ -291,6 +293,9 @@ def manifest_rows():
         entries = lambda m=manifest: list(e.m._runtime_module_manifest_entries(m))  # noqa: E731
         load = e.call("_load_runtime_modules_from_manifest", "d", manifest)
         yield f"manifest {number}", several(*select, entries, load)
+    backwards = e.ours(sorted=lambda items: reversed(sorted(items)))
+    entries = lambda: list(e.m._runtime_module_manifest_entries({"files": {"x": entry(), "y": entry()}}))  # noqa: E731
+    yield "another sorted", entries, backwards
     read = several(e.call("_read_manifest", "d"), e.call("_load_per_era_backtester", "d"), lambda: sys.path[0])
     for content in MANIFESTS:
         yield f"manifest {content!r:.40}", read, e.file("d/manifest.json", content)
