@@ -58,6 +58,15 @@ DECLARED = re.compile(
     r"|^(?!\s*return\b)\s*\w[\w:<>*&]* (?:[\w:<>*& ]+ )?[*&]?\w+\("
 )
 
+# File, what stands on the line, why the tests cannot notice.
+EXPLAINED = (
+    ("module.cpp", "set_item(interpreter_dict(), kept_as()", "matters where memory runs out in between: allocations"),
+    ("py/function.cpp", "takes no more exit functions", "an interpreter with 32 other extensions that want to know"),
+    ("py/function.cpp", "forgets_at_exit = true", "what is forgotten twice is forgotten"),
+    ("py/object.hpp", "Py_REFCNT(owned) > 1", "told only from a thread that outlives the interpreter: processes"),
+    ("runtime_manifest.cpp", "bool ascending = true", "what is sorted is sorted once more"),
+)
+
 
 @dataclass(frozen=True)
 class Mutant:
@@ -136,6 +145,10 @@ def noticed(workshop: Workshop, site: Path, number: int, tests: str) -> bool:
         return True
 
 
+def explained(mutant: Mutant, line: str) -> bool:
+    return any(mutant.file == file and text in line for file, text, _ in EXPLAINED)
+
+
 def run(workshop: Workshop) -> Iterator[Result]:
     site, mutants = build(workshop)
     tried = [(n, mutant, TESTS.get(mutant.file, OTHER_TESTS)) for n, mutant in enumerate(mutants, 1)]
@@ -147,5 +160,9 @@ def run(workshop: Workshop) -> Iterator[Result]:
     survivors = [mutant for (_, mutant, _), seen in zip(tried, caught, strict=True) if not seen]
     share = 100 * sum(caught) / len(caught)
     low = [f"only {share:.1f} % are caught, {WANTED} wanted"] if share < WANTED else []
+    source = workshop.root / "src" / "agent_onboarding"
+    known = [one for one in survivors if explained(one, (source / one.file).read_text().splitlines()[one.line - 1])]
+    found = [f"{one.file}:{one.line}, {one.rule}" for one in survivors if one not in known]
     what = f"mutations: in {len({mutant.file for mutant in mutants})} files, {share:.0f} % noticed by the tests"
-    yield Result(what, len(tried), broken + low + [f"{one.file}:{one.line}, {one.rule}" for one in survivors])
+    yield Result(what, len(tried), broken + low + found)
+    yield Result("   of the others, cannot be noticed for a known reason", len(known))
