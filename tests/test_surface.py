@@ -4,7 +4,6 @@ import ast
 import contextlib
 import copy
 import dataclasses
-import gc
 import hashlib
 import inspect
 import linecache
@@ -220,8 +219,9 @@ def run(script, expected=""):
     assert (done.returncode, done.stderr, done.stdout.strip()) == (0, "", expected)
 
 
-def test_code_that_changes_while_arguments_are_bound():
-    run("""
+# What one interpreter of its own does, and what it prints.
+SCRIPTS = {
+    "code that changes while arguments are bound": ("""
 from corvane import agent_onboarding as m
 class Swapping(str):
     __hash__ = str.__hash__
@@ -230,7 +230,105 @@ class Swapping(str):
         return str.__eq__(self, other)
 f = m._prune_runtime_extension_copies
 print(f("a", **{Swapping("keep_path"): "/nowhere/x"}), f())
-""", "None 5")  # fmt: skip
+""", "None 5"),
+    "a sibling missing or failing then there": (r"""
+import sys, traceback, types
+import corvane.skills
+good = sys.modules["corvane.skills"]
+lacking = "cannot import name 'list_skills' from 'corvane.skills' (unknown location)"
+for broken, text in ((None, "import of corvane.skills halted; None in sys.modules"),
+                     (types.ModuleType("corvane.skills"), lacking)):
+    sys.modules["corvane.skills"] = broken
+    try:
+        import corvane.agent_onboarding
+    except ImportError as exc:
+        assert str(exc) == text, str(exc)
+        frames = [f.filename for f in traceback.extract_tb(exc.__traceback__)]
+        assert "<corvane.agent_onboarding>" in frames and "src/agent_onboarding/py/function.cpp" in frames, frames
+        assert "corvane.agent_onboarding" not in sys.modules
+    else:
+        raise AssertionError("imported")
+sys.modules["corvane.skills"] = good
+import corvane.agent_onboarding
+assert corvane.agent_onboarding.login.__module__ == "corvane.agent_onboarding"
+""", ""),
+    "a function kept from an import that failed": ("""
+import dataclasses, sys
+good, kept = dataclasses.dataclass, []
+def failing(cls=None, **options):
+    kept.append(sys._getframe(1).f_globals.get("_sha256_file"))
+    if kept[-1] is None: return good(cls, **options)
+    raise ValueError("not today")
+dataclasses.dataclass = failing
+try: import corvane.agent_onboarding
+except ValueError as exc: print(exc)
+dataclasses.dataclass = good
+import corvane.agent_onboarding as m
+try: kept[-1]("x")
+except SystemError as exc: print(exc)
+assert m._sha256_file("/dev/null").startswith("e3b0")
+""", "not today\nnative body not reached"),
+    "two modules made before either is executed": ("""
+import corvane, importlib.util
+spec = importlib.util.find_spec("corvane.agent_onboarding")
+first, second = map(importlib.util.module_from_spec, (spec, spec))
+spec.loader.exec_module(first)
+try: spec.loader.exec_module(second)
+except ImportError as exc: print(exc)
+assert first._normalize_key("a") == "0xa"
+""", "corvane.agent_onboarding is already initialised"),
+    "a failed import elsewhere leaves the module free": ("""
+import sys
+import _xxsubinterpreters as interpreters
+# without the real corvane.auth and corvane.sync: their libraries refuse other interpreters on their own
+interpreters.run_string(interpreters.create(isolated=False), f'''
+import sys
+sys.path[:] = {sys.path!r}
+import corvane
+corvane.auth, sys.modules["corvane.sync"] = sys, type(sys)("corvane.sync")
+try:
+    import corvane.agent_onboarding
+except ImportError as exc:
+    print(exc, flush=True)
+''')
+import corvane.agent_onboarding
+assert corvane.agent_onboarding._normalize_key("a") == "0xa"
+""", "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)"),
+    "loaded under another name while it is being initialised": ("""
+import importlib.util, logging, corvane
+path, get_logger = importlib.util.find_spec("corvane.agent_onboarding").origin, logging.getLogger
+def load_again(name=None):
+    if name == "corvane.agent_onboarding":
+        spec = importlib.util.spec_from_file_location("another.agent_onboarding", path)
+        module = importlib.util.module_from_spec(spec)
+        try: spec.loader.exec_module(module)
+        except ImportError as exc: print(exc)
+    return get_logger(name)
+logging.getLogger = load_again
+import corvane.agent_onboarding as m
+assert m.register and m._normalize_key("a") == "0xa"
+""", "corvane.agent_onboarding is being initialised already"),
+    "daemon threads ended inside handlers and destructors": ("""
+import corvane.agent_onboarding as m, sys, threading, time, types
+m._find_heartbeat = lambda d: '/'
+m.logger = types.SimpleNamespace(warning=lambda *a: time.sleep(0.2))
+class Sleepy(Exception):
+    def __del__(self, sleep=time.sleep): sleep(0.05)
+def handler():
+    while True: m.inject_heartbeat()
+def destructor():
+    while True: m._exception_chain_detail(Sleepy())
+for work in (handler, destructor) * 3: threading.Thread(target=work, daemon=True).start()
+class Slow:
+    def __del__(self, sleep=time.sleep): sleep(0.4)
+sys.modules['held'] = types.SimpleNamespace(slow=Slow())
+""", ""),
+}  # fmt: skip
+
+
+@pytest.mark.parametrize("name", SCRIPTS)
+def test_in_an_interpreter_of_its_own(name):
+    run(*SCRIPTS[name])
 
 
 EMBEDDING = """
@@ -269,139 +367,14 @@ def test_an_interpreter_that_is_started_again(tmp_path):
     assert (done.returncode, done.stderr) == (0, "")
 
 
-def test_a_sibling_missing_or_failing_then_there():
-    run(r"""
-import sys, traceback, types
-import corvane.skills
-good = sys.modules["corvane.skills"]
-lacking = "cannot import name 'list_skills' from 'corvane.skills' (unknown location)"
-for broken, text in ((None, "import of corvane.skills halted; None in sys.modules"),
-                     (types.ModuleType("corvane.skills"), lacking)):
-    sys.modules["corvane.skills"] = broken
-    try:
-        import corvane.agent_onboarding
-    except ImportError as exc:
-        assert str(exc) == text, str(exc)
-        frames = [f.filename for f in traceback.extract_tb(exc.__traceback__)]
-        assert "<corvane.agent_onboarding>" in frames and "src/agent_onboarding/py/function.cpp" in frames, frames
-        assert "corvane.agent_onboarding" not in sys.modules
-    else:
-        raise AssertionError("imported")
-sys.modules["corvane.skills"] = good
-import corvane.agent_onboarding
-assert corvane.agent_onboarding.login.__module__ == "corvane.agent_onboarding"
-""")
-
-
-def test_a_function_kept_from_an_import_that_failed():
-    run("""
-import dataclasses, sys
-good, kept = dataclasses.dataclass, []
-def failing(cls=None, **options):
-    kept.append(sys._getframe(1).f_globals.get("_sha256_file"))
-    if kept[-1] is None: return good(cls, **options)
-    raise ValueError("not today")
-dataclasses.dataclass = failing
-try: import corvane.agent_onboarding
-except ValueError as exc: print(exc)
-dataclasses.dataclass = good
-import corvane.agent_onboarding as m
-try: kept[-1]("x")
-except SystemError as exc: print(exc)
-assert m._sha256_file("/dev/null").startswith("e3b0")
-""", "not today\nnative body not reached")  # fmt: skip
-
-
-def test_two_modules_made_before_either_is_executed():
-    run("""
-import corvane, importlib.util
-spec = importlib.util.find_spec("corvane.agent_onboarding")
-first, second = map(importlib.util.module_from_spec, (spec, spec))
-spec.loader.exec_module(first)
-try: spec.loader.exec_module(second)
-except ImportError as exc: print(exc)
-assert first._normalize_key("a") == "0xa"
-""", "corvane.agent_onboarding is already initialised")  # fmt: skip
-
-
-def test_a_failed_import_elsewhere_leaves_the_module_free():
-    run("""
-import sys
-import _xxsubinterpreters as interpreters
-# without the real corvane.auth and corvane.sync: their libraries refuse other interpreters on their own
-interpreters.run_string(interpreters.create(isolated=False), f'''
-import sys
-sys.path[:] = {sys.path!r}
-import corvane
-corvane.auth, sys.modules["corvane.sync"] = sys, type(sys)("corvane.sync")
-try:
-    import corvane.agent_onboarding
-except ImportError as exc:
-    print(exc, flush=True)
-''')
-import corvane.agent_onboarding
-assert corvane.agent_onboarding._normalize_key("a") == "0xa"
-""", "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)")  # fmt: skip
-
-
-def test_initialised_while_it_is_being_initialised():
-    """Another thread, or code that runs during the import, loads the same file under another name."""
-    run("""
-import importlib.util, logging, corvane
-path, get_logger = importlib.util.find_spec("corvane.agent_onboarding").origin, logging.getLogger
-def load_again(name=None):
-    if name == "corvane.agent_onboarding":
-        spec = importlib.util.spec_from_file_location("another.agent_onboarding", path)
-        module = importlib.util.module_from_spec(spec)
-        try: spec.loader.exec_module(module)
-        except ImportError as exc: print(exc)
-    return get_logger(name)
-logging.getLogger = load_again
-import corvane.agent_onboarding as m
-assert m.register and m._normalize_key("a") == "0xa"
-""", "corvane.agent_onboarding is being initialised already")  # fmt: skip
-
-
 @pytest.mark.parametrize("script", [*ENDS.values(), *OTHERS.values(), AGAIN])
 def test_ends_and_other_interpreters(script):
     run(IMPORT + script)
 
 
-def test_shutdown_in_the_middle_is_silent():
-    """Daemon threads that the interpreter ends, while it shuts down, in the middle of our handlers and destructors."""
-    run("""
-import corvane.agent_onboarding as m, sys, threading, time, types
-m._find_heartbeat = lambda d: '/'
-m.logger = types.SimpleNamespace(warning=lambda *a: time.sleep(0.2))
-class Sleepy(Exception):
-    def __del__(self, sleep=time.sleep): sleep(0.05)
-def handler():
-    while True: m.inject_heartbeat()
-def destructor():
-    while True: m._exception_chain_detail(Sleepy())
-for work in (handler, destructor) * 3: threading.Thread(target=work, daemon=True).start()
-class Slow:
-    def __del__(self, sleep=time.sleep): sleep(0.4)
-sys.modules['held'] = types.SimpleNamespace(slow=Slow())
-""")
-
-
 def test_only_the_entry_point_is_exported():
     listed = subprocess.run(["nm", "-D", "--defined-only", m.__file__], capture_output=True, text=True, check=True)
     assert re.findall(r"\S+$", listed.stdout, re.M) == ["PyInit_agent_onboarding"]
-
-
-@pytest.mark.parametrize("name", list(exercise.CALLS)[::9])
-def test_leaks_nothing(name):
-    """Twenty calls leave fewer than half as many blocks, once the interpreter's own caches are full."""
-
-    def blocks():
-        for _ in range(20):
-            exercise.CALLS[name]()
-        gc.collect()
-        return sys.getallocatedblocks()
-
-    assert any(blocks() + 10 > blocks() for _ in range(25))
 
 
 def test_import_without_memory():

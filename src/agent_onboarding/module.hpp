@@ -23,8 +23,9 @@ inline bool path_exists(handle path, where line = where::current()) {
 /// `isinstance(value, type)`
 inline bool is_instance(handle value, name type, where line = where::current()) {
     found test = global("isinstance"_n, line);
+    const bool builtin = found_builtin("isinstance"_n);
     found class_or_tuple = global(type, line);
-    if (!is_builtin(test, "isinstance"))
+    if (!builtin)
         return is_true(test(value, class_or_tuple), line);
     return perform(line, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
 }

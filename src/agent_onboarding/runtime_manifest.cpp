@@ -74,8 +74,9 @@ object manifest_files(const frame& in) {
 
 object sorted_manifest_pairs(const frame& in) {
     found sort = global("sorted"_n);
+    const bool builtin = found_builtin("sorted"_n);
     object files = global("_manifest_files"_n)(in[0]);
-    if (is_builtin(sort, "sorted") && PyDict_CheckExact(files.ptr())) {
+    if (builtin && PyDict_CheckExact(files.ptr())) {
         if (object pairs = pairs_by_key(files))
             return pairs;
     }

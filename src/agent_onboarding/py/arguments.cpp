@@ -2,29 +2,6 @@
 
 namespace corvane::py {
 
-bound_arguments::bound_arguments(PyFunctionObject* function, PyObject* const* given, std::size_t flagged_count,
-                                 PyObject* keywords)
-    : code_(reinterpret_cast<PyCodeObject*>(function->func_code)) {
-    const auto positional_given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
-    const auto positional = static_cast<std::size_t>(code_->co_argcount);
-    count_ = positional + static_cast<std::size_t>(code_->co_kwonlyargcount) +
-             ((code_->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
-    if (positional_given == positional && positional == count_ && keywords == nullptr) {
-        for (std::size_t place = 0; place < count_; ++place)
-            values_[place] = Py_NewRef(given[place]);
-        result_ = outcome::bound;
-        return;
-    }
-    for (std::size_t place = 0; place < count_; ++place)
-        values_[place] = nullptr;
-    result_ = positional_given > positional ? outcome::impossible : bind(function, given, positional_given, keywords);
-}
-
-bound_arguments::~bound_arguments() {
-    for (std::size_t place = 0; place < count_; ++place)
-        drop(values_[place]);
-}
-
 bound_arguments::outcome bound_arguments::bind(PyFunctionObject* function, PyObject* const* given,
                                                std::size_t positional_given, PyObject* keywords) {
     const auto positional = static_cast<std::size_t>(code_->co_argcount);

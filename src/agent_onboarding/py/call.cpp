@@ -1,5 +1,6 @@
 #include "call.hpp"
 
+#include <algorithm>
 #include <vector>
 
 namespace corvane::py {
@@ -45,6 +46,20 @@ void unpack(handle value, std::span<object> targets, where line) {
     if (surplus)
         PyErr_Format(PyExc_ValueError, "too many values to unpack (expected %zd)", wanted);
     throw_error(line);
+}
+
+object detail::joined(std::span<const object> texts, where line) {
+    Py_ssize_t length = 0;
+    Py_UCS4 widest = 0;
+    for (const object& text : texts) {
+        length += PyUnicode_GET_LENGTH(text.ptr());
+        widest = std::max(widest, PyUnicode_MAX_CHAR_VALUE(text.ptr()));
+    }
+    object whole = check(PyUnicode_New(length, widest), line);
+    Py_ssize_t end = 0;
+    for (const object& text : texts)
+        end += check(PyUnicode_CopyCharacters(whole.ptr(), end, text.ptr(), 0, PyUnicode_GET_LENGTH(text.ptr())), line);
+    return whole;
 }
 
 object special_method(handle self, handle name, where line) {

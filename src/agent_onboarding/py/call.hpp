@@ -64,8 +64,9 @@ class found : public object {
 /// `global name; name = value`
 void set_global(name changed, handle value, where line = where::current());
 
-/// Whether the value is the builtin function of that name, not what somebody has put in its place.
-[[nodiscard]] bool is_builtin(handle value, const char* name) noexcept;
+/// Whether what `global` has just found under the name is the builtin function of that name, not what somebody has put
+/// in its place.
+[[nodiscard]] bool found_builtin(name wanted) noexcept;
 
 namespace detail {
 /// The attribute of a plain module, without the detour over its type; empty if it is not there or not that simple.
@@ -196,16 +197,14 @@ inline object text_of(std::string_view literal, where line) {
     return check(PyUnicode_FromStringAndSize(literal.data(), static_cast<Py_ssize_t>(literal.size())), line);
 }
 inline object text_of(handle value, where line) { return perform(line, PyObject_Str, value.ptr()); }
-inline void append(object& text, const object& more, where line) {
-    text = check(PyUnicode_Concat(text.ptr(), more.ptr()), line);
-}
+object joined(std::span<const object> texts, where line);
 } // namespace detail
 
-/// `f"..."`: literals and the text forms of values, from left to right.
-template <typename... Parts> object concat(opening first, const Parts&... parts) {
-    object text = detail::text_of(first.text, first.line);
-    (detail::append(text, detail::text_of(parts, first.line), first.line), ...);
-    return text;
+/// `f"..."`: literals and the text forms of values, from left to right. Not inlined: an exception searches the table of
+/// all calls of the C++ frame that raises it, and most messages are made to be raised.
+template <typename... Parts> [[gnu::noinline]] object concat(opening first, const Parts&... parts) {
+    const object texts[] = {detail::text_of(first.text, first.line), detail::text_of(parts, first.line)...};
+    return detail::joined(texts, first.line);
 }
 
 /// A special method, looked up on the type as the interpreter does; empty where the type has none.

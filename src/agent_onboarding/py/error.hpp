@@ -3,6 +3,7 @@
 
 #include "object.hpp"
 
+#include <concepts>
 #include <exception>
 
 namespace corvane::py {
@@ -43,7 +44,7 @@ inline object check(PyObject* result, where line) {
     return object::steal(result);
 }
 /// For C calls that answer -1 on error.
-inline int check(int result, where line) {
+template <std::signed_integral Number> Number check(Number result, where line) {
     if (result < 0) [[unlikely]]
         throw_error(line);
     return result;

@@ -4,9 +4,7 @@
 #include <marshal.h>
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -20,13 +18,13 @@ struct remembered {
     std::uint64_t globals_version;
     std::uint64_t builtins_version;
     PyObject* value;
+    bool builtin; ///< the function of that name in the builtins
     std::uint64_t module_version;
     PyObject* attribute; ///< of the module whose dictionary has that version
 };
 
-/// The layer's only state. It outlives the module, for function objects can, and ends with the interpreter.
+/// The layer's only state beside the interned names. It outlives the module, for function objects can, and ends with the interpreter.
 struct interpreter_state {
-    std::vector<object> names;
     std::vector<remembered> look_ups;
     object globals;
     object builtins;
@@ -44,10 +42,10 @@ std::size_t name_count = 0;
 /// When the interpreter has ended its objects are gone, and another one may start in this process.
 void forget() noexcept {
     forgets_at_exit = false;
+    for (name_node* node = first_name; node != nullptr; node = node->next)
+        node->interned = nullptr;
     if (state == nullptr)
         return;
-    for (std::size_t i = 0; i < name_count; ++i)
-        (void)state->names[i].release();
     (void)state->globals.release();
     (void)state->builtins.release();
     (void)state->codes.release();
@@ -61,8 +59,6 @@ name_node::name_node(std::string_view literal) noexcept : text(literal), index(n
     first_name = this;
 }
 
-name interned(const name_node& node) noexcept { return {state->names[node.index], node.index}; }
-
 // -- Calls ----------------------------------------------------------------------------------------------------------
 
 PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
@@ -75,28 +71,18 @@ namespace {
 constexpr int recursion_cost = 4;
 } // namespace
 
-PyObject* enter(native_body body, PyFunctionObject* function, const bound_arguments& bound) {
-    // Py_EnterRecursiveCall, with one look-up of the thread for entering and leaving.
-    PyThreadState* thread = PyThreadState_Get();
-    if (thread->c_recursion_remaining > recursion_cost)
+bool enter_recursion(PyThreadState* thread) {
+    if (thread->c_recursion_remaining > recursion_cost) {
         thread->c_recursion_remaining -= recursion_cost;
-    else if (Py_EnterRecursiveCall("") == 0)
-        thread->c_recursion_remaining -= recursion_cost - 1;
-    else
-        return nullptr;
-    const frame running(function, bound.code(), bound.values());
-    PyObject* result = nullptr;
-    try {
-        result = body(running).release();
-    } catch (error& raised) {
-        running.trace(raised);
-        raised.restore();
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
+        return true;
     }
-    thread->c_recursion_remaining += recursion_cost;
-    return result;
+    if (Py_EnterRecursiveCall("") != 0)
+        return false;
+    thread->c_recursion_remaining -= recursion_cost - 1;
+    return true;
 }
+
+void leave_recursion(PyThreadState* thread) noexcept { thread->c_recursion_remaining += recursion_cost; }
 
 // -- The module's namespace -----------------------------------------------------------------------------------------
 
@@ -107,6 +93,14 @@ std::uint64_t version_of(handle dictionary) noexcept {
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
     return reinterpret_cast<PyDictObject*>(dictionary.ptr())->ma_version_tag;
 #pragma GCC diagnostic pop
+}
+
+bool is_builtin(handle value, handle name) noexcept {
+    return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
+           PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
+           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == state->builtins.ptr() &&
+           PyUnicode_CompareWithASCIIString(name.ptr(),
+                                            reinterpret_cast<PyCFunctionObject*>(value.ptr())->m_ml->ml_name) == 0;
 }
 } // namespace
 
@@ -129,6 +123,7 @@ found global(name wanted, where line) {
     last.globals_version = globals_version;
     last.builtins_version = builtins_version;
     last.value = value;
+    last.builtin = is_builtin(handle(value), wanted);
     return {object::borrow(value), line};
 }
 
@@ -149,12 +144,7 @@ object detail::module_attribute(handle self, name wanted, where line) {
     return object::borrow(last.attribute);
 }
 
-bool is_builtin(handle value, const char* name) noexcept {
-    return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
-           PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
-           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == state->builtins.ptr() &&
-           std::strcmp(reinterpret_cast<PyCFunctionObject*>(value.ptr())->m_ml->ml_name, name) == 0;
-}
+bool found_builtin(name wanted) noexcept { return state->look_ups[wanted.index].builtin; }
 
 void set_global(name changed, handle value, where line) {
     perform(line, PyDict_SetItem, state->globals.ptr(), changed.ptr(), value.ptr());
@@ -207,13 +197,13 @@ void frame::trace(error& raised) const noexcept {
 
 namespace {
 
-void intern_names(interpreter_state& fresh) {
-    fresh.names.resize(name_count);
-    fresh.look_ups.resize(name_count);
-    for (const name_node* node = first_name; node != nullptr; node = node->next) {
+void intern_names() {
+    for (name_node* node = first_name; node != nullptr; node = node->next) {
+        if (node->interned != nullptr)
+            continue; // an earlier initialisation has failed
         PyObject* text = detail::text_of(node->text, where::current()).release();
         PyUnicode_InternInPlace(&text);
-        fresh.names[node->index] = object::steal(text);
+        node->interned = text;
     }
 }
 
@@ -291,12 +281,13 @@ void attach_methods(const object& owner, std::initializer_list<native_function> 
 
 void start(handle module_namespace, std::span<const unsigned char> declarations) {
     if (state == nullptr) {
-        auto fresh = std::make_unique<interpreter_state>();
-        intern_names(*fresh);
-        fresh->codes = load_declarations(declarations);
         if (!forgets_at_exit && Py_AtExit(forget) < 0)
             throw_error(PyExc_SystemError, "the interpreter takes no more exit functions", where::current());
         forgets_at_exit = true;
+        intern_names();
+        auto fresh = std::make_unique<interpreter_state>();
+        fresh->look_ups.resize(name_count);
+        fresh->codes = load_declarations(declarations);
         state = fresh.release();
     }
     state->globals = object::borrow(module_namespace);

@@ -112,15 +112,17 @@ struct name_node {
     std::string_view text;
     std::size_t index;
     name_node* next;
+    PyObject* interned = nullptr; ///< owned until the interpreter has ended
 
     explicit name_node(std::string_view literal) noexcept;
 };
 
-/// An interned text, borrowed for the life of the process. It knows its number, under which look-ups are remembered.
+/// An interned text, borrowed for the life of the interpreter. It knows its number, under which look-ups are
+/// remembered.
 struct name : handle {
     std::size_t index;
 };
-[[nodiscard]] name interned(const name_node& node) noexcept;
+[[nodiscard]] inline name interned(const name_node& node) noexcept { return {handle(node.interned), node.index}; }
 
 /// A string literal as a template argument.
 template <std::size_t Size> struct literal {
