@@ -27,6 +27,8 @@ inline bool is_instance(handle value, name type, where line = where::current()) 
     found class_or_tuple = global(type, line);
     if (!builtin)
         return is_true(test(value, class_or_tuple), line);
+    if (reinterpret_cast<PyObject*>(Py_TYPE(value.ptr())) == class_or_tuple.ptr())
+        return true; // what PyObject_IsInstance looks at first
     return perform(line, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
 }
 

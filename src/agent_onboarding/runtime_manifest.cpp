@@ -20,27 +20,27 @@ object text_form(object value, where line = where::current()) {
 /// of a dict differ, so values never decide, and exact texts have no comparison of their own that somebody could see.
 /// Empty if the keys are not all such texts.
 object pairs_by_key(handle files) {
-    object sorted = check(PyDict_Copy(files.ptr()), where::current()); // the caller's may change between two steps
+    object copy = check(PyDict_Copy(files.ptr()), where::current()); // the caller's may change between two steps
     PyObject* key = nullptr;
     PyObject* previous = nullptr;
     bool ascending = true;
-    for (Py_ssize_t position = 0; PyDict_Next(sorted.ptr(), &position, &key, nullptr) != 0;) {
+    for (Py_ssize_t position = 0; PyDict_Next(copy.ptr(), &position, &key, nullptr) != 0;) {
         if (!PyUnicode_CheckExact(key))
             return {};
         ascending = ascending && (previous == nullptr || PyUnicode_Compare(previous, key) < 0);
         previous = key;
     }
-    if (!ascending) {
-        object keys = check(PyDict_Keys(sorted.ptr()), where::current());
-        check(PyList_Sort(keys.ptr()), where::current());
-        object unsorted = std::exchange(sorted, check(PyDict_New(), where::current()));
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(keys.ptr()); ++i) {
-            key = PyList_GET_ITEM(keys.ptr(), i);
-            check(PyDict_SetItem(sorted.ptr(), key, PyDict_GetItemWithError(unsorted.ptr(), key)), where::current());
-        }
+    if (ascending) {
+        object items = invoke(copy, "items"_n);
+        return perform(where::current(), PyObject_GetIter, items.ptr());
     }
-    object items = invoke(sorted, "items"_n);
-    return perform(where::current(), PyObject_GetIter, items.ptr());
+    object keys = check(PyDict_Keys(copy.ptr()), where::current());
+    check(PyList_Sort(keys.ptr()), where::current());
+    object values = check(PyList_New(PyList_GET_SIZE(keys.ptr())), where::current());
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(keys.ptr()); ++i)
+        PyList_SET_ITEM(values.ptr(), i,
+                        Py_NewRef(PyDict_GetItemWithError(copy.ptr(), PyList_GET_ITEM(keys.ptr(), i))));
+    return call_at(where::current(), handle(reinterpret_cast<PyObject*>(&PyZip_Type)), keys, values);
 }
 
 } // namespace

@@ -59,14 +59,33 @@ class found : public object {
     where line_;
 };
 
+namespace detail {
+inline handle module_namespace; // of the initialised module, and its builtins
+inline handle builtins;
+/// Changes with every change of the dictionary. Deprecated for 3.13; this module is for 3.12 alone.
+inline std::uint64_t version_of(handle dictionary) noexcept {
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return reinterpret_cast<PyDictObject*>(dictionary.ptr())->ma_version_tag;
+#pragma GCC diagnostic pop
+}
+found look_up(name wanted, where line);
+} // namespace detail
+
 /// A name of the module: its namespace, then the builtins, then NameError.
-[[nodiscard]] found global(name wanted, where line = where::current());
+[[nodiscard]] inline found global(name wanted, where line = where::current()) {
+    const remembered& last = wanted.node->last;
+    if (last.globals_version == detail::version_of(detail::module_namespace) &&
+        last.builtins_version == detail::version_of(detail::builtins)) [[likely]]
+        return {object::borrow(last.value), line};
+    return detail::look_up(wanted, line);
+}
 /// `global name; name = value`
 void set_global(name changed, handle value, where line = where::current());
 
 /// Whether what `global` has just found under the name is the builtin function of that name, not what somebody has put
 /// in its place.
-[[nodiscard]] bool found_builtin(name wanted) noexcept;
+[[nodiscard]] inline bool found_builtin(name wanted) noexcept { return wanted.node->last.builtin; }
 
 namespace detail {
 /// The attribute of a plain module, without the detour over its type; empty if it is not there or not that simple.
@@ -146,7 +165,7 @@ inline void set_attr(handle self, handle name, handle value, where line = where:
 /// `f"{value!r}"`
 inline object repr(handle value, where line = where::current()) { return perform(line, PyObject_Repr, value.ptr()); }
 
-/// A loop whose length the data decides asks every round whether a signal handler, Ctrl-C above all, wants to run.
+/// A loop whose length the data decides asks now and then whether a signal handler, Ctrl-C above all, wants to run.
 inline void check_signals(where line = where::current()) { perform(line, PyErr_CheckSignals); }
 
 /// `for item in iterable`, as a C++ range.
@@ -160,7 +179,8 @@ class iterate {
         explicit position(const iterate& range) : range_(range) { ++*this; }
         const object& operator*() const noexcept { return item_; }
         position& operator++() {
-            check_signals(range_.line_);
+            if (round_++ % rounds_between_checks == 0)
+                check_signals(range_.line_);
             item_ = object(); // sooner than Python does, so that a loop over large items holds one at a time
             item_ = object::steal(call_out(PyIter_Next, range_.iterator_.ptr()));
             if (!item_ && PyErr_Occurred() != nullptr)
@@ -170,8 +190,10 @@ class iterate {
         bool operator==(std::default_sentinel_t) const noexcept { return !item_; }
 
       private:
+        static constexpr unsigned rounds_between_checks = 64; // a check takes as long as a look-up
         const iterate& range_;
         object item_;
+        unsigned round_ = 0;
     };
     [[nodiscard]] position begin() const { return position(*this); }
     [[nodiscard]] static std::default_sentinel_t end() noexcept { return std::default_sentinel; }

@@ -12,20 +12,9 @@ namespace corvane::py {
 
 namespace {
 
-/// What a name was found to be, valid while the dictionaries have not changed. Values are borrowed from them. A version
-/// is never used twice, whichever the dictionary.
-struct remembered {
-    std::uint64_t globals_version;
-    std::uint64_t builtins_version;
-    PyObject* value;
-    bool builtin; ///< the function of that name in the builtins
-    std::uint64_t module_version;
-    PyObject* attribute; ///< of the module whose dictionary has that version
-};
-
-/// The layer's only state beside the interned names. It outlives the module, for function objects can, and ends with the interpreter.
+/// The layer's state beside the interned names. It outlives the module, for function objects can, and ends with
+/// the interpreter.
 struct interpreter_state {
-    std::vector<remembered> look_ups;
     object globals;
     object builtins;
     object codes; ///< by name, the code that makes each function; keeps the function's own code, see code_of
@@ -37,13 +26,14 @@ bool forgets_at_exit = false; // an exit function is called once and then forgot
 vectorcallfunc interpreted = nullptr; // the vectorcall of every function that the interpreter makes
 
 name_node* first_name = nullptr;
-std::size_t name_count = 0;
 
 /// When the interpreter has ended its objects are gone, and another one may start in this process.
 void forget() noexcept {
     forgets_at_exit = false;
-    for (name_node* node = first_name; node != nullptr; node = node->next)
+    for (name_node* node = first_name; node != nullptr; node = node->next) {
         node->interned = nullptr;
+        node->last = {};
+    }
     if (state == nullptr)
         return;
     (void)state->globals.release();
@@ -55,9 +45,7 @@ void forget() noexcept {
 
 } // namespace
 
-name_node::name_node(std::string_view literal) noexcept : text(literal), index(name_count++), next(first_name) {
-    first_name = this;
-}
+name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
 
 // -- Calls ----------------------------------------------------------------------------------------------------------
 
@@ -87,14 +75,6 @@ void leave_recursion(PyThreadState* thread) noexcept { thread->c_recursion_remai
 // -- The module's namespace -----------------------------------------------------------------------------------------
 
 namespace {
-/// Changes with every change of the dictionary. Deprecated for 3.13; this module is for 3.12 alone.
-std::uint64_t version_of(handle dictionary) noexcept {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    return reinterpret_cast<PyDictObject*>(dictionary.ptr())->ma_version_tag;
-#pragma GCC diagnostic pop
-}
-
 bool is_builtin(handle value, handle name) noexcept {
     return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
            PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
@@ -104,13 +84,9 @@ bool is_builtin(handle value, handle name) noexcept {
 }
 } // namespace
 
-found global(name wanted, where line) {
+found detail::look_up(name wanted, where line) {
     const std::uint64_t globals_version = version_of(state->globals);
     const std::uint64_t builtins_version = version_of(state->builtins);
-    remembered& last = state->look_ups[wanted.index];
-    if (last.globals_version == globals_version && last.builtins_version == builtins_version) [[likely]]
-        return {object::borrow(last.value), line};
-
     PyObject* value = call_out(PyDict_GetItemWithError, state->globals.ptr(), wanted.ptr());
     if (value == nullptr && PyErr_Occurred() == nullptr)
         value = call_out(PyDict_GetItemWithError, state->builtins.ptr(), wanted.ptr());
@@ -120,6 +96,7 @@ found global(name wanted, where line) {
         object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), line);
         raise(call_at(line, handle(PyExc_NameError), message, "name"_a = wanted), line);
     }
+    remembered& last = wanted.node->last;
     last.globals_version = globals_version;
     last.builtins_version = builtins_version;
     last.value = value;
@@ -131,7 +108,7 @@ object detail::module_attribute(handle self, name wanted, where line) {
     if (!PyModule_CheckExact(self.ptr()))
         return {};
     const handle dictionary(PyModule_GetDict(self.ptr()));
-    remembered& last = state->look_ups[wanted.index];
+    remembered& last = wanted.node->last;
     if (last.module_version != version_of(dictionary)) {
         PyObject* attribute = call_out(PyDict_GetItemWithError, dictionary.ptr(), wanted.ptr());
         if (attribute == nullptr && PyErr_Occurred() != nullptr)
@@ -143,8 +120,6 @@ object detail::module_attribute(handle self, name wanted, where line) {
     }
     return object::borrow(last.attribute);
 }
-
-bool found_builtin(name wanted) noexcept { return state->look_ups[wanted.index].builtin; }
 
 void set_global(name changed, handle value, where line) {
     perform(line, PyDict_SetItem, state->globals.ptr(), changed.ptr(), value.ptr());
@@ -286,12 +261,13 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
         forgets_at_exit = true;
         intern_names();
         auto fresh = std::make_unique<interpreter_state>();
-        fresh->look_ups.resize(name_count);
         fresh->codes = load_declarations(declarations);
         state = fresh.release();
     }
     state->globals = object::borrow(module_namespace);
     state->builtins = object::borrow(PyEval_GetBuiltins());
+    detail::module_namespace = state->globals;
+    detail::builtins = state->builtins;
     set_global("__builtins__"_n, state->builtins);
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <source_location>
 #include <string_view>
 #include <utility>
@@ -106,23 +107,33 @@ class object : public handle {
 [[nodiscard]] inline object none() noexcept { return object::borrow(Py_None); }
 [[nodiscard]] inline handle true_value() noexcept { return handle(Py_True); }
 
+/// What a name was last found to be, valid while the dictionaries have not changed. Values are borrowed from them. A
+/// version is never used twice in one interpreter, whichever the dictionary.
+struct remembered {
+    std::uint64_t globals_version;
+    std::uint64_t builtins_version;
+    PyObject* value;
+    bool builtin; ///< the function of that name in the builtins
+    std::uint64_t module_version;
+    PyObject* attribute; ///< of the module whose dictionary has that version
+};
+
 /// One literal of the program that is wanted as an interned Python text: a node of a list that the loader threads
 /// together before any code runs, so that all of them are interned at once and no lookup can fail later.
 struct name_node {
     std::string_view text;
-    std::size_t index;
     name_node* next;
     PyObject* interned = nullptr; ///< owned until the interpreter has ended
+    remembered last = {};
 
     explicit name_node(std::string_view literal) noexcept;
 };
 
-/// An interned text, borrowed for the life of the interpreter. It knows its number, under which look-ups are
-/// remembered.
+/// An interned text, borrowed for the life of the interpreter. It brings along what it was last found to be.
 struct name : handle {
-    std::size_t index;
+    name_node* node;
 };
-[[nodiscard]] inline name interned(const name_node& node) noexcept { return {handle(node.interned), node.index}; }
+[[nodiscard]] inline name interned(name_node& node) noexcept { return {handle(node.interned), &node}; }
 
 /// A string literal as a template argument.
 template <std::size_t Size> struct literal {
