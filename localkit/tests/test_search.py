@@ -1,19 +1,113 @@
-"""Searching and simulating, in a real runtime: the service's native modules, its prices, and a real database."""
+"""The native modules beside numpy and plain Python; searching and simulating with them, in a real runtime."""
 
-import contextlib
 import dataclasses
-import sqlite3
+import math
 import subprocess
 import sys
 import time
 import urllib.request
+from array import array
+from bisect import bisect_left
+from collections import Counter
+from importlib import resources, util
 
 import numpy as np
 import pytest
+from hypothesis import given
+from hypothesis import strategies as st
 
 import corvane
 from corvane import _runtime, agent_onboarding, search_templates
-from corvane_local.store import Store
+
+DAYS, RANDOM = 80, np.random.default_rng(7)
+X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
+Y[:3] = math.nan
+
+
+def load(name, file):
+    path = resources.files("corvane_local") / "native_modules" / file
+    module = util.module_from_spec(util.spec_from_file_location(name, str(path)))
+    module.__loader__.exec_module(module)
+    return module
+
+
+ERA, B = load("era_data", "era_data.so"), load("backtester", "backtester-1.so")
+
+
+def test_the_era_is_what_it_says():
+    prices, dates = list(ERA.SERIES.values()), list(ERA.DATES)
+    assert list(ERA.SERIES) == ["AAPL", "GOOG", "IBM", "MSFT"] and (dates[0], dates[-1]) == (20040819, 20130301)
+    assert dates == sorted(set(dates)) and {len(p) for p in prices} == {len(dates)}
+    assert all(p.readonly and p.format == "d" and min(p) > 1 for p in prices)
+    B.init_reconstruction(ERA.SEAL, prices)
+    for wrong in ((ERA.SEAL, prices[::-1]), (ERA.SEAL, []), (b"", prices)):
+        with pytest.raises(ValueError, match="the seal does not fit"):
+            B.init_reconstruction(*wrong)
+
+
+def rolling(function, more=0):
+    def windows(x, n):
+        return np.array([function(x[d - n - more : d]) if d >= n + more else math.nan for d in range(1, DAYS + 1)])
+
+    return windows
+
+
+def rank(w):
+    place = ((w < w[-1]).sum() + (w == w[-1]).sum() / 2 - 0.5) / (len(w) - 1) if len(w) > 1 else 0.5
+    return math.nan if np.isnan(w).any() else place
+
+
+ROLLING = {"delay": rolling(lambda w: w[0], 1), "delta": rolling(lambda w: w[-1] - w[0], 1), "min": rolling(np.min),
+           "max": rolling(np.max), "rank": rolling(rank), "mean": rolling(np.mean), "std": rolling(np.std),
+           "zscore": rolling(lambda w: (w[-1] - w.mean()) / w.std())}  # fmt: skip
+NAMES = {"x": X, "y": Y, "abs": abs, "sign": np.sign, "log": np.log, **ROLLING}
+TEXTS = ["x - y - x / y / 2.5 * -x", "2.5 - (x - (y - 1)) * 3", "-abs(x + y) * sign(y)", "log(x) / 0", "1 / x - .5e1",
+         "rank(delta(x, 2) - mean(y, 3), 5)"]  # fmt: skip
+TEXTS += [f"{function}({x}, {days})" for function in ROLLING for x in "xy" for days in (1, 5, 90)]
+
+
+def test_an_expression_is_what_numpy_makes_of_it():  # each is one of Python's, too
+    assert B.FUNCTIONS.keys() == NAMES.keys() - {"x", "y"}
+    for text in TEXTS:
+        with np.errstate(all="ignore"):
+            expected = eval(text, dict(NAMES))
+        np.testing.assert_allclose(B.evaluate(text, {"x": X, "y": Y}), expected, 1e-12, 1e-12, err_msg=text)
+
+
+@given(st.text("xy()+-*/., 0123456789abdelmnrstz_\0\udc80\n", max_size=60))
+def test_any_text_is_a_value_or_a_value_error(text):
+    try:
+        assert len(B.evaluate(text, {"x": X, "y": Y})) == DAYS
+    except ValueError as exc:
+        assert str(exc).startswith(("column ", "embedded null")) or isinstance(exc, UnicodeEncodeError)
+
+
+def test_what_is_refused():
+    columns = {"x +": 4, "(x": 3, "x y": 3, "what(x)": 1, "mean(x, 0)": 9, "(" * 200 + "x": 101, "x" * 2_001: 2_001}
+    for text, column in columns.items():
+        with pytest.raises(ValueError, match=f"^column {column}: "):
+            B.evaluate(text, {"x": X, "y": Y})
+    for none in (X[1:], memoryview(bytearray(81))[1:].cast("d"), memoryview(X)[::2], array("f", [1]), [1.0]):
+        for function, arguments in ((B.evaluate, ("x", {"x": none, "y": Y})), (B.correlation, (X, none))):
+            with pytest.raises((ValueError, TypeError)):
+                function(*arguments)
+
+
+def mutual_information(a, b, bins):
+    left, right = ([bisect_left(sorted(s), v) * bins // len(s) for v in s] for s in (a, b))
+    one, other, both = Counter(left), Counter(right), Counter(zip(left, right, strict=True))
+    return sum(n / len(a) * math.log2(n * len(a) / one[i] / other[j]) for (i, j), n in both.items())
+
+
+def test_measures():
+    x, y = X[3:], Y[3:]
+    assert B.correlation(X, Y) == pytest.approx(np.corrcoef(x, y)[0, 1])
+    assert B.correlation(Y * 1e-90, Y * 1e-90) == pytest.approx(1) and B.mutual_information(SAME, SAME) == 0
+    assert B.sharpe(Y) == pytest.approx(y.mean() / y.std() * math.sqrt(252))
+    for bins in (1, 4, 16):
+        assert B.mutual_information(X, Y, bins) == pytest.approx(mutual_information(x, y, bins))
+    assert all(map(math.isnan, (B.sharpe(SAME), B.correlation(X, SAME), B.sharpe(array("d")))))
+
 
 SEARCHER = """import sys; from corvane import agent_onboarding, search_templates
 agent_onboarding.configure(server_url=sys.argv[1], data_dir="agent")
@@ -31,9 +125,8 @@ def bootstrap(tmp_path, monkeypatch):
     monkeypatch.setattr(agent_onboarding, "_auth_manager", None)
 
     def registered(service, name="agent"):
-        (tmp_path / "HEARTBEAT.md").touch()
         agent_onboarding.configure(server_url=service.url, data_dir=str(tmp_path / name))
-        agent_onboarding.register(Store(service.state / "service.db").make_invite(), bootstrap_runtime=True)
+        agent_onboarding.register(service.invite(), bootstrap_runtime=True)
         return _runtime.get_runtime()
 
     yield registered
@@ -45,28 +138,23 @@ def facts(signals):
     return [dataclasses.astuple(dataclasses.replace(signal, found_at=0)) for signal in signals]
 
 
-def test_a_seed_decides_what_is_found(service, bootstrap, tmp_path):
-    limits = bootstrap(service).search_era_config
-    first = search_templates.start_search(seed=5, max_evaluations=3000)
-    assert first.evaluations == 3000 >= first.candidates > len(first.signals) >= 10
-    assert all(min(s.correlation, s.rest_correlation) >= limits.correlation for s in first.signals)
-    assert all(min(s.sharpe, s.rest_sharpe) >= limits.sharpe for s in first.signals)
-    assert search_templates.start_search(seed=5, max_evaluations=3000).signals == ()  # all known by now
-    text = (tmp_path / "HEARTBEAT.md").read_text()
-    assert [text.count(line) for line in ("Monitoring", "First", "10 signals", "dropped", "unlocked")] == [
-        1,
-        1,
-        1,
-        1,
-        0,
-    ]
-    bootstrap(service, "other")
+def test_a_seed_decides_what_is_found(start, bootstrap):
+    with start() as service:
+        limits = bootstrap(service).search_era_config
+        first = search_templates.start_search(seed=5, max_evaluations=3000)
+        assert first.evaluations == 3000 >= first.candidates > len(first.signals) >= 10
+        assert all(min(s.correlation, s.rest_correlation) >= limits.correlation for s in first.signals)
+        assert all(min(s.sharpe, s.rest_sharpe) >= limits.sharpe for s in first.signals)
+        assert search_templates.start_search(seed=5, max_evaluations=3000).signals == ()  # all known by now
+        bootstrap(service, "other")
+        _runtime.close_runtime()
+    assert agent_onboarding.ensure_runtime_bootstrapped(strict=False) is _runtime.get_runtime()  # without the service
     assert facts(search_templates.start_search(seed=5, max_evaluations=3000, n_jobs=2).signals) == facts(first.signals)
 
 
-def test_status_and_suggestions_are_true(service, bootstrap, tmp_path):
+def test_the_status_is_true(service, bootstrap):
     tracker = bootstrap(service).search_tracker
-    assert (corvane.search_status(), corvane.get_suggestions()) == (search_templates.SearchStatus(False, None, 0), [])
+    assert corvane.search_status() == search_templates.SearchStatus(False, None, 0)
     with subprocess.Popen([sys.executable, "-Pc", SEARCHER, service.url]) as searcher:
         while not tracker.signals() or not tracker.runs()[0].evaluations:
             assert searcher.poll() is None
@@ -80,20 +168,17 @@ def test_status_and_suggestions_are_true(service, bootstrap, tmp_path):
     assert corvane.search_status().error == "killed"
     result = search_templates.start_search(seed=1, max_evaluations=400)
     assert tracker.signals() == [*kept, *result.signals] and corvane.search_status().error is None
-    with contextlib.closing(sqlite3.connect(tmp_path / "agent/search.db")) as db, db:
-        db.execute("UPDATE uses SET tried = iif(name = 'IBM', 1, 50), found = iif(name = 'AAPL', 9, 1)")
-    assert {s.use.name: s.reason for s in corvane.get_suggestions()} == {"AAPL": "promising", "IBM": "rarely tried"}
 
 
 @pytest.mark.parametrize("pool", [None, "momentum", "reversal"])
-def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_path):
+def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap):
     runtime = bootstrap(service)
     prices, cost, train = list(runtime.vault["IBM"]), runtime.era_config["cost"], runtime.era_config["train_days"]
     subject, side = "delta(IBM, 5)", -1 if pool == "reversal" else 1
     if pool:
         found = search_templates.FoundSignal(3, f"local-3-{pool}", "IBM", subject, 0.1, 0.2, 0.7, 0.1, 0.7, 1, 0.0)
         subject = runtime.search_tracker.add_signal(found, [])[0].id
-    result = corvane.simulate_signal(subject, picture="curve.png")
+    result = corvane.simulate_signal(subject)
     held = np.array([0.0] * 5 + [side * np.sign(b - a) for a, b in zip(prices, prices[5:-1], strict=False)])
     profit = np.append(0.0, held * (np.diff(prices) / prices[:-1]) - cost * np.abs(np.diff(held, prepend=0.0)))
     assert list(result.profit) == pytest.approx(list(profit), abs=1e-15)
@@ -102,24 +187,3 @@ def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_
     assert (result.total_return, result.max_drawdown) == pytest.approx((capital[-1] - 1, fall))
     ratios = [p.mean() / p.std() * 252**0.5 for p in (profit, profit[:train], profit[train:])]
     assert [result.sharpe, result.train_sharpe, result.rest_sharpe] == pytest.approx(ratios)
-    assert (tmp_path / "curve.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
-
-
-def test_the_runtime_without_the_service_is_the_same(start, bootstrap):
-    with start() as service:
-        kit = bootstrap(service)
-        service.command("publish", "--backtester", "2")
-        kit.sync_manager.sync()
-        assert kit.raw_backtester.VERSION == kit.evaluator.raw_backtester.VERSION == "2"
-        found = search_templates.start_search(max_evaluations=500)
-    _runtime.close_runtime()
-    kit.search_tracker._path.unlink()  # so that the next search begins with nothing known
-    local = agent_onboarding.ensure_runtime_bootstrapped(strict=False)
-    assert local is _runtime.get_runtime() is not kit and type(local.sync_manager) is not type(kit.sync_manager)
-    for name in "era_id", "era_config", "vocabularies", "registry", "named_universes", "raw_backtester", "vault":
-        assert getattr(local, name) == getattr(kit, name), name
-    assert facts(search_templates.start_search(max_evaluations=500).signals) == facts(found.signals) != []
-    bad = {"mean(IBM, 7)": "windows 7", "mean(IBM,": "column", "FB": "FB", "IBM - GOOG": "just one", 0: "number 0"}
-    for subject, message in bad.items():
-        with pytest.raises((ValueError, LookupError), match=message):
-            corvane.simulate_signal(subject)

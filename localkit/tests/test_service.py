@@ -1,29 +1,35 @@
-"""The local service from outside: what it grants, what it refuses, and what it stands."""
+"""The local service, sign-in and syncs: what is granted and refused, and what survives breaks, kills and bad bytes."""
 
 import concurrent.futures
 import contextlib
 import json
+import os
+import pickle
+import shutil
 import signal
 import socket
 import ssl
+import sys
+import threading
 import time
 from hashlib import sha256
+from types import SimpleNamespace
 
-import httpx
 import pytest
 from cryptography.hazmat.primitives import hashes
 from cryptography.hazmat.primitives.asymmetric import ec
 
-from corvane import auth
+from corvane import auth, errors
+from corvane.sync import SyncManager
+from corvane.sync_backoff import ServiceBusy, SyncBackoff, SyncBackoffCancelled
+from corvane_local.store import Store
 
-BOGUS = {"challenge": "0" * 64, "signature": "30" * 40}
-POINT = "0279be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798"
-PROTECTED = ["/wallet", "/eras", "/runtime/manifest", "/runtime/files/era_config.json"]
+ANYBODY = SimpleNamespace(get_token=lambda: "token")
 
 
-def test_sign_up_and_in(service):
-    code = service.command("invite")[0]
-    first, again = service.sign_in(1, code.lower()), service.sign_in(1)
+def test_sign_up_and_in(service, monkeypatch):
+    code = service.invite()
+    first, again = service.sign_in(1, f" {code.lower()}\n"), service.sign_in(1)
     token, address = first.get_token(), first.get_wallet_address()
     assert again.get_wallet_address() == address == service.get("/wallet", token).json()["address"]
     assert again.get_token() != token and abs(first.get_token_expiry() - time.time() - 3600) < 60
@@ -36,17 +42,12 @@ def test_sign_up_and_in(service):
     with pytest.raises(auth.AuthError, match="not registered"):
         service.sign_in(2)
     for header in ("", "Bearer", "Bearer x", "Bearer \xff", token, "Basic " + token):
-        for path in PROTECTED:
+        for path in ("/wallet", "/eras", "/runtime/manifest", "/runtime/files/era_config.json"):
             answer = service.client.get(path, headers={"Authorization": header.encode("latin-1")})
             assert answer.status_code == 401 and answer.json()["code"] == "bad_token"
-
-
-def test_one_invite_is_for_one_of_many(service):
-    code = service.command("invite")[0]
-    with concurrent.futures.ThreadPoolExecutor() as pool:
-        attempts = [pool.submit(service.sign_in, number, code) for number in range(100, 108)]
-    errors = [attempt.exception() for attempt in attempts]
-    assert errors.count(None) == 1 and sum(isinstance(e, auth.RegistrationError) for e in errors) == 7
+    monkeypatch.delenv("SSL_CERT_FILE")
+    with pytest.raises(ConnectionError, match="CERTIFICATE_VERIFY_FAILED"):
+        service.sign_in(1)
 
 
 def test_a_challenge_works_once(service):
@@ -60,118 +61,69 @@ def test_a_challenge_works_once(service):
         assert codes == [code, "bad_challenge"]
 
 
-@pytest.mark.parametrize("path, status, bodies", [
-    ("/auth/challenge", 400, [b'{"public_key": "\xff"}', b"[" * 50_000, b"9" * 6000]),
-    ("/auth/challenge", 413, [b" " * 70_000, iter([b" " * 40_000] * 2)]),
-    ("/auth/challenge", 422, [b"", b"{", b"[]", {"public_key": 5}, {"public_key": "02" + "00" * 32}]),
-    ("/auth/challenge", 422, [b'{"public_key": "\\ud800"}']), ("/auth/login", 422, [{"public_key": POINT}]),
-    ("/auth/login", 401, [{"public_key": POINT, **BOGUS}]), ("/nowhere", 404, [b""]), ("/wallet", 405, [b""]),
-    ("/auth/register", 422, [{"public_key": POINT, "invite_code": "x" * 100}]),
-])  # fmt: skip
-def test_malformed_requests_get_a_4xx_with_json_as_described(service, path, status, bodies):
-    described = service.client.get("/openapi.json").json()["paths"].get(path, {}).get("post")
-    assert described is None or (str(status) in described["responses"] and described["summary"])
-    for body in bodies:
-        content = json.dumps(body) if isinstance(body, dict) else body
-        answer = service.client.post(path, headers={"Content-Type": "application/json"}, content=content)
-        assert answer.status_code == status and set(answer.json()) == {"error", "code"}
+def test_keys_do_not_show_and_go_nowhere_else():
+    key = "11" * 32
+    manager = auth.AuthManager("0x" + key, "https://localhost")
+    assert key not in repr(manager) + str(vars(manager))
+    with pytest.raises(TypeError, match="cannot be pickled"):
+        pickle.dumps(manager)
+    for bad in (key, "zz" + key, "0x" + "g" * 64, "0x" + "0" * 64, "0x" + "f" * 64, "0x" + "1" * 65):
+        with pytest.raises(auth.InvalidKeyError) as info:
+            auth.AuthManager(bad, "https://localhost")
+        assert bad[2:] not in str(info.value)
+    for good in ("https://a.example:8443/api//", "http://127.0.0.1:1", "http://localhost", "http://[::1]"):
+        assert auth._validate_server_url(good) == good.rstrip("/")
+    for bad in ("", "http://a.example", "ftp://a", "https://", "https://u@a", "https://a?", "https://a b"):
+        with pytest.raises(ValueError, match="server_url must"):
+            auth._validate_server_url(bad)
 
 
-def test_runtime_files_whole_and_in_part(service):
+def test_only_what_is_published_is_served(service):
     token = service.sign_up(3).get_token()
     manifest = service.get("/runtime/manifest", token).json()
-    for path, entry in manifest["files"].items():
-        whole, digest = service.get(f"/runtime/files/{path}", token), entry["sha256"]
-        assert sha256(whole.content).hexdigest() == digest and whole.headers["ETag"] == f'"{digest}"'
-        assert len(whole.content) == entry["size"] and ("platform" in entry) == path.endswith(".so")
-        for asked, etag, status, content in (
-            ("bytes=100-", digest, 206, whole.content[100:]), ("bytes=5-9", digest, 206, whole.content[5:10]),
-            ("bytes=100-", "other", 200, whole.content), (f"bytes={entry['size']}-", digest, 416, None),
-            ("lines=1-", digest, 400, None),
-        ):  # fmt: skip
-            answer = service.get(f"/runtime/files/{path}", token, Range=asked, **{"If-Range": f'"{etag}"'})
-            assert answer.status_code == status and content in (None, answer.content)
-    wrong = ["", "manifest.json", "%2e%2e/service.db", "..%2fservice.db", "/etc/passwd", "era_config.json%00", "%ff"]
-    for path in [*wrong, "runtime//era_data.so", "%2e/era_config.json", "era_config.json/", "x" * 9000, digest]:
+    for path in ("", "manifest.json", "%2e%2e/service.db", "/etc/passwd", "era_config.json%00", "%ff", "x" * 9000):
         assert service.get(f"/runtime/files/{path}", token).status_code == 404
-    assert [service.command("publish", "--backtester", build) for build in "2211"] == [["2"], ["2"], ["3"], ["3"]]
+    assert [service.command("publish", "--backtester", build) for build in "2211"] == ["2", "2", "3", "3"]
     assert service.get("/runtime/manifest", token).json() == manifest | {"version": 3}
+    for status, body in (400, b"[" * 50_000), (413, b" " * 70_000), (413, iter([b" " * 40_000] * 2)), (422, b"{}"):
+        answer = service.client.post("/auth/challenge", content=body, headers={"Content-Type": "application/json"})
+        assert answer.status_code == status and answer.json().keys() == {"error", "code"}
 
 
 def test_failures_are_limited_for_each_key_and_address(start):
-    def fail(number, client=None):
-        body = {"public_key": auth.AuthManager(f"0x{number:064x}", service.url)._public_key, **BOGUS}
-        forwarded = {"X-Forwarded-For": f"10.0.0.{number}"}  # which anybody may write
-        return (client or service.client).post("/auth/login", json=body, headers=forwarded)
+    def fail(number):
+        key = auth.AuthManager(f"0x{number:064x}", service.url)._public_key
+        body = {"public_key": key, "challenge": "0" * 64, "signature": "30" * 40}
+        return service.client.post("/auth/login", json=body).status_code
 
     with start() as service:
         service.sign_up(1)
         for _ in range(2):
-            assert [fail(1).status_code for _ in range(9)] == [401] * 9
+            assert [fail(1) for _ in range(9)] == [401] * 9
             service.sign_in(1)  # which forgives
-        answers = [fail(2) for _ in range(12)]
-        assert [answer.status_code for answer in answers] == [401] * 10 + [429] * 2
-        assert 1 <= int(answers[-1].headers["Retry-After"]) <= 6
-        service.sign_in(1)
-        with pytest.raises(auth.AuthBusyError, match="Too many failures"):
+        assert [fail(2) for _ in range(12)] == [401] * 10 + [429] * 2
+        with pytest.raises(auth.AuthBusyError, match=r"try again in [1-6] s"):
             service.sign_in(2)
-        codes = [fail(10 + n // 8).status_code for n in range(320)]
+        codes = [fail(10 + n // 8) for n in range(320)]
         assert codes.index(429) > 250 and codes[290:].count(429) > 10  # while no key has failed too often
-        elsewhere = httpx.HTTPTransport(ssl.create_default_context(), local_address="127.0.0.2")
-        with httpx.Client(transport=elsewhere, base_url=service.url) as client:
-            assert fail(3, client).status_code == 401
 
 
-GET, POST, DRIP = b"GET /health HTTP/1.1\r\nHost: x\r\n", b"POST /auth/login HTTP/1.1\r\nHost: x\r\n", [b" "] * 300
-BROKEN = {
-    "silent": (b"", [], b""),
-    "slow head": (GET, [b"x"] * 300, b""),
-    "slow body": (POST + b"Content-Length: 400\r\n\r\n", DRIP, b""),
-    "slow chunks": (POST + b"Transfer-Encoding: chunked\r\n\r\n", [b"1\r\n \r\n"] * 300, b""),
-    "drip after an answer": (POST + b"Content-Length: 99999999\r\n\r\n" + b" " * 70_000, DRIP, b"413"),
-    "endless head": (GET + b"X: ", [b"y" * 4000] * 9, b"400"),
-    "bad length": (POST + b"Content-Length: -5\r\n\r\n", [], b"400"),
-    "bad chunk": (POST + b"Transfer-Encoding: chunked\r\n\r\nzz\r\n", [], b"400"),
-    "upgrade": (GET + b"Connection: upgrade\r\nUpgrade: websocket\r\n\r\n", [], b"200"),
-    "tunnel": (b"CONNECT x:1 HTTP/1.1\r\nHost: x\r\n\r\n", [], b"404"),
-}
-
-
-def test_slow_and_broken_clients_are_cut_off_and_block_nobody(start):
-    def status_of(head, pieces, _):
-        received, ends, pieces = b"", time.monotonic() + 20, iter([head, *pieces])
-        with trust.wrap_socket(socket.create_connection(address), server_hostname="127.0.0.1") as client:
-            client.settimeout(0.02)
-            while True:
-                assert time.monotonic() < ends, "it was not cut off"
-                try:
-                    client.sendall(next(pieces, b""))
-                    data = client.recv(65536)
-                except TimeoutError:
-                    continue
-                except OSError:
-                    data = b""
-                if not data:
-                    return received[9:12]  # behind HTTP/1.1
-                received += data
-
+def test_slow_clients_are_cut_off_and_block_nobody(start):
     with start("--exchange-seconds", "3") as service, contextlib.ExitStack() as stack:
-        address, trust = ("127.0.0.1", int(service.url.rpartition(":")[2])), ssl.create_default_context()
-        half_open = [stack.enter_context(socket.create_connection(address)) for _ in range(1200)]
-        half_open[0].sendall(GET + b"\r\n")  # no TLS
-        with concurrent.futures.ThreadPoolExecutor(len(BROKEN)) as pool:
-            statuses = {name: pool.submit(status_of, *case) for name, case in BROKEN.items()}
-            while not all(status.done() for status in statuses.values()):  # a blocked request waits for all of them
-                assert httpx.get(service.url + "/health", verify=trust).elapsed.total_seconds() < 5
-        assert {name: status.result() for name, status in statuses.items()} == {
-            name: case[2] for name, case in BROKEN.items()
-        }
-        assert half_open[0].recv(100) == b""
+        address = "127.0.0.1", int(service.url.rpartition(":")[2])
+        for _ in range(1200):
+            stack.enter_context(socket.create_connection(address))  # and no TLS
+        slow = ssl.create_default_context().wrap_socket(socket.create_connection(address), server_hostname=address[0])
+        stack.enter_context(slow).sendall(b"POST /auth/login HTTP/1.1\r\nHost: x\r\nContent-Length: 9999\r\n\r\n")
+        began = time.monotonic()
+        with pytest.raises(OSError):
+            while time.monotonic() - began < 10:
+                slow.sendall(b" ")
+                assert service.client.get("/health").elapsed.total_seconds() < 3
+        assert time.monotonic() - began < 9
 
 
-def test_tokens_and_challenges_run_out(start):
-    with start("--challenge-seconds", "0") as service, pytest.raises(auth.AuthError, match="expired"):
-        service.sign_in(1)
+def test_tokens_run_out(start):
     with start("--token-seconds", "4.5") as service:
         manager = service.sign_up(1)
         first = manager.get_token()
@@ -182,7 +134,7 @@ def test_tokens_and_challenges_run_out(start):
         assert service.get("/wallet", first).status_code == 401
 
 
-def test_what_was_acknowledged_survives_a_kill_under_load(start, tmp_path):
+def test_what_was_acknowledged_survives_a_kill_under_load(start):
     acknowledged = {}
 
     def register(number, code):
@@ -192,17 +144,135 @@ def test_what_was_acknowledged_survives_a_kill_under_load(start, tmp_path):
             service.process.kill()
 
     with start() as service:
-        codes = service.command("invite", "--count", "200")
+        codes = service.command("invite", "--count", "100").split() * 2  # everybody wants one that another wants, too
         with concurrent.futures.ThreadPoolExecutor(16) as pool:
-            attempts = [pool.submit(register, n, code) for n, code in enumerate(codes, 1)]
-        assert {type(attempt.exception()) for attempt in attempts} == {type(None), ConnectionError}
+            attempts = [pool.submit(register, n, code) for n, code in enumerate(sorted(codes), 1)]
+        raised = {type(attempt.exception()) for attempt in attempts}
+        assert raised == {type(None), auth.RegistrationError, ConnectionError}
     with start() as service:
         used = dict(service.rows("SELECT used_by, code FROM invites WHERE used_by IS NOT NULL"))
         assert {address for (address,) in service.rows("SELECT address FROM wallets")} == set(used) >= set(acknowledged)
-        assert service.rows("PRAGMA integrity_check") == [("ok",)]
         for address, (code, token) in acknowledged.items():
             assert used[address] == code and service.get("/wallet", token).json()["address"] == address
-        service.client.close()
-        service.process.send_signal(signal.SIGTERM)
-        assert service.process.wait(10) == 0
-    assert [path.stat().st_mode & 0o777 for path in (tmp_path, tmp_path / "ca.key")] == [0o700, 0o600]
+
+
+def stored(service, content):
+    return service.state / "files" / sha256(content).hexdigest()
+
+
+def publish(service, files):
+    listed = {}
+    for path, content in files.items():
+        listed[path] = {"kind": "any", "sha256": sha256(content).hexdigest(), "size": len(content)}
+        stored(service, content).write_bytes(content)
+    return Store(service.state / "service.db").publish("1", listed)
+
+
+def checked_manifest(home):
+    """What manifest.json names is there, and as it says."""
+    manifest = json.loads((home / "manifest.json").read_bytes())
+    for path, entry in manifest["files"].items():
+        assert sha256((home / path).read_bytes()).hexdigest() == entry["sha256"], path
+    return manifest
+
+
+def test_a_cut_download_is_resumed(start, tmp_path):
+    home, files = tmp_path / "home", {"runtime/big": os.urandom(1 << 20) * 64, "era_config.json": b"{}"}
+    part = home / "runtime/big.part"
+    with start() as service, concurrent.futures.ThreadPoolExecutor() as pool:
+        manager = service.sign_up(1)
+        publish(service, files)
+        outcome = pool.submit(SyncManager(manager, home, service.url).sync)
+        while not part.exists() or part.stat().st_size < 100_000:
+            time.sleep(0.001)
+        service.process.kill()
+        with pytest.raises(ConnectionError, match="cannot be reached"):
+            outcome.result()
+    assert 100_000 <= part.stat().st_size < 1 << 26 and not (home / "manifest.json").exists()
+    with start() as service:
+        publish(service, files)
+        with open(stored(service, files["runtime/big"]), "r+b") as file:
+            file.write(b"?" * 100_000)  # what is held already; the rest alone is of use
+        syncs = SyncManager(manager, home, service.url)
+        assert syncs.request_for_sync() == ["era_config.json", "runtime/big"] and syncs.request_for_sync() == []
+        assert syncs.get_manifest() == checked_manifest(home)
+
+
+@pytest.mark.parametrize("held", [b"", b"new", b"other", b"much longer than it"])
+@pytest.mark.parametrize("served", [b"new twO", b"new tw", b"new two" * 999])
+def test_a_spoilt_file_is_refused_and_the_old_era_stays(service, tmp_path, served, held):
+    syncs = SyncManager(service.sign_up(1), tmp_path, service.url)
+    publish(service, {"runtime/a": b"old a", "runtime/b": b"old b"})
+    old = syncs.sync()
+    publish(service, {"runtime/a": b"new one", "runtime/b": b"new two"})
+    stored(service, b"new two").write_bytes(served)
+    (tmp_path / "runtime/b.part").write_bytes(held)
+    error = errors.RuntimeModuleHashMismatch if len(served) == 7 else errors.RuntimeModuleDownloadIncomplete
+    with pytest.raises(error, match="runtime/b: the manifest says"):
+        syncs.sync()
+    assert checked_manifest(tmp_path) == old
+    stored(service, b"new two").write_bytes(b"new two")
+    assert syncs.request_for_sync() == ["runtime/a", "runtime/b"] and checked_manifest(tmp_path) != old
+
+
+def killed_at(step, syncs):
+    """Whether a child of this process was killed just before its sync's n-th step that touches a file."""
+
+    def count(event, args):
+        nonlocal step
+        step -= (touches := event in ("os.rename", "os.remove", "os.truncate") or str(syncs._root) in str(args[:1]))
+        if touches and step < 0:
+            os.kill(os.getpid(), signal.SIGKILL)
+
+    if (child := os.fork()) == 0:
+        try:
+            sys.addaudithook(count)
+            syncs.sync()
+        finally:
+            os._exit(0)  # what did not succeed shows in the manifest
+    return os.WIFSIGNALED(os.waitpid(child, 0)[1])
+
+
+def test_a_kill_at_any_step_leaves_a_true_manifest(service, tmp_path):
+    home, step, seen = tmp_path / "home", 0, set()
+    files = {"runtime/a": b"old", "runtime/b": b"same", "features/c": b"old", "era_config.json": b"old"}
+    publish(service, files)
+    syncs = SyncManager(service.sign_up(1), home, service.url)
+    syncs.sync()
+    shutil.copytree(home, tmp_path / "old")
+    version = publish(service, files | {"runtime/a": b"new", "era_config.json": b"new", "features/d": b"new"})
+    while killed_at(step, syncs):
+        seen.add((checked_manifest(home)["version"] == version, len(checked_manifest(home)["files"])))
+        assert syncs.sync() == checked_manifest(home)
+        shutil.rmtree(home)
+        shutil.copytree(tmp_path / "old", home)
+        step += 1
+    assert step > 20 and seen == {(False, 4), (False, 2), (True, 5)}
+    assert checked_manifest(home)["version"] == version and not list(home.rglob("*.part"))
+
+
+def test_paths_out_of_place_are_refused(planned, tmp_path):
+    entry = {"kind": "", "sha256": "0" * 64, "size": 0}
+    for path in ("/etc/x", "../x", "runtime/../x", "runtime\\x", "runtime/\0", "wallet.key", "", "runtime/x.part"):
+        manifest = {"era_id": 3, "version": 1, "files": {"runtime/fine": entry, path: entry}}
+        planned.plan = [(200, {}, json.dumps(manifest).encode())]
+        with pytest.raises(ValueError, match="is not allowed"):
+            SyncManager(ANYBODY, tmp_path, planned.url).sync()
+    assert [p.name for p in tmp_path.iterdir()] == ["sync.lock"]
+
+
+def test_back_off_waits_as_asked_and_ends_when_told(planned, tmp_path):
+    def outcome(backoff, *plan, url=planned.url):
+        planned.plan, planned.asked_at[:] = [(status, {"Retry-After": wait}, b"") for status, wait in plan], []
+        with pytest.raises((auth.AuthError, ConnectionError, SyncBackoffCancelled)) as info:
+            backoff.run(SyncManager(ANYBODY, tmp_path, url).sync)
+        return type(info.value), len(planned.asked_at)
+
+    patient = SyncBackoff(base=0.01, cap=2, attempts=3)
+    assert outcome(patient, (503, "1"), (500, "junk"), (401, "")) == (auth.AuthError, 3)  # a refusal is final
+    first, second, third = planned.asked_at
+    assert 1 <= second - first < 1.8 and third - second < 0.8
+    assert outcome(patient, (429, "60")) == (ServiceBusy, 1)  # longer than we would wait
+    called_off, began = SyncBackoff(cap=60), time.monotonic()
+    threading.Timer(0.5, called_off.cancel).start()
+    assert outcome(called_off, (503, "60")) == (SyncBackoffCancelled, 1) and 0.4 < time.monotonic() - began < 5
