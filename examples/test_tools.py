@@ -1,7 +1,8 @@
-"""The public functions, unchanged, as tools of six agent frameworks: described to a model, called, and working."""
+"""The public functions, unchanged, as tools of six agent frameworks: indistinguishable from plain Python functions."""
 
 import json
 import os
+import re
 import runpy
 import sys
 from asyncio import run
@@ -18,9 +19,9 @@ from mcp.server import MCPServer
 from pydantic_ai import Tool
 
 from corvane import _runtime
-from corvane import agent_onboarding as native
 from corvane.auth import AuthManager
 from corvane_local.demo.service import Service
+from differential import native, snapshot, twin
 
 ANY = ToolContext(None, tool_name="any", tool_call_id="1", tool_arguments="")
 EXAMPLES, KEY = Path(__file__).parent, f"{7:064x}"
@@ -38,13 +39,13 @@ openai_tool = lambda f, strict=True: agents.function_tool(f, strict_mode=strict,
 openai_told = lambda t: (t.name, t.description, t.params_json_schema)  # noqa: E731
 openai_call = lambda t, given: run(t.on_invoke_tool(ANY, json.dumps(given)))  # noqa: E731
 FUNCTIONS = {  # the arguments, and whether the module, the files and the result show that it worked
-    "register": ({}, lambda text, file: native._auth_manager.get_wallet_address() in text and "[Corvane]" in file),
-    "ensure_runtime_bootstrapped": ({}, lambda text, file: _runtime._runtime),
-    "inject_heartbeat": ({"working_dir": "."}, lambda text, file: "## [Corvane]" in file),
-    "get_agents_md_fragment": ({}, lambda text, file: native._AGENTS_MD_FRAGMENT.splitlines()[0] in text),
-    "configure": ({"named_universe": "one"}, lambda text, file: native._config["named_universe"] == "one"),
-    "update_nudge": ({"trigger": "first_signal"}, lambda text, file: native._NUDGE_TEXTS["first_signal"] in file),
-}
+    "register": ({}, lambda m, tree, text: m._auth_manager.get_wallet_address() in text and "[Corvane]" in str(tree)),
+    "ensure_runtime_bootstrapped": ({}, lambda m, tree, text: _runtime._runtime and "data/manifest.json" in tree),
+    "inject_heartbeat": ({"working_dir": "."}, lambda m, tree, text: "## [Corvane]" in str(tree["HEARTBEAT.md"])),
+    "get_agents_md_fragment": ({}, lambda m, tree, text: m._AGENTS_MD_FRAGMENT.splitlines()[0] in text),
+    "configure": ({"named_universe": "one"}, lambda m, tree, text: m._config["named_universe"] == "one"),
+    "update_nudge": ({"trigger": "first_signal"}, lambda m, tree, text: m._NUDGE_TEXTS["first_signal"] in str(tree)),
+}  # fmt: skip
 FRAMEWORKS = {  # what makes a tool, what a model is told of it, what calls it; the functions that it refuses, and how
     "openai": (openai_tool, openai_told, openai_call, {"configure": "strict schema", "update_nudge": "strict schema"}),
     "openai, open": (lambda f: openai_tool(f, strict=False), openai_told, openai_call, {}),
@@ -61,38 +62,51 @@ FRAMEWORKS = {  # what makes a tool, what a model is told of it, what calls it; 
 }  # fmt: skip
 
 
-@pytest.fixture(scope="module", autouse=True)
+@pytest.fixture(scope="module")
 def service(tmp_path_factory):
-    running, home = Service(tmp_path_factory.mktemp("service")), tmp_path_factory.mktemp("home")
+    running = Service(tmp_path_factory.mktemp("service"))
     with pytest.MonkeyPatch.context() as patch:
         running.start()
         patch.setenv("SSL_CERT_FILE", str(running.state / "ca.pem"))
         AuthManager(f"0x{KEY}", running.url, running.invite()).authenticate()
-        native.configure(server_url=running.url, data_dir=str(home))
-        native.login(KEY)
         yield running
         running.stop()
 
 
 @pytest.mark.parametrize("name", FUNCTIONS)
 @pytest.mark.parametrize("framework", FRAMEWORKS)
-def test_tool(framework, name, tmp_path, monkeypatch):
-    (make, tell, call, refused), (given, worked), told = FRAMEWORKS[framework], FUNCTIONS[name], None
-    function, heartbeat = getattr(native, name), tmp_path / "HEARTBEAT.md"
-    heartbeat.write_text("# Mine\n")
-    monkeypatch.chdir(tmp_path)
-    monkeypatch.setitem(native._config, "named_universe", "")
-    monkeypatch.setattr(_runtime, "_runtime", None)
-    try:
-        tool = make(function)
-        told = repr(tell(tool))
-        given = {"kwargs": given} if "'kwargs': {" in told else given
-        text = str(call(tool, {**given, "context": {}} if "'context': {" in told else given))
-    except Exception as error:
-        text = f"{type(error).__name__}: {error}"
-    assert told is None or (name in told and function.__doc__.splitlines()[0] in told)
-    assert KEY not in text and native._auth_manager.get_token() not in text
-    assert bool(worked(text, heartbeat.read_text())) == (name not in refused) and refused.get(name, "") in text, text
+def test_tool(framework, name, service, tmp_path, monkeypatch):
+    (make, tell, call, refused), home = FRAMEWORKS[framework], tmp_path / "home"
+
+    def observe(m, function):
+        (home / "data").mkdir(parents=True)
+        (home / "HEARTBEAT.md").write_text("# Mine\n")
+        (home / "data/wallet.key").write_text(KEY)
+        monkeypatch.chdir(home)
+        options = {**native._config, "server_url": service.url, "data_dir": str(home / "data")}
+        for owner, state, value in ((m, "_config", options), (m, "_auth_manager", None), (_runtime, "_runtime", None)):
+            monkeypatch.setattr(owner, state, value)
+        if name == "ensure_runtime_bootstrapped":
+            m.register()
+        told, (given, worked) = None, FUNCTIONS[name]
+        try:
+            told = tell(tool := make(function))
+            given = {"kwargs": given} if "'kwargs': {" in repr(told) else given
+            text = str(call(tool, {**given, "context": {}} if "'context': {" in repr(told) else given))
+        except Exception as error:
+            text = f"{type(error).__name__}: {error}"
+        tree, token = snapshot(), m._auth_manager.get_token() if m._auth_manager else KEY
+        home.rename(tmp_path / m.__name__)  # the other one has the same place
+        assert KEY not in text and token not in text
+        return bool(worked(m, tree, text)), re.sub(r" at 0x\w+", "", text), told, tree, options
+
+    ours, twins = getattr(native, name), getattr(twin, name)
+    same = type(twins)(twins.__code__, vars(twin), name, twins.__defaults__)
+    same.__doc__, same.__module__, same.__annotations__ = ours.__doc__, ours.__module__, twins.__annotations__
+    twin.WalletRegistration.__doc__ = native.WalletRegistration.__doc__  # goes into a schema, too
+    result = observe(native, ours)
+    assert result == observe(twin, same) and Path(native.__file__).is_relative_to(sys.prefix)
+    assert result[0] == (name not in refused) and refused.get(name, "") in result[1], result[1]
 
 
 @pytest.mark.parametrize("framework", ["openai", "langchain", "pydantic-ai", "google-adk", "smolagents"])

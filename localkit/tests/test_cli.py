@@ -136,6 +136,7 @@ def test_a_key_from_the_environment_comes_first_and_touches_no_file(corvane):
     assert len(corvane.json("sync", env=env)["changed_files"]) == 4 and before.items() <= corvane.tree().items()
     assert "CORVANE_PRIVATE_KEY is set" in corvane("logout", env=env).stdout
     corvane("login", corvane.secrets[0], env=env, expect=2)
+    corvane("status", env={"CORVANE_PRIVATE_KEY": "x" * 64}, expect=4)
 
 
 ENTRY = """echo '{"era_id": 3, "version": 1, "files": {"%s": {"kind": "k", "size": 2%s}}}' >manifest.json"""
@@ -152,6 +153,7 @@ DOCTOR = [
     ("key", 9, "chmod 644 wallet.key", "is open to other users"),
     ("key", 9, "ln wallet.key second", "has 2 names"),
     ("key", 9, "mv wallet.key k; ln -s k wallet.key", "it is a symbolic link"),
+    ("key", 9, "chown 12345 wallet.key", "it belongs to user 12345"),
     ("key", 8, "rm wallet.key", "There is no wallet key"),
     ("session", 8, f"echo {'1' * 64} >wallet.key", "The session is of"),
     ("manifest", 9, ENTRY % ("era_config.json", ""), "era_config.json sha256 Field required"),
@@ -167,6 +169,8 @@ DOCTOR = [
 
 @pytest.mark.parametrize(("check", "status", "spoil", "problem"), DOCTOR)
 def test_doctor_finds_what_is_wrong_on_this_machine(corvane, check, status, spoil, problem):
+    if "chown" in spoil and os.getuid() != 0:
+        pytest.skip("only root can give a file away")
     corvane("login", corvane.secrets[0])
     subprocess.run(["sh", "-ec", spoil], cwd=corvane.home, check=True)
     before = corvane.tree()
@@ -186,7 +190,16 @@ def test_doctor_asks_the_service(corvane, planned):
     assert "cannot be reached" in corvane("doctor --server-url https://127.0.0.1:1", expect=9).stdout
 
 
-def test_texts_and_documented_statuses(corvane):
+def test_help_completion_and_documented_statuses(corvane):
+    listed = corvane("--help").stdout.partition("Commands:")[2].partition("Examples:")[0]
+    for name in (names := re.findall("^  ([a-z-]+)  ", listed, re.M)):
+        text = corvane(f"{name} --help").stdout
+        assert f"Examples:\n    corvane {name}" in text and "--json" in text
+    assert len(names) == 11 and corvane("--version").stdout == f"corvane, version {kit.__version__}\n"
+    program = Path(sys.executable).with_name("corvane")
+    for shell in ("bash", "zsh", "fish"):
+        completion = subprocess.run([program], env={**corvane.env, "_CORVANE_COMPLETE": f"{shell}_source"}, stdout=-1)
+        assert b"_corvane_completion" in completion.stdout
     assert corvane.json("agents-md")["fragment"].startswith("## Corvane Integration\n")
     assert corvane("heartbeat --print").stdout.count("- [ ] **") == 5
     corvane("heartbeat", expect=6)
