@@ -4,7 +4,10 @@ A call is made in a fresh directory, beside a kit that answers as told, and says
 script: `python proof/exercise.py NAME...`, all of them by default.
 """
 
+import atexit
 import contextlib
+import functools
+import hashlib
 import importlib
 import itertools
 import json
@@ -22,7 +25,6 @@ import urllib.request
 from collections.abc import Callable, Iterator, Mapping
 from dataclasses import dataclass
 from pathlib import Path
-from types import MappingProxyType
 from typing import Any
 
 import corvane
@@ -75,16 +77,13 @@ class Call:
             yield logged
 
 
-_base: list[Path] = []
-
-
+@functools.cache
 def base() -> Path:
     """A directory of this process and the children it forks."""
-    if not _base:
-        _base.append(Path(os.path.realpath(tempfile.mkdtemp(prefix="exercise-"))))
-        importlib.import_module("atexit").register(shutil.rmtree, _base[0], ignore_errors=True)
-        shutil.copytree(Path(corvane_local.__path__[0]) / "native_modules", _base[0] / "native")
-    return _base[0]
+    made = Path(os.path.realpath(tempfile.mkdtemp(prefix="exercise-")))
+    atexit.register(shutil.rmtree, made, ignore_errors=True)
+    shutil.copytree(Path(corvane_local.__path__[0]) / "native_modules", made / "native")
+    return made
 
 
 def outcome(act: Callable[[], object], logged: list[logging.LogRecord]) -> str:
@@ -97,12 +96,14 @@ def outcome(act: Callable[[], object], logged: list[logging.LogRecord]) -> str:
     return re.sub(r" at 0x[0-9a-f]+", "", text.replace(str(base() / "work"), "."))
 
 
-def files() -> dict[str, tuple[str, bytes]]:
-    """Modes and beginnings of the files below the working directory."""
-    found = {}
+def files() -> dict[str, tuple[str, str | bytes]]:
+    """Modes and contents of what is below the working directory: where a link leads, the digest of a large file."""
+    found: dict[str, tuple[str, str | bytes]] = {}
     for path in sorted(Path().rglob("*")):
         mode = path.lstat().st_mode
-        found[str(path)] = stat.filemode(mode), path.read_bytes()[:200] if stat.S_ISREG(mode) else b""
+        content = path.read_bytes() if stat.S_ISREG(mode) else b""
+        short = hashlib.sha256(content).digest() if len(content) > 5000 else content
+        found[str(path)] = oct(mode), os.readlink(path) if stat.S_ISLNK(mode) else short
     return found
 
 
@@ -137,31 +138,23 @@ def other_os(**functions: Any) -> Prepare:
     return ours(os=types.SimpleNamespace(**{**vars(os), **functions}))
 
 
-def invited(undo: contextlib.ExitStack) -> None:
-    os.environ["CORVANE_INVITE_CODE"] = "corv-aaaa-bbbb-cccc"
-    undo.callback(os.environ.pop, "CORVANE_INVITE_CODE")
-
-
-def file(name: str, content: str | bytes = "", mode: int = 0o600, modified: int | None = None) -> Prepare:
-    def prepare(undo: contextlib.ExitStack) -> None:
-        path = Path(name)
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_bytes(content if isinstance(content, bytes) else content.encode())
-        path.chmod(mode)
-        if modified is not None:
-            os.utime(path, ns=(modified, modified))
-
-    return prepare
-
-
 def made(make: Callable[[Path], object], name: str = "d/wallet.key") -> Prepare:
-    """Something that is no file."""
+    """Something at this path, and the directories above it."""
 
     def prepare(undo: contextlib.ExitStack) -> None:
         Path(name).parent.mkdir(parents=True, exist_ok=True)
         make(Path(name))
 
     return prepare
+
+
+def file(name: str, content: str | bytes = "", mode: int = 0o600, modified: int = 0) -> Prepare:
+    def make(path: Path) -> None:
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+        path.chmod(mode)
+        os.utime(path, ns=(modified, modified))
+
+    return made(make, name)
 
 
 def native(**entries: Mapping[str, Any]) -> Prepare:
@@ -177,7 +170,7 @@ def native(**entries: Mapping[str, Any]) -> Prepare:
                 path.write_bytes(source)
             elif source:
                 os.link(base() / "native" / source, path)  # the same file each time, which is mapped once
-            digest = importlib.import_module("hashlib").sha256(path.read_bytes() if source else b"").hexdigest()
+            digest = hashlib.sha256(path.read_bytes() if source else b"").hexdigest()
             listed[f"{name}.so"] = {"kind": f"runtime_module:{name}", "sha256": digest, **entry.get("listed", {})}
         file("d/manifest.json", json.dumps({"era_id": 3, "files": listed}))(undo)
 
@@ -188,12 +181,9 @@ class Anything:
     """Has every attribute and can be called; `changes` says what such a look-up or call gives or raises instead."""
 
     __spec__ = None  # an import asks for it, and forgets what goes wrong there
-    _label: str
 
-    def __init__(
-        self, label: str = "anything", changes: Mapping[str, Any] = MappingProxyType({}), **given: Any
-    ) -> None:
-        self.__dict__.update(given, _label=label, _changes=changes)
+    def __init__(self, label: str = "anything", changes: Mapping[str, Any] | None = None, **given: Any) -> None:
+        self.__dict__.update(given, _label=label, _changes=changes or {})
 
     def _give(self, label: str) -> Any:
         if note:
@@ -219,7 +209,7 @@ class Anything:
         return self._give(f"{self._label}()")
 
     def __repr__(self) -> str:
-        return self._label
+        return str(self._label)
 
 
 def raising(kind: type[BaseException], *args: object) -> Callable[..., Any]:
@@ -243,12 +233,13 @@ USUAL = {
 }
 
 
-def kit(changes: Mapping[str, Any] = MappingProxyType({}), **siblings: Any) -> Prepare:
+def kit(changes: Mapping[str, Any] | None = None, **siblings: Any) -> Prepare:
     """The rest of the kit, its answers changed; a module that is None is missing, one that is an exception fails."""
 
     def prepare(undo: contextlib.ExitStack) -> None:
+        answers = {**USUAL, **(changes or {}), **siblings}
         for name in SIBLINGS:
-            sibling = {**changes, **siblings}.get(name, Anything(name, {**USUAL, **changes}))
+            sibling = answers.get(name, Anything(name, answers))
             for table, key in (sys.modules, f"corvane.{name}"), (vars(corvane), name):
                 undo.callback(table.update, {key: table.pop(key)} if key in table else {})
                 undo.callback(table.pop, key, None)
@@ -296,6 +287,7 @@ def forget_native(undo: contextlib.ExitStack) -> None:
         undo.callback(sys.modules.pop, name, None)
 
 
+INVITED = patched(os, environ={**os.environ, "CORVANE_INVITE_CODE": "corv-aaaa-bbbb-cccc"})
 STANDARD = (
     lambda undo: patched(m, _config={**DEFAULTS, "data_dir": "d"}, _auth_manager=None)(undo),
     patched(auth, _active=None),
@@ -544,9 +536,9 @@ def rows() -> Iterator[tuple[Any, ...]]:
     yield "ensure new", call(ensure), "returned _runtime.", MANAGER, kit(), one_era
     yield "normalize", lambda: [m._normalize_key(k) for k in ("ab", "0Xab")], "returned ['0xab', '0Xab']"
     yield "normalize no text", call("_normalize_key", 7), "raised AttributeError"
-    yield "invite", call("_resolve_invite_code", None), "returned 'CORV-AAAA-BBBB-CCCC'", invited
-    yield "invite missing", call("_resolve_invite_code", ""), "raised ValueError: Invite code required. Pass", invited
-    yield "invite optional", call("_resolve_optional_invite_code", None), "returned None", invited
+    yield "invite", call("_resolve_invite_code", None), "returned 'CORV-AAAA-BBBB-CCCC'", INVITED
+    yield "invite missing", call("_resolve_invite_code", ""), "raised ValueError: Invite code required. Pass", INVITED
+    yield "invite optional", call("_resolve_optional_invite_code", None), "returned None", INVITED
     for name, act, done, failures in (
         ("register", register(), "returned WalletRegistration(address='0xaddress')",
          {ConnectionError: "Cannot reach", auth.RegistrationError: "Registration failed: refused. Contact",

@@ -123,7 +123,7 @@ def first_rows():
     no_option = lambda undo: e.m._config.pop("auto_heartbeat")  # noqa: E731
     yield "no option to opt out", several(e.register(), INJECT, NUDGE), CHECKLIST, no_option
     for code in (None, "", "c", 5):
-        yield f"invite {code}", e.register(invite_code=code), e.invited
+        yield f"invite {code}", e.register(invite_code=code), e.INVITED
     for content in HEARTBEATS:
         twice = several(e.call("inject_heartbeat", "."), INJECT, NUDGE, NUDGE)
         yield f"heartbeat {content}", twice, e.file("HEARTBEAT.md", content)

@@ -1,33 +1,15 @@
 """The module once more, as plain Python: what the native functions must be indistinguishable from."""
 
-import hashlib
-import importlib
-import importlib.util
-import json
-import logging
-import os
-import secrets
-import shutil
-import stat as _stat
-import sys
-import urllib.error
-import urllib.request
-from dataclasses import dataclass, field
-from types import SimpleNamespace
-from typing import Optional
+from corvane import agent_onboarding as native
 
-from corvane import agent_onboarding, auth
-from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed
-from corvane.runtime_module_freshness import (
-    RuntimeFreshnessGuard,
-    is_runtime_module_kind,
-    runtime_module_name_from_kind,
-)
-from corvane.sync import CURRENT_PLATFORM
+# What the native module imports, and its texts, by the same names; functions and classes are written out below.
+for name in [name for name in vars(native) if not name.startswith("__")]:
+    if getattr(vars(native)[name], "__module__", None) != native.__name__:
+        globals()[name] = vars(native)[name]
 
-logger = logging.getLogger("corvane.agent_onboarding")
 _DEFAULT = "~/.corvane/"
 _UNREACHABLE = "Cannot reach Corvane server. Check your network connection and try again."
+_NO_BACKTESTER = "Per-era backtester runtime is missing from manifest."
 _INVALID = "Invalid private key format. Expected hex string (64 characters) or 32 bytes."
 
 
@@ -79,13 +61,12 @@ def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
     except OSError:
         return
     for name in names:
-        if not name.startswith(prefix) or not name.endswith(".so"):
-            continue
-        path = os.path.join(root, name)
-        try:
-            candidates.append((os.stat(path).st_mtime_ns, path))
-        except OSError:
-            continue
+        if name.startswith(prefix) and name.endswith(".so"):
+            path = os.path.join(root, name)
+            try:
+                candidates.append((os.stat(path).st_mtime_ns, path))
+            except OSError:
+                continue
     if len(candidates) <= max_copies:
         return
     keep = {keep_real}
@@ -94,12 +75,11 @@ def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
             break
         keep.add(os.path.realpath(candidate[1]))
     for candidate in candidates:
-        if os.path.realpath(candidate[1]) in keep:
-            continue
-        try:
-            os.unlink(candidate[1])
-        except OSError:
-            pass
+        if os.path.realpath(candidate[1]) not in keep:
+            try:
+                os.unlink(candidate[1])
+            except OSError:
+                pass
 
 
 def _load_extension_from_path(module_name, path):
@@ -161,9 +141,8 @@ def _runtime_module_manifest_entries(manifest):
         if platform and platform != CURRENT_PLATFORM:
             continue
         module_name = runtime_module_name_from_kind(kind)
-        if not module_name:
-            continue
-        yield module_name, relative_path, file_info
+        if module_name:
+            yield module_name, relative_path, file_info
 
 
 def _select_runtime_module_manifest_entry(manifest, module_name):
@@ -253,9 +232,7 @@ def _load_per_era_backtester(data_dir):
     loaded = _load_runtime_modules_from_manifest(expanded, manifest)
     module = loaded.get("backtester")
     if module is None:
-        raise RuntimeModuleDownloadIncomplete(
-            "Per-era backtester runtime is missing from manifest.", module_name="backtester"
-        )
+        raise RuntimeModuleDownloadIncomplete(_NO_BACKTESTER, module_name="backtester")
     logger.info("Loaded per-era backtester from manifest in %s", expanded)
     return module
 
@@ -274,18 +251,12 @@ class AuthToken:
         return f"AuthToken(token='<redacted>', expires_at={self.expires_at!r})"
 
 
-_HEARTBEAT_STATIC_SECTION = agent_onboarding._HEARTBEAT_STATIC_SECTION
-_NUDGE_TEXTS = agent_onboarding._NUDGE_TEXTS
-_AGENTS_MD_FRAGMENT = agent_onboarding._AGENTS_MD_FRAGMENT
-_config = dict(agent_onboarding._config)
-_auth_manager = None
+_config = dict(native._config)
 _VALID_OPTIONS = {"auto_heartbeat": bool, "data_dir": str, "server_url": str, "named_universe": str}
 
 
 def _find_heartbeat(working_dir=None):
-    current = working_dir
-    if current is None:
-        current = os.getcwd()
+    current = os.getcwd() if working_dir is None else working_dir
     for _ in range(4):
         path = os.path.join(current, "HEARTBEAT.md")
         if os.path.exists(path):
@@ -324,9 +295,7 @@ def _safe_named_universe(value):
     if value is None:
         return None
     text = (value if isinstance(value, str) else str(value)).strip()
-    if not text or text in (".", ".."):
-        return None
-    if "/" in text or "\\" in text or "\0" in text:
+    if not text or text in (".", "..") or "/" in text or "\\" in text or "\0" in text:
         return None
     return text
 
@@ -443,9 +412,7 @@ def _read_wallet_key(data_dir):
         raise _unsafe_wallet_error(wallet_path)
     if hasattr(os, "getuid") and st.st_uid != os.getuid():
         raise _unsafe_wallet_error(wallet_path)
-    flags = os.O_RDONLY
-    if hasattr(os, "O_NOFOLLOW"):
-        flags = flags | os.O_NOFOLLOW
+    flags = os.O_RDONLY | (os.O_NOFOLLOW if hasattr(os, "O_NOFOLLOW") else 0)
     try:
         fd = os.open(wallet_path, flags)
     except OSError:
@@ -474,9 +441,7 @@ def _write_wallet_key(data_dir, key_content):
         if hasattr(os, "getuid") and st.st_uid != os.getuid():
             raise _unsafe_wallet_error(wallet_path)
     try:
-        flags = os.O_WRONLY | os.O_CREAT | os.O_TRUNC
-        if hasattr(os, "O_NOFOLLOW"):
-            flags = flags | os.O_NOFOLLOW
+        flags = os.O_WRONLY | os.O_CREAT | os.O_TRUNC | (os.O_NOFOLLOW if hasattr(os, "O_NOFOLLOW") else 0)
         fd = os.open(wallet_path, flags, 0o600)
         try:
             _check_wallet_fd(wallet_path, fd)
@@ -498,20 +463,13 @@ class _LocalRuntimeSyncManager:
     def get_manifest(self):
         return self._manifest
 
-    def acquire(self):
-        pass
-
-    def release(self):
-        pass
-
     def request_for_sync(self):
         return []
 
-    def register_era_callback(self, callback):
-        pass
-
-    def unregister_era_callback(self, callback):
-        pass
+    def acquire(self): ...
+    def release(self): ...
+    def register_era_callback(self, callback): ...
+    def unregister_era_callback(self, callback): ...
 
 
 def _read_json_if_present(path):
@@ -553,9 +511,7 @@ def _bootstrap_local_runtime_from_config(am):
     loaded_runtime_modules = _load_runtime_modules_from_manifest(data_dir, manifest_data)
     raw_backtester = loaded_runtime_modules.get("backtester")
     if raw_backtester is None:
-        raise RuntimeModuleDownloadIncomplete(
-            "Per-era backtester runtime is missing from manifest.", module_name="backtester"
-        )
+        raise RuntimeModuleDownloadIncomplete(_NO_BACKTESTER, module_name="backtester")
     if getattr(raw_backtester, "_corvane_module_sha256", None):
         runtime_freshness_guard.record_loaded_module(
             "backtester", raw_backtester._corvane_module_sha256, module=raw_backtester
@@ -840,9 +796,7 @@ def inject_heartbeat(working_dir: Optional[str] = None) -> None:
 
 
 def update_nudge(trigger: str, **context: object) -> None:
-    if not _config.get("auto_heartbeat", True):
-        return
-    if trigger not in _NUDGE_TEXTS:
+    if not _config.get("auto_heartbeat", True) or trigger not in _NUDGE_TEXTS:
         return
     nudge_text = _NUDGE_TEXTS[trigger]
     try:
