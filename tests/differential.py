@@ -66,14 +66,15 @@ class Tap:
         value = getattr(self._target, name)
         if isinstance(value, types.ModuleType | Tap) or label == "os.environ":
             return Tap(value, label, note)
-        if not callable(value) or isinstance(value, type):
-            return value
+        return tapped(value, label, note) if callable(value) and not isinstance(value, type) else value
 
-        def called(*args, **kwargs):
-            note(f"{label}{args}{kwargs} while {sys.exc_info()[0]}")
-            return value(*args, **kwargs)
 
-        return called
+def tapped(function, label, note):
+    def called(*args, **kwargs):
+        note(f"{label}{args}{kwargs} while {sys.exc_info()[0]}")
+        return function(*args, **kwargs)
+
+    return called
 
 
 def descriptors():
@@ -106,7 +107,7 @@ def observe(module, call, fail_at=None, failure=None):
         logged = undo.enter_context(call.situation())
         patched(module._LocalRuntimeSyncManager, __repr__=lambda self: f"local manager {vars(self)}")(undo)
         taps = {name: Tap(getattr(module, name), name.strip("_"), note) for name in ("os", "_stat", "auth")}
-        patched(module, **taps)(undo)
+        patched(module, open=vars(module).get("open", tapped(open, "open", note)), **taps)(undo)
         patched(exercise, note=note)(undo)
         before, result, raised = descriptors(), None, None
         try:

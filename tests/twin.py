@@ -1,15 +1,20 @@
 """The module once more, as plain Python: what the native functions must be indistinguishable from."""
 
+import types
+
 from corvane import agent_onboarding as native
 
-# What the native module imports, and its texts, by the same names; functions and classes are written out below.
+# What it imports, its texts and its sync manager are the native module's; the exercise says what that one must be.
 for name in [name for name in vars(native) if not name.startswith("__")]:
-    if getattr(vars(native)[name], "__module__", None) != native.__name__:
+    if not isinstance(vars(native)[name], types.FunctionType) or vars(native)[name].__module__ != native.__name__:
         globals()[name] = vars(native)[name]
 
+_config = dict(native._config)
+_VALID_OPTIONS = {"auto_heartbeat": bool, "data_dir": str, "server_url": str, "named_universe": str}
 _DEFAULT = "~/.corvane/"
 _UNREACHABLE = "Cannot reach Corvane server. Check your network connection and try again."
 _NO_BACKTESTER = "Per-era backtester runtime is missing from manifest."
+_REFUSING = "Refusing to use wallet.key with unsafe ownership, type, or permissions."
 _INVALID = "Invalid private key format. Expected hex string (64 characters) or 32 bytes."
 
 
@@ -86,12 +91,9 @@ def _load_extension_from_path(module_name, path):
     digest = _sha256_file(path)
     runtime_path = _content_addressed_extension_path(module_name, path, digest)
     previous = sys.modules.get(module_name)
-    if (
-        previous is not None
-        and getattr(previous, "__file__", None) == runtime_path
-        and getattr(previous, "_corvane_module_sha256", None) == digest
-    ):
-        return previous
+    if previous is not None and getattr(previous, "__file__", None) == runtime_path:
+        if getattr(previous, "_corvane_module_sha256", None) == digest:
+            return previous
     spec = importlib.util.spec_from_file_location(module_name, runtime_path)
     if spec is None or spec.loader is None:
         raise RuntimeError(f"Could not create import spec for {runtime_path!s}")
@@ -115,9 +117,8 @@ def _load_extension_from_path(module_name, path):
 def _read_manifest(data_dir):
     path = os.path.join(data_dir, "manifest.json")
     if not os.path.exists(path):
-        raise RuntimeModuleDownloadIncomplete(
-            f"Runtime manifest is missing at {path!s}.", relative_path="manifest.json"
-        )
+        missing = f"Runtime manifest is missing at {path!s}."
+        raise RuntimeModuleDownloadIncomplete(missing, relative_path="manifest.json")
     with open(path, "r", encoding="utf-8") as f:
         data = json.load(f)
     return SimpleNamespace(era_id=data.get("era_id"), version=data.get("version"), files=data.get("files", {}))
@@ -164,11 +165,8 @@ def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None
         manifest = _read_manifest(expanded)
     relative_path, file_info = _select_runtime_module_manifest_entry(manifest, module_name)
     if relative_path is None:
-        raise RuntimeModuleDownloadIncomplete(
-            f"Manifest does not contain a runtime module for {module_name!r}.",
-            module_name=module_name,
-            expected_sha256=expected_sha256,
-        )
+        absent = f"Manifest does not contain a runtime module for {module_name!r}."
+        raise RuntimeModuleDownloadIncomplete(absent, module_name=module_name, expected_sha256=expected_sha256)
     expected = expected_sha256 if expected_sha256 else file_info.get("sha256")
     candidate = os.path.join(expanded, relative_path)
     fields = {"module_name": module_name, "relative_path": relative_path, "expected_sha256": expected}
@@ -176,23 +174,18 @@ def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None
         raise RuntimeModuleDownloadIncomplete(f"Runtime module {module_name!r} is missing at {candidate!s}.", **fields)
     actual = _sha256_file(candidate)
     if expected and actual != expected:
-        raise RuntimeModuleHashMismatch(
-            f"Runtime module {module_name!r} hash mismatch at {candidate!s}: expected {expected!s}, got {actual!s}.",
-            **fields,
-            actual_sha256=actual,
-        )
+        other = f"Runtime module {module_name!r} hash mismatch at {candidate!s}: expected {expected!s}, got {actual!s}."
+        raise RuntimeModuleHashMismatch(other, **fields, actual_sha256=actual)
     try:
         module = _load_extension_from_path(module_name, candidate)
     except Exception as exc:
-        raise RuntimeModuleReloadFailed(
-            f"Runtime module {module_name!r} failed to load from {candidate!s}: {exc!s}", **fields, actual_sha256=actual
-        ) from exc
+        failed = f"Runtime module {module_name!r} failed to load from {candidate!s}: {exc!s}"
+        raise RuntimeModuleReloadFailed(failed, **fields, actual_sha256=actual) from exc
     if expected:
         stamped = getattr(module, "_corvane_module_sha256", None)
         if stamped != expected:
-            raise RuntimeModuleHashMismatch(
-                f"Runtime module {module_name!r} loaded with unexpected hash.", **fields, actual_sha256=stamped
-            )
+            unexpected = f"Runtime module {module_name!r} loaded with unexpected hash."
+            raise RuntimeModuleHashMismatch(unexpected, **fields, actual_sha256=stamped)
     return module
 
 
@@ -201,9 +194,8 @@ def _load_runtime_modules_from_manifest(data_dir, manifest):
     entries = list(_runtime_module_manifest_entries(manifest))
     entries.sort(key=lambda item: (0 if item[0] == "era_data" else 1, item[0], item[1]))
     for module_name, _relative_path, file_info in entries:
-        loaded[module_name] = _load_manifest_runtime_module(
-            data_dir, module_name, expected_sha256=file_info.get("sha256"), manifest=manifest
-        )
+        load, expected = _load_manifest_runtime_module, file_info.get("sha256")
+        loaded[module_name] = load(data_dir, module_name, expected_sha256=expected, manifest=manifest)
     return loaded
 
 
@@ -249,10 +241,6 @@ class AuthToken:
 
     def __repr__(self):
         return f"AuthToken(token='<redacted>', expires_at={self.expires_at!r})"
-
-
-_config = dict(native._config)
-_VALID_OPTIONS = {"auto_heartbeat": bool, "data_dir": str, "server_url": str, "named_universe": str}
 
 
 def _find_heartbeat(working_dir=None):
@@ -367,9 +355,8 @@ def _resolve_active_named_universe(am):
         raise RuntimeError(f"Registration bootstrap expected exactly one active era from /eras, got {len(active)}.")
     candidates = _active_era_named_universe_candidates(active[0])
     if len(candidates) != 1:
-        raise RuntimeError(
-            f"Registration bootstrap expected exactly one active named universe from /eras, got {len(candidates)}."
-        )
+        found = f"got {len(candidates)}."
+        raise RuntimeError(f"Registration bootstrap expected exactly one active named universe from /eras, {found}")
     _config["named_universe"] = candidates[0]
     return candidates[0]
 
@@ -385,9 +372,7 @@ def _wallet_key_path(data_dir):
 
 
 def _unsafe_wallet_error(wallet_path):
-    return IOError(
-        f"Unsafe wallet key at {wallet_path!s}. Refusing to use wallet.key with unsafe ownership, type, or permissions."
-    )
+    return IOError(f"Unsafe wallet key at {wallet_path!s}. {_REFUSING}")
 
 
 def _check_wallet_fd(wallet_path, fd):
@@ -454,24 +439,6 @@ def _write_wallet_key(data_dir, key_content):
         raise IOError(f"Cannot write wallet to {wallet_path!s}. Check directory permissions.")
 
 
-class _LocalRuntimeSyncManager:
-    def __init__(self, manifest, runtime_freshness_guard=None):
-        self._manifest = manifest
-        self._vocabulary = {}
-        self.runtime_freshness_guard = runtime_freshness_guard
-
-    def get_manifest(self):
-        return self._manifest
-
-    def request_for_sync(self):
-        return []
-
-    def acquire(self): ...
-    def release(self): ...
-    def register_era_callback(self, callback): ...
-    def unregister_era_callback(self, callback): ...
-
-
 def _read_json_if_present(path):
     if not path or not os.path.exists(path):
         return None
@@ -513,9 +480,8 @@ def _bootstrap_local_runtime_from_config(am):
     if raw_backtester is None:
         raise RuntimeModuleDownloadIncomplete(_NO_BACKTESTER, module_name="backtester")
     if getattr(raw_backtester, "_corvane_module_sha256", None):
-        runtime_freshness_guard.record_loaded_module(
-            "backtester", raw_backtester._corvane_module_sha256, module=raw_backtester
-        )
+        record = runtime_freshness_guard.record_loaded_module
+        record("backtester", raw_backtester._corvane_module_sha256, module=raw_backtester)
     era_id = int(era_config.get("era_id") or vocabulary.get("era_id") or 0)
     manifest = SimpleNamespace(era_id=era_id, files=dict(_manifest_files(manifest_data)), named_universe=named_universe)
     sync_manager = _LocalRuntimeSyncManager(manifest, runtime_freshness_guard=runtime_freshness_guard)
@@ -529,9 +495,8 @@ def _bootstrap_local_runtime_from_config(am):
     try:
         batch_cls, compute_plan, expression_type_cls, expression_evaluator = _runtime._import_batch_runtime()
     except Exception as e:
-        logger.warning(
-            "Batch runtime import failed during local bootstrap; continuing without batch orchestration helpers: %s", e
-        )
+        failed = "Batch runtime import failed during local bootstrap"
+        logger.warning(failed + "; continuing without batch orchestration helpers: %s", e)
     evaluator = _runtime.RuntimeEvaluationAdapter(
         data_dir=data_dir, era_config=era_config, raw_backtester=raw_backtester, vault=vault, manifest=manifest,
         graph_validator=None, batch_orchestrator_cls=batch_cls, compute_search_plan=compute_plan,
@@ -543,26 +508,23 @@ def _bootstrap_local_runtime_from_config(am):
     tracker = SearchTracker(data_dir)
     named_universes = (named_universe,)
     feature_dirs = {named_universe: os.path.join(data_dir, "features", named_universe)}
-    manifest_adapters = {
-        named_universe: _runtime._RuntimeManifestAdapter(
-            manifest, feature_epoch="signal_is", named_universe=named_universe, era_config=era_config
-        )
-    }
+    adapter = _runtime._RuntimeManifestAdapter(
+        manifest, feature_epoch="signal_is", named_universe=named_universe, era_config=era_config
+    )
     runtime = _runtime.LibraryRuntime(
         auth=am, auth_proxy=am, data_dir=data_dir,
         server_url=_config.get("server_url") or "https://api.corvane.example", sync_manager=sync_manager,
         era_id=era_id, era_thread=_runtime._EraThreadProxy(sync_manager), era_config=era_config,
         search_era_config=_runtime._SearchEraConfig(era_config), named_universes=named_universes,
         default_named_universe=named_universe, vocabularies={named_universe: vocabulary}, feature_dirs=feature_dirs,
-        manifest_adapters=manifest_adapters, vocabulary_raw=vocabulary, registry=evaluator.registry, vault=vault,
-        raw_backtester=raw_backtester, evaluator=evaluator, search_tracker=tracker,
+        manifest_adapters={named_universe: adapter}, vocabulary_raw=vocabulary, registry=evaluator.registry,
+        vault=vault, raw_backtester=raw_backtester, evaluator=evaluator, search_tracker=tracker,
         runtime_freshness_guard=runtime_freshness_guard,
     )  # fmt: skip
     _runtime._runtime = runtime
     try:
-        evaluator.graph_validator = _runtime._build_graph_validator(
-            evaluator.registry, vocabulary, era_config, evaluator
-        )
+        build = _runtime._build_graph_validator
+        evaluator.graph_validator = build(evaluator.registry, vocabulary, era_config, evaluator)
     except Exception:
         _runtime._runtime = None
         raise
