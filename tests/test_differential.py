@@ -258,7 +258,7 @@ def bootstrap_rows():
     yield "a manifest that changes", local, *on_disk(), e.kit(), changing
 
 
-ROWS = itertools.chain(wallet_and_workspace_rows(), era_and_manifest_rows(), bootstrap_rows())
+ROWS = [*wallet_and_workspace_rows(), *era_and_manifest_rows(), *bootstrap_rows()]
 
 
 @pytest.mark.parametrize("name", e.CALLS)
