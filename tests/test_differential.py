@@ -152,6 +152,7 @@ CONFIGURATIONS = [
     *NAMES,
     *({"signal_pools": [5, {"allowed_named_universes": n}], "named_universe": "last"} for n in (*NAMES, NAMES)),
     *({"allowed_named_universes": [n, "next"], "signal_pools": [{}]} for n in NAMES),
+    {"allowed_named_universes": ["..", "a/b"], "named_universe": "last"},
     *(era for eras in ERAS if isinstance(eras, list) for era in eras),
 ]
 
