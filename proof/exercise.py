@@ -465,7 +465,7 @@ def rows() -> Iterator[tuple[Any, ...]]:
         yield f"{name} again", act, done, KEY_FILE, config(auto_heartbeat=False)
         yield f"{name} unset", act, f"{done}; WARNING Failed to set active auth manager: no", unset
         yield f"{name} unsafe", act, UNSAFE, LINK, file("d/victim")
-        yield f"{name} unreachable", act, "raised ConnectionError: Cannot reach", service(ConnectionError, "refused")
+        yield f"{name} unreachable", act, "raised ConnectionError: Cannot reach", service(ConnectionRefusedError, "no")
         invalid = service(auth.InvalidKeyError, "refused")
         yield f"{name} invalid", act, "raised ValueError: Invalid private key format", invalid
         yield f"{name} fails", act, "raised OSError: refused", service(OSError, "refused")
