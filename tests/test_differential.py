@@ -122,6 +122,9 @@ def wallet_and_workspace_rows():
     yield "a swallowed exception", READ, e.KEY_FILE, swallowing
     for kind in STRANGE_ERRORS:
         yield f"{kind} is raised", READ, *VICTIM, e.ours(_unsafe_wallet_error=lambda p, kind=kind: kind)
+    mode = type("Mode", (int,), {"__and__": e.raising(LookupError)})(0o100600)
+    status = types.SimpleNamespace(st_mode=mode, st_uid=os.getuid())
+    yield "a mode of its own kind", READ, e.KEY_FILE, e.other_os(fstat=lambda fd: status)
     yield "inside a generator and handlers", in_a_generator, *VICTIM
     yield "a module without the function", e.register(), e.patched(secrets, token_hex=e.MISSING)
     loop = e.chain(ValueError("a"), KeyError("b"))
