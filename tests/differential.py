@@ -4,17 +4,16 @@ import contextlib
 import os
 import pprint
 import re
-import stat
 import sys
 import time
 import traceback
 import types
-from pathlib import Path
 
 import twin
 from corvane import agent_onboarding as native
 from proof import exercise
 from proof.exercise import Call, patched
+from proof.exercise import files as snapshot
 
 GENERATOR_STEPS = ("sorted_pairs", "next_entry")  # frames of their own, below that of the generator
 # The module keeps a wording of its own for this one; the twin cannot but have the interpreter's.
@@ -27,11 +26,10 @@ def text(value):
     return re.sub(r" at 0x[0-9a-f]+", "", repr(value).replace(UNBOUND_NOW, UNBOUND).replace(native.__name__, "twin"))
 
 
-def describe_exception(exc, seen=()):
+def describe_exception(exc):
     """Type, text, args, attributes, chain and the functions in the traceback."""
-    if exc is None or exc in seen:
-        return exc if exc is None else "(seen)"
-    seen = (*seen, exc)
+    if exc is None:
+        return None
     frames = [f.name for f in traceback.extract_tb(exc.__traceback__) if "site-packages" not in f.filename]
     return {
         "type": type(exc),
@@ -39,8 +37,8 @@ def describe_exception(exc, seen=()):
         "args": text(exc.args),
         "attributes": [text(getattr(exc, n, None)) for n in ("errno", "filename", "name", "start", "end", "__dict__")],
         "frames": [name for name in frames if name not in GENERATOR_STEPS],
-        "cause": describe_exception(exc.__cause__, seen),
-        "context": describe_exception(exc.__context__, seen),
+        "cause": describe_exception(exc.__cause__),
+        "context": describe_exception(exc.__context__),
         "suppress": exc.__suppress_context__,
     }
 
@@ -53,56 +51,30 @@ def tried(act):
         return describe_exception(exc)
 
 
-def snapshot():
-    """Every entry below the working directory: type and mode, link target or bytes."""
-
-    def entry(path):
-        status = path.lstat()
-        if stat.S_ISLNK(status.st_mode):
-            return os.readlink(path)
-        return oct(status.st_mode), path.read_bytes() if stat.S_ISREG(status.st_mode) else b""
-
-    return {str(path): entry(path) for path in sorted(Path().rglob("*"))}
-
-
 class Tap:
     """Stands before a module or an object and notes each attribute look-up and call."""
 
-    def __init__(self, target, label, events):
-        self.__dict__.update(_target=target, _label=label, _events=events)
+    def __init__(self, target, label, note):
+        self.__dict__.update(_target=target, _label=label, _note=note)
 
     def __repr__(self):
         return self._label
 
     def __getattr__(self, name):
-        label = f"{self._label}.{name}"
-        self._events.note(label)
+        label, note = f"{self._label}.{name}", self._note
+        note(label)
         value = getattr(self._target, name)
         if isinstance(value, types.ModuleType | Tap) or label == "os.environ":
-            return Tap(value, label, self._events)
-        if callable(value) and not isinstance(value, type):
-            return self._events.wrap(value, label)
-        return value
+            return Tap(value, label, note)
+        return tapped(value, label, note) if callable(value) and not isinstance(value, type) else value
 
 
-class Events(list):
-    """What the module did with its surroundings; number `fail_at` of it raises."""
+def tapped(function, label, note):
+    def called(*args, **kwargs):
+        note(f"{label}{args}{kwargs} while {sys.exc_info()[0]}")
+        return function(*args, **kwargs)
 
-    def __init__(self, fail_at, failure):
-        super().__init__()
-        self.fail_at, self.failure = fail_at, failure
-
-    def note(self, seen):
-        self.append(text(seen))
-        if len(self) == self.fail_at:
-            raise self.failure()
-
-    def wrap(self, function, label):
-        def called(*args, **kwargs):
-            self.note(f"{label}{args}{kwargs} while {sys.exc_info()[0]}")
-            return function(*args, **kwargs)
-
-        return called
+    return called
 
 
 def descriptors():
@@ -121,16 +93,22 @@ def left_open(before):
 
 
 def observe(module, call, fail_at=None, failure=None):
-    """What comes of the call in its situation, and everything that it did on the way."""
-    events = Events(fail_at, failure)
+    """What comes of the call in its situation, and every event on the way; number `fail_at` of them raises."""
+    events = []
+
+    def note(seen):
+        events.append(text(seen))
+        if len(events) == fail_at:
+            raise failure()
+
     with contextlib.ExitStack() as undo:
         patched(exercise, m=module)(undo)
         patched(os, environ={**os.environ, "HOME": str(exercise.base() / "work")})(undo)
         logged = undo.enter_context(call.situation())
         patched(module._LocalRuntimeSyncManager, __repr__=lambda self: f"local manager {vars(self)}")(undo)
-        taps = {name: Tap(getattr(module, name), name.strip("_"), events) for name in ("os", "_stat", "auth")}
-        patched(module, **taps)(undo)
-        patched(exercise, note=events.note)(undo)
+        taps = {name: Tap(getattr(module, name), name.strip("_"), note) for name in ("os", "_stat", "auth")}
+        patched(module, open=vars(module).get("open", tapped(open, "open", note)), **taps)(undo)
+        patched(exercise, note=note)(undo)
         before, result, raised = descriptors(), None, None
         try:
             result = text(call.act())
@@ -142,7 +120,7 @@ def observe(module, call, fail_at=None, failure=None):
         return {
             "result": result,
             "raised": raised,
-            "events": list(events),
+            "events": events,
             "logged": [(r.levelname, r.msg, text(r.args), r.exc_info) for r in logged],
             "files": snapshot(),
             "state": (text(vars(module).get("_config")), module._auth_manager is not None),
@@ -154,9 +132,7 @@ def same(act, *prepare, fail_at=None, failure=None):
     """Asserts that the twin and the native module cannot be told apart; answers what was seen."""
     call = Call(act, "", prepare)
     expected, actual = (observe(module, call, fail_at, failure) for module in (twin, native))
-    different = {
-        key: {"python": expected[key], "native": actual[key]} for key in expected if expected[key] != actual[key]
-    }
+    different = {key: (seen, actual[key]) for key, seen in expected.items() if seen != actual[key]}
     assert not different, pprint.pformat(different, width=150)
     return actual
 

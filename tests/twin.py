@@ -1,33 +1,20 @@
 """The module once more, as plain Python: what the native functions must be indistinguishable from."""
 
-import hashlib
-import importlib
-import importlib.util
-import json
-import logging
-import os
-import secrets
-import shutil
-import stat as _stat
-import sys
-import urllib.error
-import urllib.request
-from dataclasses import dataclass, field
-from types import SimpleNamespace
-from typing import Optional
+import types
 
-from corvane import agent_onboarding, auth
-from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch, RuntimeModuleReloadFailed
-from corvane.runtime_module_freshness import (
-    RuntimeFreshnessGuard,
-    is_runtime_module_kind,
-    runtime_module_name_from_kind,
-)
-from corvane.sync import CURRENT_PLATFORM
+from corvane import agent_onboarding as native
 
-logger = logging.getLogger("corvane.agent_onboarding")
+# What it imports, its texts and its sync manager are the native module's; the exercise says what that one must be.
+for name in [name for name in vars(native) if not name.startswith("__")]:
+    if not isinstance(vars(native)[name], types.FunctionType) or vars(native)[name].__module__ != native.__name__:
+        globals()[name] = vars(native)[name]
+
+_config = dict(native._config)
+_VALID_OPTIONS = {"auto_heartbeat": bool, "data_dir": str, "server_url": str, "named_universe": str}
 _DEFAULT = "~/.corvane/"
 _UNREACHABLE = "Cannot reach Corvane server. Check your network connection and try again."
+_NO_BACKTESTER = "Per-era backtester runtime is missing from manifest."
+_REFUSING = "Refusing to use wallet.key with unsafe ownership, type, or permissions."
 _INVALID = "Invalid private key format. Expected hex string (64 characters) or 32 bytes."
 
 
@@ -79,13 +66,12 @@ def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
     except OSError:
         return
     for name in names:
-        if not name.startswith(prefix) or not name.endswith(".so"):
-            continue
-        path = os.path.join(root, name)
-        try:
-            candidates.append((os.stat(path).st_mtime_ns, path))
-        except OSError:
-            continue
+        if name.startswith(prefix) and name.endswith(".so"):
+            path = os.path.join(root, name)
+            try:
+                candidates.append((os.stat(path).st_mtime_ns, path))
+            except OSError:
+                continue
     if len(candidates) <= max_copies:
         return
     keep = {keep_real}
@@ -94,24 +80,20 @@ def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
             break
         keep.add(os.path.realpath(candidate[1]))
     for candidate in candidates:
-        if os.path.realpath(candidate[1]) in keep:
-            continue
-        try:
-            os.unlink(candidate[1])
-        except OSError:
-            pass
+        if os.path.realpath(candidate[1]) not in keep:
+            try:
+                os.unlink(candidate[1])
+            except OSError:
+                pass
 
 
 def _load_extension_from_path(module_name, path):
     digest = _sha256_file(path)
     runtime_path = _content_addressed_extension_path(module_name, path, digest)
     previous = sys.modules.get(module_name)
-    if (
-        previous is not None
-        and getattr(previous, "__file__", None) == runtime_path
-        and getattr(previous, "_corvane_module_sha256", None) == digest
-    ):
-        return previous
+    if previous is not None and getattr(previous, "__file__", None) == runtime_path:
+        if getattr(previous, "_corvane_module_sha256", None) == digest:
+            return previous
     spec = importlib.util.spec_from_file_location(module_name, runtime_path)
     if spec is None or spec.loader is None:
         raise RuntimeError(f"Could not create import spec for {runtime_path!s}")
@@ -135,9 +117,8 @@ def _load_extension_from_path(module_name, path):
 def _read_manifest(data_dir):
     path = os.path.join(data_dir, "manifest.json")
     if not os.path.exists(path):
-        raise RuntimeModuleDownloadIncomplete(
-            f"Runtime manifest is missing at {path!s}.", relative_path="manifest.json"
-        )
+        missing = f"Runtime manifest is missing at {path!s}."
+        raise RuntimeModuleDownloadIncomplete(missing, relative_path="manifest.json")
     with open(path, "r", encoding="utf-8") as f:
         data = json.load(f)
     return SimpleNamespace(era_id=data.get("era_id"), version=data.get("version"), files=data.get("files", {}))
@@ -161,9 +142,8 @@ def _runtime_module_manifest_entries(manifest):
         if platform and platform != CURRENT_PLATFORM:
             continue
         module_name = runtime_module_name_from_kind(kind)
-        if not module_name:
-            continue
-        yield module_name, relative_path, file_info
+        if module_name:
+            yield module_name, relative_path, file_info
 
 
 def _select_runtime_module_manifest_entry(manifest, module_name):
@@ -185,11 +165,8 @@ def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None
         manifest = _read_manifest(expanded)
     relative_path, file_info = _select_runtime_module_manifest_entry(manifest, module_name)
     if relative_path is None:
-        raise RuntimeModuleDownloadIncomplete(
-            f"Manifest does not contain a runtime module for {module_name!r}.",
-            module_name=module_name,
-            expected_sha256=expected_sha256,
-        )
+        absent = f"Manifest does not contain a runtime module for {module_name!r}."
+        raise RuntimeModuleDownloadIncomplete(absent, module_name=module_name, expected_sha256=expected_sha256)
     expected = expected_sha256 if expected_sha256 else file_info.get("sha256")
     candidate = os.path.join(expanded, relative_path)
     fields = {"module_name": module_name, "relative_path": relative_path, "expected_sha256": expected}
@@ -197,23 +174,18 @@ def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None
         raise RuntimeModuleDownloadIncomplete(f"Runtime module {module_name!r} is missing at {candidate!s}.", **fields)
     actual = _sha256_file(candidate)
     if expected and actual != expected:
-        raise RuntimeModuleHashMismatch(
-            f"Runtime module {module_name!r} hash mismatch at {candidate!s}: expected {expected!s}, got {actual!s}.",
-            **fields,
-            actual_sha256=actual,
-        )
+        other = f"Runtime module {module_name!r} hash mismatch at {candidate!s}: expected {expected!s}, got {actual!s}."
+        raise RuntimeModuleHashMismatch(other, **fields, actual_sha256=actual)
     try:
         module = _load_extension_from_path(module_name, candidate)
     except Exception as exc:
-        raise RuntimeModuleReloadFailed(
-            f"Runtime module {module_name!r} failed to load from {candidate!s}: {exc!s}", **fields, actual_sha256=actual
-        ) from exc
+        failed = f"Runtime module {module_name!r} failed to load from {candidate!s}: {exc!s}"
+        raise RuntimeModuleReloadFailed(failed, **fields, actual_sha256=actual) from exc
     if expected:
         stamped = getattr(module, "_corvane_module_sha256", None)
         if stamped != expected:
-            raise RuntimeModuleHashMismatch(
-                f"Runtime module {module_name!r} loaded with unexpected hash.", **fields, actual_sha256=stamped
-            )
+            unexpected = f"Runtime module {module_name!r} loaded with unexpected hash."
+            raise RuntimeModuleHashMismatch(unexpected, **fields, actual_sha256=stamped)
     return module
 
 
@@ -222,9 +194,8 @@ def _load_runtime_modules_from_manifest(data_dir, manifest):
     entries = list(_runtime_module_manifest_entries(manifest))
     entries.sort(key=lambda item: (0 if item[0] == "era_data" else 1, item[0], item[1]))
     for module_name, _relative_path, file_info in entries:
-        loaded[module_name] = _load_manifest_runtime_module(
-            data_dir, module_name, expected_sha256=file_info.get("sha256"), manifest=manifest
-        )
+        load, expected = _load_manifest_runtime_module, file_info.get("sha256")
+        loaded[module_name] = load(data_dir, module_name, expected_sha256=expected, manifest=manifest)
     return loaded
 
 
@@ -253,9 +224,7 @@ def _load_per_era_backtester(data_dir):
     loaded = _load_runtime_modules_from_manifest(expanded, manifest)
     module = loaded.get("backtester")
     if module is None:
-        raise RuntimeModuleDownloadIncomplete(
-            "Per-era backtester runtime is missing from manifest.", module_name="backtester"
-        )
+        raise RuntimeModuleDownloadIncomplete(_NO_BACKTESTER, module_name="backtester")
     logger.info("Loaded per-era backtester from manifest in %s", expanded)
     return module
 
@@ -274,18 +243,8 @@ class AuthToken:
         return f"AuthToken(token='<redacted>', expires_at={self.expires_at!r})"
 
 
-_HEARTBEAT_STATIC_SECTION = agent_onboarding._HEARTBEAT_STATIC_SECTION
-_NUDGE_TEXTS = agent_onboarding._NUDGE_TEXTS
-_AGENTS_MD_FRAGMENT = agent_onboarding._AGENTS_MD_FRAGMENT
-_config = dict(agent_onboarding._config)
-_auth_manager = None
-_VALID_OPTIONS = {"auto_heartbeat": bool, "data_dir": str, "server_url": str, "named_universe": str}
-
-
 def _find_heartbeat(working_dir=None):
-    current = working_dir
-    if current is None:
-        current = os.getcwd()
+    current = os.getcwd() if working_dir is None else working_dir
     for _ in range(4):
         path = os.path.join(current, "HEARTBEAT.md")
         if os.path.exists(path):
@@ -324,9 +283,7 @@ def _safe_named_universe(value):
     if value is None:
         return None
     text = (value if isinstance(value, str) else str(value)).strip()
-    if not text or text in (".", ".."):
-        return None
-    if "/" in text or "\\" in text or "\0" in text:
+    if not text or text in (".", "..") or "/" in text or "\\" in text or "\0" in text:
         return None
     return text
 
@@ -398,9 +355,8 @@ def _resolve_active_named_universe(am):
         raise RuntimeError(f"Registration bootstrap expected exactly one active era from /eras, got {len(active)}.")
     candidates = _active_era_named_universe_candidates(active[0])
     if len(candidates) != 1:
-        raise RuntimeError(
-            f"Registration bootstrap expected exactly one active named universe from /eras, got {len(candidates)}."
-        )
+        found = f"got {len(candidates)}."
+        raise RuntimeError(f"Registration bootstrap expected exactly one active named universe from /eras, {found}")
     _config["named_universe"] = candidates[0]
     return candidates[0]
 
@@ -416,9 +372,7 @@ def _wallet_key_path(data_dir):
 
 
 def _unsafe_wallet_error(wallet_path):
-    return IOError(
-        f"Unsafe wallet key at {wallet_path!s}. Refusing to use wallet.key with unsafe ownership, type, or permissions."
-    )
+    return IOError(f"Unsafe wallet key at {wallet_path!s}. {_REFUSING}")
 
 
 def _check_wallet_fd(wallet_path, fd):
@@ -443,9 +397,7 @@ def _read_wallet_key(data_dir):
         raise _unsafe_wallet_error(wallet_path)
     if hasattr(os, "getuid") and st.st_uid != os.getuid():
         raise _unsafe_wallet_error(wallet_path)
-    flags = os.O_RDONLY
-    if hasattr(os, "O_NOFOLLOW"):
-        flags = flags | os.O_NOFOLLOW
+    flags = os.O_RDONLY | (os.O_NOFOLLOW if hasattr(os, "O_NOFOLLOW") else 0)
     try:
         fd = os.open(wallet_path, flags)
     except OSError:
@@ -474,9 +426,7 @@ def _write_wallet_key(data_dir, key_content):
         if hasattr(os, "getuid") and st.st_uid != os.getuid():
             raise _unsafe_wallet_error(wallet_path)
     try:
-        flags = os.O_WRONLY | os.O_CREAT | os.O_TRUNC
-        if hasattr(os, "O_NOFOLLOW"):
-            flags = flags | os.O_NOFOLLOW
+        flags = os.O_WRONLY | os.O_CREAT | os.O_TRUNC | (os.O_NOFOLLOW if hasattr(os, "O_NOFOLLOW") else 0)
         fd = os.open(wallet_path, flags, 0o600)
         try:
             _check_wallet_fd(wallet_path, fd)
@@ -487,31 +437,6 @@ def _write_wallet_key(data_dir, key_content):
         os.chmod(wallet_path, 0o600)
     except (IOError, OSError):
         raise IOError(f"Cannot write wallet to {wallet_path!s}. Check directory permissions.")
-
-
-class _LocalRuntimeSyncManager:
-    def __init__(self, manifest, runtime_freshness_guard=None):
-        self._manifest = manifest
-        self._vocabulary = {}
-        self.runtime_freshness_guard = runtime_freshness_guard
-
-    def get_manifest(self):
-        return self._manifest
-
-    def acquire(self):
-        pass
-
-    def release(self):
-        pass
-
-    def request_for_sync(self):
-        return []
-
-    def register_era_callback(self, callback):
-        pass
-
-    def unregister_era_callback(self, callback):
-        pass
 
 
 def _read_json_if_present(path):
@@ -553,13 +478,10 @@ def _bootstrap_local_runtime_from_config(am):
     loaded_runtime_modules = _load_runtime_modules_from_manifest(data_dir, manifest_data)
     raw_backtester = loaded_runtime_modules.get("backtester")
     if raw_backtester is None:
-        raise RuntimeModuleDownloadIncomplete(
-            "Per-era backtester runtime is missing from manifest.", module_name="backtester"
-        )
+        raise RuntimeModuleDownloadIncomplete(_NO_BACKTESTER, module_name="backtester")
     if getattr(raw_backtester, "_corvane_module_sha256", None):
-        runtime_freshness_guard.record_loaded_module(
-            "backtester", raw_backtester._corvane_module_sha256, module=raw_backtester
-        )
+        record = runtime_freshness_guard.record_loaded_module
+        record("backtester", raw_backtester._corvane_module_sha256, module=raw_backtester)
     era_id = int(era_config.get("era_id") or vocabulary.get("era_id") or 0)
     manifest = SimpleNamespace(era_id=era_id, files=dict(_manifest_files(manifest_data)), named_universe=named_universe)
     sync_manager = _LocalRuntimeSyncManager(manifest, runtime_freshness_guard=runtime_freshness_guard)
@@ -573,9 +495,8 @@ def _bootstrap_local_runtime_from_config(am):
     try:
         batch_cls, compute_plan, expression_type_cls, expression_evaluator = _runtime._import_batch_runtime()
     except Exception as e:
-        logger.warning(
-            "Batch runtime import failed during local bootstrap; continuing without batch orchestration helpers: %s", e
-        )
+        failed = "Batch runtime import failed during local bootstrap"
+        logger.warning(failed + "; continuing without batch orchestration helpers: %s", e)
     evaluator = _runtime.RuntimeEvaluationAdapter(
         data_dir=data_dir, era_config=era_config, raw_backtester=raw_backtester, vault=vault, manifest=manifest,
         graph_validator=None, batch_orchestrator_cls=batch_cls, compute_search_plan=compute_plan,
@@ -587,26 +508,23 @@ def _bootstrap_local_runtime_from_config(am):
     tracker = SearchTracker(data_dir)
     named_universes = (named_universe,)
     feature_dirs = {named_universe: os.path.join(data_dir, "features", named_universe)}
-    manifest_adapters = {
-        named_universe: _runtime._RuntimeManifestAdapter(
-            manifest, feature_epoch="signal_is", named_universe=named_universe, era_config=era_config
-        )
-    }
+    adapter = _runtime._RuntimeManifestAdapter(
+        manifest, feature_epoch="signal_is", named_universe=named_universe, era_config=era_config
+    )
     runtime = _runtime.LibraryRuntime(
         auth=am, auth_proxy=am, data_dir=data_dir,
         server_url=_config.get("server_url") or "https://api.corvane.example", sync_manager=sync_manager,
         era_id=era_id, era_thread=_runtime._EraThreadProxy(sync_manager), era_config=era_config,
         search_era_config=_runtime._SearchEraConfig(era_config), named_universes=named_universes,
         default_named_universe=named_universe, vocabularies={named_universe: vocabulary}, feature_dirs=feature_dirs,
-        manifest_adapters=manifest_adapters, vocabulary_raw=vocabulary, registry=evaluator.registry, vault=vault,
-        raw_backtester=raw_backtester, evaluator=evaluator, search_tracker=tracker,
+        manifest_adapters={named_universe: adapter}, vocabulary_raw=vocabulary, registry=evaluator.registry,
+        vault=vault, raw_backtester=raw_backtester, evaluator=evaluator, search_tracker=tracker,
         runtime_freshness_guard=runtime_freshness_guard,
     )  # fmt: skip
     _runtime._runtime = runtime
     try:
-        evaluator.graph_validator = _runtime._build_graph_validator(
-            evaluator.registry, vocabulary, era_config, evaluator
-        )
+        build = _runtime._build_graph_validator
+        evaluator.graph_validator = build(evaluator.registry, vocabulary, era_config, evaluator)
     except Exception:
         _runtime._runtime = None
         raise
@@ -840,9 +758,7 @@ def inject_heartbeat(working_dir: Optional[str] = None) -> None:
 
 
 def update_nudge(trigger: str, **context: object) -> None:
-    if not _config.get("auto_heartbeat", True):
-        return
-    if trigger not in _NUDGE_TEXTS:
+    if not _config.get("auto_heartbeat", True) or trigger not in _NUDGE_TEXTS:
         return
     nudge_text = _NUDGE_TEXTS[trigger]
     try:
