@@ -136,6 +136,18 @@ def test_an_empty_cell_of_the_loader():
     assert same(emptied)["raised"]["type"] is NameError
 
 
+def test_a_real_module_is_reloaded_into_the_runtime():
+    """Real guard, real native modules: a new build reaches the evaluator and the runtime of a local bootstrap."""
+    real = exercise.runtime(RuntimeEvaluationAdapter=types.SimpleNamespace, LibraryRuntime=types.SimpleNamespace)
+    call_of_it = exercise.Call(None, "", (*exercise.LOCAL, exercise.kit(_runtime=real)))
+    with call_of_it.situation(), contextlib.ExitStack() as undo:
+        runtime = agent_onboarding._bootstrap_local_runtime_from_config("am")
+        assert runtime.raw_backtester.VERSION == runtime.evaluator.raw_backtester.VERSION == "1"
+        native(backtester={"source": BUILDS[1]}, era_data={})(undo)
+        assert runtime.runtime_freshness_guard.refresh() == ["backtester"]
+        assert runtime.raw_backtester.VERSION == runtime.evaluator.raw_backtester.VERSION == "2"
+
+
 ACTIONS = "next", "send None", "send 5", "throw", "throw exit", "throw stop", "close", "again"
 SIBLING = st.sampled_from([None, StopIteration, ValueError, "re-enter"])
 
