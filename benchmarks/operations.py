@@ -2,7 +2,6 @@
 
 import hashlib
 import json
-import os
 import random
 import shutil
 import statistics
