@@ -46,29 +46,32 @@ KINDS: dict[str, Callable[[Path], object]] = {
     "a link to a directory": lambda path: path.symlink_to(".."),
     "a dangling link": lambda path: path.symlink_to("nothing"),
     "a loop": lambda path: path.symlink_to(path.name),
-    # Whose other end is open, or an opening waits for it.
-    "a FIFO": lambda path: (os.mkfifo(path), path.open("r+b", buffering=0)),
+    "a FIFO": os.mkfifo,
     "a directory": Path.mkdir,
     "a socket": lambda path: socket.socket(socket.AF_UNIX).bind(str(path)),
     "a device": lambda path: os.mknod(path, 0o20600, os.makedev(1, 3)),
-    "somebody else's file": lambda path: (path.write_text("victim"), os.chown(path, NOBODY, NOBODY)),
+    "somebody else's file": lambda path: os.rename("foreign", path),
 }
 
 
 def wrong_when_swapped(name: str, kind: str) -> Iterator[str]:
     def swapping(path: str, *args: Any) -> int:
         os.unlink(path)
-        _end = KINDS[kind](Path(path))
+        KINDS[kind](Path(path))
+        _end = open(path, "r+b", buffering=0) if kind == "a FIFO" else None  # or the opening waits for it  # noqa: SIM115
         return os.open(path, *args)
 
-    call, before = (
-        Call(CALLS[name].act, "", (KEY_FILE, file("victim", "victim"), other_os(open=swapping))),
-        descriptors(),
+    given = (
+        KEY_FILE,
+        file("victim", "victim"),
+        file("foreign", "victim"),
+        lambda undo: os.chown("foreign", NOBODY, NOBODY),
     )
+    call, before = Call(CALLS[name].act, "", (*given, other_os(open=swapping))), descriptors()
     with call.situation() as logged:
         said, left, after = outcome(call.act, logged), files(), descriptors()
     # The opening for writing truncates, and root may open anything; the check of the owner comes after it.
-    victims = 2 if (name, kind) == ("read", "somebody else's file") else 1
+    victims = 1 if (name, kind) == ("write", "somebody else's file") else 2
     if not said.startswith(f"{REFUSED[name]} ./d") or str(left).count("b'victim'") != victims or after != before:
         yield f"{name}, {kind}: {said} {left}, {after - before} descriptors left"
 

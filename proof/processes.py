@@ -85,11 +85,6 @@ def after(microseconds: int, strike: Strike) -> None:
     signal.setitimer(signal.ITIMER_REAL, microseconds / 1e6)
 
 
-def disarm() -> None:
-    sys.settrace(None)
-    signal.setitimer(signal.ITIMER_REAL, 0)
-
-
 def struck(call: Call, arm: Callable[[Strike], object]) -> tuple[bool, str]:
     """Whether KeyboardInterrupt came during the call, and what is wrong with what came of it."""
     came = False
@@ -103,19 +98,19 @@ def struck(call: Call, arm: Callable[[Strike], object]) -> tuple[bool, str]:
     with call.situation():
         before, wrong, sys.unraisablehook = descriptors(), "", ignored.append
         try:
-            arm(strike)
-            call.act()
-            disarm()
-            wrong = "swallowed"
+            try:
+                arm(strike)
+                call.act()
+                wrong = "swallowed"
+            except Exception as exc:
+                stated = isinstance(exc.__context__, KeyboardInterrupt) and STATED.search(str(exc))
+                wrong = "" if stated else f"became {exc!r}"
+            finally:
+                sys.settrace(None)
+                signal.setitimer(signal.ITIMER_REAL, 0)
         except KeyboardInterrupt:
-            pass
-        except Exception as exc:
-            disarm()
-            stated = isinstance(exc.__context__, KeyboardInterrupt) and STATED.search(str(exc))
-            wrong = "" if stated else f"became {exc!r}"
-        finally:
-            disarm()
-            sys.unraisablehook = sys.__unraisablehook__
+            wrong = ""
+        sys.unraisablehook = sys.__unraisablehook__
         wrong = wrong if came and not ignored else ""
         ignored.clear()
         return came, wrong or ("" if descriptors() == before else "a descriptor stays open")
@@ -186,11 +181,11 @@ def run(workshop: Workshop) -> Iterator[Result]:
     yield Result("interrupts: KeyboardInterrupt at each traced event", *interrupts(names, at_event, EVENTS))
     stormy = ["write", "read loose", "load", "inject", "register bootstrap"] * (1 if quick else 10)
     yield Result("interrupts: signals every 10 us", *interrupts(stormy, after, range(20, 400, 10)))
-    for what, texts in (
-        ("the end of the interpreter", ENDS),
-        ("other interpreters are refused", OTHERS),
-        ("50 imports give the same module", {"again": AGAIN}),
+    for what, points, texts in (
+        ("the end of the interpreter", len(ENDS), ENDS),
+        ("other interpreters are refused", len(OTHERS), OTHERS),
+        ("50 imports give the same module", 50, {"again": AGAIN}),
     ):
         done = side_by_side(lambda text: workshop.python("-X", "dev", "-c", IMPORT + text), texts.values())
         said = {name: f"{one.returncode}, {one.stderr[-300:]}" for name, one in zip(texts, done, strict=True)}
-        yield Result(what, len(texts), [f"{name}: exit status {how}" for name, how in said.items() if how != "0, "])
+        yield Result(what, points, [f"{name}: exit status {how}" for name, how in said.items() if how != "0, "])
