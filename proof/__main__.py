@@ -27,12 +27,11 @@ def main(methods: tuple[str, ...], quick: bool) -> None:
                 for finding in result.findings:
                     click.echo(f"   {result.what}: {finding}")
                     status = 1
-        except Missing as exc:
-            table.append(f"{name:<58}{0:>10}  INCOMPLETE: {exc}")  # which is never a pass
-            status = status or 2
         except Exception as exc:
-            table.append(f"{name:<58}{0:>10}  the proof itself failed: {type(exc).__name__}: {exc}")
-            status = 1
+            missing = isinstance(exc, Missing)  # which is never a pass
+            verdict = "INCOMPLETE" if missing else f"the proof itself failed: {type(exc).__name__}"
+            table.append(f"{name:<58}{0:>10}  {verdict}: {exc}")
+            status = status or 2 if missing else 1
     click.echo("\n".join(table))
     raise SystemExit(status)
 

@@ -58,16 +58,13 @@ def wrong_when_swapped(name: str, kind: str) -> Iterator[str]:
     def swapping(path: str, *args: Any) -> int:
         os.unlink(path)
         KINDS[kind](Path(path))
+        if kind == "somebody else's file":
+            os.chown(path, NOBODY, NOBODY)
         _end = open(path, "r+b", buffering=0) if kind == "a FIFO" else None  # or the opening waits for it  # noqa: SIM115
         return os.open(path, *args)
 
-    given = (
-        KEY_FILE,
-        file("victim", "victim"),
-        file("foreign", "victim"),
-        lambda undo: os.chown("foreign", NOBODY, NOBODY),
-    )
-    call, before = Call(CALLS[name].act, "", (*given, other_os(open=swapping))), descriptors()
+    given = KEY_FILE, file("victim", "victim"), file("foreign", "victim"), other_os(open=swapping)
+    call, before = Call(CALLS[name].act, "", given), descriptors()
     with call.situation() as logged:
         said, left, after = outcome(call.act, logged), files(), descriptors()
     # The opening for writing truncates, and root may open anything; the check of the owner comes after it.

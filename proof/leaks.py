@@ -3,7 +3,6 @@
 import ctypes
 import gc
 import itertools
-import operator
 import sys
 from collections.abc import Iterator
 
@@ -35,10 +34,8 @@ def grown(*names: str) -> list[str]:
     found = []
     for name in names:
         for batches in 3, 3, 6, 6, 10, 10, 10:
-            readings = [measured(CALLS[name]) for _ in range(batches + 1)]
-            steps = zip(
-                *(map(operator.sub, after, before) for before, after in itertools.pairwise(readings)), strict=True
-            )
+            series = zip(*[measured(CALLS[name]) for _ in range(batches + 1)], strict=True)
+            steps = [[after - before for before, after in itertools.pairwise(one)] for one in series]
             growth = [(meter, seen) for meter, seen in zip(METERS, steps, strict=True) if min(seen) >= SIZE]
             if not growth:
                 break

@@ -3,7 +3,6 @@
 import collections
 import functools
 import itertools
-import multiprocessing
 import os
 import re
 import signal
@@ -52,13 +51,6 @@ def forked_in_the_middle() -> Iterator[str]:
                 os._exit(not good)
             if (status := os.waitpid(children[-1], 0)[1]) or not good:
                 yield f"parent {'good' if good else 'bad'}, child {status}"
-
-
-def pools() -> Iterator[str]:
-    for method in ("fork", "spawn", "forkserver"):
-        with multiprocessing.get_context(method).Pool(2) as pool:
-            if (seen := pool.map(m._normalize_key, ["ab", "0xcd"])) != ["0xab", "0xcd"]:
-                yield f"{method}: {seen}"
 
 
 # What is raised instead, with the interrupt as its context, as stated: a descriptor is closed again after the file
@@ -133,6 +125,11 @@ def interrupts(
 
 
 IMPORT = "import atexit, gc, sys, threading, time; import corvane.agent_onboarding as m; gc.disable()\n"
+POOLS = {
+    method: f"import multiprocessing as p\nwith p.get_context({method!r}).Pool(2) as pool:\n"
+    "    assert pool.map(m._normalize_key, ['ab', '0xcd']) == ['0xab', '0xcd']"
+    for method in ("fork", "spawn", "forkserver")
+}
 ENDS = {
     "alive in globals": "a, b = m.AuthToken('t', 1.0), m.register",
     "in a cycle": "a = [m.register, m._LocalRuntimeSyncManager(1)]; a.append(a); del a",
@@ -176,12 +173,12 @@ def run(workshop: Workshop) -> Iterator[Result]:
         yield Result(f"processes: {processes} load {what}", processes * loads, found)
         yield Result("   of these, as documented, lost to one another", lost)
     yield Result("processes: forks in the middle of a call", 20, list(forked_in_the_middle()))
-    yield Result("processes: multiprocessing by fork, spawn, forkserver", 3, list(pools()))
     names = list(CALLS)[:: 30 if quick else 1]
     yield Result("interrupts: KeyboardInterrupt at each traced event", *interrupts(names, at_event, EVENTS))
     stormy = ["write", "read loose", "load", "inject", "register bootstrap"] * (1 if quick else 10)
     yield Result("interrupts: signals every 10 us", *interrupts(stormy, after, range(20, 400, 10)))
     for what, points, texts in (
+        ("processes: multiprocessing by fork, spawn, forkserver", 3, POOLS),
         ("the end of the interpreter", len(ENDS), ENDS),
         ("other interpreters are refused", len(OTHERS), OTHERS),
         ("50 imports give the same module", 50, {"again": AGAIN}),
