@@ -111,7 +111,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
         return workshop.tests(tests, wrapper=("timeout", "300"), **variables) != []
 
     files = sorted({mutant.file for mutant in mutants})
-    broken = side_by_side(lambda file: noticed(0, file), [*ROOMS, "any other"])
+    broken = side_by_side(lambda file: noticed(0, file), ["wallet_store", "any other"])
     found = ["without any change the tests fail"] if any(broken) else []
     tried = list(enumerate(mutants, 1))[:: 12 if workshop.quick else 1]
     caught = side_by_side(lambda one: noticed(one[0], one[1].file), tried)

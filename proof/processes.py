@@ -108,9 +108,7 @@ def struck(call: Call, arm: Callable[[Strike], object]) -> tuple[bool, str]:
         return came, wrong or ("" if descriptors() == before else "a descriptor stays open")
 
 
-def interrupts(
-    names: Iterable[str], arm: Callable[[int, Strike], None], places: Iterable[int]
-) -> tuple[int, list[str]]:
+def interrupts(names: list[str], arm: Callable[[int, Strike], None], places: Iterable[int]) -> tuple[int, list[str]]:
     """At each place until the call is over before; how many places there were, and findings."""
     points, found = 0, []
     for name in names:
