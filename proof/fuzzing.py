@@ -1,7 +1,4 @@
-"""Coverage-guided fuzzing of files and answers from outside: only stated errors, and the same as the Python twin.
-
-As a script it is the fuzzer of one target: libFuzzer, which the proof preloads, calls back for each input.
-"""
+"""libFuzzer on files and answers from outside: only stated errors, and the same as the plain Python twin."""
 
 import contextlib
 import ctypes
@@ -11,54 +8,34 @@ import os
 import re
 import shutil
 import subprocess
-import sys
 import tempfile
 import traceback
 import types
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
-from proof.workshop import Missing, Result, Workshop, side_by_side
+from proof.workshop import IN_MEMORY, Missing, Result, Workshop, side_by_side
 
-RUNS, QUICK_RUNS, SECONDS, FEWEST_EDGES = 100_000, 2_000, 600, 100
-# By target: what may be raised, and inputs to begin with; their words are what others are built from.
-TARGETS: dict[str, tuple[tuple[type[Exception], ...], tuple[str, ...]]] = {
-    # ValueError: no JSON, no UTF-8, a number of more than 4,300 digits; AttributeError: JSON, but no object
-    "manifest": (
-        (ValueError, AttributeError, RecursionError),
-        (
-            '{"era_id": 1e999, "files": {"b": {"kind": "runtime_module:era_data", "sha256": "00", "platform": ""}}}',
-            '{"files": {"a": {"kind": "runtime_module:vault"}, "c": 5, "d": {"kind": 7}, "e": {"platform": "else"}}}',
-            '{"files": []}',
-        ),
-    ),
-    "eras": (
-        (RuntimeError, RecursionError, ValueError),
-        (
-            '{"eras": [{"state": "active", "named_universe": "u", "signal_pools": [{"allowed_named_universes": []}]}]}',
-            '{"eras": [{"state": "active", "universes": {"b": 1}}, {"state": 1}, 5]}',
-            '{"eras": [{"state": "active", "universes": [{"id": "x"}, {"name": "y"}], "named_universe": null}]}',
-        ),
-    ),
-    "key": ((UnicodeDecodeError,), ("5a" * 32 + "\n", "0x" + "5A" * 32, "0X\ufeff", "")),
-    "heartbeat": ((), ("", "# Mine\n", "a\r\nb\rc", "x\n## [Corvane] Search Monitoring\n", "First signal found!")),
-    "configure": (
-        (ValueError,),
-        (
-            '{"auto_heartbeat": true, "data_dir": "e", "colour": 1}',
-            '{"server_url": "https://x/", "named_universe": " us "}',
-            '{"server_url": "http://127.0.0.1", "named_universe": "..", "data_dir": "\\u0000"}',
-        ),
-    ),
+# ValueError: no JSON, no UTF-8, a number of more than 4,300 digits; AttributeError: JSON, but no object
+STATED: dict[str, tuple[type[Exception], ...]] = {
+    "manifest": (ValueError, AttributeError, RecursionError),
+    "eras": (RuntimeError, ValueError),
+    "heartbeat": (),
+}
+# What is fuzzed begins with these; their words are what other inputs are built from.
+SEEDS = {
+    "manifest": '{"era_id": 1e999, "files": {"b": {"kind": "runtime_module:era_data", "sha256": "0", "platform": ""}}}',
+    "eras": '{"eras": [{"state": "active", "universes": [{"id": "x", "name": 1}], "named_universe": "u",'
+    '"signal_pools": [{"allowed_named_universes": []}]}]}',
+    "key": "0x" + "5A" * 32 + "\n",
+    "heartbeat": "# Mine\r\nb\rc\n## [Corvane] Search Monitoring\nFirst signal found!",
+    "configure": '{"auto_heartbeat": true, "data_dir": "e", "server_url": "http://127.0.0.1", "named_universe": " u "}',
 }
 
 
-# -- In the interpreter inside the fuzzer
-
-
-def checker(target: str) -> Callable[[bytes], None]:
-    """The function that holds the extension beside its twin on one input."""
+def execute(target: str, *options: str) -> None:
+    """libFuzzer, which is preloaded, keeps the input on which the extension does not come to the same as its twin."""
     native: Any = importlib.import_module("corvane.agent_onboarding")
     twin: Any = importlib.import_module("twin")
     for name in ("_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS"):
@@ -96,7 +73,7 @@ def checker(target: str) -> Callable[[bytes], None]:
         options = json.loads(data)
         return m.configure(**options) if isinstance(options, dict) else None
 
-    act, stated = locals()[target], TARGETS[target][0]
+    act, stated = locals()[target], STATED.get(target, (ValueError,))
 
     def outcome(m: Any, data: bytes) -> tuple[str, object]:
         m._config = dict(defaults)
@@ -105,87 +82,58 @@ def checker(target: str) -> Callable[[bytes], None]:
         except stated as exc:
             return f"{type(exc).__name__}: {exc} from {exc.__cause__!r}", m._config
 
-    def check(data: bytes) -> None:
-        expected, seen = outcome(twin, data), outcome(native, data)
-        assert seen == expected, f"{seen}, but in plain Python {expected}"
+    def check(data: int, size: int) -> int:
+        try:
+            text = ctypes.string_at(data, size) if size else b""
+            expected, seen = outcome(twin, text), outcome(native, text)
+            assert seen == expected, f"{seen}, but in plain Python {expected}"
+        except BaseException:
+            traceback.print_exc()
+            os.abort()
+        return 0
 
-    return check
-
-
-def main(target: str, *options: str) -> None:
-    """Fuzzes; any exception of the checker ends the process, and libFuzzer keeps the input."""
-    arguments = [b"fuzzer", *map(os.fsencode, options)]
-    array = (ctypes.c_char_p * (len(arguments) + 1))(*arguments)
+    arguments = (ctypes.c_char_p * (len(options) + 2))(b"fuzzer", *map(os.fsencode, options))
+    called = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_size_t)(check)
+    count, pointer = ctypes.c_int(len(options) + 1), ctypes.cast(arguments, ctypes.POINTER(ctypes.c_char_p))
     with tempfile.TemporaryDirectory() as folder, contextlib.chdir(folder):
-        check = checker(target)
-
-        def one(data: int, size: int) -> int:
-            try:
-                check(ctypes.string_at(data, size) if size else b"")
-            except BaseException:
-                traceback.print_exc()
-                os.abort()
-            return 0
-
-        called = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_size_t)(one)
-        count, pointer = ctypes.c_int(len(arguments)), ctypes.cast(array, ctypes.POINTER(ctypes.c_char_p))
         ctypes.CDLL(None).LLVMFuzzerRunDriver(ctypes.byref(count), ctypes.byref(pointer), called)
 
 
-# -- Outside
-
-
-def fuzzer(workshop: Workshop) -> tuple[Path, str]:
-    """The build of the extension, and the libraries to preload."""
+def fuzzer(workshop: Workshop) -> dict[str, str]:
+    """The variables that preload the fuzzer and choose the build of the extension."""
     compiler = workshop.tool("clang++-16", "clang-16 libclang-rt-16-dev")
     # Its warnings differ from those of the compiler that the extension is written for.
     options = f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_CXX_FLAGS=-w", "-DSANITIZE=fuzzer-no-link,address"
     site = workshop.build("fuzz", *options)
-    done = subprocess.run([compiler, "--print-runtime-dir"], capture_output=True, text=True, check=True)
-    parts, library = Path(done.stdout.strip()), workshop.folder / "fuzz" / "libfuzzer.so"
+    parts, library = subprocess.getoutput(f"{compiler} --print-runtime-dir"), workshop.folder / "fuzz" / "libfuzzer.so"
     whole = ["-Wl,--whole-archive", f"{parts}/libclang_rt.fuzzer_no_main-x86_64.a", "-Wl,--no-whole-archive"]
     done = subprocess.run([compiler, "-shared", "-o", library, *whole], capture_output=True, text=True)
     if done.returncode != 0:
         raise Missing(f"the fuzzer cannot be linked: {done.stderr[-1000:]}")
-    return site, f"{library} {parts}/libclang_rt.asan-x86_64.so"  # whose empty counters would come first
+    # The sanitizer's empty counters would come first.
+    return {**site, "LD_PRELOAD": f"{library} {parts}/libclang_rt.asan-x86_64.so"}
 
 
-def fuzz(workshop: Workshop, site: Path, preload: str, target: str) -> Result:
-    seeds = TARGETS[target][1]
+def fuzz(workshop: Workshop, site: dict[str, str], target: str) -> Result:
     work, corpus = workshop.folder / "fuzz" / target, workshop.folder / "fuzz" / target / "corpus"
     shutil.rmtree(work, ignore_errors=True)
     corpus.mkdir(parents=True)
-    for number, seed in enumerate(seeds):
-        (corpus / f"seed-{number}").write_text(seed)
-    words = dict.fromkeys(re.findall(r"\w+|\W", " ".join(seeds)))
-    escaped = ("".join(f"\\x{byte:02x}" for byte in word.encode()) for word in words)
-    (work / "words").write_text("".join(f'"{word}"\n' for word in escaped))
-    runs = QUICK_RUNS if workshop.quick else RUNS
-    options = [f"-runs={runs}", f"-max_total_time={SECONDS}", "-max_len=2048", "-timeout=20", "-seed=1"]
+    (corpus / "seed").write_text(SEEDS[target])
+    (work / "words").write_text("".join(f'"{word}"\n' for word in re.findall(r"\w+", SEEDS[target])))
+    runs = 2_000 if workshop.quick else 100_000
+    options = [f"-runs={runs}", "-max_total_time=600", "-max_len=2048", "-timeout=20", "-seed=1"]
     options += ["-detect_leaks=0", "-print_final_stats=1", f"-dict={work}/words", f"-artifact_prefix={work}/"]
-    variables = {
-        "LD_PRELOAD": preload,
-        "PYTHONMALLOC": "malloc",
-        "ASAN_OPTIONS": "detect_leaks=0:malloc_context_size=1:verify_asan_link_order=0",
-        **({"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {}),
-    }
-    done = workshop.python("-m", "proof.fuzzing", target, *options, str(corpus), site=site, variables=variables)
-    # The lines of Python's or the sanitizer's report that say what is wrong, and where the input lies.
-    said = re.findall(r"^(?:\w*(?:Error|Exception|Interrupt)\b.*|SUMMARY.*|artifact_prefix.*)", done.stderr, re.M)
-    findings = [] if done.returncode == 0 else [f"ended with {done.returncode}: {' '.join(said)[-1500:]}"]
+    sanitizer = "detect_leaks=0:malloc_context_size=1:verify_asan_link_order=0"
+    variables = {"PYTHONMALLOC": "malloc", "ASAN_OPTIONS": sanitizer, **IN_MEMORY, **site}
+    text = f"from proof.fuzzing import execute; execute(*{[target, *options, str(corpus)]})"
+    done = workshop.python("-c", text, **variables)
     executed = max(map(int, re.findall(r"number_of_executed_units: (\d+)", done.stderr)), default=0)
     edges = max(map(int, re.findall(r" cov: (\d+)", done.stderr)), default=0)
-    if executed < runs and not findings:
-        findings = [f"only {executed:,} executions in {SECONDS} s, {runs:,} wanted"]
-    if edges < FEWEST_EDGES:
-        findings.append(f"only {edges} edges of the extension reached")
+    good = done.returncode == 0 and executed >= runs and edges >= 100
+    findings = [] if good else [f"ended with {done.returncode} after {executed:,} executions: {done.stderr[-3000:]}"]
     return Result(f"fuzzing: {target}, executions; {edges:,} edges reached", executed, findings)
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    site, preload = fuzzer(workshop)
-    yield from side_by_side(lambda target: fuzz(workshop, site, preload, target), TARGETS)
-
-
-if __name__ == "__main__":
-    main(*sys.argv[1:])
+    site = fuzzer(workshop)
+    yield from side_by_side(lambda target: fuzz(workshop, site, target), SEEDS)

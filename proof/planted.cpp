@@ -13,9 +13,7 @@ namespace corvane::onboarding {
 object original(const frame& in) asm("__real__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameE");
 object planted(const frame& in) asm("__wrap__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameE");
 
-namespace {
-volatile long seen = 0; // what is read or written for the fault alone
-}
+static volatile long seen = 0; // what is read or written for the fault alone
 
 object planted(const frame& in) {
     const char* set = std::getenv("PLANTED");
@@ -26,17 +24,13 @@ object planted(const frame& in) {
         seen = static_cast<long>(static_cast<char*>(std::malloc(64))[0] = 1);
     if (fault == "open descriptor")
         (void)open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (fault == "overflow") {
-        seen = INT_MAX;
-        seen = static_cast<int>(seen) + in.code()->co_argcount;
-    }
+    if (fault == "overflow")
+        seen = static_cast<int>(INT_MAX - seen) + in.code()->co_argcount;
     if (fault == "use after free" || fault == "no NULL check") {
         PyObject* text = PyUnicode_FromFormat("%d", 12345);
         if (fault == "use after free")
             Py_DECREF(text);
         seen = static_cast<long>(PyUnicode_GET_LENGTH(text));
-        if (fault == "no NULL check")
-            Py_DECREF(text);
     }
     if (fault == "race") {
         Py_BEGIN_ALLOW_THREADS;
@@ -47,9 +41,9 @@ object planted(const frame& in) {
     try {
         return original(in);
     } catch (error&) {
-        if (fault == "swallowed error")
-            return {};
-        throw;
+        if (fault != "swallowed error")
+            throw;
+        return {};
     }
 }
 

@@ -1,41 +1,42 @@
-"""Each system call of saving, reading, loading, the heartbeat and a journey fails once, and once kills the process.
-
-What comes of a failure has to be what comes of it in the plain Python twin, by the same calls of the system. As a
-script it tries one scenario, in a forked child for each point.
-"""
+"""Each system call of five scenarios fails once, to the same effect as in plain Python, and once kills the process."""
 
 import ctypes
-import http.server
-import importlib
-import json
+import itertools
 import os
 import re
-import subprocess
-import sys
+import signal
+import socketserver
 import threading
 import time
+from collections import Counter
 from collections.abc import Iterator
+from concurrent.futures import Future
 from pathlib import Path
 from typing import Any
 
+import proof.exercise as e
 from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
 
 # Memory, signals and what cannot fail.
 LEFT_OUT = re.compile(r"brk|munmap|mprotect|madvise|futex|rt_sig|getp?[pu]id|clock_|mmap\(.*-1, 0\)|exit|---|\+\+\+")
+HIT = re.compile(r"\(INJECTED\)$|= \?$")  # failed, killed
 OURS = "corvane.agent_onboarding"
-ERRORS = {
-    "openat": ("EIO", "EACCES", "EMFILE", "EINTR", "ENOSPC", "ELOOP"),
-    "write": ("EIO", "ENOSPC", "EINTR"),
-    "read": ("EIO", "EINTR"),
-}
-SCENARIOS = "save", "read", "load", "heartbeat", "journey"
+ERRORS = "EIO", "EACCES", "EMFILE", "EINTR", "ENOSPC"  # the first two for all, the others where files are used
+KEYS = {"save": "old", "read": "5a" * 32, "load": None, "heartbeat": None, "journey": None}  # wallet.key before
+
+
+class Eras(socketserver.BaseRequestHandler):
+    def handle(self) -> None:
+        body = b'{"eras": [{"state": "active", "named_universe": "us"}]}'
+        self.request.recv(65536)
+        # At once, so that the client reads it by the same calls each time.
+        self.request.sendall(b"HTTP/1.0 200 OK\r\nContent-Length: %d\r\n\r\n%s" % (len(body), body))
 
 
 def scenarios() -> dict[str, Any]:
-    e = importlib.import_module("proof.exercise")
-    eras = http.server.HTTPServer(("127.0.0.1", 0), Eras)
+    eras = socketserver.TCPServer(("127.0.0.1", 0), Eras)
     threading.Thread(target=eras.serve_forever, daemon=True).start()
-    address = e.config(server_url=f"http://127.0.0.1:{eras.server_port}")
+    address = e.config(server_url=f"http://127.0.0.1:{eras.server_address[1]}")
     kit = e.kit(_runtime=e.runtime(bootstrap_runtime=lambda am, config, load: e.Anything(loaded=load("d"))))
     return {
         "save": e.Call(e.CALLS["write"].act, "", (e.file("d/wallet.key", "old"),)),
@@ -46,125 +47,85 @@ def scenarios() -> dict[str, Any]:
     }
 
 
-class Eras(http.server.BaseHTTPRequestHandler):
-    def do_GET(self) -> None:
-        body = json.dumps({"eras": [{"state": "active", "named_universe": "us"}]}).encode()
-        head = f"HTTP/1.1 200 OK\r\nContent-Length: {len(body)}\r\nConnection: close\r\n\r\n".encode()
-        self.wfile.write(head + body)  # at once, so that the client reads it by the same calls each time
+def traced(call: Any, *options: str) -> tuple[str, list[tuple[str, int, str]], str | None]:
+    """Outcome of a call in a child under strace; name, number and line of each call of the system; wallet.key after."""
+    log = e.base() / "trace"
 
-    def log_message(self, *args: object) -> None:
-        pass
-
-
-def traced(call: Any, *options: str) -> tuple[str, list[str], str | None]:
-    """Outcome of a call in a child under strace, the calls of the system that it made, wallet.key afterwards."""
-    exercise = importlib.import_module("proof.exercise")
-    log = exercise.base() / "trace"
-
-    def child() -> Iterator[Any]:
+    def child() -> Iterator[str]:
         ctypes.CDLL(None).prctl(0x59616D61, -1, 0, 0, 0)  # PR_SET_PTRACER: a child may trace us
-        status = os.open("/proc/self/status", os.O_RDONLY)
-        strace = subprocess.Popen(["strace", "-qq", "-o", log, "-p", str(os.getpid()), *options])
-        while b"TracerPid:\t0\n" in os.pread(status, 4096, 0):  # by no call of the system that the scenarios make
+        came, status, text = Future[Any](), os.open("/proc/self/status", os.O_RDONLY), bytearray(4096)
+        command = ["strace", "-qq", "-o", str(log), "-p", str(os.getpid()), *options]
+        strace = os.posix_spawnp("strace", command, os.environ)  # makes no call of the system after this one
+        while os.preadv(status, [text], 0) and b"TracerPid:\t0\n" in text:  # by calls that the scenarios do not make
             time.sleep(0.001)
         before = descriptors()
         os.getppid()  # a mark
         try:
-            act = (lambda result: lambda: result)(call.act())
+            came.set_result(call.act())
         except Exception as exc:
-            act = (lambda exc: lambda: (_ for _ in ()).throw(exc))(exc)
+            came.set_exception(exc)
         os.getppid()
         left = descriptors() - before
-        strace.terminate()
-        strace.wait()
-        yield f"{exercise.outcome(act, logged)}; {left} descriptors left; {exercise.files()}"
+        os.kill(strace, signal.SIGTERM)
+        os.waitpid(strace, 0)
+        yield f"{e.outcome(came.result, logged)}; {left} descriptors left; {e.files()}"
 
     with call.situation() as logged:
-        [said] = in_children([child], 10)
+        [[said]] = in_children([child], 10)
         key = Path("d/wallet.key")
-        return said[0], log.read_text().splitlines(), key.read_text() if key.is_file() else None
-
-
-def points(trace: list[str]) -> list[tuple[str, int, str]]:
-    """Name and number of each call of the system between the marks, and its line."""
-    numbers: dict[str, int] = {}
-    found, marks = [], 0
-    for line in trace:
+        after = key.read_text() if key.is_file() else None
+    numbers, points = Counter[str](), list[tuple[str, int, str]]()
+    for line in log.read_text().splitlines():
         name = line.partition("(")[0]
-        numbers[name] = numbers.get(name, 0) + 1
-        marks += name == "getppid"
-        if marks == 1 and not LEFT_OUT.match(line):
-            found.append((name, numbers[name], line))
-    return found
+        numbers[name] += 1
+        if numbers["getppid"] == 1 and not LEFT_OUT.match(line):
+            points.append((name, numbers[name], line))
+    return said, points, after
 
 
-def failed(call: Any, name: str, number: int, earlier: int, error: str) -> tuple[str, str | None]:
-    """Outcome and wallet.key when this call of the system fails, `earlier` of the same name after the mark.
-
-    strace counts from where it took hold of the process, which is not the same place each time.
-    """
-    for _ in range(5):
-        said, trace, key = traced(call, "-e", f"inject={name}:error={error}:when={number}")
-        lines = [line for other, _, line in points(trace) if other == name]
-        if len(lines) > earlier and lines[earlier].endswith(("(INJECTED)", "= ?")):  # the latter: killed in it
-            return said, key
-    raise RuntimeError(f"{name} {number} could not be made to fail")
-
-
-def main(scenario: str, fatal: bool) -> None:
+def failing(scenario: str, fatal: bool) -> list[Any]:
+    """For each call of the system and error: name, number, line, error, outcome, wallet.key; first without an error."""
     call = scenarios()[scenario]
-    usual, trace, _ = traced(call)
-    seen: list[Any] = [["", 0, "", "", usual, None]]
-    earlier: dict[str, int] = {}
-    for name, number, line in points(trace):
-        for error in ("EIO:signal=SIGKILL",) if fatal else ERRORS.get(name, ("EIO", "EACCES")):
-            said, key = failed(call, name, number, earlier.get(name, 0), error)
+    usual, points, key = traced(call)
+    seen: list[Any] = [["", 0, "", "", usual, key]]
+    for place, (name, number, line) in enumerate(points):
+        for error in ("EIO:signal=SIGKILL",) if fatal else ERRORS[: 5 if name in ("openat", "read", "write") else 2]:
+            for _ in range(9):  # strace counts from where it took hold of the process, not the same place each time
+                said, failed, key = traced(call, "-e", f"inject={name}:error={error}:when={number}")
+                if [n for n, point in enumerate(failed) if HIT.search(point[2])] == [place]:
+                    break
+            else:
+                raise RuntimeError(f"{name} {number} of {scenario} could not be made to fail")
             seen.append([name, number, line, error, said, key])
-        earlier[name] = earlier.get(name, 0) + 1
-    print(json.dumps(seen))
+    return seen
 
 
-def compared(ours: list[Any], twins: list[Any]) -> Iterator[str]:
-    """What is not as in plain Python, or leaks."""
-    if [point[0] for point in ours] != [point[0] for point in twins]:
-        yield "other calls of the system than in plain Python"
-    for (call, number, line, error, said, _), twin in zip(ours, twins, strict=False):
+def not_as_expected(before: str | None, ours: list[Any], twins: list[Any], killed: list[Any]) -> tuple[list[str], ...]:
+    """What is not as in plain Python, or leaks; where killing leaves a key that is neither the old nor the new one."""
+    found, ends, truncated, after = list[str](), list[str](), False, killed[0][5]
+    for (call, number, line, error, said, _), twin in itertools.zip_longest(ours, twins, fillvalue=[""] * 6):
         # A close that did not happen, since strace itself answers it, leaves the descriptor open.
-        left = re.search(r"; (\d+) descriptors left", said)
-        if said != twin[4] or not left or int(left[1]) > (call == "close"):
-            yield f"{call} {number} {error} ({line[:80]}): {said[:200]}, in plain Python {twin[4][:200]}"
-
-
-def unexpected_ends(name: str, killed: list[Any]) -> Iterator[str]:
-    """Killed from the truncation to the write of wallet.key: an empty file, as documented. Elsewhere the old or new."""
-    truncated = False
-    before, after = ("old", "0x" + "5a" * 32) if name == "save" else (None, "ab" * 32)
+        left = "; [01] descriptors left" if call == "close" else "; 0 descriptors left"
+        if [call, said] != [twin[0], twin[4]] or not re.search(left, said):
+            found.append(f"{call} {number} {error} ({line[:80]}): {said[:200]}, in plain Python {twin[4][:200]}")
     for call, number, line, _, said, key in killed[1:]:
+        # From the truncation to the write there is an empty file, as documented.
         if key not in ([""] if truncated else [before, after]) or not said.startswith("ended with status 9:"):
-            yield f"killed at {call} {number} ({line[:80]}): {key!r}"
-        if "wallet.key" in line and "O_TRUNC" in line:
-            truncated = True
+            ends.append(f"killed at {call} {number} ({line[:80]}): {key!r}")
+        truncated = truncated or ("wallet.key" in line and "O_TRUNC" in line)
         if call == "write":
             truncated, before = False, after
+    return found, ends
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
     workshop.tool("strace", "strace")
-    names = ["read"] if workshop.quick else SCENARIOS
-    jobs = [(name, fatal, of) for name in names for fatal, of in (("", OURS), ("", "twin"), ("fatal", OURS))]
-    answers = side_by_side(lambda job: workshop.answer("system_calls", *job[:2], variables={"EXERCISED": job[2]}), jobs)
-    done = dict(zip(jobs, answers, strict=True))
-    for name in names:
-        failed = done[name, "", OURS]
-        found = list(compared(failed, done[name, "", "twin"]))
+    names = ["read"] if workshop.quick else list(KEYS)
+    jobs = [(name, fatal, of) for name in names for fatal, of in ((False, OURS), (False, "twin"), (True, OURS))]
+    seen = side_by_side(lambda j: workshop.answer("system_calls.failing", *j[:2], EXERCISED=j[2]), jobs)
+    for name, failed, twins, killed in zip(names, seen[::3], seen[1::3], seen[2::3], strict=True):
+        found, ends = not_as_expected(KEYS[name], failed, twins, killed)
         yield Result(f"system calls: {name}, each of them fails", len(failed), found)
-    for name in {"save", "journey"}.intersection(names):
-        killed = done[name, "fatal", OURS]
-        empty = sum(point[5] == "" for point in killed)
-        found = [*unexpected_ends(name, killed), *([] if empty else ["no empty file: the documented point is gone"])]
-        yield Result(f"system calls: {name}, killed at each of them", len(killed), found)
-        yield Result("   of these, between truncation and write, with an empty wallet.key", empty)
-
-
-if __name__ == "__main__":
-    main(sys.argv[1], bool(sys.argv[2]))
+        yield Result(f"system calls: {name}, killed at each of them", len(killed), ends)
+        if empty := sum(point[5] == "" for point in killed):
+            yield Result("   of these, between truncation and write, with an empty wallet.key", empty)

@@ -1,124 +1,95 @@
 """What the methods of proof share: results, tools, builds, interpreters, forked children."""
 
 import faulthandler
-import hashlib
 import json
 import os
-import re
 import shutil
 import signal
 import subprocess
 import sys
-import time
-from collections.abc import Callable, Iterable, Mapping, Sequence
+from collections.abc import Callable, Iterable, Sequence
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Any
+from typing import Any, NamedTuple
+
+import corvane
+
+# Where a million files are made faster.
+IN_MEMORY = {"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {}
 
 
 class Missing(Exception):
     """A tool that a proof needs is not there."""
 
 
-@dataclass
-class Result:
+class Result(NamedTuple):
     """What was looked at, in how many points, and what was found there."""
 
     what: str
     points: int
-    findings: list[str] = field(default_factory=list)
-    complete: bool = True
+    findings: Sequence[str] = ()
 
 
 class Workshop:
-    """Builds and tools, kept below build/proof.
+    """Builds and tools, kept below build/proof; `quick` if only what takes seconds is wanted."""
 
-    Args:
-        root: The checkout.
-        quick: Whether only what takes seconds is wanted.
-    """
-
-    def __init__(self, root: Path, quick: bool) -> None:
-        self.root = root
+    def __init__(self, quick: bool) -> None:
         self.quick = quick
-        self.folder = root / "build" / "proof"
+        self.root = Path(__file__).parents[1]
+        self.folder = self.root / "build" / "proof"
         self.folder.mkdir(parents=True, exist_ok=True)
 
     def tool(self, command: str, package: str) -> str:
         """The path of a command; a missing one is installed from its Debian package where that is allowed."""
         if shutil.which(command) is None and os.geteuid() == 0 and shutil.which("apt-get"):
-            subprocess.run(
-                ["apt-get", "install", "-qq", "-y", *package.split()], stdout=subprocess.DEVNULL, check=False
-            )
-        path = shutil.which(command)
-        if path is None:
-            raise Missing(f"{command} is not installed: sudo apt-get install {package}")
-        return path
+            subprocess.run(["apt-get", "install", "-qq", "-y", *package.split()], capture_output=True)
+        if path := shutil.which(command):
+            return path
+        raise Missing(f"{command} is not installed: sudo apt-get install {package}")
 
-    def build(self, name: str, *options: str, source: Path | None = None) -> Path:
-        """A folder to put first on PYTHONPATH: the kit with an extension of its own, built with these CMake options."""
+    def build(self, name: str, *options: str, source: Path | None = None) -> dict[str, str]:
+        """The variables with which the kit has another extension, built with these CMake options."""
         built, site = self.folder / name, self.folder / f"{name}-site"
         cmake = str(Path(sys.executable).with_name("cmake"))
-        configure = [cmake, "-S", str(source or self.root), "-B", str(built), *options]
-        configure.append(f"-DPython_EXECUTABLE={sys.executable}")
-        for command in (configure, [cmake, "--build", str(built), "-j2"]):
-            done = subprocess.run(command, capture_output=True, text=True)
+        where = "-S", str(source or self.root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}"
+        for command in ((*where, *options), ("--build", str(built), "-j2")):
+            done = subprocess.run([cmake, *command], capture_output=True, text=True)
             if done.returncode != 0:
                 raise RuntimeError(f"build {name} failed: {done.stdout[-2000:]}{done.stderr[-8000:]}")
-        import corvane
-
         shutil.rmtree(site, ignore_errors=True)
         ignored = shutil.ignore_patterns("agent_onboarding*.so", "__pycache__")
         shutil.copytree(Path(corvane.__path__[0]), site / "corvane", ignore=ignored)
         [extension] = built.glob("agent_onboarding*.so")
         shutil.copy(extension, site / "corvane")
-        return site
+        return {"PYTHONPATH": f"{site}:{self.root}:{self.root}/tests"}
 
     def python(
-        self,
-        *arguments: str,
-        site: Path | None = None,
-        wrapper: Sequence[str] = (),
-        timeout: float = 1200,
-        variables: Mapping[str, str] | None = None,
+        self, *arguments: str, wrapper: Sequence[str] = (), **variables: str
     ) -> subprocess.CompletedProcess[str]:
-        """Runs an interpreter with more environment variables; `site` puts another build before the installed one."""
-        path = [*([str(site)] if site else []), str(self.root), str(self.root / "tests")]
-        full = {**os.environ, "PYTHONPATH": ":".join(path), **(variables or {})}
+        """Runs an interpreter, with more environment variables."""
+        full = {**os.environ, "PYTHONPATH": f"{self.root}:{self.root}/tests", **variables}
         command = [*wrapper, sys.executable, "-P", *arguments]
-        return subprocess.run(command, env=full, capture_output=True, text=True, timeout=timeout, cwd=self.folder)
+        return subprocess.run(command, env=full, capture_output=True, text=True, timeout=1200, cwd=self.folder)
 
-    def answer(self, method: str, *arguments: str, **how: Any) -> Any:
-        """What a method of proof prints as a script, in an interpreter of its own."""
-        done = self.python("-m", f"proof.{method}", *arguments, **how)
+    def answer(self, function: str, *arguments: Any, **how: Any) -> Any:
+        """What a function, such as "leaks.grown", answers in an interpreter of its own."""
+        method, name = function.split(".")
+        text = f"import json; from proof.{method} import {name}; print(json.dumps({name}(*{arguments!r})))"
+        done = self.python("-c", text, **how)
         if done.returncode != 0:
-            raise RuntimeError(f"{method} {arguments} ended with {done.returncode}: {done.stderr[-2000:]}")
+            raise RuntimeError(f"{function}{arguments} ended with {done.returncode}: {done.stderr[-20000:]}")
         return json.loads(done.stdout)
 
-    def tests(self, names: Iterable[str], *options: str, **how: Any) -> list[str]:
-        """What pytest has to complain about in these test files."""
-        files = [str(self.root / "tests" / f"test_{name}.py") for name in names]
-        settings = "-c", str(self.root / "pyproject.toml"), "--rootdir", str(self.root), "-p", "no:cacheprovider"
-        done = self.python("-m", "pytest", *settings, "--tb=line", *options, *files, **how)
-        failed = re.findall(r"^(?:FAILED|ERROR) .*", done.stdout, re.M)
-        if done.returncode != 0 and not failed:
-            failed = [f"pytest {names} ended with {done.returncode}: {done.stdout[-500:]}{done.stderr[-500:]}"]
-        return failed
-
-    def all_tests(self, **how: Any) -> list[str]:
-        """The same of all test files but those that have builds of their own, or none."""
+    def tests(self, *groups: str, **how: Any) -> list[str]:
+        """What pytest has to complain about in groups of test files; in all but those with builds of their own."""
         names = {path.stem.removeprefix("test_") for path in (self.root / "tests").glob("test_*.py")}
-        names -= {"docs", "proof", "wheel"}
-        return [line for found in side_by_side(lambda name: self.tests([name], **how), sorted(names)) for line in found]
+        options = "-m", "pytest", "-c", f"{self.root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line"
 
-    def identity(self) -> str:
-        """Digest and time of the installed extension, so that nobody proves an old build."""
-        from corvane import agent_onboarding
+        def run(group: str) -> subprocess.CompletedProcess[str]:
+            return self.python(*options, *(f"{self.root}/tests/test_{name}.py" for name in group.split()), **how)
 
-        path = Path(str(agent_onboarding.__file__))
-        built = time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(path.stat().st_mtime))
-        return f"sha256 {hashlib.sha256(path.read_bytes()).hexdigest()[:16]}, built {built}"
+        done = side_by_side(run, groups or sorted(names - {"docs", "proof", "wheel"}))
+        return [one.stdout[-1500:] + one.stderr[-500:] for one in done if one.returncode]
 
 
 def side_by_side[Item, Answer](act: Callable[[Item], Answer], items: Iterable[Item]) -> list[Answer]:
@@ -128,36 +99,31 @@ def side_by_side[Item, Answer](act: Callable[[Item], Answer], items: Iterable[It
 
 
 def in_children(acts: Iterable[Callable[[], Iterable[Any]]], seconds: int = 60) -> list[list[Any]]:
-    """What each act yields in a forked child of its own, all at once; last, as a text, how a child ended too early.
-
-    Args:
-        acts: What they yield must be fit for JSON.
-        seconds: The longest time until an act yields its next.
-    """
+    """What each act yields, fit for JSON, in a forked child of its own; last, as a text, how one ended too early."""
     running = []
     for act in acts:
-        read, write = os.pipe()
+        said = os.memfd_create("said")
         if (pid := os.fork()) == 0:
-            faulthandler.enable(write)
-            faulthandler.register(signal.SIGALRM, write, chain=True)
+            faulthandler.enable(said)
+            faulthandler.register(signal.SIGALRM, said, chain=True)
             try:
                 signal.alarm(seconds)
                 for item in act():
-                    os.write(write, json.dumps(item).encode() + b"\0")
+                    os.write(said, json.dumps(item).encode() + b"\0")
                     signal.alarm(seconds)
                 os._exit(0)
             except BaseException as exc:
-                os.write(write, f"{type(exc).__name__}: {exc}".encode(errors="replace"))
+                os.write(said, f"{type(exc).__name__}: {exc}".encode(errors="replace"))
             os._exit(1)
-        os.close(write)
-        running.append((pid, read))
+        running.append((pid, said))
     answers = []
-    for pid, read in running:
-        with open(read, "rb") as pipe:
-            *said, last = pipe.read().split(b"\0")
-        answers.append([json.loads(item) for item in said])
-        if status := os.waitpid(pid, 0)[1]:
-            answers[-1].append(f"ended with status {status}: {last.decode(errors='replace')}")
+    for pid, said in running:
+        status = os.waitpid(pid, 0)[1]
+        with open(said, errors="replace") as text:
+            text.seek(0)
+            *items, last = text.read().split("\0")
+        early = [f"ended with status {status}: {last}"] if status else []
+        answers.append([json.loads(item) for item in items] + early)
     return answers
 
 
