@@ -104,11 +104,11 @@ def run(workshop: Workshop) -> Iterator[Result]:
     site, mutants = build(workshop)
 
     def noticed(number: int, file: str) -> bool:
-        """Whether the tests fail, or hang for ten times what they take without a change."""
+        """Whether the tests fail, or hang for five times what they take without a change."""
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
         variables = {"MUTANT": str(number), "LD_PRELOAD": "", **site}
         tests = f"differential {ROOMS.get(file.removesuffix('.cpp'), 'surface runtime eras')}"
-        return workshop.tests(tests, wrapper=("timeout", "300"), **variables) != []
+        return workshop.tests(tests, wrapper=("timeout", "150"), **variables) != []
 
     files = sorted({mutant.file for mutant in mutants})
     broken = side_by_side(lambda file: noticed(0, file), ["wallet_store", "any other"])

@@ -14,6 +14,7 @@ from proof.exercise import CALLS, Call, base, m, manager, native, outcome, patch
 from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
 
 LOST = "SameFileError", "ImportError", "FileNotFoundError"  # the copy came, or went, while it was made or loaded
+KILLED = f"ended with status {signal.SIGBUS}: Fatal Python error: Bus error"  # it was written over while it was in use
 
 
 def loading(builds: int, processes: int, loads: int) -> tuple[list[str], int]:
@@ -36,7 +37,8 @@ def loading(builds: int, processes: int, loads: int) -> tuple[list[str], int]:
         answers = in_children(functools.partial(worker, number) for number in range(processes))
     seen = collections.Counter(itertools.chain.from_iterable(answers))
     loaded = seen.pop("", 0)
-    return [f"{why} {n} times" for why, n in seen.items() if why not in LOST], processes * loads - loaded
+    lost = (*LOST, KILLED) if builds > 1 else LOST
+    return [f"{why} {n} times" for why, n in seen.items() if not why.startswith(lost)], processes * loads - loaded
 
 
 def forked_in_the_middle() -> Iterator[str]:
