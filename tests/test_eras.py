@@ -2,13 +2,11 @@
 
 import contextlib
 import socket
-import ssl
 import threading
 import urllib.request
 
 import pytest
 
-from corvane_local.certificates import ensure_certificates
 from differential import same
 from proof import exercise
 from proof.exercise import MISSING, call, config, manager, patched, raising
@@ -20,7 +18,7 @@ def answer(status="200 OK", body=b"{}", *headers, length=None):
 
 
 @contextlib.contextmanager
-def serving(given, tls=None):
+def serving(given):
     """A loopback server that gives these bytes to each connection, and keeps the requests."""
     requests = []
     with socket.create_server(("127.0.0.1", 0)) as listener:
@@ -32,15 +30,13 @@ def serving(given, tls=None):
                 except OSError:
                     return  # shut down
                 with contextlib.suppress(OSError), connection:
-                    stream = tls.wrap_socket(connection, server_side=True) if tls else connection
-                    requests.append(stream.recv(65536))
-                    stream.sendall(given)
-                    stream.close()
+                    requests.append(connection.recv(65536))
+                    connection.sendall(given)
 
         thread = threading.Thread(target=serve)
         thread.start()
         try:
-            yield f"http{'s' if tls else ''}://127.0.0.1:{listener.getsockname()[1]}", requests
+            yield f"http://127.0.0.1:{listener.getsockname()[1]}", requests
         finally:
             listener.shutdown(socket.SHUT_RDWR)
             thread.join()
@@ -120,19 +116,3 @@ def test_failures_of_the_http_library(at, failure):
     library = patched(urllib.request, urlopen=fail if at == "urlopen" else urlopen)
     given = {"get_token": fail} if at == "get_token" else {}
     assert same(call("_fetch_eras_payload", manager(**given)), library)["raised"]
-
-
-@pytest.mark.parametrize("trusted", [True, False])
-def test_https_with_an_authority_that_is_trusted_or_not(trusted, tmp_path, monkeypatch):
-    authority, certificate, key = ensure_certificates(tmp_path)
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(certificate, key)
-    monkeypatch.setattr(urllib.request, "_opener", None)  # which read the trusted authorities when it was made
-    if trusted:
-        monkeypatch.setenv("SSL_CERT_FILE", str(authority))
-    with serving(ANSWERS["object"], tls=context) as (url, requests):
-        seen = fetched(url)
-    if trusted:
-        assert seen["result"] == "{'eras': []}" and len(requests) == 2
-    else:
-        assert "CERTIFICATE_VERIFY_FAILED" in seen["raised"]["cause"]["text"] and not requests

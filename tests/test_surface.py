@@ -36,7 +36,6 @@ FIXED_SIGNATURE_LINES = {
 }
 
 
-RESOLVE = m._resolve_optional_invite_code
 NAMES = [n for n in vars(m) if not n.startswith("__")]  # before any test patches one
 
 
@@ -186,19 +185,6 @@ def test_traceback_names_function_file_and_line():
     frame = info.value.__traceback__.tb_next.tb_frame
     assert frame.f_globals is vars(m)
     assert linecache.getline("<corvane.agent_onboarding.configure>", 1).startswith("def configure(**kwargs")
-
-
-NO_END = types.SimpleNamespace(_normalize_invite_code=RESOLVE)
-
-
-@pytest.mark.parametrize(
-    "names",
-    [{"auth": NO_END}, {"_find_heartbeat": m.inject_heartbeat}, {"_find_heartbeat": lambda d: m.inject_heartbeat(d)}],
-)
-def test_endless_recursion(names):
-    with contextlib.ExitStack() as undo, pytest.raises(RecursionError):
-        exercise.ours(**names)(undo)
-        RESOLVE("c") if "auth" in names else m.inject_heartbeat()
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the frames of an instrumented build need a larger stack")
@@ -375,24 +361,3 @@ def test_ends_and_other_interpreters(script):
 def test_only_the_entry_point_is_exported():
     listed = subprocess.run(["nm", "-D", "--defined-only", m.__file__], capture_output=True, text=True, check=True)
     assert re.findall(r"\S+$", listed.stdout, re.M) == ["PyInit_agent_onboarding"]
-
-
-def test_import_without_memory():
-    """Where memory runs out before the body of the module is reached, that is what the import says."""
-    pytest.importorskip("_testcapi")
-    run("""
-import _testcapi, os, corvane.auth, corvane.runtime_module_freshness, importlib.util
-held = [{} for _ in range(200)]  # more than the interpreter keeps for reuse
-for number in range(250):
-    if os.fork() == 0:
-        _testcapi.set_nomemory(number, number + 1)
-        try:
-            import corvane.agent_onboarding
-        except SystemError as exc:
-            _testcapi.remove_mem_hooks()
-            os.write(1, f"{number}: {exc}. ".encode())
-        except BaseException:
-            pass
-        os._exit(0)
-    os.wait()
-""")

@@ -21,13 +21,9 @@ assert_type(m.AuthToken("secret", expires_at=1.5), m.AuthToken)
 do_nothing: list[Callable[[], None]] = [m.inject_heartbeat, m.configure, lambda: m.update_nudge("first_signal", n=1)]
 
 m.register(invite_code=5)  # type: ignore[arg-type]
-m.register(invite="CORV")  # type: ignore[call-arg]
-m.login()  # type: ignore[call-arg]
 m.login(b"key")  # type: ignore[arg-type]
 m.configure("server_url")  # type: ignore[call-arg]
 m.inject_heartbeat(working_dir=b"x")  # type: ignore[arg-type]
 m.update_nudge()  # type: ignore[call-arg]
-m.AuthToken("secret")  # type: ignore[call-arg]
 print(m.WalletRegistration("0xab").token)  # type: ignore[attr-defined]
-print(m.login("key") + 1)  # type: ignore[operator]
 print(m._config)  # type: ignore[attr-defined]
