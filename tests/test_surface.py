@@ -187,6 +187,12 @@ def test_traceback_names_function_file_and_line():
     assert linecache.getline("<corvane.agent_onboarding.configure>", 1).startswith("def configure(**kwargs")
 
 
+def test_endless_recursion():
+    with contextlib.ExitStack() as undo, pytest.raises(RecursionError):
+        exercise.ours(_find_heartbeat=m.inject_heartbeat)(undo)
+        m.inject_heartbeat()
+
+
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the frames of an instrumented build need a larger stack")
 def test_endless_recursion_on_a_small_stack():
     run("""
