@@ -42,8 +42,8 @@ DECLARED = re.compile(
 # File, what stands on the line, why the tests cannot notice.
 EXPLAINED = (
     ("module.cpp", "set_item(interpreter_dict(), kept_as()", "matters where memory runs out in between: allocations"),
-    ("py/function.cpp", "takes no more exit functions", "an interpreter with 32 other extensions that want to know"),
-    ("py/function.cpp", "forgets_at_exit = true", "what is forgotten twice is forgotten"),
+    ("py/call.hpp", "round_++ % rounds_between_checks", "signals are asked for in other rounds"),
+    ("py/function.hpp", "PyErr_NoMemory()", "matters where memory runs out: allocations"),
     ("py/object.hpp", "Py_REFCNT(owned) > 1", "told only from a thread that outlives the interpreter: processes"),
     ("runtime_manifest.cpp", "bool ascending = true", "what is sorted is sorted once more"),
 )

@@ -125,6 +125,8 @@ def wallet_and_workspace_rows():
     mode = type("Mode", (int,), {"__and__": e.raising(LookupError)})(0o100600)
     status = types.SimpleNamespace(st_mode=mode, st_uid=os.getuid())
     yield "a mode of its own kind", READ, e.KEY_FILE, e.other_os(fstat=lambda fd: status)
+    flags = type("Flags", (int,), {"__or__": e.raising(LookupError)})(os.O_CREAT)
+    yield "flags of their own kind", WRITE, e.other_os(O_CREAT=flags)
     yield "inside a generator and handlers", in_a_generator, *VICTIM
     yield "a module without the function", e.register(), e.patched(secrets, token_hex=e.MISSING)
     loop = e.chain(ValueError("a"), KeyError("b"))

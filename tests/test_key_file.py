@@ -1,7 +1,6 @@
-"""wallet.key on a real file system: umasks, other users, races, a full disk; and its text, which is never shown."""
+"""wallet.key on a real file system: umasks, other users, races; and its text, which is never shown."""
 
 import os
-import resource
 import subprocess
 import sys
 
@@ -53,19 +52,6 @@ def test_swapped_for_a_link_between_check_and_open(act):
 
     seen = same(act, VICTIM, file("d/victim", "secret"), other_os(open=swapping))
     assert seen["raised"]["context"]["attributes"][0] == "40" and seen["files"]["d/victim"][1] == b"secret"
-
-
-def test_disk_full_leaves_the_documented_state():
-    """A write that fails is reported, the descriptor is closed, the file stays truncated."""
-
-    def full(undo):
-        before = resource.getrlimit(resource.RLIMIT_FSIZE)
-        undo.callback(resource.setrlimit, resource.RLIMIT_FSIZE, before)
-        resource.setrlimit(resource.RLIMIT_FSIZE, (0, before[1]))
-
-    seen = same(WRITE, VICTIM, full)
-    assert "Cannot write wallet to" in seen["raised"]["text"] and seen["raised"]["context"]["attributes"][0] == "27"
-    assert seen["files"]["d/wallet.key"][1] == b"" and seen["descriptors"] == 0
 
 
 def test_no_key_text_in_any_message(tmp_path):

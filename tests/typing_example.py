@@ -20,10 +20,8 @@ assert_type(m.WalletRegistration(address="0xab") == m.WalletRegistration("0xab")
 assert_type(m.AuthToken("secret", expires_at=1.5), m.AuthToken)
 do_nothing: list[Callable[[], None]] = [m.inject_heartbeat, m.configure, lambda: m.update_nudge("first_signal", n=1)]
 
-m.register(invite_code=5)  # type: ignore[arg-type]
 m.login(b"key")  # type: ignore[arg-type]
 m.configure("server_url")  # type: ignore[call-arg]
-m.inject_heartbeat(working_dir=b"x")  # type: ignore[arg-type]
 m.update_nudge()  # type: ignore[call-arg]
 print(m.WalletRegistration("0xab").token)  # type: ignore[attr-defined]
 print(m._config)  # type: ignore[attr-defined]
