@@ -277,10 +277,10 @@ except ImportError as exc: print(exc)
 assert first._normalize_key("a") == "0xa"
 """, "corvane.agent_onboarding is already initialised"),
     "a failed import elsewhere leaves the module free": ("""
-import sys
+import sys, corvane.auth, corvane.skills, corvane.sync, corvane.runtime_module_freshness
 import _xxsubinterpreters as interpreters
 # without the real corvane.auth and corvane.sync: their libraries refuse other interpreters on their own
-interpreters.run_string(interpreters.create(isolated=False), f'''
+interpreters.run_string(interpreters.create(isolated=True), f'''
 import sys
 sys.path[:] = {sys.path!r}
 import corvane
@@ -292,6 +292,7 @@ except ImportError as exc:
 ''')
 import corvane.agent_onboarding
 assert corvane.agent_onboarding._normalize_key("a") == "0xa"
+assert list(corvane.agent_onboarding._config)[1] is sys.intern("data" + "_dir"[:])  # a text of this interpreter
 """, "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)"),
     "loaded under another name while it is being initialised": ("""
 import importlib.util, logging, corvane

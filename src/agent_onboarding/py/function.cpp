@@ -30,12 +30,10 @@ name_node* first_name = nullptr;
 /// When the interpreter has ended its objects are gone, and another one may start in this process.
 void forget() noexcept {
     forgets_at_exit = false;
-    for (name_node* node = first_name; node != nullptr; node = node->next) {
-        node->interned = nullptr;
-        node->last = {};
-    }
     if (state == nullptr)
         return;
+    for (const void** body : state->bodies)
+        *body = nullptr;
     (void)state->globals.release();
     (void)state->builtins.release();
     (void)state->codes.release();
@@ -78,18 +76,18 @@ namespace {
 bool is_builtin(handle value, handle name) noexcept {
     return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
            PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
-           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == state->builtins.ptr() &&
+           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == detail::builtins.ptr() &&
            PyUnicode_CompareWithASCIIString(name.ptr(),
                                             reinterpret_cast<PyCFunctionObject*>(value.ptr())->m_ml->ml_name) == 0;
 }
 } // namespace
 
 found detail::look_up(name wanted, where line) {
-    const std::uint64_t globals_version = version_of(state->globals);
-    const std::uint64_t builtins_version = version_of(state->builtins);
-    PyObject* value = call_out(PyDict_GetItemWithError, state->globals.ptr(), wanted.ptr());
+    const std::uint64_t globals_version = version_of(module_namespace);
+    const std::uint64_t builtins_version = version_of(builtins);
+    PyObject* value = call_out(PyDict_GetItemWithError, module_namespace.ptr(), wanted.ptr());
     if (value == nullptr && PyErr_Occurred() == nullptr)
-        value = call_out(PyDict_GetItemWithError, state->builtins.ptr(), wanted.ptr());
+        value = call_out(PyDict_GetItemWithError, builtins.ptr(), wanted.ptr());
     if (value == nullptr) {
         if (PyErr_Occurred() != nullptr)
             throw_error(line);
@@ -122,7 +120,7 @@ object detail::module_attribute(handle self, name wanted, where line) {
 }
 
 void set_global(name changed, handle value, where line) {
-    perform(line, PyDict_SetItem, state->globals.ptr(), changed.ptr(), value.ptr());
+    perform(line, PyDict_SetItem, detail::module_namespace.ptr(), changed.ptr(), value.ptr());
 }
 
 object frame::enclosed(Py_ssize_t index, where line) const {
@@ -172,13 +170,14 @@ void frame::trace(error& raised) const noexcept {
 
 namespace {
 
+/// Texts that an earlier initialisation has interned are not given back: it may have been another interpreter's, and
+/// they are its own.
 void intern_names() {
     for (name_node* node = first_name; node != nullptr; node = node->next) {
-        if (node->interned != nullptr)
-            continue; // an earlier initialisation has failed
         PyObject* text = detail::text_of(node->text, where::current()).release();
         PyUnicode_InternInPlace(&text);
         node->interned = text;
+        node->last = {};
     }
 }
 

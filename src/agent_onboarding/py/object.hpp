@@ -123,7 +123,7 @@ struct remembered {
 struct name_node {
     std::string_view text;
     name_node* next;
-    PyObject* interned = nullptr; ///< owned until the interpreter has ended
+    PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
     remembered last = {};
 
     explicit name_node(std::string_view literal) noexcept;
