@@ -1,10 +1,13 @@
 """The command: runs the methods named (all of them by default) and prints the table."""
 
+import hashlib
 import importlib
 import time
+from pathlib import Path
 
 import click
 
+from corvane import agent_onboarding
 from proof.workshop import Missing, Workshop
 
 # A file of this package each, with a function `run(workshop)` that yields results.
@@ -32,7 +35,9 @@ def main(methods: tuple[str, ...], quick: bool) -> None:
             verdict = "INCOMPLETE" if missing else f"the proof itself failed: {type(exc).__name__}"
             table.append(f"{name:<58}{0:>10}  {verdict}: {exc}")
             status = status or 2 if missing else 1
-    click.echo("\n".join(table))
+    extension = Path(str(agent_onboarding.__file__))
+    digest, built = hashlib.sha256(extension.read_bytes()).hexdigest(), time.ctime(extension.stat().st_mtime)
+    click.echo("\n".join([*table, "", f"The extension under test: sha256 {digest}, installed {built}"]))
     raise SystemExit(status)
 
 

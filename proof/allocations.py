@@ -176,7 +176,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
         raise Missing("this interpreter comes without its test modules (_testcapi)")
     source, library = workshop.folder / "failing_new.cpp", workshop.folder / "failing_new.so"
     source.write_text(FAILING_NEW)
-    subprocess.run([workshop.tool("c++", "g++"), "-O1", "-shared", "-fPIC", source, "-o", library], check=True)
+    subprocess.run([workshop.tool("c++"), "-O1", "-shared", "-fPIC", source, "-o", library], check=True)
     calls = list(importlib.import_module("proof.exercise").CALLS)[:: 60 if workshop.quick else 1]
     for names in [calls] if workshop.quick else [calls, [IMPORT]]:
         for kind in LENGTHS:

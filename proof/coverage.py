@@ -44,5 +44,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
         elif re.search(r"^\d+,0\b", value):
             number = int(value.partition(",")[0])
             missed.append((f"{file}:{number}", source[number - 1].strip()))
-    found = [f"{at}: {text}" for at, text in missed if not any(re.search(why, text) for why, _ in REASONS)]
+    reasons = {at: next((why for regular, why in REASONS if re.search(regular, text)), "") for at, text in missed}
+    print("\n".join(f"   {at} is not reached: {why}" for at, why in reasons.items() if not workshop.quick))
+    found = [f"{at}: {text}" for at, text in missed if not reasons[at]]
     yield Result("coverage: unreached lines, each with a reason", len(missed), [] if workshop.quick else found)

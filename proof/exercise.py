@@ -368,6 +368,8 @@ def rows() -> Iterator[tuple[Any, ...]]:
     yield "backtester", per_era, "; INFO Loaded per-era backtester from manifest in d", BOTH
     yield "backtester without manifest", per_era, "Incomplete: Per-era backtester runtime is required"
     yield "backtester unlisted", per_era, "Incomplete: Per-era backtester runtime is missing", native(era_data={})
+    mute = type("Mute", (), {"__str__": raising(LookupError)})
+    yield "refusal of no text", call("_unsafe_wallet_error", mute()), "raised LookupError"
     yield "records", lambda: (m.AuthToken("t", 1.5), m.WalletRegistration("0x") == m.WalletRegistration("0x")), "redac"
     yield "find", call("_find_heartbeat", "a/b/c"), "returned 'HEARTBEAT.md'", file("HEARTBEAT.md")
     for name, act in (("inject", call("inject_heartbeat")), ("nudge", call("update_nudge", "era_change", n=1))):

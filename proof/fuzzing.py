@@ -105,7 +105,7 @@ def execute(target: str, *options: str) -> None:
 
 def fuzzer(workshop: Workshop) -> dict[str, str]:
     """The variables that preload the fuzzer and choose the build of the extension."""
-    compiler = workshop.tool("clang++-16", "clang-16 libclang-rt-16-dev")
+    compiler = workshop.tool("clang++-16")
     # Its warnings differ from those of the compiler that the extension is written for.
     flags = "-DCMAKE_CXX_FLAGS=-w -fprofile-instr-generate -fcoverage-mapping"
     options = f"-DCMAKE_CXX_COMPILER={compiler}", "-DSANITIZE=fuzzer-no-link,address"
@@ -121,7 +121,7 @@ def fuzzer(workshop: Workshop) -> dict[str, str]:
 
 def lines_reached(workshop: Workshop, profile: Path, source: str) -> float:
     """Per cent of the lines of a source that a process has executed."""
-    merge, cover = (workshop.tool(f"llvm-{name}-16", "llvm-16") for name in ("profdata", "cov"))
+    merge, cover = (workshop.tool(f"llvm-{name}-16") for name in ("profdata", "cov"))
     subprocess.run([merge, "merge", profile, "-o", f"{profile}.merged"], check=True)
     [extension] = map(str, (workshop.folder / "fuzz").glob("agent_onboarding*.so"))
     command = [cover, "export", "-summary-only", f"-instr-profile={profile}.merged", extension]

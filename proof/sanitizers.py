@@ -45,7 +45,7 @@ def take_reports(workshop: Workshop) -> list[str]:
 def under(workshop: Workshop, library: str, function: str, *arguments: Any, **site: str) -> tuple[int, list[str]]:
     """How many calls this function made in a process with a sanitizer, and what is wrong."""
     # The sanitizer of threads does not cope with addresses that are drawn by lot.
-    wrapper = (workshop.tool("setarch", "util-linux"), "-R") if library == "libtsan.so" else ()
+    wrapper = (workshop.tool("setarch"), "-R") if library == "libtsan.so" else ()
     every_leak = "detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=60"
     variables = environment(workshop, library, every_leak) | site
     try:
@@ -57,7 +57,7 @@ def under(workshop: Workshop, library: str, function: str, *arguments: Any, **si
 
 def valgrind(workshop: Workshop, *names: str, **variables: str) -> list[str]:
     """What valgrind says about these calls of the exercise."""
-    wrapper = workshop.tool("valgrind", "valgrind"), "-q", "--error-exitcode=99", "--trace-children=no"
+    wrapper = workshop.tool("valgrind"), "-q", "--error-exitcode=99", "--trace-children=no"
     done = workshop.python("-m", "proof.exercise", *names, wrapper=wrapper, PYTHONMALLOC="malloc", **variables)
     return done.stderr.splitlines()[:10] or ([f"ended with {done.returncode}"] if done.returncode else [])
 

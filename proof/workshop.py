@@ -14,6 +14,7 @@ from typing import Any, NamedTuple
 
 import corvane
 
+INSTALL = "apt-get install -qq -y g++ strace valgrind util-linux clang-16 libclang-rt-16-dev llvm-16"
 # Where a million files are made faster.
 IN_MEMORY = {"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {}
 
@@ -39,13 +40,13 @@ class Workshop:
         self.folder = self.root / "build" / "proof"
         self.folder.mkdir(parents=True, exist_ok=True)
 
-    def tool(self, command: str, package: str) -> str:
-        """The path of a command; a missing one is installed from its Debian package where that is allowed."""
+    def tool(self, command: str) -> str:
+        """The path of a command; if one is missing, all packages are installed where that is allowed."""
         if shutil.which(command) is None and os.geteuid() == 0 and shutil.which("apt-get"):
-            subprocess.run(["apt-get", "install", "-qq", "-y", *package.split()], capture_output=True)
+            subprocess.run(["sh", "-c", f"apt-get update; {INSTALL}"], capture_output=True)
         if path := shutil.which(command):
             return path
-        raise Missing(f"{command} is not installed: sudo apt-get install {package}")
+        raise Missing(f"{command} is not installed: sudo {INSTALL}")
 
     def build(self, name: str, *options: str, source: Path | None = None) -> dict[str, str]:
         """The variables with which the kit has another extension, built with these CMake options."""

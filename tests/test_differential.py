@@ -202,6 +202,11 @@ def era_and_manifest_rows():
     backwards = e.ours(sorted=lambda items: reversed(sorted(items)))
     entries = lambda: list(e.m._runtime_module_manifest_entries({"files": {"x": entry(), "y": entry()}}))  # noqa: E731
     yield "another sorted", entries, backwards
+    for path in ("../x", "/nowhere/x", "a\0b", "x" * 300, "a\nb", "\udc80", "", "."):
+        yield (
+            f"path {path!r:.9}",
+            e.call("_load_manifest_runtime_module", "d", "x", manifest={"files": {path: entry("runtime_module:x")}}),
+        )
     read = several(e.call("_read_manifest", "d"), e.call("_load_per_era_backtester", "d"))
     for content in MANIFESTS:
         yield f"manifest {content!r:.40}", read, e.file("d/manifest.json", content)
