@@ -9,6 +9,7 @@ from collections.abc import Callable
 from dataclasses import asdict
 from datetime import UTC, datetime
 from pathlib import Path
+from shlex import quote
 from types import ModuleType
 from typing import Any
 
@@ -120,7 +121,7 @@ def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool)
     manager = agent.sign_in(auth.AuthManager(prefixed(secret), agent.server_url))
     address, backup = manager.get_wallet_address(), None
     with agent.changing_the_wallet(dry_run):
-        key = _usable_key_file(agent, "unsafe")
+        key = _usable_key_file(agent, "unsafe", "unreadable")
         stores = key.address != address
         replaces = stores and key.state in ("good", "malformed")
         if replaces and not replace:
@@ -299,7 +300,7 @@ def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> 
     if missing and not dry_run:
         onboarding.inject_heartbeat(workspace)
         if _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8"):
-            raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {found}")
+            raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {quote(found)}")
     text = (
         f"{found}: {'to be added' if dry_run else 'added'}\n{checklist}" if missing else f"{found} has the checklist."
     )
@@ -378,7 +379,7 @@ def _heartbeat_steps(onboarding: ModuleType, wanted: bool) -> list[str]:
 def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:
     """The key file, if the key is there, or may be put there."""
     key = agent.key_file()
-    if not agent.env_key and key.state in (refused or ("empty", "malformed", "unsafe")):
+    if not agent.env_key and key.state in (refused or ("empty", "malformed", "unsafe", "unreadable")):
         [finding, *_] = examination.key_findings(key)
         raise Failure(f"{finding.problem} Reason: {finding.reason}.", Exit.MACHINE, finding.next_step)
     return key
