@@ -135,8 +135,7 @@ def check_files(agent: Agent) -> Iterator[Finding]:
         file = agent.data_dir / name
         if not Path(os.path.realpath(file)).is_relative_to(agent.data_dir):
             link = next((place for place in (*reversed(file.parents), file) if place.is_symlink()), file)
-            problem = f"{file} leads out of the directory: {link} is a symbolic link."
-            reason = "what lies elsewhere is not ours to keep true"
+            problem, reason = f"{file} leads out of the directory by the link {link}.", "what lies there is not ours"
             yield Finding("manifest", ERROR, problem, reason, f"rm {quote(str(link))}; {again}")
         elif (actual := _digest(file) if file.is_file() else None) != entry["sha256"]:
             problem = f"{file} is {'spoilt' if actual else 'missing'}."

@@ -76,9 +76,9 @@ class Agent:
             return ""
         return str(vars(agent_onboarding)["_config"]["server_url"])
 
-    def key_file(self) -> KeyFile:
-        """What lies at the path of wallet.key now. Changes nothing, not even permissions."""
-        path = self.data_dir / "wallet.key"
+    def key_file(self, name: str = "wallet.key") -> KeyFile:
+        """What lies at the path of wallet.key, or of a backup, now. Changes nothing, not even permissions."""
+        path = self.data_dir / name
         try:
             fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
         except FileNotFoundError:

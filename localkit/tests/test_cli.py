@@ -160,7 +160,7 @@ DOCTOR = [
     ("session", 8, f"echo {'1' * 64} >wallet.key", "The session is of"),
     ("manifest", 9, ENTRY % ("era_config.json", ""), "era_config.json sha256 Field required"),
     ("manifest", 9, ENTRY % ("runtime/../../x", DIGEST), "is not allowed"),
-    ("manifest", 9, ENTRY % ("runtime/x", DIGEST) + "; ln -s .. runtime", "runtime is a symbolic link"),
+    ("manifest", 9, ENTRY % ("runtime/x", DIGEST) + "; ln -s .. runtime", "by the link "),
     ("files", 9, "mkdir manifest.json", "Is a directory"),
     ("files", 9, ENTRY % ("era_config.json", DIGEST), "is missing"),
     ("copies", 9, f"echo x >.corvane-runtime-x-{'0' * 16}.so", "does not hold"),
