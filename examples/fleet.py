@@ -105,12 +105,25 @@ def onboard(agent: Agent, base: Path, server_url: str, attempts: int, certificat
         return Outcome(False, f"{type(exc).__name__}: {exc}")
 
 
-def run(agents: list[Agent], at_once: int, locks: Path, start: Callable[[Agent], Any]) -> Iterator[tuple[str, Outcome]]:
-    """Names and outcomes as they come in, with at most `at_once` processes alive."""
-    waiting, running = iter(agents), dict[Any, Agent]()
+def noted_address(agent: Agent, base: Path, server_url: str) -> str | None:
+    """The address that the lock file notes for this service, unless the key is missing or was touched since."""
+    lock, key = base / LOCKS / agent.name, base / agent.name / "wallet.key"
+    if not (lock.exists() and key.exists() and key.stat().st_size and key.stat().st_ctime <= lock.stat().st_mtime):
+        return None
+    noted = re.fullmatch(f"{re.escape(server_url)} (\\S+)\n", lock.read_text())
+    return noted[1] if noted else None
+
+
+def run(
+    agents: list[Agent], at_once: int, base: Path, server_url: str, start: Callable[[Agent], Any]
+) -> Iterator[tuple[str, Outcome]]:
+    """Names and outcomes: first of the agents that are done already, then as at most `at_once` processes end."""
+    addresses = {agent: noted_address(agent, base, server_url) for agent in agents}
+    yield from ((agent.name, Outcome(True, address)) for agent, address in addresses.items() if address)
+    waiting, running = (agent for agent, address in addresses.items() if not address), dict[Any, Agent]()
     while True:
         for agent in itertools.islice(waiting, at_once - len(running)):
-            (locks / agent.name).touch()
+            (base / LOCKS / agent.name).write_text("")  # an old note would hide that this attempt has failed
             running[start(agent)] = agent
         if not running:
             return
@@ -118,7 +131,10 @@ def run(agents: list[Agent], at_once: int, locks: Path, start: Callable[[Agent],
         name = running.pop(done).name
         try:
             outcome = ray.get(done)
-            os.close(take_lock(locks / name))  # when the lock is free, the process has ended
+            lock = take_lock(base / LOCKS / name)  # when the lock is free, the process has ended
+            if outcome.onboarded:
+                os.write(lock, f"{server_url} {outcome.text}\n".encode())
+            os.close(lock)
         except ray.exceptions.RayError as exc:
             outcome = Outcome(False, " ".join(f"{type(exc).__name__}: {exc}".split()))
         yield name, outcome
@@ -149,7 +165,7 @@ def main(agents: list[Agent], base: Path, server_url: str, at_once: int, attempt
         # Ray uses its processes again unless told not to; the module holds one wallet a process.
         task = ray.remote(max_calls=1, max_retries=REPLACEMENTS)(onboard)
         common = (base, server_url, attempts, os.environ.get("SSL_CERT_FILE"))
-        results = run(agents, at_once, base / LOCKS, lambda agent: task.remote(agent, *common))
+        results = run(agents, at_once, base, server_url, lambda agent: task.remote(agent, *common))
         outcomes = dict(tqdm(results, total=len(agents), unit="agent", disable=None))
     width = max((len(agent.name) for agent in agents), default=0)
     for agent in agents:

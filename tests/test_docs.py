@@ -29,7 +29,9 @@ def test_every_message_is_explained():
         for literal in re.findall(r'"((?:[^"\\\n]|\\.)*)"', code):
             if " " in literal and not any(text in literal for text in NO_MESSAGES):
                 said |= phrases(literal, "%s")
-    for message in re.findall(r"^\| `([^`]+)`", PAGES[ROOT / "docs/operating.md"].partition("## Messages")[2], re.M):
+    rows = re.findall(r"^\| `([^`]+)`(.*)", PAGES[ROOT / "docs/operating.md"].partition("## Messages")[2], re.M)
+    for message, rest in rows:
+        assert re.fullmatch(r"[^|]*\| [^| ][^|]*\| [^| ][^|]* \|", rest), f"no cause or no next step: {message}"
         explained |= phrases(message, "<[a-z]+>")
     assert explained == said and len(said) > 60
 

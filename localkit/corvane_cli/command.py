@@ -98,6 +98,14 @@ class Command(click.Command):
 class Group(click.Group):
     """The commands: prints their results, and of each error what to do about it."""
 
+    def make_context(self, info_name: str | None, args: list[str], *more: Any, **extra: Any) -> click.Context:
+        """Parses what stands before the command."""
+        as_json = "--json" in args
+        try:
+            return super().make_context(info_name, args, *more, **extra)
+        except (click.NoSuchOption, click.BadOptionUsage) as exc:
+            raise click.exceptions.Exit(_report(exc, as_json)) from None
+
     def invoke(self, ctx: click.Context) -> None:
         """Runs one of them."""
         # Seen in the arguments themselves, which may be the very thing that makes no sense.
@@ -112,10 +120,7 @@ class Group(click.Group):
         except (Exception, KeyboardInterrupt) as exc:
             if verbose and not isinstance(exc, click.UsageError):
                 click.echo("".join(traceback.format_exception(exc)), err=True)
-            failure = _explain(exc)
-            fields = {"error": str(failure), "next_step": failure.next_step, "exit_status": failure.status}
-            click.echo(json.dumps(fields) if as_json else f"Error: {failure}\nNext: {failure.next_step}", err=True)
-            ctx.exit(failure.status)
+            ctx.exit(_report(exc, as_json))
         click.echo(json.dumps(result.data, indent=1, default=str, allow_nan=False) if as_json else result.text)
         ctx.exit(result.status)
 
@@ -131,6 +136,13 @@ _OUTPUT = [
     _option(["--json"], is_flag=True, expose_value=False, help="Print the result as JSON on stdout."),
     _option(["--verbose"], is_flag=True, expose_value=False, help="Log to stderr; show where an error came from."),
 ]
+
+
+def _report(exc: BaseException, as_json: bool) -> Exit:
+    failure = _explain(exc)
+    fields = {"error": str(failure), "next_step": failure.next_step, "exit_status": failure.status}
+    click.echo(json.dumps(fields) if as_json else f"Error: {failure}\nNext: {failure.next_step}", err=True)
+    return failure.status
 
 
 def _explain(exc: BaseException) -> Failure:

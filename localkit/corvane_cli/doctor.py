@@ -13,6 +13,7 @@ from dataclasses import dataclass
 from email.utils import parsedate_to_datetime
 from importlib.machinery import EXTENSION_SUFFIXES
 from pathlib import Path
+from shlex import quote
 
 import httpx
 from pydantic import ValidationError
@@ -49,19 +50,19 @@ class Finding:
 def check_directory(agent: Agent) -> Iterator[Finding]:
     """Whether somebody else can put other files in the place of ours."""
     reason = "whoever can rename a directory on the way to wallet.key can put another key in its place"
-    for path in (agent.data_dir, *agent.data_dir.parents):
+    for path in dict.fromkeys((agent.data_dir, *agent.data_dir.parents, *agent.named_dir.parents)):
         if not path.exists():
             continue
-        status = path.stat()
+        status, quoted = path.stat(), quote(str(path))
         if status.st_uid not in (0, os.getuid()):
             problem = f"{path} belongs to user {status.st_uid}."
             yield Finding("directory", ERROR, problem, reason, "Choose a --data-dir below directories of your own.")
         elif status.st_mode & 0o022 and not status.st_mode & stat.S_ISVTX:
             severity, who = (ERROR, "everybody") if status.st_mode & 0o002 else (WARNING, "its group")
-            yield Finding("directory", severity, f"{path} can be written by {who}.", reason, f"chmod go-w {path}")
+            yield Finding("directory", severity, f"{path} can be written by {who}.", reason, f"chmod go-w {quoted}")
         elif path == agent.data_dir and status.st_mode & 0o055:
             problem = f"{path} can be read by other users."
-            yield Finding("directory", WARNING, problem, "they see what is kept there", f"chmod 700 {path}")
+            yield Finding("directory", WARNING, problem, "they see what is kept there", f"chmod 700 {quoted}")
 
 
 def check_key_file(agent: Agent) -> Iterator[Finding]:
@@ -72,7 +73,7 @@ def check_key_file(agent: Agent) -> Iterator[Finding]:
 
 def key_findings(key: KeyFile) -> Iterator[Finding]:
     """What is wrong with a key file."""
-    path = key.path
+    path, quoted = key.path, quote(str(key.path))
     if key.state == "absent":
         yield Finding("key", WARNING, f"There is no wallet key at {path}.", "nobody can sign in without one", SIGN_UP)
     elif key.state == "empty":
@@ -80,7 +81,7 @@ def key_findings(key: KeyFile) -> Iterator[Finding]:
             "a save was interrupted. A new key that was being saved has never been used, so nothing is lost; one that "
             "a login was replacing is beside it, in the newest wallet.key.backup-*"
         )
-        next_step = f"`corvane login < BACKUP`; if there never was a key before: rm {path}, then `corvane register`."
+        next_step = f"`corvane login < BACKUP`; if there never was a key before: rm {quoted}, then `corvane register`."
         yield Finding("key", ERROR, f"{path} is empty.", reason, next_step)
     elif key.state == "malformed":
         reason = "a key is 64 hexadecimal digits, with or without 0x in front"
@@ -89,14 +90,17 @@ def key_findings(key: KeyFile) -> Iterator[Finding]:
     elif key.state == "unsafe":
         problem, reason = f"{path} is not used: {key.problem}.", "somebody else may have put it there"
         yield Finding("key", ERROR, problem, reason, "Move it away, and find out who did it.")
+    elif key.state == "unreadable":
+        problem, reason = f"{path} {key.problem}.", "its mode or a directory above it keeps this user out"
+        yield Finding("key", ERROR, problem, reason, f"chmod 600 {quoted}, or run as its owner.")
     if key.status and key.status.st_nlink > 1:
         problem, reason = f"{path} has {key.status.st_nlink} names.", "a login rewrites it under all of them"
-        next_step = f"Make it a file of its own: cp -p {path} {path}.new && mv {path}.new {path}"
+        next_step = f"Make it a file of its own: cp -p {quoted} {quoted}.new && mv {quoted}.new {quoted}"
         yield Finding("key", ERROR, problem, reason, next_step)
     if key.status and key.status.st_mode & 0o077:
         problem = f"{path} is open to other users (mode {stat.S_IMODE(key.status.st_mode):o})."
         reason = "who has read the key can sign in with it for ever"
-        yield Finding("key", ERROR, problem, reason, f"chmod 600 {path}; if others were here, use a new wallet.")
+        yield Finding("key", ERROR, problem, reason, f"chmod 600 {quoted}; if others were here, use a new wallet.")
 
 
 def check_session(agent: Agent) -> Iterator[Finding]:
@@ -125,13 +129,14 @@ def check_files(agent: Agent) -> Iterator[Finding]:
             place = [str(part) for part in error["loc"]]
             problem = f"{path} is malformed: {' '.join([*place, error['msg']])}."
             reason = reasons.get("".join(place[-1:]), "nothing can be verified with it")
-            yield Finding("manifest", ERROR, problem, reason, f"rm {path}; `corvane sync` writes it anew.")
+            yield Finding("manifest", ERROR, problem, reason, f"rm {quote(str(path))}; `corvane sync` writes it anew.")
         return
     for name, entry in sorted(manifest["files"].items()):
         file = agent.data_dir / name
         if not Path(os.path.realpath(file)).is_relative_to(agent.data_dir):
-            problem, reason = f"{file} leads out of the directory.", "what lies elsewhere is not ours to keep true"
-            yield Finding("manifest", ERROR, problem, reason, f"rm {file}; {again}")
+            link = next((place for place in (*reversed(file.parents), file) if place.is_symlink()), file)
+            problem, reason = f"{file} leads out of the directory by the link {link}.", "what lies there is not ours"
+            yield Finding("manifest", ERROR, problem, reason, f"rm {quote(str(link))}; {again}")
         elif (actual := _digest(file) if file.is_file() else None) != entry["sha256"]:
             problem = f"{file} is {'spoilt' if actual else 'missing'}."
             reason = f"the manifest promises SHA-256 {entry['sha256']}, there is {actual or 'no file'}"
@@ -145,7 +150,7 @@ def check_copies(agent: Agent) -> Iterator[Finding]:
         actual = _digest(path) if path.is_file() and not path.is_symlink() else None
         if named is None or actual is None or not actual.startswith(named[1]):
             reason = "a copy is trusted by its name and imported without being read again"
-            next_step = f"rm {path}; the next start makes a new one from the verified file."
+            next_step = f"rm {quote(str(path))}; the next start makes a new one from the verified file."
             yield Finding("copies", ERROR, f"{path} does not hold what its name says.", reason, next_step)
 
 

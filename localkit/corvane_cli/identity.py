@@ -26,9 +26,9 @@ LONGEST_KEY = 4096  # bytes, of a file or of what arrives
 
 @dataclass(frozen=True)
 class KeyFile:
-    """What lies at the path of wallet.key: it is "good", "absent", "empty", "malformed" or "unsafe".
+    """What lies at the path of wallet.key: it is "good", "absent", "empty", "malformed", "unsafe" or "unreadable".
 
-    An unsafe file is not read; `problem` says why it is unsafe.
+    An unsafe file is not read; `problem` says why it is unsafe, or cannot be read.
     """
 
     path: Path
@@ -56,7 +56,8 @@ class Agent:
     """
 
     def __init__(self, data_dir: str, server_url: str | None) -> None:
-        self.data_dir = Path(os.path.realpath(os.path.expanduser(data_dir or "~/.corvane")))
+        named = os.path.expanduser(data_dir or "~/.corvane")
+        self.named_dir, self.data_dir = Path(os.path.abspath(named)), Path(os.path.realpath(named))
         self.env_key = os.environ.get(KEY_VARIABLE, "").strip()
         self.key_source = KEY_VARIABLE if self.env_key else str(self.data_dir / "wallet.key")
         self._session_path = self.data_dir / "session.json"
@@ -75,16 +76,17 @@ class Agent:
             return ""
         return str(vars(agent_onboarding)["_config"]["server_url"])
 
-    def key_file(self) -> KeyFile:
-        """What lies at the path of wallet.key now. Changes nothing, not even permissions."""
-        path = self.data_dir / "wallet.key"
+    def key_file(self, name: str = "wallet.key") -> KeyFile:
+        """What lies at the path of wallet.key, or of a backup, now. Changes nothing, not even permissions."""
+        path = self.data_dir / name
         try:
             fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
         except FileNotFoundError:
             return KeyFile(path, "absent")
         except OSError as exc:
-            problem = "it is a symbolic link" if path.is_symlink() else f"it cannot be opened: {exc.strerror}"
-            return KeyFile(path, "unsafe", problem=problem)
+            if os.path.islink(path):
+                return KeyFile(path, "unsafe", problem="it is a symbolic link")
+            return KeyFile(path, "unreadable", problem=f"cannot be opened: {exc.strerror}")
         with open(fd, "rb") as file:
             status = os.fstat(fd)
             if not stat.S_ISREG(status.st_mode):

@@ -9,7 +9,7 @@ from collections.abc import Callable
 from dataclasses import asdict
 from datetime import UTC, datetime
 from pathlib import Path
-from types import ModuleType
+from shlex import quote
 from typing import Any
 
 import click
@@ -72,7 +72,7 @@ def register(
 
     The checklist is added to HEARTBEAT.md of the working directory or one of its three parents, if there is one.
     """
-    onboarding = agent.onboarding(heartbeat)
+    onboarding, found = agent.onboarding(heartbeat), _heartbeat_file(agent, heartbeat)
     with agent.changing_the_wallet(dry_run):
         key = _usable_key_file(agent)
         reused = bool(agent.env_key) or key.state == "good"
@@ -83,7 +83,8 @@ def register(
         if dry_run:
             steps = [f"make a new key in {key.path}"] * (not reused)
             steps.append(f"sign {agent.key_source} {'in' if reused else 'up'} at {agent.server_url}")
-            return _plan(steps + _heartbeat_steps(onboarding, heartbeat) + [_download(agent)] * bootstrap)
+            steps += [f"see to the checklist in {found}"] * bool(found)
+            return _plan(steps + [_download(agent)] * bootstrap)
         if agent.env_key:
             address = agent.sign_in(agent.manager(invite_code)).get_wallet_address()
             agent.onboarding(heartbeat).inject_heartbeat()
@@ -94,7 +95,7 @@ def register(
     note = f"The wallet of {agent.key_source} was there already and was used." if reused else "A new wallet was made."
     if not agent.env_key:  # also of a wallet that an earlier attempt has made
         note += f" Keep a copy of {key.path}: nothing else can restore it."
-    return _who(agent, address, note, reused=reused, changed_files=changed)
+    return _who(agent, address, note, reused=reused, heartbeat=found, changed_files=changed)
 
 
 @_command(
@@ -120,7 +121,7 @@ def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool)
     manager = agent.sign_in(auth.AuthManager(prefixed(secret), agent.server_url))
     address, backup = manager.get_wallet_address(), None
     with agent.changing_the_wallet(dry_run):
-        key = _usable_key_file(agent, "unsafe")
+        key = _usable_key_file(agent, "unsafe", "unreadable")
         stores = key.address != address
         replaces = stores and key.state in ("good", "malformed")
         if replaces and not replace:
@@ -152,14 +153,14 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     Nothing is revoked: the service still knows the wallet, tokens that it gave out are good until they expire (an hour
     with the local one), and every copy of the key still signs in.
     """
-    with agent.changing_the_wallet(dry_run):
-        key, url = agent.key_file(), agent.server_url
+    with agent.changing_the_wallet(dry_run or not agent.data_dir.exists()):
+        key = _usable_key_file(agent, "unreadable") if delete_key else agent.key_file()
         if delete_key is not None and delete_key.lower() != key.address:
             next_step = "`corvane status` tells the address; a file that holds no key is deleted with rm."
             raise Failure(f"{key.path} is not the key of {delete_key}; it was not deleted.", Exit.USAGE, next_step)
         if dry_run:
             return _plan(["forget the session"] + [f"delete {key.path} for good"] * bool(delete_key))
-        existed = agent.end_session()
+        url, existed = agent.server_url, agent.end_session()
         if delete_key:
             key.path.unlink()
     kept, again = key.path.exists(), f"`corvane register --server-url {url}` signs in with it again."
@@ -168,10 +169,13 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
         "Nothing is revoked: tokens given out are good until they expire, and every copy of the key signs in.",
         f"The key is still in {key.path}; {again}" if kept else f"There is no key at {key.path}.",
     ]
+    files = sorted(agent.data_dir.glob("wallet.key.backup-*")) if delete_key else []
+    backups = [str(file) for file in files if agent.key_file(file.name).state not in ("empty", "malformed")]
+    lines += [f"Keys that were replaced are still in {' '.join(backups)}."] * bool(backups)
     if agent.env_key:
         lines.append(f"{KEY_VARIABLE} is set: commands sign in with it until it is unset.")
     data = {"had_session": existed, "key_kept": kept, "revoked": False, "environment_key": bool(agent.env_key)}
-    return Result(data, "\n".join(lines))
+    return Result(data | {"backups": backups}, "\n".join(lines))
 
 
 @_command("status", "status", "status --online --json")
@@ -204,17 +208,19 @@ def status(agent: Agent, online: bool) -> Result:
 @_dry_run
 def sync(agent: Agent, check: bool, progress: bool | None, dry_run: bool) -> Result:
     """Download what has changed of the active era, and mend what is spoilt."""
-    if not check and not dry_run:
-        _sign_in(agent)
+    changed: list[str] = []
+    if not check:
+        _sign_in(agent, dry_run)
+        if dry_run:
+            spoilt = [f"mend: {f.problem}" for f in examination.examine(agent, examination.check_files)]
+            return _plan([*spoilt, _download(agent)])
         changed = _sync(agent, progress)
-        return Result({"changed_files": changed}, "\n".join(changed) or "Nothing has changed.")
-    findings = examination.examine(agent, examination.check_files, examination.check_copies)
-    if dry_run:
-        return _plan([*(f"mend: {finding.problem}" for finding in findings), _download(agent)])
     if not (agent.data_dir / "manifest.json").exists():
         raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "`corvane sync` downloads the era.")
-    text = "\n".join(finding.text() for finding in findings) or "All files are what the manifest says."
-    data = {"intact": not findings, "findings": [asdict(finding) for finding in findings]}
+    # Also after a sync, which does not mend the copies of native modules.
+    findings = examination.examine(agent, examination.check_files, examination.check_copies)
+    text = "\n".join([*changed, *(finding.text() for finding in findings)]) or "All files are what the manifest says."
+    data = {"changed_files": changed, "intact": not findings, "findings": [asdict(finding) for finding in findings]}
     return Result(data, text, Exit.SPOILT if findings else Exit.OK)
 
 
@@ -230,10 +236,11 @@ def search(
     agent: Agent, seed: int | None, heartbeat: bool, progress: bool | None, dry_run: bool, **limits: Any
 ) -> Result:
     """Search the active era for signals. What was found is kept, also after Ctrl-C."""
+    _sign_in(agent, dry_run)
     if dry_run:
+        file = _heartbeat_file(agent, heartbeat)
         steps = [_download(agent), f"try {limits['max_evaluations']} expressions"]
-        return _plan(steps + _heartbeat_steps(agent.onboarding(), heartbeat))
-    _sign_in(agent)
+        return _plan(steps + [f"see to the checklist in {file}"] * bool(file))
     from corvane.search_templates import search_status, start_search
 
     before = search_status()
@@ -260,9 +267,9 @@ def simulate(
     agent: Agent, signal: str, instrument: str | None, picture: str | None, progress: bool | None, dry_run: bool
 ) -> Result:
     """Say what trading a found signal (its number) or an expression would have earned, after costs."""
+    _sign_in(agent, dry_run)
     if dry_run:
         return _plan([_download(agent), f"simulate {signal}"] + [f"draw {picture}"] * bool(picture))
-    _sign_in(agent)
     _bootstrap(agent, progress)
     from corvane.simulate_signal import _simulate_signal_export
 
@@ -295,11 +302,14 @@ def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> 
     if found is None:
         next_step = "Make the file in the root of the workspace: touch HEARTBEAT.md"
         raise Failure("There is no HEARTBEAT.md here or in three parents.", Exit.MACHINE, next_step)
-    missing = _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8")
+    try:
+        missing = _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8")
+    except UnicodeDecodeError:
+        raise Failure(f"{found} is not UTF-8.", Exit.MACHINE, "Convert it to UTF-8, such as with iconv.") from None
     if missing and not dry_run:
         onboarding.inject_heartbeat(workspace)
         if _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8"):
-            raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {found}")
+            raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {quote(found)}")
     text = (
         f"{found}: {'to be added' if dry_run else 'added'}\n{checklist}" if missing else f"{found} has the checklist."
     )
@@ -370,26 +380,25 @@ def _download(agent: Agent) -> str:
     return f"download what has changed at {agent.server_url} to {agent.data_dir}"
 
 
-def _heartbeat_steps(onboarding: ModuleType, wanted: bool) -> list[str]:
-    found = vars(onboarding)["_find_heartbeat"]() if wanted else None
-    return [f"see to the checklist in {found}"] if found else []
+def _heartbeat_file(agent: Agent, wanted: bool) -> str | None:
+    return vars(agent.onboarding(wanted))["_find_heartbeat"]() if wanted else None
 
 
 def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:
     """The key file, if the key is there, or may be put there."""
     key = agent.key_file()
-    if not agent.env_key and key.state in (refused or ("empty", "malformed", "unsafe")):
+    if not agent.env_key and key.state in (refused or ("empty", "malformed", "unsafe", "unreadable")):
         [finding, *_] = examination.key_findings(key)
         raise Failure(f"{finding.problem} Reason: {finding.reason}.", Exit.MACHINE, finding.next_step)
     return key
 
 
-def _sign_in(agent: Agent) -> auth.AuthManager:
+def _sign_in(agent: Agent, dry_run: bool = False) -> auth.AuthManager:
     key = _usable_key_file(agent)
     if not agent.is_logged_in():
         next_step = examination.SIGN_UP if key.state == "absent" else examination.SIGN_IN
         raise Failure(f"Not logged in at {agent.server_url} with {key.path}.", Exit.NOT_LOGGED_IN, next_step)
-    return agent.sign_in(agent.manager())
+    return agent.manager() if dry_run else agent.sign_in(agent.manager())
 
 
 def _read_key(source: int, prompt: bool) -> str:

@@ -62,7 +62,7 @@ def test_a_day_with_the_command(service, corvane):
     corvane.secrets.append((home / "wallet.key").read_text())
     made = corvane.json("register --bootstrap --verbose", env={"CORVANE_INVITE_CODE": code})
     assert service.rows(f"SELECT used_by FROM invites WHERE code = '{code}'") == [(made["address"],)]
-    assert made["reused"] and len(made["changed_files"]) == 4
+    assert made["reused"] and len(made["changed_files"]) == 4 and made["heartbeat"] == str(heartbeat)
     assert heartbeat.read_text().startswith("# Mine\n\n## [Corvane] Search Monitoring\n")
     assert corvane("heartbeat").stdout.endswith("has the checklist.\n")
     corvane.env["CORVANE_SERVER_URL"] = ""  # from now on the session knows the service
@@ -86,8 +86,8 @@ def test_a_day_with_the_command(service, corvane):
     assert corvane.json("sync")["changed_files"] == ["era_config.json"] and corvane.json("sync --check")["intact"]
     assert corvane.json("doctor") == {"findings": [], "errors": 0}
     assert "Nothing is revoked" in corvane("logout").stdout and (home / "wallet.key").exists()
-    for line in ("sync", "search", "simulate 1", "status", "status --online"):
-        corvane(line, expect=3, env={"CORVANE_SERVER_URL": service.url})
+    for line in ("sync", "sync --dry-run", "search --dry-run", "simulate 1 --dry-run", "status", "status --online"):
+        corvane(line, expect=3, env={"CORVANE_SERVER_URL": "https://127.0.0.1:1"})  # where nobody could be asked
     corvane(f"logout --delete-key {corvane.addresses[0]}", expect=2)
     assert corvane.json("register", env={"CORVANE_SERVER_URL": service.url})["address"] == made["address"]
     corvane(f"logout --delete-key {made['address']}")
@@ -101,7 +101,11 @@ def test_login_never_loses_a_wallet(corvane):
     corvane("login", first, expect=6, env={"SSL_CERT_FILE": "/dev/null"})
     assert not corvane.home.exists()
     assert corvane.json("login", first)["stored"] and path.read_text() == first
-    before = corvane.tree()
+    corvane.work.joinpath("HEARTBEAT.md").write_text("# Mine")
+    corvane(f"login --data-dir {corvane.work}/another", second)
+    before, delete = corvane.tree(), f"logout --delete-key {corvane.addresses[0]}"
+    for line in ("register", "login", delete, "sync", "search", "simulate 1", "heartbeat"):
+        assert corvane.json(f"{line} --dry-run", first)["dry_run"]
     refused = json.loads(corvane("login --json", second, expect=6).stderr)
     assert refused["exit_status"] == 6 and "--replace" in refused["next_step"]
     for key, status in ((unknown, 4), ("0x" + "g" * 64, 4), ("", 2)):
@@ -113,10 +117,11 @@ def test_login_never_loses_a_wallet(corvane):
     with open(corvane.home / "wallet.lock") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         corvane("login --replace", second, expect=5)
-    for line in ("login --prompt", "login --key-fd 77", f"login {first}"):
+    for line in ("login --prompt", "login --key-fd 77", f"login {first}", "--bogus"):
         corvane(line, first, expect=2)
     assert corvane.tree() == before
     assert corvane.json("login", "0x" + first)["stored"] is False and path.read_text() == first
+    assert [corvane.json("heartbeat")["added"] != "" for _ in "12"] == [True, False]
     read, write = os.pipe()
     os.write(write, second.encode() + b"\n")  # and nobody closes it
     replaced = corvane.json(f"login --replace --key-fd {read}", pass_fds=[read])
@@ -142,7 +147,8 @@ def test_a_key_from_the_environment_comes_first_and_touches_no_file(corvane):
 ENTRY = """echo '{"era_id": 3, "version": 1, "files": {"%s": {"kind": "k", "size": 2%s}}}' >manifest.json"""
 DIGEST = f', "sha256": "{"0" * 64}"'
 HOST = "printf '#!/bin/sh\\necho OpenClaw %s' >../openclaw; chmod 755 ../openclaw"
-UNUSABLE = ["is empty", "holds no key", "it is a symbolic link"]
+SOCKET = f"rm wallet.key; {sys.executable} -c 'import socket as s; s.socket(1).bind(\"wallet.key\")'"
+UNUSABLE = ["is empty", "holds no key", "it is a symbolic link", "be opened"]
 KIT = Path(kit.__file__).parent
 DOCTOR = [
     ("extension", 9, f"cp -r {KIT} ..; cd ../corvane; mv agent_onboarding.*.so agent_onboarding.so.1", "be loaded"),
@@ -153,12 +159,13 @@ DOCTOR = [
     ("key", 9, "chmod 644 wallet.key", "is open to other users"),
     ("key", 9, "ln wallet.key second", "has 2 names"),
     ("key", 9, "mv wallet.key k; ln -s k wallet.key", "it is a symbolic link"),
+    ("key", 9, SOCKET, "be opened"),
     ("key", 9, "chown 12345 wallet.key", "it belongs to user 12345"),
     ("key", 8, "rm wallet.key", "There is no wallet key"),
     ("session", 8, f"echo {'1' * 64} >wallet.key", "The session is of"),
     ("manifest", 9, ENTRY % ("era_config.json", ""), "era_config.json sha256 Field required"),
     ("manifest", 9, ENTRY % ("runtime/../../x", DIGEST), "is not allowed"),
-    ("manifest", 9, ENTRY % ("runtime/x", DIGEST) + "; ln -s .. runtime", "leads out of the directory"),
+    ("manifest", 9, ENTRY % ("runtime/x", DIGEST) + "; ln -s .. runtime", "by the link "),
     ("files", 9, "mkdir manifest.json", "Is a directory"),
     ("files", 9, ENTRY % ("era_config.json", DIGEST), "is missing"),
     ("copies", 9, f"echo x >.corvane-runtime-x-{'0' * 16}.so", "does not hold"),

@@ -69,6 +69,8 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
         first = outcomes(process, 1)
         assert [first.pop(name).partition("nvite code ")[2][:9] for name in bad] == [*REFUSED * AGENTS][: len(bad)]
         second = outcomes(fleet(good, base, service.url), 0)
+        service.process.kill()
+        assert outcomes(fleet(good, base, service.url), 0) == second  # without anybody that would miss the service
         assert len(second) == AGENTS and second | first == second
         for name, address in second.items():
             key = base / name / "wallet.key"

@@ -295,6 +295,8 @@ def register(
         OSError: The key file is a link, not a regular file, or somebody else's; or it cannot be read or written.
         ConnectionError: The service cannot be reached. A new key stays on disk; call again.
         corvane.auth.RegistrationError: The service refuses the sign-up.
+        corvane.auth.AuthError: The service does not know the stored wallet.
+        corvane.auth.AuthBusyError: The service signs nobody in just now; a kind of AuthError.
         RuntimeError: The runtime cannot be built (only with bootstrap_runtime).
     """
 
