@@ -20,7 +20,6 @@ from benchmarks.measure import Row, compare, seconds
 from corvane import agent_onboarding as native
 from corvane.sync import CURRENT_PLATFORM
 
-TEXTS = "_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS", "_AGENTS_MD_FRAGMENT"
 MODULES: tuple[Any, Any] = native, twin
 
 
@@ -53,8 +52,6 @@ def prepare(home: Path) -> None:
     for module in MODULES:
         module.auth, module._config = auth, {**native._config, "data_dir": str(home)}
         module.logger.disabled = True
-        for name in TEXTS:
-            setattr(module, name, getattr(native, name))
 
 
 def both(what: str, action: Callable[[Any], object], before: Callable[[], object] = lambda: None) -> Row:

@@ -21,7 +21,7 @@ from pydantic_ai import Tool
 from corvane import _runtime
 from corvane.auth import AuthManager
 from corvane_local.demo.service import Service
-from differential import native, snapshot, twin
+from differential import files, native, twin
 
 ANY = ToolContext(None, tool_name="any", tool_call_id="1", tool_arguments="")
 EXAMPLES, KEY = Path(__file__).parent, f"{7:064x}"
@@ -95,7 +95,7 @@ def test_tool(framework, name, service, tmp_path, monkeypatch):
             text = str(call(tool, {**given, "context": {}} if "'context': {" in repr(told) else given))
         except Exception as error:
             text = f"{type(error).__name__}: {error}"
-        tree, token = snapshot(), m._auth_manager.get_token() if m._auth_manager else KEY
+        tree, token = files(), m._auth_manager.get_token() if m._auth_manager else KEY
         home.rename(tmp_path / m.__name__)  # the other one has the same place
         assert KEY not in text and token not in text
         return bool(worked(m, tree, text)), re.sub(r" at 0x\w+", "", text), told, tree, options

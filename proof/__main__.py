@@ -36,8 +36,8 @@ def main(methods: tuple[str, ...], quick: bool) -> None:
             table.append(f"{name:<58}{0:>10}  {verdict}: {exc}")
             status = status or 2 if missing else 1
     extension = Path(str(agent_onboarding.__file__))
-    digest, built = hashlib.sha256(extension.read_bytes()).hexdigest(), time.ctime(extension.stat().st_mtime)
-    click.echo("\n".join([*table, "", f"The extension under test: sha256 {digest}, installed {built}"]))
+    digest, installed = hashlib.sha256(extension.read_bytes()).hexdigest(), time.ctime(extension.stat().st_mtime)
+    click.echo("\n".join([*table, "", f"The extension under test: sha256 {digest}, installed {installed}"]))
     raise SystemExit(status)
 
 

@@ -26,7 +26,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
     shutil.rmtree(built, ignore_errors=True)  # counts of an earlier run would be added
     site = workshop.build("coverage", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=--coverage")
     # LD_PRELOAD tells the tests that frames are larger than those of a release.
-    failed = [] if workshop.quick else workshop.tests(LD_PRELOAD="", **site)
+    failed = [] if workshop.quick else workshop.tests(*workshop.groups(), LD_PRELOAD="", **site)
     done = workshop.python("-m", "proof.exercise", **site)
     yield Result("coverage: the tests pass in the build that counts", 1, failed + done.stderr.splitlines()[-3:])
     # Any call can throw, so the compiler puts a branch behind each; those are no decisions of the source.

@@ -42,8 +42,6 @@ def execute(target: str, *options: str) -> None:
     """libFuzzer, which is preloaded, keeps the input on which the extension does not come to the same as its twin."""
     native: Any = importlib.import_module("corvane.agent_onboarding")
     twin: Any = importlib.import_module("twin")
-    for name in ("_HEARTBEAT_STATIC_SECTION", "_NUDGE_TEXTS"):
-        setattr(twin, name, getattr(native, name))
     native.logger.disabled = True
     defaults = dict(native._config)
 

@@ -81,15 +81,19 @@ class Workshop:
             raise RuntimeError(f"{function}{arguments} ended with {done.returncode}: {done.stderr[-20000:]}")
         return json.loads(done.stdout)
 
-    def tests(self, *groups: str, **how: Any) -> list[str]:
-        """What pytest has to complain about in groups of test files; in all but those with builds of their own."""
+    def groups(self) -> list[str]:
+        """The test files that use the extension and have no builds of their own, each as a group."""
         names = {path.stem.removeprefix("test_") for path in (self.root / "tests").glob("test_*.py")}
+        return sorted(names - {"docs", "proof", "wheel"})
+
+    def tests(self, *groups: str, **how: Any) -> list[str]:
+        """What pytest has to complain about in groups of test files."""
         options = "-m", "pytest", "-c", f"{self.root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line"
 
         def run(group: str) -> subprocess.CompletedProcess[str]:
             return self.python(*options, *(f"{self.root}/tests/test_{name}.py" for name in group.split()), **how)
 
-        done = side_by_side(run, groups or sorted(names - {"docs", "proof", "wheel"}))
+        done = side_by_side(run, groups)
         return [one.stdout[-1500:] + one.stderr[-500:] for one in done if one.returncode]
 
 

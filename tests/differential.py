@@ -12,8 +12,7 @@ import types
 import twin
 from corvane import agent_onboarding as native
 from proof import exercise
-from proof.exercise import Call, patched
-from proof.exercise import files as snapshot
+from proof.exercise import Call, files, patched
 
 GENERATOR_STEPS = ("sorted_pairs", "next_entry")  # frames of their own, below that of the generator
 # The module keeps a wording of its own for this one; the twin cannot but have the interpreter's.
@@ -123,7 +122,7 @@ def observe(module, call, fail_at=None, failure=None):
             "raised": raised,
             "events": events,
             "logged": [(r.levelname, r.msg, text(r.args), r.exc_info) for r in logged],
-            "files": snapshot(),
+            "files": files(),
             "state": (text(vars(module).get("_config")), module._auth_manager is not None),
             "descriptors": len(leaked),
         }

@@ -132,8 +132,8 @@ def test_an_empty_cell_of_the_loader():
 def test_a_real_module_is_reloaded_into_the_runtime():
     """Real guard, real native modules: a new build reaches the evaluator and the runtime of a local bootstrap."""
     real = exercise.runtime(RuntimeEvaluationAdapter=types.SimpleNamespace, LibraryRuntime=types.SimpleNamespace)
-    call_of_it = exercise.Call(None, "", (*exercise.LOCAL, exercise.kit(_runtime=real)))
-    with call_of_it.situation(), contextlib.ExitStack() as undo:
+    on_disk = exercise.Call(None, "", (*exercise.LOCAL, exercise.kit(_runtime=real)))
+    with on_disk.situation(), contextlib.ExitStack() as undo:
         runtime = agent_onboarding._bootstrap_local_runtime_from_config("am")
         assert runtime.raw_backtester.VERSION == runtime.evaluator.raw_backtester.VERSION == "1"
         native(backtester={"source": BUILDS[1]}, era_data={})(undo)

@@ -10,6 +10,7 @@ from dataclasses import asdict
 from datetime import UTC, datetime
 from pathlib import Path
 from shlex import quote
+from types import ModuleType
 from typing import Any
 
 import click
@@ -72,7 +73,8 @@ def register(
 
     The checklist is added to HEARTBEAT.md of the working directory or one of its three parents, if there is one.
     """
-    onboarding, found = agent.onboarding(heartbeat), _heartbeat_file(agent, heartbeat)
+    onboarding = agent.onboarding(heartbeat)
+    found = _heartbeat_file(onboarding, heartbeat)
     with agent.changing_the_wallet(dry_run):
         key = _usable_key_file(agent)
         reused = bool(agent.env_key) or key.state == "good"
@@ -209,16 +211,17 @@ def status(agent: Agent, online: bool) -> Result:
 def sync(agent: Agent, check: bool, progress: bool | None, dry_run: bool) -> Result:
     """Download what has changed of the active era, and mend what is spoilt."""
     changed: list[str] = []
+    if check and not (agent.data_dir / "manifest.json").exists():
+        raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "`corvane sync` downloads the era.")
     if not check:
         _sign_in(agent, dry_run)
         if dry_run:
             spoilt = [f"mend: {f.problem}" for f in examination.examine(agent, examination.check_files)]
             return _plan([*spoilt, _download(agent)])
         changed = _sync(agent, progress)
-    if not (agent.data_dir / "manifest.json").exists():
-        raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "`corvane sync` downloads the era.")
-    # Also after a sync, which does not mend the copies of native modules.
-    findings = examination.examine(agent, examination.check_files, examination.check_copies)
+    # A sync has verified the files, and does not mend the copies of native modules.
+    files = [examination.check_files] if check else []
+    findings = examination.examine(agent, *files, examination.check_copies)
     text = "\n".join([*changed, *(finding.text() for finding in findings)]) or "All files are what the manifest says."
     data = {"changed_files": changed, "intact": not findings, "findings": [asdict(finding) for finding in findings]}
     return Result(data, text, Exit.SPOILT if findings else Exit.OK)
@@ -238,7 +241,7 @@ def search(
     """Search the active era for signals. What was found is kept, also after Ctrl-C."""
     _sign_in(agent, dry_run)
     if dry_run:
-        file = _heartbeat_file(agent, heartbeat)
+        file = _heartbeat_file(agent.onboarding(), heartbeat)
         steps = [_download(agent), f"try {limits['max_evaluations']} expressions"]
         return _plan(steps + [f"see to the checklist in {file}"] * bool(file))
     from corvane.search_templates import search_status, start_search
@@ -380,8 +383,8 @@ def _download(agent: Agent) -> str:
     return f"download what has changed at {agent.server_url} to {agent.data_dir}"
 
 
-def _heartbeat_file(agent: Agent, wanted: bool) -> str | None:
-    return vars(agent.onboarding(wanted))["_find_heartbeat"]() if wanted else None
+def _heartbeat_file(onboarding: ModuleType, wanted: bool) -> str | None:
+    return vars(onboarding)["_find_heartbeat"]() if wanted else None
 
 
 def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:

@@ -60,7 +60,8 @@ class found : public object {
 };
 
 namespace detail {
-inline handle module_namespace; // of the initialised module, and its builtins
+// Borrowed from the layer's state, which this header does not know, so that a look-up that is remembered is inlined.
+inline handle module_namespace;
 inline handle builtins;
 /// Changes with every change of the dictionary. Deprecated for 3.13; this module is for 3.12 alone.
 inline std::uint64_t version_of(handle dictionary) noexcept {

@@ -19,6 +19,15 @@ struct interpreter_state {
     object builtins;
     object codes; ///< by name, the code that makes each function; keeps the function's own code, see code_of
     std::vector<const void**> bodies; ///< the code_of of every function that was made
+
+    interpreter_state() = default;
+    interpreter_state(const interpreter_state&) = delete;
+    interpreter_state& operator=(const interpreter_state&) = delete;
+    /// A function that somebody has kept is from now on interpreted, and says that its body is missing.
+    ~interpreter_state() {
+        for (const void** body : bodies)
+            *body = nullptr;
+    }
 };
 interpreter_state* state = nullptr;
 bool forgets_at_exit = false; // an exit function is called once and then forgotten
@@ -32,8 +41,6 @@ void forget() noexcept {
     forgets_at_exit = false;
     if (state == nullptr)
         return;
-    for (const void** body : state->bodies)
-        *body = nullptr;
     (void)state->globals.release();
     (void)state->builtins.release();
     (void)state->codes.release();
@@ -270,14 +277,7 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
     set_global("__builtins__"_n, state->builtins);
 }
 
-void stop() {
-    if (state == nullptr)
-        return;
-    // A function that somebody has kept is from now on interpreted, and says that its body is missing.
-    for (const void** body : state->bodies)
-        *body = nullptr;
-    const std::unique_ptr<interpreter_state> ended(std::exchange(state, nullptr));
-}
+void stop() { const std::unique_ptr<interpreter_state> ended(std::exchange(state, nullptr)); }
 
 void run_imports() { execute("imports", state->globals); }
 
