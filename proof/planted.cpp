@@ -10,12 +10,14 @@
 
 namespace corvane::onboarding {
 
-object original(const frame& in) asm("__real__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameE");
-object planted(const frame& in) asm("__wrap__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameE");
+object original(const frame& in,
+                handle raw_key) asm("__real__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameENS1_6handleE");
+object planted(const frame& in,
+               handle raw_key) asm("__wrap__ZN7corvane10onboarding13normalize_keyERKNS_2py5frameENS1_6handleE");
 
 static volatile long seen = 0; // what is read or written for the fault alone
 
-object planted(const frame& in) {
+object planted(const frame& in, handle raw_key) {
     const char* set = std::getenv("PLANTED");
     const std::string_view fault = set == nullptr ? "" : set;
     if (fault == "leaked object")
@@ -39,7 +41,7 @@ object planted(const frame& in) {
         Py_END_ALLOW_THREADS;
     }
     try {
-        return original(in);
+        return original(in, raw_key);
     } catch (error&) {
         if (fault != "swallowed error")
             throw;

@@ -14,7 +14,7 @@ from corvane import agent_onboarding as native
 from proof import exercise
 from proof.exercise import Call, files, patched
 
-GENERATOR_STEPS = ("sorted_pairs", "next_entry")  # frames of their own, below that of the generator
+GENERATOR_STEPS = ("sorted_files", "runtime_module")  # frames of their own, below that of the generator
 # The module keeps a wording of its own for this one; the twin cannot but have the interpreter's.
 UNBOUND = "local variable 'sync_backoff' referenced before assignment"
 UNBOUND_NOW = "cannot access local variable 'sync_backoff' where it is not associated with a value"

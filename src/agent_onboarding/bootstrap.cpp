@@ -6,65 +6,48 @@ namespace corvane::onboarding {
 
 namespace {
 
-/// `logger.warning(text, caught)`
-void warn(name text, const error& caught, where line = where::current()) {
-    global("logger"_n, line).attr("warning"_n, line)(text, caught.value());
-}
-
-/// `raise RuntimeError(message) from caught`
-[[noreturn]] void raise_for(const error& caught, const object& message, where line = where::current()) {
-    raise_from(global("RuntimeError"_n, line)(message), caught.value(), line);
-}
-
 /// `raise RuntimeError(f"{message}: {detail}") from caught`, where the detail of the chain says something.
-[[noreturn]] void raise_with_detail(const error& caught, const char* message, where line = where::current()) {
-    object detail = global("_exception_chain_detail"_n, line)(caught.value());
-    if (is_true(detail, line))
-        raise_for(caught, concat({message, line}, ": ", detail), line);
-    raise_for(caught, concat({message, line}), line);
+[[noreturn]] void raise_with_detail(const error& caught, opening message) {
+    object detail = global("_exception_chain_detail"_n, message.at)(caught.value());
+    if (is_true(detail, message.at))
+        raise_for(caught, {concat(message, ": ", detail), message.at});
+    raise_for(caught, {concat(message), message.at});
 }
 
 // -- The local runtime ----------------------------------------------------------------------------------------------
 
 /// `_config.get(key)`
-object configured(name key, where line = where::current()) {
-    return invoke(global("_config"_n, line), method_name("get"_n, line), key);
-}
+object configured(name key) { return invoke(global("_config"_n), "get"_n, key); }
 /// `_config.get(key) or fallback`
-object configured_or(name key, handle fallback, where line = where::current()) {
-    object value = configured(key, line);
-    return is_true(value, line) ? value : object::borrow(fallback);
+object configured_or(name key, handle fallback) {
+    object value = configured(key);
+    return is_true(value) ? value : object::borrow(fallback);
 }
 
 object configured_data_dir() {
-    found real_path = global("os"_n).attr("path"_n).attr("realpath"_n);
-    found expand_user = global("os"_n).attr("path"_n).attr("expanduser"_n);
+    callee real_path = global("os"_n).attr("path"_n).attr("realpath"_n);
+    callee expand_user = global("os"_n).attr("path"_n).attr("expanduser"_n);
     return real_path(expand_user(configured_or("data_dir"_n, interned(node_of<default_data_dir>))));
 }
 
 /// The era's number: the configuration wins over the vocabulary.
 object era_number(handle era_config, handle vocabulary) {
-    found int_type = global("int"_n);
+    callee int_type = global("int"_n);
+    // int(era_config.get("era_id") or vocabulary.get("era_id") or 0)
     object number = invoke(era_config, "get"_n, "era_id"_n);
-    if (!is_true(number))
+    if (!is_true(number)) {
         number = invoke(vocabulary, "get"_n, "era_id"_n);
-    if (!is_true(number))
-        number = integer(0);
+        if (!is_true(number))
+            number = integer(0);
+    }
     return int_type(number);
 }
 
 object manifest_record(handle era_id, handle manifest_data, handle named_universe) {
-    found record = global("SimpleNamespace"_n);
-    found dict_type = global("dict"_n);
+    callee record = global("SimpleNamespace"_n);
+    callee dict_type = global("dict"_n);
     object files = dict_type(global("_manifest_files"_n)(manifest_data));
     return record("era_id"_a = era_id, "files"_a = files, "named_universe"_a = named_universe);
-}
-
-/// `{key: value}`
-object dict_of(handle key, handle value, where line = where::current()) {
-    object made = check(PyDict_New(), line);
-    set_item(made, key, value, line);
-    return made;
 }
 
 /// What a kit with batch evaluation adds to the evaluator; all None where it cannot be had.
@@ -83,9 +66,7 @@ batch_helpers import_batch_helpers(const frame& in, handle kit) {
         return {std::move(orchestrator_class), std::move(compute_search_plan), std::move(expression_type_class),
                 std::move(expression_evaluator)};
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         warn("Batch runtime import failed during local bootstrap; continuing without batch orchestration helpers: %s"_n,
              caught);
         return {};
@@ -95,13 +76,11 @@ batch_helpers import_batch_helpers(const frame& in, handle kit) {
 /// The runtime is installed before its validator is built, and taken back if that fails.
 void add_graph_validator(const frame& in, handle kit, handle evaluator, handle vocabulary, handle era_config) {
     try {
-        found build = kit.attr("_build_graph_validator"_n);
+        callee build = kit.attr("_build_graph_validator"_n);
         set_attr(evaluator, "graph_validator"_n,
                  build(evaluator.attr("registry"_n), vocabulary, era_config, evaluator));
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         set_attr(kit, "_runtime"_n, none());
         throw;
     }
@@ -109,27 +88,12 @@ void add_graph_validator(const frame& in, handle kit, handle evaluator, handle v
 
 // -- Propagation ----------------------------------------------------------------------------------------------------
 
-void activate(const frame& in, handle am, handle strict) {
-    try {
-        global("auth"_n).attr("_set_active_auth_manager"_n)(am);
-    } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
-        warn("Failed to set active auth manager: %s"_n, caught);
-        if (is_true(strict))
-            raise_for(caught, concat("Corvane auth bootstrap failed after authentication."));
-    }
-}
-
 /// The runtime from the files on disk, or None.
 object local_runtime(const frame& in, handle am) {
     try {
         return global("_bootstrap_local_runtime_from_config"_n)(am);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         global("logger"_n).attr("debug"_n)("Failed to bootstrap local corvane runtime: %s"_n, caught.value());
         return none();
     }
@@ -139,14 +103,13 @@ object kit_or_local_runtime(const frame& in, handle am, handle strict) {
     object sync_backoff;
     try {
         sync_backoff = imported("_propagate_auth.sync_backoff"_n);
-        found bootstrap = imported("_propagate_auth._runtime"_n).attr("bootstrap_runtime"_n);
+        callee bootstrap = imported("_propagate_auth._runtime"_n).attr("bootstrap_runtime"_n);
         object config = global("_config"_n);
         return bootstrap(am, config, global("_load_per_era_backtester"_n));
     } catch (error& caught) {
         except_scope handling(in, caught);
         if (!sync_backoff) { // the clause needs the very module whose import failed
-            PyErr_SetString(PyExc_UnboundLocalError, "local variable 'sync_backoff' referenced before assignment");
-            throw_error(where::current());
+            throw_error(PyExc_UnboundLocalError, "local variable 'sync_backoff' referenced before assignment");
         }
         if (caught.matches(sync_backoff.attr("SyncBackoffCancelled"_n)))
             throw;
@@ -166,9 +129,7 @@ void inject_into_search(const frame& in, name statement, handle runtime, handle 
         if (!runtime.is_none())
             set_attr(search_templates, "_library_runtime"_n, runtime);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         warn(failure_text, caught);
         if (is_true(strict))
             raise_for(caught, concat("Corvane search runtime injection failed."));
@@ -181,9 +142,7 @@ void restore_export(const frame& in, handle simulation, handle strict) {
         object package = imported("_propagate_auth.corvane"_n);
         set_attr(package, "simulate_signal"_n, simulation.attr("_simulate_signal_export"_n));
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         warn("Failed to restore top-level simulate exports: %s"_n, caught);
         if (is_true(strict))
             raise_for(caught, concat("Corvane simulate exports bootstrap failed."));
@@ -194,8 +153,8 @@ void initialise_simulation(const frame& in, handle am, handle runtime, handle st
     try {
         object simulation = global("importlib"_n).attr("import_module"_n)("corvane.simulate_signal"_n);
         if (runtime.is_none())
-            raise_message(global("RuntimeError"_n), "private corvane runtime was not initialized");
-        found initialise = simulation.attr("init_simulate_signal"_n);
+            raise(global("RuntimeError"_n), "private corvane runtime was not initialized");
+        callee initialise = simulation.attr("init_simulate_signal"_n);
         initialise({
             "auth"_a = am,
             "sync_manager"_a = runtime.attr("sync_manager"_n),
@@ -203,26 +162,23 @@ void initialise_simulation(const frame& in, handle am, handle runtime, handle st
             "backtester"_a = runtime.attr("evaluator"_n),
             "search_tracker"_a = runtime.attr("search_tracker"_n),
             "era_thread"_a = runtime.attr("era_thread"_n),
-            "graph_validator"_a = global("getattr"_n)(runtime.attr("evaluator"_n), "graph_validator"_n, none()),
+            "graph_validator"_a = get_attribute(runtime.attr("evaluator"_n), "graph_validator"_n, none()),
             "compute_search_plan"_a = runtime.attr("evaluator"_n).attr("compute_search_plan"_n),
             "era_config"_a = runtime.attr("era_config"_n),
             "load_vocabulary"_a = runtime.attr("load_vocabulary"_n),
-            "useful_signal_metadata"_a = global("getattr"_n)(runtime.attr("sync_manager"_n), "_vocabulary"_n, none()),
-            "load_found_signal_pnl"_a =
-                global("getattr"_n)(runtime.attr("evaluator"_n), "load_found_signal_pnl"_n, none()),
+            "useful_signal_metadata"_a = get_attribute(runtime.attr("sync_manager"_n), "_vocabulary"_n, none()),
+            "load_found_signal_pnl"_a = get_attribute(runtime.attr("evaluator"_n), "load_found_signal_pnl"_n, none()),
             "signal_dir"_a = runtime.attr("data_dir"_n),
             "BatchOrchestrator_cls"_a = runtime.attr("evaluator"_n).attr("make_batch_orchestrator_cls"_n)(),
             "correlate_per_pool"_a = runtime.attr("evaluator"_n).attr("correlate_per_pool"_n),
             "compute_mi_per_pool"_a = runtime.attr("evaluator"_n).attr("compute_mi_per_pool"_n),
-            "vocabulary"_a = global("getattr"_n)(runtime, "registry"_n, none()),
+            "vocabulary"_a = get_attribute(runtime, "registry"_n, none()),
             "vocabulary_raw"_a = runtime.attr("vocabulary_raw"_n),
             "runtime_freshness_guard"_a = runtime.attr("runtime_freshness_guard"_n),
         });
         restore_export(in, simulation, strict);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         warn("Failed to initialize simulate_signal: %s"_n, caught);
         if (is_true(strict))
             raise_with_detail(caught, "Corvane simulate_signal bootstrap failed");
@@ -233,40 +189,37 @@ void initialise_simulation(const frame& in, handle am, handle runtime, handle st
 
 // -- The local sync manager -----------------------------------------------------------------------------------------
 
-object sync_manager_init(const frame& in) {
-    set_attr(in[0], "_manifest"_n, in[1]);
-    set_attr(in[0], "_vocabulary"_n, check(PyDict_New(), where::current()));
-    set_attr(in[0], "runtime_freshness_guard"_n, in[2]);
+object sync_manager_init(const frame&, handle self, handle manifest, handle runtime_freshness_guard) {
+    set_attr(self, "_manifest"_n, manifest);
+    set_attr(self, "_vocabulary"_n, new_dict());
+    set_attr(self, "runtime_freshness_guard"_n, runtime_freshness_guard);
     return none();
 }
-object sync_manager_get_manifest(const frame& in) { return in[0].attr("_manifest"_n); }
-object sync_manager_acquire(const frame&) { return none(); }
-object sync_manager_release(const frame&) { return none(); }
-object sync_manager_request_for_sync(const frame&) { return check(PyList_New(0), where::current()); }
-object sync_manager_register_era_callback(const frame&) { return none(); }
-object sync_manager_unregister_era_callback(const frame&) { return none(); }
+object sync_manager_get_manifest(const frame&, handle self) { return self.attr("_manifest"_n); }
+object sync_manager_acquire(const frame&, handle /*self*/) { return none(); }
+object sync_manager_release(const frame&, handle /*self*/) { return none(); }
+object sync_manager_request_for_sync(const frame&, handle /*self*/) { return new_list(); }
+object sync_manager_register_era_callback(const frame&, handle /*self*/, handle /*callback*/) { return none(); }
+object sync_manager_unregister_era_callback(const frame&, handle /*self*/, handle /*callback*/) { return none(); }
 
-object read_json_if_present(const frame& in) {
-    handle path = in[0];
+object read_json_if_present(const frame& in, handle path) {
     if (!is_true(path) || !path_exists(path))
         return none();
-    object value = none(); // also the answer if the file swallows an exception
+    object value = none(); // also the result if the file swallows an exception
     with(in, global("open"_n)(path, "r"_n, "encoding"_a = "utf-8"_n),
          [&](handle file) { value = global("json"_n).attr("load"_n)(file); });
     return value;
 }
 
-object local_vocabulary_path(const frame& in) {
-    handle data_dir = in[0];
-    handle named_universe = in[1];
-    object candidates = check(PyList_New(0), where::current());
+object local_vocabulary_path(const frame&, handle data_dir, handle named_universe) {
+    object candidates = new_list();
     if (is_true(named_universe)) {
         object path =
             global("os"_n).attr("path"_n).attr("join"_n)(data_dir, "features"_n, named_universe, "vocabulary.json"_n);
-        check(PyList_Append(candidates.ptr(), path.ptr()), where::current());
+        append(candidates, path);
     }
-    object path = global("os"_n).attr("path"_n).attr("join"_n)(data_dir, "vocabulary.json"_n);
-    check(PyList_Append(candidates.ptr(), path.ptr()), where::current());
+    object path = join_path(data_dir, "vocabulary.json"_n);
+    append(candidates, path);
     for (const object& candidate : iterate(candidates)) {
         if (path_exists(candidate))
             return candidate;
@@ -274,8 +227,7 @@ object local_vocabulary_path(const frame& in) {
     return none();
 }
 
-object bootstrap_local_runtime_from_config(const frame& in) {
-    handle am = in[0];
+object bootstrap_local_runtime_from_config(const frame& in, handle am) {
     object data_dir = configured_data_dir();
     object era_config = configured("era_config"_n);
     if (!is_instance(era_config, "dict"_n))
@@ -283,29 +235,26 @@ object bootstrap_local_runtime_from_config(const frame& in) {
     object named_universe = configured("named_universe"_n);
     if (!is_true(named_universe))
         named_universe = global("_first_allowed_named_universe_from_era_config"_n)(era_config);
-    found read_vocabulary = global("_read_json_if_present"_n);
+    callee read_vocabulary = global("_read_json_if_present"_n);
     object vocabulary = read_vocabulary(global("_local_vocabulary_path"_n)(data_dir, named_universe));
     if (!is_instance(vocabulary, "dict"_n))
         return none();
 
     object kit = imported("_bootstrap_local_runtime_from_config._runtime"_n);
-    object tracker_class = imported("_bootstrap_local_runtime_from_config.SearchTracker"_n);
+    callee tracker_class = imported("_bootstrap_local_runtime_from_config.SearchTracker"_n);
     object freshness_guard = global("create_runtime_freshness_guard"_n)(data_dir);
     object manifest_data = global("_read_manifest"_n)(data_dir);
-    object manifest_path = global("os"_n).attr("path"_n).attr("join"_n)(data_dir, "manifest.json"_n);
+    object manifest_path = join_path(data_dir, "manifest.json"_n);
     object manifest_payload = global("_read_json_if_present"_n)(manifest_path);
     if (!is_instance(manifest_payload, "dict"_n))
-        manifest_payload = check(PyDict_New(), where::current());
+        manifest_payload = new_dict();
 
     object loaded_modules = global("_load_runtime_modules_from_manifest"_n)(data_dir, manifest_data);
     object raw_backtester = invoke(loaded_modules, "get"_n, "backtester"_n);
-    if (raw_backtester.is_none()) {
-        found incomplete = global("RuntimeModuleDownloadIncomplete"_n);
-        raise(incomplete(concat("Per-era backtester runtime is missing from manifest."),
-                         "module_name"_a = "backtester"_n));
-    }
-    if (is_true(global("getattr"_n)(raw_backtester, "_corvane_module_sha256"_n, none()))) {
-        found record = freshness_guard.attr("record_loaded_module"_n);
+    if (raw_backtester.is_none())
+        raise_backtester_missing();
+    if (is_true(get_attribute(raw_backtester, "_corvane_module_sha256"_n, none()))) {
+        callee record = freshness_guard.attr("record_loaded_module"_n);
         record("backtester"_n, raw_backtester.attr("_corvane_module_sha256"_n), "module"_a = raw_backtester);
     }
 
@@ -339,13 +288,13 @@ object bootstrap_local_runtime_from_config(const frame& in) {
     // A reloaded backtester replaces the evaluator's, and below the runtime's.
     invoke(freshness_guard, "register_module_consumer"_n, "backtester"_n, evaluator, "raw_backtester"_n);
 
-    object tracker = call_at(where::current(), tracker_class, data_dir);
+    object tracker = tracker_class(data_dir);
     object named_universes = tuple(named_universe);
     object features = global("os"_n).attr("path"_n).attr("join"_n)(data_dir, "features"_n, named_universe);
-    object feature_dirs = dict_of(named_universe, features);
+    object feature_dirs = new_dict(named_universe, features);
     object adapter = kit.attr("_RuntimeManifestAdapter"_n)(
         manifest, "feature_epoch"_a = "signal_is"_n, "named_universe"_a = named_universe, "era_config"_a = era_config);
-    object manifest_adapters = dict_of(named_universe, adapter);
+    object manifest_adapters = new_dict(named_universe, adapter);
     object runtime = kit.attr("LibraryRuntime"_n)({
         "auth"_a = am,
         "auth_proxy"_a = am,
@@ -358,7 +307,7 @@ object bootstrap_local_runtime_from_config(const frame& in) {
         "search_era_config"_a = kit.attr("_SearchEraConfig"_n)(era_config),
         "named_universes"_a = named_universes,
         "default_named_universe"_a = named_universe,
-        "vocabularies"_a = dict_of(named_universe, vocabulary),
+        "vocabularies"_a = new_dict(named_universe, vocabulary),
         "feature_dirs"_a = feature_dirs,
         "manifest_adapters"_a = manifest_adapters,
         "vocabulary_raw"_a = vocabulary,
@@ -375,26 +324,23 @@ object bootstrap_local_runtime_from_config(const frame& in) {
     return runtime;
 }
 
-object propagate_auth(const frame& in) {
-    handle am = in[0];
-    handle strict = in[1];
+object propagate_auth(const frame& in, handle am, handle strict) {
     activate(in, am, strict);
     object runtime = kit_or_local_runtime(in, am, strict);
     if (is_true(strict) && runtime.is_none())
-        raise_message(global("RuntimeError"_n),
-                      "Corvane registration authenticated, but runtime data bootstrap returned no runtime.");
+        raise(global("RuntimeError"_n),
+              "Corvane registration authenticated, but runtime data bootstrap returned no runtime.");
     inject_into_search(in, "_propagate_auth.search_templates"_n, runtime, strict,
                        "Failed to inject runtime into search_templates: %s"_n);
     initialise_simulation(in, am, runtime, strict);
     return runtime;
 }
 
-object ensure_runtime_bootstrapped(const frame& in) {
-    handle strict = in[0];
+object ensure_runtime_bootstrapped(const frame& in, handle strict) {
     if (global("_auth_manager"_n).is_none()) {
         if (!is_true(strict))
             return none();
-        raise_message(global("auth"_n).attr("AuthError"_n), "No wallet initialized. Call register() or login() first.");
+        raise(auth("AuthError"_n), "No wallet initialized. Call register() or login() first.");
     }
     object runtime = imported("ensure_runtime_bootstrapped._runtime"_n).attr("get_runtime"_n)();
     if (!runtime.is_none()) {

@@ -66,19 +66,19 @@ def _manifest_files(manifest):
 
 
 class ManifestEntries:
-    def sorted_pairs(manifest):
-        """The files of the manifest as an iterator of pairs, by relative path."""
+    def sorted_files(manifest):
+        """The files of the manifest as pairs, by relative path."""
 
-    def next_entry(pairs):
-        """The next runtime module of this platform, or None at the end."""
+    def runtime_module(relative_path, file_info):
+        """The entry as (module name, relative path, file entry) if it is a runtime module of this platform, or None."""
 
 
 @steps(ManifestEntries)
 def _runtime_module_manifest_entries(manifest):
     """Yields (module name, relative path, file entry) for each runtime module of this platform, by relative path."""
-    pairs = sorted_pairs(manifest)
-    while (entry := next_entry(pairs)) is not None:
-        yield entry
+    for relative_path, file_info in sorted_files(manifest):
+        if (entry := runtime_module(relative_path, file_info)) is not None:
+            yield entry
 
 
 def _select_runtime_module_manifest_entry(manifest, module_name):
@@ -109,8 +109,7 @@ def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
     """
 
     def _load(module_name, expected_sha256):
-        data_dir  # noqa: B018
-        raise SystemError("native body not reached")
+        return _load_manifest_runtime_module(data_dir, module_name, expected_sha256=expected_sha256)
 
 
 def _load_per_era_backtester(data_dir):

@@ -6,12 +6,10 @@ namespace corvane::onboarding {
 namespace {
 
 constexpr int links_described = 4;
+constexpr long key_bytes = 32; // a new key's, drawn from the operating system
 
 constexpr const char* unreachable = "Cannot reach Corvane server. Check your network connection and try again.";
 constexpr const char* invalid_key = "Invalid private key format. Expected hex string (64 characters) or 32 bytes.";
-
-/// `auth.name`
-found auth(name wanted, where line = where::current()) { return global("auth"_n, line).attr(wanted, line); }
 
 /// `_config["data_dir"] = canonical`, then the directory itself.
 void adopt_data_dir(handle canonical) {
@@ -19,22 +17,10 @@ void adopt_data_dir(handle canonical) {
     global("os"_n).attr("makedirs"_n)(canonical, "exist_ok"_a = true_value());
 }
 
-/// Makes the manager the kit's active one. The caller is authenticated already, so a failure is only logged.
-void activate_kit_wide(const frame& in, handle manager) {
-    try {
-        auth("_set_active_auth_manager"_n)(manager);
-    } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
-        global("logger"_n).attr("warning"_n)("Failed to set active auth manager: %s"_n, caught.value());
-    }
-}
-
 /// Signs the wallet up, or in again; service errors become the messages an agent can act on.
 object authenticate_for_register(const frame& in, handle key, handle invite_code) {
     try {
-        found manager_class = auth("AuthManager"_n);
+        callee manager_class = auth("AuthManager"_n);
         object server_url = get_item(global("_config"_n), "server_url"_n);
         object manager = manager_class(key, server_url, "invite_code"_a = invite_code);
         invoke(manager, "authenticate"_n);
@@ -42,22 +28,22 @@ object authenticate_for_register(const frame& in, handle key, handle invite_code
     } catch (error& caught) {
         except_scope handling(in, caught);
         if (caught.matches(global("ConnectionError"_n)))
-            raise_message(global("ConnectionError"_n), unreachable);
+            raise(global("ConnectionError"_n), unreachable);
         if (caught.matches(auth("RegistrationError"_n))) {
-            found registration_error = auth("RegistrationError"_n);
+            callee registration_error = auth("RegistrationError"_n);
             object reason = global("str"_n)(caught.value());
             object message = add(add("Registration failed: "_n, reason), ". Contact support if this persists."_n);
             raise(registration_error(message));
         }
         if (caught.matches(auth("InvalidKeyError"_n)))
-            raise_message(global("ValueError"_n), invalid_key);
+            raise(global("ValueError"_n), invalid_key);
         throw;
     }
 }
 
 object authenticate_for_login(const frame& in, handle key) {
     try {
-        found manager_class = auth("AuthManager"_n);
+        callee manager_class = auth("AuthManager"_n);
         object server_url = get_item(global("_config"_n), "server_url"_n);
         object manager = manager_class(key, server_url);
         invoke(manager, "authenticate"_n);
@@ -65,11 +51,11 @@ object authenticate_for_login(const frame& in, handle key) {
     } catch (error& caught) {
         except_scope handling(in, caught);
         if (caught.matches(auth("InvalidKeyError"_n)))
-            raise_message(global("ValueError"_n), invalid_key);
+            raise(global("ValueError"_n), invalid_key);
         if (caught.matches(global("ConnectionError"_n)))
-            raise_message(global("ConnectionError"_n), unreachable);
+            raise(global("ConnectionError"_n), unreachable);
         if (caught.matches(auth("AuthError"_n)))
-            raise_message(auth("AuthError"_n), "Authentication failed. Verify your private key is correct.");
+            raise(auth("AuthError"_n), "Authentication failed. Verify your private key is correct.");
         throw;
     }
 }
@@ -78,29 +64,29 @@ object authenticate_for_login(const frame& in, handle key) {
 object checked_named_universe(handle value) {
     object name = invoke(value, "strip"_n);
     if (!is_true(name))
-        raise_message(global("ValueError"_n), "named_universe cannot be empty.");
-    if (is_one_of(name, "."_n, ".."_n) || contains(name, "/"_n) || contains(name, "\\"_n) || contains(name, "\0"_n))
-        raise_message(global("ValueError"_n), "named_universe must be a single safe path segment.");
+        raise(global("ValueError"_n), "named_universe cannot be empty.");
+    if (leaves_segment(name))
+        raise(global("ValueError"_n), "named_universe must be a single safe path segment.");
     return name;
 }
 
-/// Checks one option and stores it. Inlined, for each C++ frame that an exception passes costs half a microsecond.
-[[gnu::always_inline]] inline void configure_option(handle key, object value) {
+/// Checks one option and stores it.
+void configure_option(handle key, object value) {
     if (!contains(global("_VALID_OPTIONS"_n), key)) {
         object names = global("sorted"_n)(global("_VALID_OPTIONS"_n));
         object valid = invoke(", "_n, "join"_n, names);
-        found value_error = global("ValueError"_n);
+        callee value_error = global("ValueError"_n);
         raise(value_error(concat("Unknown configuration option: '", key, "'. Valid options: ", valid)));
     }
     object expected = get_item(global("_VALID_OPTIONS"_n), key);
     if (!is_true(global("isinstance"_n)(value, expected))) {
-        found value_error = global("ValueError"_n);
+        callee value_error = global("ValueError"_n);
         object expected_name = expected.attr("__name__"_n);
         object given_name = global("type"_n)(value).attr("__name__"_n);
         raise(value_error(concat("Option '", key, "' expects ", expected_name, ", got ", given_name, ".")));
     }
     if (compare(key, Py_EQ, "data_dir"_n) && compare(value, Py_EQ, ""_n))
-        raise_message(global("ValueError"_n), "data_dir cannot be empty.");
+        raise(global("ValueError"_n), "data_dir cannot be empty.");
     if (compare(key, Py_EQ, "server_url"_n))
         value = auth("_validate_server_url"_n)(value);
     if (compare(key, Py_EQ, "named_universe"_n))
@@ -110,13 +96,13 @@ object checked_named_universe(handle value) {
 
 } // namespace
 
-object exception_chain_detail(const frame& in) {
-    object details = check(PyList_New(0), where::current());
-    object visited = check(PyDict_New(), where::current()); // by identity; keeps each link alive, so no identity recurs
-    object current = object::borrow(in[0]);
+object exception_chain_detail(const frame&, handle exc) {
+    object details = new_list();
+    object visited = new_dict(); // by identity; keeps each link alive, so no identity recurs
+    object current = object::borrow(exc);
     while (!current.is_none() && PyList_GET_SIZE(details.ptr()) < links_described) {
         check_signals();
-        object identity = check(PyLong_FromVoidPtr(current.ptr()), where::current());
+        object identity = check(PyLong_FromVoidPtr(current.ptr()));
         if (contains(visited, identity))
             break; // a chain that bites its own tail
         set_item(visited, identity, current);
@@ -125,74 +111,73 @@ object exception_chain_detail(const frame& in) {
         object item = global("type"_n)(current).attr("__name__"_n);
         if (is_true(text))
             item = concat("", item, ": ", text);
-        object diagnostic = global("getattr"_n)(current, "diagnostic_detail"_n, handle(Py_None));
+        object diagnostic = get_attribute(current, "diagnostic_detail"_n, none());
         if (is_true(diagnostic))
             item = concat("", item, "; diagnostic: ", diagnostic);
         if (!contains(details, item))
-            check(PyList_Append(details.ptr(), item.ptr()), where::current());
-        current = global("getattr"_n)(current, "__cause__"_n, handle(Py_None));
+            append(details, item);
+        current = get_attribute(current, "__cause__"_n, none());
     }
     return invoke("; caused by "_n, "join"_n, details);
 }
 
-object normalize_key(const frame& in) {
-    handle raw_key = in[0];
+object normalize_key(const frame&, handle raw_key) {
     if (is_true(invoke(raw_key, "startswith"_n, "0x"_n)) || is_true(invoke(raw_key, "startswith"_n, "0X"_n)))
         return object::borrow(raw_key);
     return add("0x"_n, raw_key);
 }
 
-object resolve_invite_code(const frame& in) {
-    object invite_code = object::borrow(in[0]);
-    if (invite_code.is_none())
-        invite_code = invoke(global("os"_n).attr("environ"_n), "get"_n, "CORVANE_INVITE_CODE"_n);
-    object canonical = auth("_normalize_invite_code"_n)(invite_code);
+object resolve_invite_code(const frame&, handle invite_code) {
+    object code = object::borrow(invite_code);
+    if (code.is_none())
+        code = invoke(global("os"_n).attr("environ"_n), "get"_n, "CORVANE_INVITE_CODE"_n);
+    object canonical = auth("_normalize_invite_code"_n)(code);
     if (canonical.is_none())
-        raise_message(global("ValueError"_n), "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, or "
-                                              "call register(invite_code=...).");
+        raise(global("ValueError"_n), "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, or "
+                                      "call register(invite_code=...).");
     return canonical;
 }
 
-object resolve_optional_invite_code(const frame& in) { return auth("_normalize_invite_code"_n)(in[0]); }
+object resolve_optional_invite_code(const frame&, handle invite_code) {
+    return auth("_normalize_invite_code"_n)(invite_code);
+}
 
-object register_wallet(const frame& in) {
-    object invite_code = object::borrow(in[0]);
-    object selected = object::borrow(in[1]);
-    handle bootstrap_runtime = in[2];
+object register_wallet(const frame& in, handle invite_code, handle data_dir, handle bootstrap_runtime) {
+    object selected = object::borrow(data_dir);
     if (selected.is_none())
         selected = get_item(global("_config"_n), "data_dir"_n);
-    object data_dir = global("_canonical_data_dir"_n)(selected);
-    adopt_data_dir(data_dir);
+    object canonical = global("_canonical_data_dir"_n)(selected);
+    adopt_data_dir(canonical);
 
-    object private_key = global("_read_wallet_key"_n)(data_dir);
+    object code;
+    object private_key = global("_read_wallet_key"_n)(canonical);
     if (private_key.is_none()) {
-        invite_code = global("_resolve_invite_code"_n)(invite_code);
-        private_key = global("secrets"_n).attr("token_hex"_n)(integer(32));
+        code = global("_resolve_invite_code"_n)(invite_code);
+        private_key = global("secrets"_n).attr("token_hex"_n)(integer(key_bytes));
         // Before the service sees the key, so that no accepted wallet is ever without its key on disk.
-        global("_write_wallet_key"_n)(data_dir, private_key);
+        global("_write_wallet_key"_n)(canonical, private_key);
     } else {
-        invite_code = global("_resolve_optional_invite_code"_n)(invite_code);
+        // The wallet is known already, so a code is not needed, and the environment is not asked for one.
+        code = global("_resolve_optional_invite_code"_n)(invite_code);
     }
     object key_for_auth = global("_normalize_key"_n)(private_key);
-    object manager = authenticate_for_register(in, key_for_auth, invite_code);
+    object manager = authenticate_for_register(in, key_for_auth, code);
     set_global("_auth_manager"_n, manager);
     if (is_true(bootstrap_runtime)) {
         global("_resolve_active_named_universe"_n)(manager);
         global("_propagate_auth"_n)(manager, "strict"_a = true_value());
     }
-    activate_kit_wide(in, manager);
+    activate(in, manager, handle(Py_False));
     object address = invoke(manager, "get_wallet_address"_n);
     if (is_true(invoke(global("_config"_n), "get"_n, "auto_heartbeat"_n, true_value())))
         global("inject_heartbeat"_n)();
     return global("WalletRegistration"_n)("address"_a = address);
 }
 
-object login(const frame& in) {
-    handle private_key = in[0];
-    handle bootstrap_runtime = in[1];
+object login(const frame& in, handle private_key, handle bootstrap_runtime) {
     if (private_key.is_none())
-        raise_message(global("ValueError"_n), invalid_key);
-    found canonical_data_dir = global("_canonical_data_dir"_n);
+        raise(global("ValueError"_n), invalid_key);
+    callee canonical_data_dir = global("_canonical_data_dir"_n);
     object data_dir = canonical_data_dir(get_item(global("_config"_n), "data_dir"_n));
     adopt_data_dir(data_dir);
     global("_write_wallet_key"_n)(data_dir, private_key);
@@ -201,33 +186,31 @@ object login(const frame& in) {
     set_global("_auth_manager"_n, manager);
     if (is_true(bootstrap_runtime))
         global("_propagate_auth"_n)(manager, "strict"_a = true_value());
-    activate_kit_wide(in, manager);
-    found auth_token = global("AuthToken"_n);
+    activate(in, manager, handle(Py_False));
+    callee auth_token = global("AuthToken"_n);
     object token = invoke(manager, "get_token"_n);
     object expires_at = invoke(manager, "get_token_expiry"_n);
     return auth_token("token"_a = token, "expires_at"_a = expires_at);
 }
 
-object configure(const frame& in) {
-    PyObject* key = nullptr;
-    PyObject* value = nullptr;
-    Py_ssize_t position = 0;
-    // The dict was made for this call alone. Key and value are owned all the same while an option is looked at.
-    while (PyDict_Next(in[0].ptr(), &position, &key, &value) != 0) {
-        check_signals();
-        configure_option(object::borrow(key), object::borrow(value));
+object configure(const frame&, handle kwargs) {
+    object option[2];
+    // for key, value in kwargs.items()
+    for (const object& item : iterate(invoke(kwargs, "items"_n))) {
+        unpack(item, option);
+        configure_option(option[0], option[1]);
     }
     return none();
 }
 
 /// `token` never shows in the representation, however the record is printed.
-object auth_token_repr(const frame& in) {
-    object expiry = global("repr"_n)(in[0].attr("expires_at"_n));
+object auth_token_repr(const frame&, handle self) {
+    object expiry = global("repr"_n)(self.attr("expires_at"_n));
     return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
 }
 
 object default_options() {
-    object options = check(PyDict_New(), where::current());
+    object options = new_dict();
     set_item(options, "auto_heartbeat"_n, true_value());
     set_item(options, "data_dir"_n, interned(node_of<default_data_dir>));
     set_item(options, "server_url"_n, interned(node_of<default_server_url>));
@@ -236,7 +219,7 @@ object default_options() {
 }
 
 object option_types() {
-    object types = check(PyDict_New(), where::current());
+    object types = new_dict();
     set_item(types, "auto_heartbeat"_n, global("bool"_n));
     set_item(types, "data_dir"_n, global("str"_n));
     set_item(types, "server_url"_n, global("str"_n));

@@ -7,21 +7,22 @@ namespace {
 
 constexpr long timeout_seconds = 15; // of each socket operation
 
-void append_unique(handle candidates, handle value, where line = where::current()) {
-    global("_append_unique_named_universe"_n, line)(candidates, value);
+void append_unique(handle candidates, operand value) {
+    global("_append_unique_named_universe"_n, value.at)(candidates, value);
 }
 
-/// The first of a universe's names that is truthy decides; a universe without any adds nothing.
+/// `universe.get("named_universe") or universe.get("id") or universe.get("name")`: the first that is truthy decides; a
+/// universe without any adds nothing.
 void append_universe(handle candidates, handle universe) {
     if (!is_instance(universe, "dict"_n)) {
         append_unique(candidates, universe);
         return;
     }
-    object stable_name;
-    for (name key : {"named_universe"_n, "id"_n, "name"_n}) {
-        stable_name = get(universe, key);
-        if (is_true(stable_name))
-            break;
+    object stable_name = get(universe, "named_universe"_n);
+    if (!is_true(stable_name)) {
+        stable_name = get(universe, "id"_n);
+        if (!is_true(stable_name))
+            stable_name = get(universe, "name"_n);
     }
     if (is_true(stable_name))
         append_unique(candidates, stable_name);
@@ -44,38 +45,39 @@ object first_usable(handle allowed) {
 bool is_active(handle era) {
     if (!is_instance(era, "dict"_n))
         return false;
-    found text_form = global("str"_n);
+    callee text_form = global("str"_n);
     object state = text_form(get(era, "state"_n, ""_n));
     return compare(invoke(state, "lower"_n), Py_EQ, "active"_n);
 }
 
 /// The only element of a list; any other number of them is an error that counts them.
-object only_one(handle list, const char* message, where line = where::current()) {
-    object count = global("len"_n, line)(list);
-    if (compare(count, Py_NE, integer(1), line)) {
-        found runtime_error = global("RuntimeError"_n, line);
-        raise(runtime_error(concat({message, line}, count, ".")), line);
+object only_one(operand list, const char* message) {
+    const location at = list.at;
+    object count = global("len"_n, at)(list);
+    if (compare(count, Py_NE, integer(1), at)) {
+        callee runtime_error = global("RuntimeError"_n, at);
+        raise(runtime_error(concat({message, at}, count, ".")), at);
     }
-    return get_item(list, integer(0), line);
+    return get_item(list, integer(0), at);
 }
 
 } // namespace
 
-object fetch_eras_payload(const frame& in) {
-    object token = invoke(in[0], "get_token"_n);
+object fetch_eras_payload(const frame& in, handle am) {
+    object token = invoke(am, "get_token"_n);
     if (!is_true(token))
-        raise_message(global("RuntimeError"_n), "Registration bootstrap could not fetch /eras without an auth token.");
+        raise(global("RuntimeError"_n), "Registration bootstrap could not fetch /eras without an auth token.");
     object base = invoke(get_item(global("_config"_n), "server_url"_n), "rstrip"_n, "/"_n);
     object url = add(base, "/eras"_n);
-    found request_class = global("urllib"_n).attr("request"_n).attr("Request"_n);
-    object headers = check(PyDict_New(), where::current());
+    callee request_class = global("urllib"_n).attr("request"_n).attr("Request"_n);
+    object headers = new_dict();
     set_item(headers, "Authorization"_n, concat("Bearer ", token));
     object request = request_class(url, "headers"_a = headers, "method"_a = "GET"_n);
 
     object status;
     object body;
     try {
-        found open_url = global("urllib"_n).attr("request"_n).attr("urlopen"_n);
+        callee open_url = global("urllib"_n).attr("request"_n).attr("urlopen"_n);
         with(in, open_url(request, "timeout"_a = integer(timeout_seconds)), [&](handle response) {
             status = global("getattr"_n)(response, "status"_n, integer(200));
             body = invoke(response, "read"_n);
@@ -90,12 +92,12 @@ object fetch_eras_payload(const frame& in) {
         raise_from(failure, caught.value());
     }
     if (compare(local(status, "status"), Py_NE, integer(200))) {
-        found runtime_error = global("RuntimeError"_n);
+        callee runtime_error = global("RuntimeError"_n);
         raise(runtime_error(concat("Registration bootstrap failed to fetch /eras: HTTP ", status)));
     }
     object payload;
     try {
-        found loads = global("json"_n).attr("loads"_n);
+        callee loads = global("json"_n).attr("loads"_n);
         payload = loads(invoke(local(body, "body"), "decode"_n, "utf-8"_n));
     } catch (error& caught) {
         except_scope handling(in, caught);
@@ -106,33 +108,28 @@ object fetch_eras_payload(const frame& in) {
         raise_from(failure, caught.value());
     }
     if (!is_instance(payload, "dict"_n))
-        raise_message(global("RuntimeError"_n), "Registration bootstrap received invalid /eras payload.");
+        raise(global("RuntimeError"_n), "Registration bootstrap received invalid /eras payload.");
     return payload;
 }
 
-object safe_named_universe(const frame& in) {
-    if (in[0].is_none())
+object safe_named_universe(const frame&, handle value) {
+    if (value.is_none())
         return none();
-    object text = is_instance(in[0], "str"_n) ? object::borrow(in[0]) : global("str"_n)(in[0]);
+    object text = is_instance(value, "str"_n) ? object::borrow(value) : global("str"_n)(value);
     text = invoke(text, "strip"_n);
-    if (!is_true(text) || is_one_of(text, "."_n, ".."_n))
-        return none();
-    if (contains(text, "/"_n) || contains(text, "\\"_n) || contains(text, "\0"_n))
+    if (!is_true(text) || leaves_segment(text))
         return none();
     return text;
 }
 
-object append_unique_named_universe(const frame& in) {
-    handle candidates = in[0];
-    object name = global("_safe_named_universe"_n)(in[1]);
+object append_unique_named_universe(const frame&, handle candidates, handle value) {
+    object name = global("_safe_named_universe"_n)(value);
     if (is_true(name) && !contains(candidates, name))
         invoke(candidates, "append"_n, name);
     return none();
 }
 
-object append_allowed_named_universes(const frame& in) {
-    handle candidates = in[0];
-    handle values = in[1];
+object append_allowed_named_universes(const frame&, handle candidates, handle values) {
     if (is_instance(values, "list"_n)) {
         for (const object& value : iterate(values))
             append_unique(candidates, value);
@@ -142,12 +139,11 @@ object append_allowed_named_universes(const frame& in) {
     return none();
 }
 
-object active_era_named_universe_candidates(const frame& in) {
-    handle era = in[0];
-    object candidates = check(PyList_New(0), where::current());
-    found append_one = global("_append_unique_named_universe"_n);
+object active_era_named_universe_candidates(const frame&, handle era) {
+    object candidates = new_list();
+    callee append_one = global("_append_unique_named_universe"_n);
     append_one(candidates, get(era, "named_universe"_n));
-    found append_allowed = global("_append_allowed_named_universes"_n);
+    callee append_allowed = global("_append_allowed_named_universes"_n);
     append_allowed(candidates, get(era, "allowed_named_universes"_n));
 
     object signal_pools = get(era, "signal_pools"_n);
@@ -155,8 +151,8 @@ object active_era_named_universe_candidates(const frame& in) {
         for (const object& pool : iterate(signal_pools)) {
             if (!is_instance(pool, "dict"_n))
                 continue;
-            found append = global("_append_allowed_named_universes"_n);
-            append(candidates, get(pool, "allowed_named_universes"_n));
+            callee append_pool = global("_append_allowed_named_universes"_n);
+            append_pool(candidates, get(pool, "allowed_named_universes"_n));
         }
     }
     object universes = get(era, "universes"_n);
@@ -170,8 +166,7 @@ object active_era_named_universe_candidates(const frame& in) {
     return candidates;
 }
 
-object first_allowed_named_universe_from_era_config(const frame& in) {
-    handle era_config = in[0];
+object first_allowed_named_universe_from_era_config(const frame&, handle era_config) {
     if (!is_instance(era_config, "dict"_n))
         return none();
     object signal_pools = get(era_config, "signal_pools"_n);
@@ -185,25 +180,25 @@ object first_allowed_named_universe_from_era_config(const frame& in) {
     }
     if (object usable = first_usable(get(era_config, "allowed_named_universes"_n)))
         return usable;
-    found safe = global("_safe_named_universe"_n);
+    callee safe = global("_safe_named_universe"_n);
     return safe(get(era_config, "named_universe"_n));
 }
 
-object resolve_active_named_universe(const frame& in) {
-    found safe = global("_safe_named_universe"_n);
+object resolve_active_named_universe(const frame&, handle am) {
+    callee safe = global("_safe_named_universe"_n);
     object configured = safe(get(global("_config"_n), "named_universe"_n));
     if (is_true(configured)) {
         set_item(global("_config"_n), "named_universe"_n, configured);
         return configured;
     }
-    object payload = global("_fetch_eras_payload"_n)(in[0]);
+    object payload = global("_fetch_eras_payload"_n)(am);
     object eras = get(payload, "eras"_n);
     if (!is_instance(eras, "list"_n))
-        raise_message(global("RuntimeError"_n), "Registration bootstrap /eras payload is missing eras list.");
-    object active_eras = check(PyList_New(0), where::current());
+        raise(global("RuntimeError"_n), "Registration bootstrap /eras payload is missing eras list.");
+    object active_eras = new_list();
     for (const object& era : iterate(eras)) {
         if (is_active(era))
-            check(PyList_Append(active_eras.ptr(), era.ptr()), where::current());
+            append(active_eras, era);
     }
     object active_era =
         only_one(active_eras, "Registration bootstrap expected exactly one active era from /eras, got ");

@@ -31,7 +31,7 @@ void populate() {
     define<read_manifest>("_read_manifest");
     define<manifest_files>("_manifest_files");
     define_generator("_runtime_module_manifest_entries", "ManifestEntries",
-                     {native<sorted_manifest_pairs>("sorted_pairs"), native<next_manifest_entry>("next_entry")});
+                     {native<sorted_files>("sorted_files"), native<runtime_module>("runtime_module")});
     define<select_runtime_module_manifest_entry>("_select_runtime_module_manifest_entry");
 
     define<load_manifest_runtime_module>("_load_manifest_runtime_module");
@@ -97,22 +97,23 @@ constexpr std::int64_t nobody = -1;
 std::atomic<std::int64_t> owning_interpreter = nobody;
 bool populating = false; // guarded by the lock of the interpreter that owns the module
 
-object kept_as() { return check(PyUnicode_FromString("corvane.agent_onboarding"), where::current()); }
+object kept_as() { return check(PyUnicode_FromString("corvane.agent_onboarding")); }
 
 handle interpreter_dict() {
     PyObject* dictionary = PyInterpreterState_GetDict(PyInterpreterState_Get());
     if (dictionary == nullptr) { // it is made at first use, and the interpreter keeps quiet about why it was not
         PyErr_NoMemory();
-        throw_error(where::current());
+        throw_error();
     }
     return handle(dictionary);
 }
 
 /// The module that an earlier import finished, or empty.
 object kept_module() {
-    PyObject* finished = PyDict_GetItemWithError(interpreter_dict().ptr(), kept_as().ptr());
+    object key = kept_as();
+    PyObject* finished = foreign_call(PyDict_GetItemWithError, interpreter_dict().ptr(), key.ptr());
     if (finished == nullptr && PyErr_Occurred() != nullptr)
-        throw_error(where::current());
+        throw_error();
     return object::borrow(finished);
 }
 
@@ -121,7 +122,7 @@ class initialisation {
   public:
     initialisation() {
         if (populating)
-            throw_error(PyExc_ImportError, "corvane.agent_onboarding is being initialised already", where::current());
+            throw_error(PyExc_ImportError, "corvane.agent_onboarding is being initialised already");
         populating = true;
     }
     ~initialisation() {
@@ -140,12 +141,11 @@ class initialisation {
 };
 
 /// Runs what can throw, as a slot of the module.
-template <typename Result, typename Slot> Result slot(PyObject* traced_in, Result failed, Slot run) {
+template <typename Result, typename Slot> Result slot(Result failed, Slot run) {
     try {
         return run();
     } catch (error& raised) {
-        if (traced_in != nullptr)
-            frame(handle(PyModule_GetDict(traced_in))).trace(raised);
+        frame().trace(raised);
         raised.restore();
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
@@ -154,28 +154,27 @@ template <typename Result, typename Slot> Result slot(PyObject* traced_in, Resul
 }
 
 PyObject* create(PyObject* spec, PyModuleDef*) {
-    return slot<PyObject*>(nullptr, nullptr, [spec] {
+    return slot<PyObject*>(nullptr, [spec] {
         if (object finished = kept_module())
             return finished.release();
-        object name = check(PyObject_GetAttrString(spec, "name"), where::current());
-        object made = check(PyModule_NewObject(name.ptr()), where::current());
+        object name = check(foreign_call(PyObject_GetAttrString, spec, "name"));
+        object made = check(PyModule_NewObject(name.ptr()));
         const std::int64_t interpreter = PyInterpreterState_GetID(PyInterpreterState_Get());
         std::int64_t owner = nobody;
         if (!owning_interpreter.compare_exchange_strong(owner, interpreter) && owner != interpreter)
             throw_error(PyExc_ImportError,
-                        "corvane.agent_onboarding can be loaded into only one interpreter per process",
-                        where::current());
+                        "corvane.agent_onboarding can be loaded into only one interpreter per process");
         return made.release();
     });
 }
 
 int execute(PyObject* module) {
-    return slot<int>(module, -1, [module] {
+    return slot<int>(-1, [module] {
         object finished = kept_module();
         if (finished.is(handle(module)))
             return 0;
         if (finished)
-            throw_error(PyExc_ImportError, "corvane.agent_onboarding is already initialised", where::current());
+            throw_error(PyExc_ImportError, "corvane.agent_onboarding is already initialised");
         initialisation attempt;
         start(handle(PyModule_GetDict(module)), declarations);
         populate();

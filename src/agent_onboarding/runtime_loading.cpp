@@ -5,28 +5,18 @@ namespace corvane::onboarding {
 
 namespace {
 
-constexpr long block_size = 1 << 20;      // bytes that are read at once while hashing
-constexpr Py_ssize_t digits_in_name = 16; // of the digest, in the name of a copy
+constexpr long block_size = 1 << 20; // bytes that are read at once while hashing
+constexpr long digits_in_name = 16;  // of the digest, in the name of a copy
 
-object real_path(handle path, where line = where::current()) {
-    return global("os"_n, line).attr("path"_n, line).attr("realpath"_n, line)(path);
-}
-object join(handle directory, handle name, where line = where::current()) {
-    return global("os"_n, line).attr("path"_n, line).attr("join"_n, line)(directory, name);
-}
-object directory_of(handle path, where line = where::current()) {
-    found dirname = global("os"_n, line).attr("path"_n, line).attr("dirname"_n, line);
-    return dirname(real_path(path, line));
-}
-
-/// `getattr(self, attribute, default)`
-object get_attribute(handle self, name attribute, handle fallback, where line = where::current()) {
-    return global("getattr"_n, line)(self, attribute, fallback);
+/// `os.path.dirname(os.path.realpath(path))`
+object directory_of(handle path) {
+    callee dirname = global("os"_n).attr("path"_n).attr("dirname"_n);
+    return dirname(real_path(path));
 }
 
 /// The directory as the caller named it with the home directory expanded; its real path goes first on sys.path.
 object expanded_on_path(handle data_dir) {
-    found expand = global("os"_n).attr("path"_n).attr("expanduser"_n);
+    callee expand = global("os"_n).attr("path"_n).attr("expanduser"_n);
     object expanded = expand(is_true(data_dir) ? data_dir : interned(node_of<default_data_dir>));
     object runtime_root = real_path(expanded);
     if (!contains(global("sys"_n).attr("path"_n), runtime_root))
@@ -51,15 +41,13 @@ void restore_module_table(handle module_name, handle module, handle previous) {
         set_item(global("sys"_n).attr("modules"_n), module_name, previous);
 }
 
-/// One copy found by pruning: (modification time in nanoseconds, path). Empty if it cannot be examined.
+/// One copy callee by pruning: (modification time in nanoseconds, path). Empty if it cannot be examined.
 object modified_and_path(const frame& in, handle path) {
     try {
         object status = global("os"_n).attr("stat"_n)(path);
         return tuple(status.attr("st_mtime_ns"_n), path);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("OSError"_n)))
-            throw;
+        except_scope handling(in, caught, "OSError"_n);
         return {};
     }
 }
@@ -68,34 +56,15 @@ void unlink_if_possible(const frame& in, handle path) {
     try {
         global("os"_n).attr("unlink"_n)(path);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("OSError"_n)))
-            throw;
+        except_scope handling(in, caught, "OSError"_n);
     }
-}
-
-// The functions and lambdas that others declare inside themselves.
-
-object first_of_pair(const frame& in) { return get_item(in[0], integer(0)); }
-
-/// (0 for the era data and 1 for all others, import name, relative path)
-object loading_order(const frame& in) {
-    object name = get_item(in[0], integer(0));
-    object group = integer(compare(name, Py_EQ, "era_data"_n) ? 0 : 1);
-    object again = get_item(in[0], integer(0));
-    return tuple(group, again, get_item(in[0], integer(1)));
-}
-
-object load_for_guard(const frame& in) {
-    found load = global("_load_manifest_runtime_module"_n);
-    return load(in.enclosed(0), in[0], "expected_sha256"_a = in[1]);
 }
 
 } // namespace
 
-object sha256_file(const frame& in) {
+object sha256_file(const frame& in, handle path) {
     object digest = global("hashlib"_n).attr("sha256"_n)();
-    with(in, global("open"_n)(in[0], "rb"_n), [&](handle file) {
+    with(in, global("open"_n)(path, "rb"_n), [&](handle file) {
         object size = integer(block_size);
         for (;;) {
             check_signals();
@@ -108,63 +77,53 @@ object sha256_file(const frame& in) {
     return invoke(digest, "hexdigest"_n);
 }
 
-object content_addressed_extension_path(const frame& in) {
-    handle module_name = in[0];
-    handle path = in[1];
+object content_addressed_extension_path(const frame& in, handle module_name, handle path, handle digest) {
     object root = directory_of(path);
-    found join_paths = global("os"_n).attr("path"_n).attr("join"_n);
+    callee join_paths = global("os"_n).attr("path"_n).attr("join"_n);
     object beginning = concat(".corvane-runtime-", module_name, "-");
-    object stop = check(PyLong_FromSsize_t(digits_in_name), where::current());
-    object start_of_digest = get_item(in[2], check(PySlice_New(nullptr, stop.ptr(), nullptr), where::current()));
+    object start_of_digest = first_of(digest, digits_in_name);
     object runtime_path = join_paths(root, concat("", beginning, start_of_digest, ".so"));
     if (path_exists(runtime_path))
         return runtime_path;
     try {
         global("os"_n).attr("link"_n)(path, runtime_path);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("OSError"_n)))
-            throw;
+        except_scope handling(in, caught, "OSError"_n);
         global("shutil"_n).attr("copy2"_n)(path, runtime_path);
     }
     return runtime_path;
 }
 
-object prune_runtime_extension_copies(const frame& in) {
-    handle module_name = in[0];
-    handle keep_path = in[1];
-    handle max_copies = in[2];
+object prune_runtime_extension_copies(const frame& in, handle module_name, handle keep_path, handle max_copies) {
     object root = directory_of(keep_path);
     object prefix = concat(".corvane-runtime-", module_name, "-");
     object keep_real = real_path(keep_path);
-    object candidates = check(PyList_New(0), where::current());
+    object candidates = new_list();
     object names;
     try {
         names = global("os"_n).attr("listdir"_n)(root);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("OSError"_n)))
-            throw;
+        except_scope handling(in, caught, "OSError"_n);
         return none();
     }
     for (const object& name : iterate(names)) {
         if (!is_true(invoke(name, "startswith"_n, prefix)) || !is_true(invoke(name, "endswith"_n, ".so"_n)))
             continue;
-        if (object candidate = modified_and_path(in, join(root, name)))
-            check(PyList_Append(candidates.ptr(), candidate.ptr()), where::current());
+        if (object candidate = modified_and_path(in, join_path(root, name)))
+            append(candidates, candidate);
     }
     if (compare(global("len"_n)(candidates), Py_LE, max_copies))
         return none();
 
-    object keep = check(PySet_New(nullptr), where::current());
-    perform(where::current(), PySet_Add, keep.ptr(), keep_real.ptr());
-    object newest_first = global("sorted"_n)(candidates, "key"_a = nested_function<first_of_pair>(in, "<lambda>"),
-                                             "reverse"_a = true_value());
+    object keep = check(PySet_New(nullptr));
+    add_to(keep, keep_real);
+    object newest_first =
+        global("sorted"_n)(candidates, "key"_a = nested_function(in, "<lambda>"), "reverse"_a = true_value());
     for (const object& candidate : iterate(newest_first)) {
         if (compare(global("len"_n)(keep), Py_GE, max_copies))
             break;
         object resolved = real_path(get_item(candidate, integer(1)));
-        perform(where::current(), PySet_Add, keep.ptr(), resolved.ptr());
+        add_to(keep, resolved);
     }
     for (const object& candidate : iterate(candidates)) {
         object path = get_item(candidate, integer(1));
@@ -174,9 +133,7 @@ object prune_runtime_extension_copies(const frame& in) {
     return none();
 }
 
-object load_extension_from_path(const frame& in) {
-    handle module_name = in[0];
-    handle path = in[1];
+object load_extension_from_path(const frame& in, handle module_name, handle path) {
     object digest = global("_sha256_file"_n)(path);
     object runtime_path = global("_content_addressed_extension_path"_n)(module_name, path, digest);
     object previous = invoke(global("sys"_n).attr("modules"_n), "get"_n, module_name);
@@ -185,7 +142,7 @@ object load_extension_from_path(const frame& in) {
 
     object spec = global("importlib"_n).attr("util"_n).attr("spec_from_file_location"_n)(module_name, runtime_path);
     if (spec.is_none() || spec.attr("loader"_n).is_none()) {
-        found runtime_error = global("RuntimeError"_n);
+        callee runtime_error = global("RuntimeError"_n);
         raise(runtime_error(concat("Could not create import spec for ", runtime_path)));
     }
     object module = global("importlib"_n).attr("util"_n).attr("module_from_spec"_n)(spec);
@@ -196,42 +153,39 @@ object load_extension_from_path(const frame& in) {
         set_attr(module, "_corvane_module_source_path"_n, real_path(path));
         global("_prune_runtime_extension_copies"_n)(module_name, runtime_path);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         restore_module_table(module_name, module, previous);
         throw;
     }
     return module;
 }
 
-object load_manifest_runtime_module(const frame& in) {
-    handle module_name = in[1];
-    handle expected_sha256 = in[2];
-    object manifest = object::borrow(in[3]);
-    object expanded = expanded_on_path(in[0]);
-    if (manifest.is_none())
-        manifest = global("_read_manifest"_n)(expanded);
+object load_manifest_runtime_module(const frame& in, handle data_dir, handle module_name, handle expected_sha256,
+                                    handle manifest) {
+    object expanded = expanded_on_path(data_dir);
+    object read = object::borrow(manifest);
+    if (read.is_none())
+        read = global("_read_manifest"_n)(expanded);
     object entry[2];
-    unpack(global("_select_runtime_module_manifest_entry"_n)(manifest, module_name), entry);
+    unpack(global("_select_runtime_module_manifest_entry"_n)(read, module_name), entry);
     const auto& [relative_path, file_info] = entry;
     if (relative_path.is_none()) {
-        found incomplete = global("RuntimeModuleDownloadIncomplete"_n);
+        callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
         raise(incomplete(concat("Manifest does not contain a runtime module for ", repr(module_name), "."),
                          "module_name"_a = module_name, "expected_sha256"_a = expected_sha256));
     }
     object expected =
         is_true(expected_sha256) ? object::borrow(expected_sha256) : invoke(file_info, "get"_n, "sha256"_n);
-    object candidate = join(expanded, relative_path);
+    object candidate = join_path(expanded, relative_path);
     if (!path_exists(candidate)) {
-        found incomplete = global("RuntimeModuleDownloadIncomplete"_n);
+        callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
         raise(incomplete(concat("Runtime module ", repr(module_name), " is missing at ", candidate, "."),
                          "module_name"_a = module_name, "relative_path"_a = relative_path,
                          "expected_sha256"_a = expected));
     }
     object actual = global("_sha256_file"_n)(candidate);
     if (is_true(expected) && compare(actual, Py_NE, expected)) {
-        found mismatch = global("RuntimeModuleHashMismatch"_n);
+        callee mismatch = global("RuntimeModuleHashMismatch"_n);
         raise(mismatch(concat("Runtime module ", repr(module_name), " hash mismatch at ", candidate, ": expected ",
                               expected, ", got ", actual, "."),
                        "module_name"_a = module_name, "relative_path"_a = relative_path, "expected_sha256"_a = expected,
@@ -241,10 +195,8 @@ object load_manifest_runtime_module(const frame& in) {
     try {
         module = global("_load_extension_from_path"_n)(module_name, candidate);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
-        found reload_failed = global("RuntimeModuleReloadFailed"_n);
+        except_scope handling(in, caught, "Exception"_n);
+        callee reload_failed = global("RuntimeModuleReloadFailed"_n);
         object failure = reload_failed(
             concat("Runtime module ", repr(module_name), " failed to load from ", candidate, ": ", caught.value()),
             "module_name"_a = module_name, "relative_path"_a = relative_path, "expected_sha256"_a = expected,
@@ -254,7 +206,7 @@ object load_manifest_runtime_module(const frame& in) {
     if (is_true(expected)) { // the file may have changed between the two times it was hashed
         object stamped = get_attribute(module, "_corvane_module_sha256"_n, none());
         if (compare(stamped, Py_NE, expected)) {
-            found mismatch = global("RuntimeModuleHashMismatch"_n);
+            callee mismatch = global("RuntimeModuleHashMismatch"_n);
             raise(mismatch(concat("Runtime module ", repr(module_name), " loaded with unexpected hash."),
                            "module_name"_a = module_name, "relative_path"_a = relative_path,
                            "expected_sha256"_a = expected, "actual_sha256"_a = stamped));
@@ -263,18 +215,16 @@ object load_manifest_runtime_module(const frame& in) {
     return module;
 }
 
-object load_runtime_modules_from_manifest(const frame& in) {
-    handle data_dir = in[0];
-    handle manifest = in[1];
-    object loaded = check(PyDict_New(), where::current());
-    found list_of = global("list"_n);
+object load_runtime_modules_from_manifest(const frame& in, handle data_dir, handle manifest) {
+    object loaded = new_dict();
+    callee list_of = global("list"_n);
     object entries = list_of(global("_runtime_module_manifest_entries"_n)(manifest));
-    invoke(entries, "sort"_n, "key"_a = nested_function<loading_order>(in, "<lambda>"));
+    invoke(entries, "sort"_n, "key"_a = nested_function(in, "<lambda>"));
     object entry[3];
     for (const object& item : iterate(entries)) {
         unpack(item, entry);
         const auto& [module_name, relative_path, file_info] = entry;
-        found load = global("_load_manifest_runtime_module"_n);
+        callee load = global("_load_manifest_runtime_module"_n);
         object expected = invoke(file_info, "get"_n, "sha256"_n);
         set_item(loaded, module_name,
                  load(data_dir, module_name, "expected_sha256"_a = expected, "manifest"_a = manifest));
@@ -282,21 +232,19 @@ object load_runtime_modules_from_manifest(const frame& in) {
     return loaded;
 }
 
-object create_runtime_freshness_guard(const frame& in) {
-    object load = nested_function<load_for_guard>(in, "_load", in[0]);
-    return global("RuntimeFreshnessGuard"_n)("data_dir"_a = in[0], "module_loader"_a = load);
+object create_runtime_freshness_guard(const frame& in, handle data_dir) {
+    object load = nested_function(in, "_load", {data_dir});
+    return global("RuntimeFreshnessGuard"_n)("data_dir"_a = data_dir, "module_loader"_a = load);
 }
 
-object load_per_era_backtester(const frame& in) {
-    object expanded = expanded_on_path(in[0]);
+object load_per_era_backtester(const frame& in, handle data_dir) {
+    object expanded = expanded_on_path(data_dir);
     object manifest;
     try {
         manifest = global("_read_manifest"_n)(expanded);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("RuntimeModuleDownloadIncomplete"_n)))
-            throw;
-        found incomplete = global("RuntimeModuleDownloadIncomplete"_n);
+        except_scope handling(in, caught, "RuntimeModuleDownloadIncomplete"_n);
+        callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
         object relative_path = get_attribute(caught.value(), "relative_path"_n, "manifest.json"_n);
         object expected = get_attribute(caught.value(), "expected_sha256"_n, none());
         object actual = get_attribute(caught.value(), "actual_sha256"_n, none());
@@ -308,11 +256,8 @@ object load_per_era_backtester(const frame& in) {
     }
     object loaded = global("_load_runtime_modules_from_manifest"_n)(expanded, manifest);
     object module = invoke(loaded, "get"_n, "backtester"_n);
-    if (module.is_none()) {
-        found incomplete = global("RuntimeModuleDownloadIncomplete"_n);
-        raise(incomplete(concat("Per-era backtester runtime is missing from manifest."),
-                         "module_name"_a = "backtester"_n));
-    }
+    if (module.is_none())
+        raise_backtester_missing();
     global("logger"_n).attr("info"_n)("Loaded per-era backtester from manifest in %s"_n, expanded);
     return module;
 }

@@ -8,6 +8,9 @@ namespace corvane::onboarding {
 
 namespace {
 
+constexpr long owner_only = 0600;
+constexpr long group_and_others = 0077;
+
 /// `hasattr(os, "getuid") and st.st_uid != os.getuid()`
 bool is_foreign(handle status) {
     object os = global("os"_n);
@@ -18,25 +21,28 @@ bool is_foreign(handle status) {
     return compare(owner, Py_NE, user);
 }
 
+/// `_stat.S_ISREG(st.st_mode)`
 bool is_regular(handle status) {
-    found test = global("_stat"_n).attr("S_ISREG"_n);
+    callee test = global("_stat"_n).attr("S_ISREG"_n);
     return is_true(test(status.attr("st_mode"_n)));
 }
 
-[[noreturn]] void raise_unsafe(handle wallet_path, where line = where::current()) {
-    raise(global("_unsafe_wallet_error"_n, line)(wallet_path), line);
+/// The error is made by the function that callers may replace; the traceback says which test refused the file.
+[[noreturn]] void raise_unsafe(operand wallet_path) {
+    raise(global("_unsafe_wallet_error"_n, wallet_path.at)(wallet_path), wallet_path.at);
 }
 
-/// Refuses what lies at the path if it is a link, is no regular file, or is somebody else's.
+/// Refuses what lies at the path if it is a link, is not a regular file, or is somebody else's.
 void refuse_unsafe_path(handle wallet_path, handle status) {
-    found is_link = global("_stat"_n).attr("S_ISLNK"_n);
+    callee is_link = global("_stat"_n).attr("S_ISLNK"_n);
     if (is_true(is_link(status.attr("st_mode"_n))) || !is_regular(status))
         raise_unsafe(wallet_path);
     if (is_foreign(status))
         raise_unsafe(wallet_path);
 }
 
-/// `flags | os.O_NOFOLLOW`, where the platform has it.
+/// `flags | os.O_NOFOLLOW`, where the platform has it: a link that takes the place of the file after the tests on the
+/// path is not followed.
 object with_no_follow(object flags) {
     object os = global("os"_n);
     if (!is_true(global("hasattr"_n)(os, "O_NOFOLLOW"_n)))
@@ -44,9 +50,10 @@ object with_no_follow(object flags) {
     return bit_or(flags, global("os"_n).attr("O_NOFOLLOW"_n));
 }
 
-[[noreturn]] void raise_cannot_write(handle wallet_path, where line = where::current()) {
-    found io_error = global("IOError"_n, line);
-    raise(io_error(concat("Cannot write wallet to ", wallet_path, ". Check directory permissions.")), line);
+[[noreturn]] void raise_cannot_write(operand wallet_path) {
+    const location at = wallet_path.at;
+    callee io_error = global("IOError"_n, at);
+    raise(io_error(concat({"Cannot write wallet to ", at}, wallet_path, ". Check directory permissions.")), at);
 }
 
 /// Opens, checks, writes and closes the key file.
@@ -54,68 +61,66 @@ void write_key_file(const frame& in, handle wallet_path, handle key_content) {
     object write_only = global("os"_n).attr("O_WRONLY"_n);
     object create = bit_or(write_only, global("os"_n).attr("O_CREAT"_n));
     object flags = with_no_follow(bit_or(create, global("os"_n).attr("O_TRUNC"_n)));
-    object owner_only = integer(0600);
-    object fd = global("os"_n).attr("open"_n)(wallet_path, flags, owner_only);
+    object mode = integer(owner_only);
+    object fd = global("os"_n).attr("open"_n)(wallet_path, flags, mode);
     try_finally(
         in,
         [&] {
             global("_check_wallet_fd"_n)(wallet_path, fd);
-            global("os"_n).attr("fchmod"_n)(fd, owner_only);
-            found write = global("os"_n).attr("write"_n);
+            // A umask can take bits from the mode that a new file is opened with; these are set whatever it is.
+            global("os"_n).attr("fchmod"_n)(fd, mode);
+            callee write = global("os"_n).attr("write"_n);
             write(fd, key_content.attr("encode"_n)("utf-8"_n));
             return none();
         },
         [&] { global("os"_n).attr("close"_n)(fd); });
-    global("os"_n).attr("chmod"_n)(wallet_path, owner_only);
+    global("os"_n).attr("chmod"_n)(wallet_path, mode);
 }
 
 } // namespace
 
-object canonical_data_dir(const frame& in) {
-    handle data_dir = is_true(in[0]) ? in[0] : interned(node_of<default_data_dir>);
-    found realpath = global("os"_n).attr("path"_n).attr("realpath"_n);
-    return realpath(global("os"_n).attr("path"_n).attr("expanduser"_n)(data_dir));
+object canonical_data_dir(const frame&, handle data_dir) {
+    // data_dir or the default, before `os` is looked up
+    handle directory = is_true(data_dir) ? data_dir : interned(node_of<default_data_dir>);
+    callee realpath = global("os"_n).attr("path"_n).attr("realpath"_n);
+    return realpath(global("os"_n).attr("path"_n).attr("expanduser"_n)(directory));
 }
 
-object wallet_key_path(const frame& in) {
-    found join = global("os"_n).attr("path"_n).attr("join"_n);
-    return join(global("_canonical_data_dir"_n)(in[0]), "wallet.key"_n);
+object wallet_key_path(const frame&, handle data_dir) {
+    callee join = global("os"_n).attr("path"_n).attr("join"_n);
+    return join(global("_canonical_data_dir"_n)(data_dir), "wallet.key"_n);
 }
 
-object unsafe_wallet_error(const frame& in) {
-    found io_error = global("IOError"_n);
-    return io_error(concat("Unsafe wallet key at ", in[0],
+object unsafe_wallet_error(const frame&, handle wallet_path) {
+    callee io_error = global("IOError"_n);
+    return io_error(concat("Unsafe wallet key at ", wallet_path,
                            ". Refusing to use wallet.key with unsafe ownership, type, or permissions."));
 }
 
-object check_wallet_fd(const frame& in) {
-    handle wallet_path = in[0];
-    handle fd = in[1];
+object check_wallet_fd(const frame&, handle wallet_path, handle fd) {
     object status = global("os"_n).attr("fstat"_n)(fd);
     if (!is_regular(status))
         raise_unsafe(wallet_path);
     if (is_foreign(status))
         raise_unsafe(wallet_path);
     object mode = status.attr("st_mode"_n);
-    if (is_true(bit_and(mode, integer(0077)))) {
-        found fchmod = global("os"_n).attr("fchmod"_n);
-        fchmod(fd, integer(0600));
+    if (is_true(bit_and(mode, integer(group_and_others)))) {
+        callee fchmod = global("os"_n).attr("fchmod"_n);
+        fchmod(fd, integer(owner_only));
     }
     return none();
 }
 
-object read_wallet_key(const frame& in) {
-    object wallet_path = global("_wallet_key_path"_n)(in[0]);
+object read_wallet_key(const frame& in, handle data_dir) {
+    object wallet_path = global("_wallet_key_path"_n)(data_dir);
     if (!path_exists(wallet_path))
         return none();
     object status;
     try {
         status = global("os"_n).attr("lstat"_n)(wallet_path);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("OSError"_n)))
-            throw;
-        found io_error = global("IOError"_n);
+        except_scope handling(in, caught, "OSError"_n);
+        callee io_error = global("IOError"_n);
         raise(io_error(concat("Cannot read wallet from ", wallet_path, ". Check file permissions.")));
     }
     refuse_unsafe_path(wallet_path, status);
@@ -125,9 +130,7 @@ object read_wallet_key(const frame& in) {
     try {
         fd = global("os"_n).attr("open"_n)(wallet_path, flags);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("OSError"_n)))
-            throw;
+        except_scope handling(in, caught, "OSError"_n);
         raise_unsafe(wallet_path);
     }
     bool handed_over = false; // to the file object, which closes it
@@ -148,25 +151,24 @@ object read_wallet_key(const frame& in) {
         });
 }
 
-object write_wallet_key(const frame& in) {
-    object data_dir = global("_canonical_data_dir"_n)(in[0]);
-    global("os"_n).attr("makedirs"_n)(data_dir, "exist_ok"_a = true_value());
-    object wallet_path = global("_wallet_key_path"_n)(data_dir);
+object write_wallet_key(const frame& in, handle data_dir, handle key_content) {
+    object directory = global("_canonical_data_dir"_n)(data_dir);
+    global("os"_n).attr("makedirs"_n)(directory, "exist_ok"_a = true_value());
+    object wallet_path = global("_wallet_key_path"_n)(directory);
     if (path_exists(wallet_path)) {
         object status;
         try {
             status = global("os"_n).attr("lstat"_n)(wallet_path);
         } catch (error& caught) {
-            except_scope handling(in, caught);
-            if (!caught.matches(global("OSError"_n)))
-                throw;
+            except_scope handling(in, caught, "OSError"_n);
             raise_cannot_write(wallet_path);
         }
         refuse_unsafe_path(wallet_path, status);
     }
     try {
-        write_key_file(in, wallet_path, in[1]);
+        write_key_file(in, wallet_path, key_content);
     } catch (error& caught) {
+        // except (IOError, OSError)
         except_scope handling(in, caught);
         object io_error = global("IOError"_n);
         if (!caught.matches(tuple(io_error, global("OSError"_n))))

@@ -41,12 +41,12 @@ void append_nudge(const frame& in, handle nudge_text) {
 
 } // namespace
 
-object find_heartbeat(const frame& in) {
-    object current = object::borrow(in[0]);
+object find_heartbeat(const frame&, handle working_dir) {
+    object current = object::borrow(working_dir);
     if (current.is_none())
         current = global("os"_n).attr("getcwd"_n)();
     for (int i = 0; i < directories_searched; ++i) {
-        object path = global("os"_n).attr("path"_n).attr("join"_n)(current, "HEARTBEAT.md"_n);
+        object path = join_path(current, "HEARTBEAT.md"_n);
         if (path_exists(path))
             return path;
         object parent = global("os"_n).attr("path"_n).attr("dirname"_n)(current);
@@ -57,19 +57,17 @@ object find_heartbeat(const frame& in) {
     return none();
 }
 
-object inject_heartbeat(const frame& in) {
+object inject_heartbeat(const frame& in, handle working_dir) {
     if (opted_out())
         return none();
-    object path = global("_find_heartbeat"_n)(in[0]);
+    object path = global("_find_heartbeat"_n)(working_dir);
     if (path.is_none())
         return none();
     object content;
     try {
         content = read_text(in, path);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         global("logger"_n).attr("warning"_n)("Failed to read HEARTBEAT.md at %s: %s"_n, path, caught.value());
         return none();
     }
@@ -82,16 +80,13 @@ object inject_heartbeat(const frame& in) {
     try {
         rewrite_text(in, path, content);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
+        except_scope handling(in, caught, "Exception"_n);
         global("logger"_n).attr("warning"_n)("Failed to write HEARTBEAT.md at %s: %s"_n, path, caught.value());
     }
     return none();
 }
 
-object update_nudge(const frame& in) {
-    handle trigger = in[0];
+object update_nudge(const frame& in, handle trigger, handle /*context*/) {
     if (opted_out())
         return none();
     if (!contains(global("_NUDGE_TEXTS"_n), trigger))
@@ -100,10 +95,8 @@ object update_nudge(const frame& in) {
     try {
         append_nudge(in, nudge_text);
     } catch (error& caught) {
-        except_scope handling(in, caught);
-        if (!caught.matches(global("Exception"_n)))
-            throw;
-        global("logger"_n).attr("warning"_n)("update_nudge failed: %s"_n, caught.value());
+        except_scope handling(in, caught, "Exception"_n);
+        warn("update_nudge failed: %s"_n, caught);
     }
     return none();
 }
@@ -128,7 +121,7 @@ object heartbeat_static_section() {
 }
 
 object nudge_texts() {
-    object texts = check(PyDict_New(), where::current());
+    object texts = new_dict();
     set_item(texts, "discovery_rate_declining"_n,
              "- [ ] [Corvane] Search discovery rate has dropped significantly. Run analytics and consider adjusting "
              "your template."_n);

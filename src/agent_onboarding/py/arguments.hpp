@@ -3,24 +3,16 @@
 
 #include "object.hpp"
 
+#include <cstddef>
+
 namespace corvane::py {
 
-/// The owned arguments of one call, defaults included.
+/// The owned arguments of one call, defaults included. Binds only where no code but ours runs: whatever else there is
+/// (a keyword name of a class of its own, an argument that is missing or one too many), the interpreter binds.
 class bound_arguments {
   public:
-    bound_arguments(PyFunctionObject* function, PyObject* const* given, std::size_t flagged_count, PyObject* keywords)
-        : code_(reinterpret_cast<PyCodeObject*>(function->func_code)) {
-        const auto positional_given = static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count));
-        const auto positional = static_cast<std::size_t>(code_->co_argcount);
-        count_ = positional + static_cast<std::size_t>(code_->co_kwonlyargcount) +
-                 ((code_->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
-        const bool complete = positional_given == positional && positional == count_ && keywords == nullptr;
-        for (std::size_t place = 0; place < count_; ++place)
-            values_[place] = complete ? Py_NewRef(given[place]) : nullptr;
-        if (!complete)
-            result_ =
-                positional_given > positional ? outcome::impossible : bind(function, given, positional_given, keywords);
-    }
+    bound_arguments(PyFunctionObject* function, PyCodeObject* code, PyObject* const* given, std::size_t flagged_count,
+                    PyObject* keywords);
     ~bound_arguments() {
         for (std::size_t place = 0; place < count_; ++place)
             drop(values_[place]);
@@ -28,19 +20,21 @@ class bound_arguments {
     bound_arguments(const bound_arguments&) = delete;
     bound_arguments& operator=(const bound_arguments&) = delete;
 
-    enum class outcome { bound, impossible, failed };
+    enum class outcome { bound, for_the_interpreter, failed };
     [[nodiscard]] outcome result() const noexcept { return result_; }
     [[nodiscard]] PyObject* const* values() const noexcept { return values_; }
-    [[nodiscard]] PyCodeObject* code() const noexcept { return code_; }
+
+    static constexpr std::size_t max_parameters = 8; ///< more than any function of ours has
 
   private:
     outcome bind(PyFunctionObject* function, PyObject* const* given, std::size_t positional_given, PyObject* keywords);
-    outcome bind_keyword(std::size_t parameters, PyObject* name, PyObject* value);
-    outcome bind_defaults(PyFunctionObject* function, std::size_t positional, std::size_t parameters);
+    outcome bind_keyword(PyObject* name, PyObject* value);
+    outcome bind_defaults(PyFunctionObject* function);
 
-    static constexpr std::size_t max_parameters = 8; ///< more than any function of ours has
-    PyCodeObject* code_; ///< as the call found it; kept alive by the layer, whatever the function has by now
-    std::size_t count_;
+    PyCodeObject* code_; ///< kept alive by the layer
+    std::size_t positional_;
+    std::size_t parameters_; ///< with those that are keyword-only, without `**`
+    std::size_t count_;      ///< with `**`
     outcome result_ = outcome::bound;
     PyObject* values_[max_parameters];
 };

@@ -12,11 +12,12 @@ import inspect
 import marshal
 import sys
 import textwrap
+import warnings
 from pathlib import Path
 from types import CodeType
 
 NESTED = ast.FunctionDef | ast.Lambda
-NATIVE_BODY = 'raise SystemError("native body not reached")'
+NATIVE_BODY = 'raise SystemError("native body not reached")'  # what the source shows
 
 
 def signature_line(text: str, name: str, module: str, homes: dict[str, str]) -> str:
@@ -75,11 +76,23 @@ def complete(function: ast.FunctionDef, doc: str) -> list[ast.Import | ast.Impor
     summary.value.value = doc
     imports = [statement for statement in function.body if isinstance(statement, ast.Import | ast.ImportFrom)]
     function.body = [statement for statement in function.body if statement not in imports]
-    for statement in [] if is_generator(function) else function.body[1:-1]:
+    if is_generator(function):
+        return imports
+    for statement in function.body[1:-1]:
         # A function or lambda is made anew by the native body; anything else would never be executed.
         if not isinstance(statement.value if isinstance(statement, ast.Expr) else statement, NESTED):
-            raise ValueError(f"{function.name}, line {statement.lineno}: no statement that a declaration can have")
+            raise ValueError(f"{function.name}, line {statement.lineno}: not a statement that a declaration can have")
+    function.body[-1] = call_of_native_body(function)
     return imports
+
+
+def call_of_native_body(function: ast.FunctionDef) -> ast.Return:
+    """`return ...(a, b, c)` with all parameters; at import the native body takes the place of the ellipsis."""
+    given = function.args
+    parameters = [*given.posonlyargs, *given.args, *given.kwonlyargs, *filter(None, [given.vararg, given.kwarg])]
+    values: list[ast.expr] = [ast.Name(parameter.arg, ast.Load()) for parameter in parameters]
+    statement = ast.Return(ast.Call(ast.Constant(...), values, []))
+    return ast.fix_missing_locations(ast.copy_location(statement, function))
 
 
 def bound_name(statement: ast.Import | ast.ImportFrom) -> str:
@@ -168,4 +181,6 @@ def main(declarations: str, module: str, output: str) -> None:
 
 
 if __name__ == "__main__":
-    main(*sys.argv[1:])
+    with warnings.catch_warnings():
+        warnings.filterwarnings("ignore", "'ellipsis' object is not callable")
+        main(*sys.argv[1:])

@@ -4,19 +4,13 @@
 
 namespace corvane::py {
 
-void deallocate(PyObject* owned) {
-    thread_end_guard guard;
-    Py_DECREF(owned);
-    guard.returned();
-}
-
-error::error(where line) noexcept : line_(line) {
+error::error(location at) noexcept : line_(at) {
     if (PyErr_Occurred() == nullptr)
         PyErr_SetString(PyExc_SystemError, "error return without exception set");
     value_ = object::steal(PyErr_GetRaisedException());
 }
 
-bool error::matches(handle type, where line) const {
+bool error::matches(handle type, location at) const {
     bool valid = true;
     if (PyTuple_Check(type.ptr())) {
         for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(type.ptr()); ++i)
@@ -25,55 +19,60 @@ bool error::matches(handle type, where line) const {
         valid = PyExceptionClass_Check(type.ptr());
     }
     if (!valid)
-        throw_error(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed", line);
+        throw_error(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed", at);
     return PyErr_GivenExceptionMatches(value_.ptr(), type.ptr()) != 0;
 }
 
-void throw_error(where line) { throw error(line); }
+void throw_error(location at) { throw error(at); }
 
-void throw_error(PyObject* type, const char* message, where line) {
-    PyErr_SetString(type, message);
-    throw error(line);
+void throw_error(PyObject* type, const char* message, location at) {
+    foreign_call(PyErr_SetString, type, message);
+    throw error(at);
 }
 
 namespace {
 /// The checks of the raise statement on what it was given.
-object exception_instance(object exception, where line) {
+object exception_instance(object exception, location at) {
     if (PyExceptionClass_Check(exception.ptr())) {
-        object instance = call_at(line, exception);
+        object instance = call_at(at, exception);
         if (!PyExceptionInstance_Check(instance.ptr())) {
-            PyErr_Format(PyExc_TypeError, "calling %R should have returned an instance of BaseException, not %R",
-                         exception.ptr(), Py_TYPE(instance.ptr()));
-            throw_error(line);
+            foreign_call(PyErr_Format, PyExc_TypeError,
+                         "calling %R should have returned an instance of BaseException, not %R", exception.ptr(),
+                         Py_TYPE(instance.ptr()));
+            throw_error(at);
         }
         return instance;
     }
     if (!PyExceptionInstance_Check(exception.ptr()))
-        throw_error(PyExc_TypeError, "exceptions must derive from BaseException", line);
+        throw_error(PyExc_TypeError, "exceptions must derive from BaseException", at);
     return exception;
 }
 
-error raised_instance(const object& instance, where line) {
-    // Unlike PyErr_SetRaisedException, this sets `__context__` to the exception being handled.
-    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(instance.ptr())), instance.ptr());
-    return error(line);
+/// Unlike PyErr_SetRaisedException, PyErr_SetObject sets `__context__` to the exception being handled. It asks the
+/// class whether it is a subclass of itself, and drops an older context: both can run other code.
+error raised_instance(const object& instance, location at) {
+    foreign_call(PyErr_SetObject, handle(Py_TYPE(instance.ptr())).ptr(), instance.ptr());
+    return error(at);
 }
 } // namespace
 
-error raised(object exception, where line) {
-    return raised_instance(exception_instance(std::move(exception), line), line);
+error raised(object exception, location at) {
+    return raised_instance(exception_instance(std::move(exception), at), at);
 }
 
-error raised_from(object exception, handle cause, where line) {
-    object instance = exception_instance(std::move(exception), line);
-    PyException_SetCause(instance.ptr(), object::borrow(cause).release());
-    return raised_instance(instance, line);
+error raised_from(object exception, handle cause, location at) {
+    object instance = exception_instance(std::move(exception), at);
+    foreign_call(PyException_SetCause, instance.ptr(), object::borrow(cause).release());
+    return raised_instance(instance, at);
 }
 
-void raise_unbound(const char* variable, where line) {
-    PyErr_Format(PyExc_UnboundLocalError, "cannot access local variable '%s' where it is not associated with a value",
-                 variable);
-    throw_error(line);
+handle local(const object& value, const char* variable, location at) {
+    if (!value) [[unlikely]] {
+        PyErr_Format(PyExc_UnboundLocalError,
+                     "cannot access local variable '%s' where it is not associated with a value", variable);
+        throw_error(at);
+    }
+    return value;
 }
 
 except_scope::except_scope(const frame& in, error& caught) noexcept {
@@ -81,6 +80,12 @@ except_scope::except_scope(const frame& in, error& caught) noexcept {
     slot_ = PyThreadState_Get()->exc_info;
     outer_ = object::steal(slot_->exc_value);
     slot_->exc_value = object::borrow(caught.value()).release();
+}
+
+// Once the first constructor is done, an exception in here runs the destructor.
+except_scope::except_scope(const frame& in, error& caught, name type, location at) : except_scope(in, caught) {
+    if (!caught.matches(global(type, at), at))
+        throw;
 }
 
 except_scope::~except_scope() {

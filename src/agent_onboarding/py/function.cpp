@@ -4,333 +4,284 @@
 #include <marshal.h>
 
 #include <cstdint>
-#include <memory>
-#include <utility>
-#include <vector>
 
 namespace corvane::py {
 
 namespace {
 
-/// The layer's state beside the interned names. It outlives the module, for function objects can, and ends with
-/// the interpreter.
-struct interpreter_state {
-    object globals;
-    object builtins;
-    object codes; ///< by name, the code that makes each function; keeps the function's own code, see code_of
-    std::vector<const void**> bodies; ///< the code_of of every function that was made
-
-    interpreter_state() = default;
-    interpreter_state(const interpreter_state&) = delete;
-    interpreter_state& operator=(const interpreter_state&) = delete;
-    /// A function that somebody has kept is from now on interpreted, and says that its body is missing.
-    ~interpreter_state() {
-        for (const void** body : bodies)
-            *body = nullptr;
-    }
-};
-interpreter_state* state = nullptr;
+/// By name, the code that makes each function or class, or that is an import statement. It outlives the module, for
+/// function objects can.
+handle codes;
+constexpr std::int64_t nobody = -1;
+std::int64_t interpreter_of_codes = nobody;
 bool forgets_at_exit = false; // an exit function is called once and then forgotten
 
 vectorcallfunc interpreted = nullptr; // the vectorcall of every function that the interpreter makes
-
-name_node* first_name = nullptr;
+body_node* first_body = nullptr;
 
 /// When the interpreter has ended its objects are gone, and another one may start in this process.
 void forget() noexcept {
+    stop();
+    forget_namespace();
+    codes = handle();
+    interpreter_of_codes = nobody;
     forgets_at_exit = false;
-    if (state == nullptr)
-        return;
-    (void)state->globals.release();
-    (void)state->builtins.release();
-    (void)state->codes.release();
-    delete state;
-    state = nullptr;
 }
 
 } // namespace
 
-name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
-
-// -- Calls ----------------------------------------------------------------------------------------------------------
+body_node::body_node() noexcept : next(first_body) { first_body = this; }
 
 PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
-    return interpreted(callable, arguments, flagged_count, keywords);
+    return foreign_call(interpreted, callable, arguments, flagged_count, keywords);
 }
+
+// -- Tracebacks -----------------------------------------------------------------------------------------------------
 
 namespace {
-// The interpreter allows for the stack of its own functions. A body of ours takes more, and threads can have small
-// stacks.
-constexpr int recursion_cost = 4;
-} // namespace
-
-bool enter_recursion(PyThreadState* thread) {
-    if (thread->c_recursion_remaining > recursion_cost) {
-        thread->c_recursion_remaining -= recursion_cost;
-        return true;
-    }
-    if (Py_EnterRecursiveCall("") != 0)
-        return false;
-    thread->c_recursion_remaining -= recursion_cost - 1;
-    return true;
-}
-
-void leave_recursion(PyThreadState* thread) noexcept { thread->c_recursion_remaining += recursion_cost; }
-
-// -- The module's namespace -----------------------------------------------------------------------------------------
-
-namespace {
-bool is_builtin(handle value, handle name) noexcept {
-    return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
-           PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
-           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == detail::builtins.ptr() &&
-           PyUnicode_CompareWithASCIIString(name.ptr(),
-                                            reinterpret_cast<PyCFunctionObject*>(value.ptr())->m_ml->ml_name) == 0;
+/// A code object for a traceback entry. The interpreter folds repeated entries of one file, which it knows by the
+/// identity of its name, so that the name has to be the same object each time.
+object entry_code(const char* function, const location& line) {
+    auto* code = PyCode_NewEmpty(line.file_name(), function, static_cast<int>(line.line()));
+    PyObject* file = code == nullptr ? nullptr : PyUnicode_InternFromString(line.file_name());
+    if (file != nullptr)
+        Py_SETREF(code->co_filename, file);
+    return object::steal(code);
 }
 } // namespace
-
-found detail::look_up(name wanted, where line) {
-    const std::uint64_t globals_version = version_of(module_namespace);
-    const std::uint64_t builtins_version = version_of(builtins);
-    PyObject* value = call_out(PyDict_GetItemWithError, module_namespace.ptr(), wanted.ptr());
-    if (value == nullptr && PyErr_Occurred() == nullptr)
-        value = call_out(PyDict_GetItemWithError, builtins.ptr(), wanted.ptr());
-    if (value == nullptr) {
-        if (PyErr_Occurred() != nullptr)
-            throw_error(line);
-        object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), line);
-        raise(call_at(line, handle(PyExc_NameError), message, "name"_a = wanted), line);
-    }
-    remembered& last = wanted.node->last;
-    last.globals_version = globals_version;
-    last.builtins_version = builtins_version;
-    last.value = value;
-    last.builtin = is_builtin(handle(value), wanted);
-    return {object::borrow(value), line};
-}
-
-object detail::module_attribute(handle self, name wanted, where line) {
-    if (!PyModule_CheckExact(self.ptr()))
-        return {};
-    const handle dictionary(PyModule_GetDict(self.ptr()));
-    remembered& last = wanted.node->last;
-    if (last.module_version != version_of(dictionary)) {
-        PyObject* attribute = call_out(PyDict_GetItemWithError, dictionary.ptr(), wanted.ptr());
-        if (attribute == nullptr && PyErr_Occurred() != nullptr)
-            throw_error(line);
-        if (attribute == nullptr)
-            return {}; // the ordinary look-up says what is wrong
-        last.module_version = version_of(dictionary);
-        last.attribute = attribute;
-    }
-    return object::borrow(last.attribute);
-}
-
-void set_global(name changed, handle value, where line) {
-    perform(line, PyDict_SetItem, detail::module_namespace.ptr(), changed.ptr(), value.ptr());
-}
-
-object frame::enclosed(Py_ssize_t index, where line) const {
-    PyObject* cell = PyTuple_GET_ITEM(function_->func_closure, index);
-    object value = object::steal(PyCell_Get(cell));
-    if (!value) {
-        const object names = check(PyCode_GetFreevars(code_), line);
-        PyObject* missing = PyTuple_GET_ITEM(names.ptr(), index);
-        object message = check(
-            PyUnicode_FromFormat(
-                "cannot access free variable '%U' where it is not associated with a value in enclosing scope", missing),
-            line);
-        raise(call_at(line, handle(PyExc_NameError), message, "name"_a = handle(missing)), line);
-    }
-    return value;
-}
 
 void frame::trace(error& raised) const noexcept {
-    if (raised.traced())
+    if (raised.traced() || !module_namespace())
         return;
     raised.mark_traced();
-    const char* name = "<module>";
-    handle globals = module_namespace_;
-    if (function_ != nullptr) {
-        name = PyUnicode_AsUTF8(code_->co_name);
-        globals = handle(function_->func_globals);
-    }
     // An error in here may cost the entry, never the exception.
-    object code;
-    if (name != nullptr)
-        code = object::steal(reinterpret_cast<PyObject*>(
-            PyCode_NewEmpty(raised.line().file_name(), name, static_cast<int>(raised.line().line()))));
+    const char* name = code_ == nullptr ? "<module>" : PyUnicode_AsUTF8(code_->co_name);
+    const object code = name == nullptr ? object() : entry_code(name, raised.line());
     object entry;
     if (code)
-        entry = object::steal(reinterpret_cast<PyObject*>(
-            PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()), globals.ptr(), nullptr)));
-    if (!entry) {
-        PyErr_Clear();
+        entry = object::steal(PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()),
+                                          module_namespace().ptr(), nullptr));
+    PyErr_Clear();
+    if (!entry)
         return;
-    }
     PyErr_SetRaisedException(object::borrow(raised.value()).release());
     (void)PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(entry.ptr()));
     PyErr_Clear();
 }
 
-// -- Definitions ----------------------------------------------------------------------------------------------------
+// -- Declarations ---------------------------------------------------------------------------------------------------
 
 namespace {
 
-/// Texts that an earlier initialisation has interned are not given back: it may have been another interpreter's, and
-/// they are its own.
-void intern_names() {
-    for (name_node* node = first_name; node != nullptr; node = node->next) {
-        PyObject* text = detail::text_of(node->text, where::current()).release();
-        PyUnicode_InternInPlace(&text);
-        node->interned = text;
-        node->last = {};
+/// Does something with each code object inside another one until that returns true; whether it did.
+template <typename Function> bool any_nested_code(PyCodeObject* code, Function does) {
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts); ++i) {
+        PyObject* constant = PyTuple_GET_ITEM(code->co_consts, i);
+        if (!PyCode_Check(constant))
+            continue;
+        auto* nested = reinterpret_cast<PyCodeObject*>(constant);
+        if (does(nested) || any_nested_code(nested, does))
+            return true;
     }
+    return false;
 }
 
 /// CPython 3.12 gives a code object up twice where it cannot make the function of it. One more reference, never given
 /// back, keeps a failed import from ending in a crash.
-void keep_nested_codes(handle code) {
-    PyObject* constants = reinterpret_cast<PyCodeObject*>(code.ptr())->co_consts;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(constants); ++i) {
-        const handle constant(PyTuple_GET_ITEM(constants, i));
-        if (PyCode_Check(constant.ptr())) {
-            (void)object::borrow(constant).release();
-            keep_nested_codes(constant);
-        }
-    }
+void keep_nested_codes(PyCodeObject* code) {
+    any_nested_code(code, [](PyCodeObject* nested) {
+        (void)object::borrow(handle(nested)).release();
+        return false;
+    });
 }
 
-/// The code of all declarations; makes their source readable for inspect.getsource and for the lines of a traceback.
+PyCodeObject* nested_code(PyCodeObject* code, const char* name, location at = location::current()) {
+    PyCodeObject* found = nullptr;
+    any_nested_code(code, [&](PyCodeObject* nested) {
+        if (PyUnicode_CompareWithASCIIString(nested->co_name, name) == 0)
+            found = nested;
+        return found != nullptr;
+    });
+    if (found == nullptr)
+        throw_error(PyExc_SystemError, "a function is not among the declarations", at);
+    return found;
+}
+
+/// Makes the sources of the declarations readable for inspect.getsource and for the lines of a traceback. Where
+/// somebody has put something else in the place of the standard library's cache they may stay unread.
+void offer_sources(handle sources) {
+    object linecache = object::steal(foreign_call(PyImport_ImportModule, "linecache"));
+    object cache;
+    if (linecache)
+        cache = object::steal(foreign_call(PyObject_GetAttr, linecache.ptr(), "cache"_n.ptr()));
+    PyObject* file = nullptr;
+    PyObject* lines = nullptr;
+    for (Py_ssize_t position = 0; cache && PyDict_Next(sources.ptr(), &position, &file, &lines) != 0;)
+        if (foreign_call(PyObject_SetItem, cache.ptr(), file, lines) < 0)
+            break;
+    if (PyErr_Occurred() == nullptr)
+        return;
+    if (!PyErr_ExceptionMatches(PyExc_Exception))
+        throw_error();
+    PyErr_Clear();
+}
+
 object load_declarations(std::span<const unsigned char> marshalled) {
     object loaded = check(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
-                                                         static_cast<Py_ssize_t>(marshalled.size())),
-                          where::current());
-    object linecache = check(PyImport_ImportModule("linecache"), where::current());
-    object cache = check(PyObject_GetAttrString(linecache.ptr(), "cache"), where::current());
-    check(PyDict_Update(cache.ptr(), PyTuple_GET_ITEM(loaded.ptr(), 1)), where::current());
-    object codes = object::borrow(PyTuple_GET_ITEM(loaded.ptr(), 0));
+                                                         static_cast<Py_ssize_t>(marshalled.size())));
+    offer_sources(handle(PyTuple_GET_ITEM(loaded.ptr(), 1)));
+    object made = object::borrow(PyTuple_GET_ITEM(loaded.ptr(), 0));
     PyObject* key = nullptr;
     PyObject* code = nullptr;
-    for (Py_ssize_t position = 0; PyDict_Next(codes.ptr(), &position, &key, &code) != 0;)
-        keep_nested_codes(handle(code));
-    return codes;
+    for (Py_ssize_t position = 0; PyDict_Next(made.ptr(), &position, &key, &code) != 0;)
+        keep_nested_codes(reinterpret_cast<PyCodeObject*>(code));
+    return made;
 }
 
 object declared_code(const char* declaration) {
-    object key = check(PyUnicode_FromString(declaration), where::current());
-    return get_item(state->codes, key);
-}
-
-void execute(const char* declaration, handle locals) {
-    object code = declared_code(declaration);
-    perform(where::current(), PyEval_EvalCode, code.ptr(), state->globals.ptr(), locals.ptr());
+    object key = check(PyUnicode_FromString(declaration));
+    object code = get_item(codes, key);
+    if (!PyCode_Check(code.ptr()))
+        throw_error(PyExc_SystemError, "a declaration is not code");
+    return code;
 }
 
 /// A function over the module's namespace with these values in its closure.
 object new_function(handle code, std::span<const handle> enclosed) {
     if (PyCode_GetNumFree(reinterpret_cast<PyCodeObject*>(code.ptr())) != static_cast<Py_ssize_t>(enclosed.size()))
-        throw_error(PyExc_SystemError, "a closure does not fit its declaration", where::current());
-    object made = check(PyFunction_New(code.ptr(), state->globals.ptr()), where::current());
+        throw_error(PyExc_SystemError, "a closure does not fit its declaration");
+    object made = check(PyFunction_New(code.ptr(), module_namespace().ptr()));
     if (enclosed.empty())
         return made;
-    object cells = check(PyTuple_New(static_cast<Py_ssize_t>(enclosed.size())), where::current());
+    object cells = check(PyTuple_New(static_cast<Py_ssize_t>(enclosed.size())));
     for (std::size_t i = 0; i < enclosed.size(); ++i)
-        PyTuple_SET_ITEM(cells.ptr(), static_cast<Py_ssize_t>(i),
-                         check(PyCell_New(enclosed[i].ptr()), where::current()).release());
-    check(PyFunction_SetClosure(made.ptr(), cells.ptr()), where::current());
+        PyTuple_SET_ITEM(cells.ptr(), static_cast<Py_ssize_t>(i), check(PyCell_New(enclosed[i].ptr())).release());
+    check(PyFunction_SetClosure(made.ptr(), cells.ptr()));
     return made;
 }
 
-/// Puts the native body into a function that the interpreter has just made.
-void attach(handle function, const native_function& native) {
-    auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
-    if (*native.code != made->func_code) {
-        state->bodies.push_back(native.code);
-        *native.code = made->func_code;
+/// Connects the declared code with its native body. The compiler of the declarations has left `...` in the place of
+/// what the code calls; the constants are this code object's alone, and nothing has run it yet.
+PyCodeObject* connect(PyCodeObject* declaration, const native_function& native) {
+    PyCodeObject* code = nested_code(declaration, native.name);
+    const int declared = code->co_argcount + code->co_kwonlyargcount + ((code->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
+    if (static_cast<std::size_t>(declared) != native.parameters)
+        throw_error(PyExc_SystemError, "a native body has other parameters than its declaration");
+    object callable = check(PyCFunction_New(native.interpreted, reinterpret_cast<PyObject*>(code)));
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts); ++i) {
+        PyObject* constant = PyTuple_GET_ITEM(code->co_consts, i);
+        if (constant != Py_Ellipsis)
+            continue;
+        PyTuple_SET_ITEM(code->co_consts, i, callable.release());
+        Py_DECREF(constant);
+        break;
     }
+    native.node->code = code;
+    return code;
+}
+
+/// Gives a function the short way to its native body, if it is the declared one. Whoever decorates, traces or replaces
+/// what is being defined can have put anything in its place; nothing of that is touched.
+void shorten(handle function, const native_function& native) {
+    if (!function || !PyFunction_Check(function.ptr()))
+        return;
+    auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
+    if (reinterpret_cast<PyCodeObject*>(made->func_code) != native.node->code)
+        return;
+    if (made->vectorcall == native.entry)
+        return; // kept by somebody from an initialisation that failed
     interpreted = made->vectorcall;
     PyFunction_SetVectorcall(made, native.entry);
 }
 
-void attach_methods(const object& owner, std::initializer_list<native_function> methods) {
-    for (const native_function& method : methods)
-        attach(check(PyObject_GetAttrString(owner.ptr(), method.name), where::current()), method);
+/// Executes a declaration in the namespace; returns what it is bound to afterwards, or nothing.
+object execute(handle code, const char* name, location at = location::current()) {
+    checked_call(at, PyEval_EvalCode, code.ptr(), module_namespace().ptr(), module_namespace().ptr());
+    object key = check(PyUnicode_FromString(name));
+    return get(module_namespace(), key);
 }
 
 } // namespace
 
 void start(handle module_namespace, std::span<const unsigned char> declarations) {
-    if (state == nullptr) {
-        if (!forgets_at_exit && Py_AtExit(forget) < 0)
-            throw_error(PyExc_SystemError, "the interpreter takes no more exit functions", where::current());
-        forgets_at_exit = true;
+    if (!forgets_at_exit && Py_AtExit(forget) < 0)
+        throw_error(PyExc_SystemError, "the interpreter takes no more exit functions");
+    forgets_at_exit = true;
+    if (!enter_recursion()) // the thread's stack is measured here and not in the middle of a call, mostly
+        throw_error();
+    leave_recursion();
+    const std::int64_t running = PyInterpreterState_GetID(PyInterpreterState_Get());
+    if (interpreter_of_codes != running) {
+        // What another interpreter has left is not ours to give back.
+        forget_namespace();
+        codes = handle();
+        interpreter_of_codes = nobody;
         intern_names();
-        auto fresh = std::make_unique<interpreter_state>();
-        fresh->codes = load_declarations(declarations);
-        state = fresh.release();
     }
-    state->globals = object::borrow(module_namespace);
-    state->builtins = object::borrow(PyEval_GetBuiltins());
-    detail::module_namespace = state->globals;
-    detail::builtins = state->builtins;
-    set_global("__builtins__"_n, state->builtins);
+    object loaded = load_declarations(declarations);
+    const object left = object::steal(codes.ptr()); // by an initialisation that failed
+    codes = handle(loaded.release());
+    interpreter_of_codes = running;
+    enter_namespace(module_namespace);
+    set_global("__builtins__"_n, handle(PyEval_GetBuiltins()));
 }
 
-void stop() { const std::unique_ptr<interpreter_state> ended(std::exchange(state, nullptr)); }
+void stop() noexcept {
+    for (body_node* node = first_body; node != nullptr; node = node->next)
+        node->code = nullptr;
+}
 
-void run_imports() { execute("imports", state->globals); }
+void run_imports() { execute(declared_code("imports"), "imports"); }
 
 void define(const native_function& function) {
-    execute(function.name, state->globals);
-    object made = check(PyMapping_GetItemString(state->globals.ptr(), function.name), where::current());
-    attach(made, function);
+    object code = declared_code(function.name);
+    connect(reinterpret_cast<PyCodeObject*>(code.ptr()), function);
+    shorten(execute(code, function.name), function);
 }
 
 void define_class(const char* name, std::initializer_list<native_function> methods) {
-    execute(name, state->globals);
-    attach_methods(check(PyMapping_GetItemString(state->globals.ptr(), name), where::current()), methods);
+    object code = declared_code(name);
+    for (const native_function& method : methods)
+        connect(reinterpret_cast<PyCodeObject*>(code.ptr()), method);
+    object made = execute(code, name);
+    if (!PyType_Check(made.ptr()))
+        return;
+    for (const native_function& method : methods) {
+        object key = check(PyUnicode_FromString(method.name));
+        shorten(handle(_PyType_Lookup(reinterpret_cast<PyTypeObject*>(made.ptr()), key.ptr())), method);
+    }
 }
 
 void define_generator(const char* name, const char* steps_class, std::initializer_list<native_function> steps) {
-    object scope = check(PyDict_New(), where::current());
-    execute(steps_class, scope);
-    object owner = check(PyMapping_GetItemString(scope.ptr(), steps_class), where::current());
-    attach_methods(owner, steps);
-
     object code = declared_code(name);
-    object wanted = check(PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(code.ptr())), where::current());
-    std::vector<object> made;
-    made.reserve(static_cast<std::size_t>(PyTuple_GET_SIZE(wanted.ptr())));
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(wanted.ptr()); ++i)
-        made.push_back(perform(where::current(), PyObject_GetAttr, owner.ptr(), PyTuple_GET_ITEM(wanted.ptr(), i)));
-    const std::vector<handle> enclosed(made.begin(), made.end());
-    object key = check(PyUnicode_FromString(name), where::current());
-    set_item(state->globals, key, new_function(code, enclosed));
-}
-
-object nested_function(const frame& in, const native_function& function, std::initializer_list<handle> enclosed) {
-    PyObject* constants = in.code()->co_consts;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(constants); ++i) {
-        PyObject* constant = PyTuple_GET_ITEM(constants, i);
-        if (!PyCode_Check(constant) ||
-            PyUnicode_CompareWithASCIIString(reinterpret_cast<PyCodeObject*>(constant)->co_name, function.name) != 0)
-            continue;
-        object made = new_function(handle(constant), {enclosed.begin(), enclosed.size()});
-        attach(made, function);
-        return made;
+    object steps_code = declared_code(steps_class);
+    object wanted = check(PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(code.ptr())));
+    object made[bound_arguments::max_parameters];
+    handle enclosed[bound_arguments::max_parameters];
+    for (const native_function& step : steps) {
+        object function = new_function(handle(connect(reinterpret_cast<PyCodeObject*>(steps_code.ptr()), step)), {});
+        shorten(function, step);
+        object key = check(PyUnicode_FromString(step.name));
+        const Py_ssize_t place = check(PySequence_Index(wanted.ptr(), key.ptr()));
+        made[place] = function;
+        enclosed[place] = function;
     }
-    throw_error(PyExc_SystemError, "a nested function is not among the declarations", where::current());
+    object key = check(PyUnicode_FromString(name));
+    set_item(module_namespace(), key, new_function(code, {enclosed, steps.size()}));
 }
 
-object imported(name declaration) {
-    object statement = get_item(state->codes, declaration);
+object nested_function(const frame& in, const char* name, std::initializer_list<handle> enclosed, location at) {
+    return new_function(handle(nested_code(in.code(), name, at)), {enclosed.begin(), enclosed.size()});
+}
+
+callee imported(name declaration, location at) {
+    object statement = get_item(codes, declaration, at);
     if (PyCode_Check(statement.ptr())) { // the first time
         statement = new_function(statement, {});
-        set_item(state->codes, declaration, statement);
+        set_item(codes, declaration, statement, at);
     }
     try {
-        return call_at(where::current(), statement);
+        return {call_at(at, statement), at};
     } catch (error& raised) {
         raised.mark_traced();
         throw;

@@ -2,27 +2,25 @@
 // that move a reference across the border to the C interface. NULL and -1 never get past this layer.
 #pragma once
 
-#include <Python.h>
+#include "version.hpp"
 
 #include <unistd.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <source_location>
-#include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace corvane::py {
 
 /// The C++ line an operation was written on; it becomes the line of the traceback entry.
-using where = std::source_location;
+using location = std::source_location;
 
-class found;
+class callee;
 
 /// Where a C call may run other code, that code may wait for the interpreter's lock; and a daemon thread that waits
-/// while the interpreter ends is ended by CPython 3.12 through pthread_exit, which would unwind our frames without a
-/// thread state and crash in the first destructor. Like later interpreters, let such a thread sleep until the process
-/// is gone. A destructor does it because such an unwinding cannot be caught inside a handler.
+/// while the interpreter ends is ended by CPython 3.12 and 3.13 through pthread_exit, which would unwind our frames
+/// without a thread state and crash in the first destructor. Like later interpreters, let such a thread sleep until
+/// the process is gone. A destructor does it because such an unwinding cannot be caught inside a handler.
 class thread_end_guard {
   public:
     thread_end_guard() noexcept = default;
@@ -38,15 +36,21 @@ class thread_end_guard {
     bool returned_ = false;
 };
 
-template <typename Function, typename... Arguments> auto call_out(Function* function, Arguments... arguments) {
+/// A C call that may run other code, its result as it is.
+template <typename Function, typename... Arguments> auto foreign_call(Function* function, Arguments... arguments) {
     thread_end_guard guard;
-    auto result = function(arguments...);
-    guard.returned();
-    return result;
+    if constexpr (std::is_void_v<decltype(function(arguments...))>) {
+        function(arguments...);
+        guard.returned();
+    } else {
+        auto result = function(arguments...);
+        guard.returned();
+        return result;
+    }
 }
 
-/// The last reference is gone. Never inlined, for in the middle of a destructor the guard could not stop the unwinding.
-[[gnu::noinline, gnu::noipa]] void deallocate(PyObject* owned);
+/// The last reference is gone.
+void deallocate(PyObject* owned);
 
 /// Gives a reference back.
 inline void drop(PyObject* owned) noexcept {
@@ -63,6 +67,9 @@ class handle {
   public:
     constexpr handle() noexcept = default;
     explicit constexpr handle(PyObject* pointer) noexcept : pointer_(pointer) {}
+    /// A type or a function, by its own C struct.
+    template <typename Struct>
+    explicit handle(Struct* pointer) noexcept : pointer_(reinterpret_cast<PyObject*>(pointer)) {}
 
     [[nodiscard]] constexpr PyObject* ptr() const noexcept { return pointer_; }
     [[nodiscard]] constexpr bool is(handle other) const noexcept { return pointer_ == other.pointer_; }
@@ -70,7 +77,7 @@ class handle {
     explicit constexpr operator bool() const noexcept { return pointer_ != nullptr; }
 
     /// `self.name`
-    [[nodiscard]] found attr(struct name wanted, where line = where::current()) const;
+    [[nodiscard]] callee attr(handle name, location at = location::current()) const;
 
   private:
     PyObject* pointer_ = nullptr;
@@ -93,6 +100,9 @@ class object : public handle {
     [[nodiscard]] static object borrow(handle other) noexcept { return borrow(other.ptr()); }
     /// Takes over the caller's reference.
     [[nodiscard]] static object steal(PyObject* pointer) noexcept { return object(pointer); }
+    template <typename Struct> [[nodiscard]] static object steal(Struct* pointer) noexcept {
+        return object(reinterpret_cast<PyObject*>(pointer));
+    }
     /// Hands the reference to the caller and leaves this empty.
     [[nodiscard]] PyObject* release() noexcept {
         PyObject* pointer = ptr();
@@ -106,61 +116,5 @@ class object : public handle {
 
 [[nodiscard]] inline object none() noexcept { return object::borrow(Py_None); }
 [[nodiscard]] inline handle true_value() noexcept { return handle(Py_True); }
-
-/// What a name was last found to be, valid while the dictionaries have not changed. Values are borrowed from them. A
-/// version is never used twice in one interpreter, whichever the dictionary.
-struct remembered {
-    std::uint64_t globals_version;
-    std::uint64_t builtins_version;
-    PyObject* value;
-    bool builtin; ///< the function of that name in the builtins
-    std::uint64_t module_version;
-    PyObject* attribute; ///< of the module whose dictionary has that version
-};
-
-/// One literal of the program that is wanted as an interned Python text: a node of a list that the loader threads
-/// together before any code runs, so that all of them are interned at once and no lookup can fail later.
-struct name_node {
-    std::string_view text;
-    name_node* next;
-    PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
-    remembered last = {};
-
-    explicit name_node(std::string_view literal) noexcept;
-};
-
-/// An interned text, borrowed for the life of the interpreter. It brings along what it was last found to be.
-struct name : handle {
-    name_node* node;
-};
-[[nodiscard]] inline name interned(name_node& node) noexcept { return {handle(node.interned), &node}; }
-
-/// A string literal as a template argument.
-template <std::size_t Size> struct literal {
-    char text[Size];
-    consteval literal(const char (&characters)[Size]) { // NOLINT(google-explicit-constructor): made by the literal
-        for (std::size_t i = 0; i < Size; ++i)
-            text[i] = characters[i];
-    }
-};
-template <literal Text> inline name_node node_of{{Text.text, sizeof(Text.text) - 1}};
-
-/// The name of a keyword argument; `"mode"_a = value` passes `mode=value`.
-struct argument_name {
-    handle name;
-    struct argument operator=(handle value) const noexcept; // NOLINT(misc-unconventional-assign-operator)
-};
-struct argument {
-    handle name;
-    handle value;
-};
-// NOLINTNEXTLINE(misc-unconventional-assign-operator)
-inline argument argument_name::operator=(handle value) const noexcept { return {.name = name, .value = value}; }
-
-inline namespace literals {
-/// An interned text: a name to look up, or a constant of the program.
-template <literal Text> [[nodiscard]] name operator""_n() noexcept { return interned(node_of<Text>); }
-template <literal Text> [[nodiscard]] argument_name operator""_a() noexcept { return {interned(node_of<Text>)}; }
-} // namespace literals
 
 } // namespace corvane::py

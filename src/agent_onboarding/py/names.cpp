@@ -1,0 +1,103 @@
+#include "names.hpp"
+
+#include "call.hpp"
+
+namespace corvane::py {
+
+// What a look-up finds is remembered until something changes in the module's namespace or in the builtins. Dictionary
+// watchers tell of a change before it happens, thus before a value that goes can run code of its own; a version number
+// would come too late, for the interpreter's specialised stores destroy the old value first. Without a watcher (there
+// are only a few in an interpreter) nothing is remembered.
+
+namespace {
+name_node* first_name = nullptr;
+
+handle globals;  // owned, and given back only for another namespace of the same interpreter
+handle builtins; // owned likewise
+
+constexpr int no_watcher = -1;
+int watcher = no_watcher;
+std::uint64_t changes = 1;
+
+int count_change(PyDict_WatchEvent /*event*/, PyObject* /*dictionary*/, PyObject* /*key*/, PyObject* /*value*/) {
+    ++changes;
+    return 0;
+}
+
+void watch(handle dictionary) {
+    if (watcher == no_watcher)
+        watcher = PyDict_AddWatcher(count_change);
+    if (watcher != no_watcher && PyDict_Watch(watcher, dictionary.ptr()) < 0)
+        watcher = no_watcher;
+    if (watcher == no_watcher)
+        PyErr_Clear();
+}
+
+bool is_builtin(handle value, handle name) noexcept {
+    return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
+           PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
+           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == builtins.ptr() &&
+           PyUnicode_CompareWithASCIIString(name.ptr(),
+                                            reinterpret_cast<PyCFunctionObject*>(value.ptr())->m_ml->ml_name) == 0;
+}
+
+object look_up(name wanted, location at) {
+    const std::uint64_t seen = changes; // read first: a key of the namespace may have an `__eq__` that changes it
+    PyObject* value = foreign_call(PyDict_GetItemWithError, globals.ptr(), wanted.ptr());
+    if (value == nullptr && PyErr_Occurred() == nullptr)
+        value = foreign_call(PyDict_GetItemWithError, builtins.ptr(), wanted.ptr());
+    object found = object::borrow(value);
+    if (!found) {
+        if (PyErr_Occurred() != nullptr)
+            throw_error(at);
+        object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), at);
+        raise(call_at(at, handle(PyExc_NameError), message, "name"_a = wanted), at);
+    }
+    const bool watched = watcher != no_watcher && !interpreter_is_ending();
+    wanted.node->last = {.change = watched ? seen : 0, .value = value, .builtin = is_builtin(found, wanted)};
+    return found;
+}
+} // namespace
+
+name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
+
+callee global(name wanted, location at) {
+    const remembered& last = wanted.node->last;
+    if (last.change == changes) [[likely]]
+        return {object::borrow(last.value), at};
+    return {look_up(wanted, at), at};
+}
+
+void set_global(name changed, handle value, location at) {
+    checked_call(at, PyDict_SetItem, globals.ptr(), changed.ptr(), value.ptr());
+}
+
+handle module_namespace() noexcept { return globals; }
+
+// Texts that an earlier initialisation has interned are not given back: it may have been another interpreter's, and
+// they are its own.
+void intern_names() {
+    for (name_node* node = first_name; node != nullptr; node = node->next) {
+        PyObject* text = detail::text_of(node->text).release();
+        PyUnicode_InternInPlace(&text);
+        node->interned = text;
+        node->last = {};
+    }
+}
+
+void enter_namespace(handle module_namespace) {
+    const object left[] = {object::steal(globals.ptr()), object::steal(builtins.ptr())}; // by a failed initialisation
+    globals = handle(object::borrow(module_namespace).release());
+    builtins = handle(object::borrow(PyEval_GetBuiltins()).release());
+    ++changes;
+    watch(globals);
+    watch(builtins);
+}
+
+void forget_namespace() noexcept {
+    globals = handle();
+    builtins = handle();
+    watcher = no_watcher;
+}
+
+} // namespace corvane::py

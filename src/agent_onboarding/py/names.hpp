@@ -1,0 +1,93 @@
+// The texts of the program, interned, and what they stand for in the module's namespace.
+#pragma once
+
+#include "object.hpp"
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace corvane::py {
+
+/// What a name was last found to be. Borrowed: the namespace tells before a value goes, see names.cpp.
+struct remembered {
+    std::uint64_t change = 0; ///< the number of changes that had been seen; 0 for never
+    PyObject* value = nullptr;
+    bool builtin = false; ///< the function of that name in the builtins
+};
+
+/// One literal of the program that is wanted as an interned Python text: a node of a list that the loader threads
+/// together before any code runs, so that all of them are interned at once and no look-up can fail later.
+struct name_node {
+    std::string_view text;
+    name_node* next;
+    PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
+    remembered last = {};
+
+    explicit name_node(std::string_view literal) noexcept;
+};
+
+/// An interned text, borrowed for the life of the interpreter. It brings along what it was last found to be.
+struct name : handle {
+    name_node* node;
+};
+[[nodiscard]] inline name interned(name_node& node) noexcept { return {handle(node.interned), &node}; }
+
+/// A string literal as a template argument.
+template <std::size_t Size> struct literal {
+    char text[Size];
+    consteval literal(const char (&characters)[Size]) { // NOLINT(google-explicit-constructor): made by the literal
+        for (std::size_t i = 0; i < Size; ++i)
+            text[i] = characters[i];
+    }
+};
+template <literal Text> inline name_node node_of{{Text.text, sizeof(Text.text) - 1}};
+
+/// A keyword argument of a call.
+struct argument {
+    handle name;
+    handle value;
+};
+/// The name of a keyword argument; `"mode"_a = value` passes `mode=value`.
+struct argument_name {
+    handle name;
+    // NOLINTNEXTLINE(misc-unconventional-assign-operator): it makes an argument and assigns nothing
+    argument operator=(handle value) const noexcept { return {.name = name, .value = value}; }
+};
+
+inline namespace literals {
+/// An interned text: a name to look up, or a constant of the program.
+template <literal Text> [[nodiscard]] name operator""_n() noexcept { return interned(node_of<Text>); }
+template <literal Text> [[nodiscard]] argument_name operator""_a() noexcept { return {interned(node_of<Text>)}; }
+} // namespace literals
+
+/// A value that was just looked up; a call of it is reported on the line of the look-up.
+class callee : public object {
+  public:
+    callee(object value, location at) noexcept : object(std::move(value)), at_(at) {}
+    template <typename... Arguments> object operator()(const Arguments&... arguments) const;
+    /// With keywords in a braced list, which are evaluated in their order.
+    object operator()(std::initializer_list<argument> keywords) const;
+
+  private:
+    location at_;
+};
+
+/// A name of the module: its namespace, then the builtins, then NameError.
+[[nodiscard]] callee global(name wanted, location at = location::current());
+/// Whether what `global` has just found under the name is the builtin function of that name, not what somebody has put
+/// in its place.
+[[nodiscard]] inline bool found_builtin(name wanted) noexcept { return wanted.node->last.builtin; }
+/// `global name; name = value`
+void set_global(name changed, handle value, location at = location::current());
+
+/// The dictionary in which all names are looked up; empty before the first initialisation.
+[[nodiscard]] handle module_namespace() noexcept;
+/// Interns the names of the program for the interpreter that is running.
+void intern_names();
+/// From now on names are looked up here, and builtins where the interpreter has them now.
+void enter_namespace(handle module_namespace);
+/// The interpreter is gone, and its objects with it.
+void forget_namespace() noexcept;
+
+} // namespace corvane::py
