@@ -27,11 +27,10 @@ def signature_line(text: str, name: str, module: str, homes: dict[str, str]) -> 
     while True:
         try:
             exec(text, names)
-        except NameError as missing:
+            return name + str(inspect.signature(names[name]))  # type: ignore[arg-type]
+        except NameError as missing:  # while the text is executed, or from 3.14 on while its annotations are evaluated
             unknown = str(missing.name)
             names[unknown] = type(unknown, (), {"__module__": homes.get(unknown, module)})
-        else:
-            return name + str(inspect.signature(names[name]))  # type: ignore[arg-type]
 
 
 def final_docstring(node: ast.FunctionDef, text: str, source: str, module: str) -> str:
@@ -103,8 +102,19 @@ def bound_name(statement: ast.Import | ast.ImportFrom) -> str:
     return alias.asname or alias.name
 
 
-def only_code_in(code: CodeType) -> CodeType:
-    return next(constant for constant in code.co_consts if isinstance(constant, CodeType))
+def code_in(code: CodeType, name: str) -> CodeType:
+    """The code of the function of that name; from 3.14 on the code that evaluates its annotations lies beside it."""
+    return next(inner for inner in code.co_consts if isinstance(inner, CodeType) and inner.co_name == name)
+
+
+def with_docstrings(code: CodeType, docs: dict[str, str]) -> CodeType:
+    """The code with the docstrings of these functions as they are given; from 3.13 on a compiler strips their indent."""
+    constants = [with_docstrings(c, docs) if isinstance(c, CodeType) else c for c in code.co_consts]
+    if code.co_name in docs:
+        if not isinstance(constants[0], str):
+            raise ValueError(f"{code.co_name} lost its docstring")
+        constants[0] = docs[code.co_name]
+    return code.replace(co_consts=tuple(constants))
 
 
 def import_code(statement: ast.stmt, bound: str, function: str, file_name: str) -> CodeType:
@@ -112,7 +122,7 @@ def import_code(statement: ast.stmt, bound: str, function: str, file_name: str) 
     tree = ast.parse(f"def {function}(): return {bound}")
     assert isinstance(tree.body[0], ast.FunctionDef)
     tree.body[0].body.insert(0, statement)
-    return only_code_in(compile(tree, file_name, "exec", dont_inherit=True, optimize=0))
+    return code_in(compile(tree, file_name, "exec", dont_inherit=True, optimize=0), function)
 
 
 def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> tuple[str, dict[str, CodeType]]:
@@ -125,9 +135,10 @@ def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> 
     text = native_text(node, source)
     file_name = f"<{module}.{node.name}>"
     tree = ast.parse(text)
-    codes = {}
+    codes, docs = {}, {}
     for written, function in zip(functions_of(node), functions_of(tree.body[0]), strict=True):
-        for statement in complete(function, final_docstring(written, ast.unparse(function), source, module)):
+        docs[function.name] = final_docstring(written, ast.unparse(function), source, module)
+        for statement in complete(function, docs[function.name]):
             bound = bound_name(statement)
             if f"{function.name}.{bound}" in codes:
                 raise ValueError(f"{function.name} imports {bound} twice")
@@ -138,9 +149,10 @@ def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> 
         assert isinstance(outer.body[0], ast.FunctionDef)
         outer.body[0].body = tree.body
         code = compile(outer, file_name, "exec", dont_inherit=True, optimize=0)
-        codes[node.name] = only_code_in(only_code_in(code)).replace(co_qualname=node.name)
+        codes[node.name] = code_in(code_in(code, "outer"), node.name).replace(co_qualname=node.name)
     else:
         codes[node.name] = compile(tree, file_name, "exec", dont_inherit=True, optimize=0)
+    codes[node.name] = with_docstrings(codes[node.name], docs)
     return text, codes
 
 
