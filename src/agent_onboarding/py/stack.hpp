@@ -13,8 +13,8 @@ struct stack_bounds {
     std::uintptr_t top;
     std::uintptr_t end; ///< below `limit` as much is kept free as the deepest body and what it calls may need
 };
-/// Of the running thread. In the static part of its storage, which needs no function of the dynamic loader.
-[[gnu::tls_model("initial-exec")]] extern constinit thread_local stack_bounds this_stack;
+/// Of the running thread.
+extern constinit thread_local stack_bounds this_stack;
 
 /// What remains to be found out where an address is outside of the bounds; false with RecursionError set.
 [[nodiscard]] bool may_begin_at(std::uintptr_t address);
