@@ -1,0 +1,97 @@
+"""A daemon thread waits somewhere in the import or in a body while the interpreter ends; the exit status is 7."""
+
+import builtins
+import dataclasses
+import importlib
+import linecache
+import logging
+import sys
+import threading
+import time
+import types
+from collections import UserDict
+
+import corvane.auth
+import corvane.runtime_module_freshness
+import corvane.skills
+import corvane.sync  # noqa: F401
+
+where = sys.argv[1]
+waiting = threading.Event()
+
+
+def wait(*args, sleep=time.sleep, waits=waiting.set):
+    """Until the interpreter is ending."""
+    if "thread" in globals() and threading.current_thread() is thread:
+        waits()
+        sleep(0.3)
+
+
+class Ending:
+    def __del__(self, sleep=time.sleep):
+        sleep(0.7)
+
+
+class Waiting(type):
+    __subclasscheck__ = __repr__ = wait
+
+
+class Name(str):
+    __hash__ = str.__hash__
+    __eq__ = wait
+
+
+def load():
+    return importlib.import_module("corvane.agent_onboarding")
+
+
+def imported(name):
+    """The module is imported while the import of this one takes long."""
+    sys.modules.pop(name)
+    sys.meta_path.insert(0, types.SimpleNamespace(find_spec=lambda full, *args: wait() if full == name else None))
+    load()
+
+
+def called(module, name):
+    """The module is imported while this function takes long."""
+    good = getattr(module, name)
+    setattr(module, name, lambda *args, **kwargs: (wait(), good(*args, **kwargs))[1])
+    load()
+
+
+def cached():
+    linecache.cache = type("Slow", (UserDict,), {"__setitem__": wait})()
+    load()
+
+
+def raised(exception):
+    load().ValueError = exception
+    load().login(None)
+
+
+def old_cause():
+    """The cause that an exception has already is thrown away when it gets another."""
+    failure, m = ValueError(), load()
+    failure.__cause__ = type("Old", (Exception,), {"__del__": wait})()
+    m.RuntimeError, m.auth = lambda text: failure, None
+    m._propagate_auth(None, strict=True)
+
+
+WHERE = {
+    "linecache": lambda: imported("linecache"),
+    "sibling": lambda: imported("corvane.skills"),
+    "logger": lambda: called(logging, "getLogger"),
+    "record": lambda: called(dataclasses, "dataclass"),
+    "class": lambda: called(builtins, "__build_class__"),
+    "source cache": cached,
+    "exception": lambda: raised(Waiting("Slow", (Exception,), {})),
+    "no exception": lambda: raised(lambda text: Waiting("Slow", (Exception,), {"__new__": lambda cls: 5})),
+    "old cause": old_cause,
+    "arguments": lambda: load().login(**{Name("x"): 1}),
+}
+logging.disable()
+thread = threading.Thread(target=WHERE[where], daemon=True)
+thread.start()
+assert waiting.wait(10)
+sys.modules["held"] = types.SimpleNamespace(ending=Ending())
+sys.exit(7)

@@ -1,0 +1,79 @@
+"""An object shares a namespace; what dies when the last value is stored through it calls a function of the module.
+
+Stored often enough, the interpreter specialises the store: it destroys the old value before the dictionary has changed
+in every respect.
+"""
+
+import builtins
+import importlib
+import os
+import sys
+import types
+
+m = importlib.import_module(sys.argv[1])
+whose, last = sys.argv[2:]
+seen = []
+
+
+class Value:
+    """What is stored. It can be called, has what the functions look for, and says which one it is."""
+
+    path = os.path
+
+    def __init__(self, number, held=None):
+        self.number, self.held = number, held
+
+    def __call__(self, *args):
+        seen.append(self.number)
+        return "/"
+
+    getcwd = __call__
+
+
+class Sharing:
+    """Has no attributes of its own, so that the store can be specialised."""
+
+
+class Calling:
+    def __del__(self):
+        seen.append(getattr(act(), "number", None))
+
+
+class CallingValue(Value, Calling):
+    pass
+
+
+def function():
+    dying = Calling()
+
+    def made(*args):
+        seen.append(dying and "function")
+        return "/"
+
+    made.getcwd, made.path = os.getcwd, os.path
+    return made
+
+
+if whose == "os":
+    m.os = types.ModuleType("os")
+    vars(m.os).update(vars(os))
+shared, name, act = {
+    "fragment": (m, "_AGENTS_MD_FRAGMENT", m.get_agents_md_fragment),
+    "heartbeat": (m, "os", m._find_heartbeat),
+    "os": (m.os, "getcwd", m._find_heartbeat),
+    "builtins": (builtins, "isinstance", lambda: m._safe_named_universe("x")),
+    "auth": (m.auth, "_normalize_invite_code", lambda: m._resolve_optional_invite_code("x")),
+}[whose]
+sharing, kept = Sharing(), vars(shared)[name]
+sharing.__dict__ = vars(shared)
+store = types.FunctionType(compile(f"sharing.{name} = value", "store", "exec"), globals())
+values = [Value(number) for number in range(50)]
+last_but_one = {"itself": lambda: CallingValue(50), "held": lambda: Value(50, Calling()), "function": function}[last]
+for make in (*(lambda value=value: value for value in values), last_but_one, lambda: Value(51)):
+    value = make()
+    act()
+    store()
+    del value
+act()
+setattr(shared, name, kept)
+print(seen)

@@ -1,0 +1,240 @@
+"""Nothing that a caller does crashes the module: what it holds is replaced, patched or destroyed in the middle of it."""
+
+import gc
+import os
+import re
+import signal
+import subprocess
+import sys
+import traceback
+import types
+from itertools import islice
+from pathlib import Path
+
+import pytest
+
+from corvane import agent_onboarding as m
+from differential import same, tried
+from proof import exercise
+from proof.exercise import call, config, kit, ours, raising
+
+HERE, ROOT = Path(__file__).parent, Path(__file__).parents[1]
+FUNCTIONS = [n for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__]
+
+
+def run(program, *arguments, status=0, errors=""):
+    """What a program prints that has an interpreter of its own and ends as it should."""
+    command = [sys.executable, "-X", "dev", "-P", HERE / f"programs/{program}.py", *arguments]
+    environment = {**os.environ, "PYTHONPATH": str(HERE)}
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=100)
+    seen = done.returncode, re.search(errors, done.stderr) is not None if errors else done.stderr
+    assert seen == (status, bool(errors) or ""), (seen, done.stdout[-500:], done.stderr[-2000:])
+    return done.stdout.strip()
+
+
+@pytest.mark.parametrize("last", ["itself", "held", "function"])
+@pytest.mark.parametrize("shared", ["fragment", "heartbeat", "os", "builtins", "auth"])
+def test_a_destructor_sees_the_new_value_through_a_shared_namespace(shared, last):
+    seen = run("shared_namespace", m.__name__, shared, last)
+    assert seen == run("shared_namespace", "twin", shared, last) and "51" in seen
+
+
+PATCHED = {
+    **{
+        ("representation", kind): "True e3b0"
+        for kind in "builtin descriptor partial static property object wrapper ours none".split()
+    },
+    **{("decorated", kind): "True e3b0" for kind in "none text unreadable empty slots".split()},
+    ("methods", "wrapper"): "('own code', 'manifest') []",
+    ("methods", "partial"): "manifest []",
+    ("methods", "builtin"): "TEXT []",
+    ("replaced", "object"): "<object object 0xab ## C",
+    ("replaced", "none"): "None 0xab ## C",
+    ("replaced", "partial"): "functools.partial(<built-in function print>, 'partial') 0xab ## C",
+    ("replaced", "ours"): "<function _normalize_key 0xab ## C",
+    ("replaced", "class"): "None 0xab ## C",
+    ("replaced", "manager"): "<class 'dict'> 0xab ## C",
+    ("replaced", "generator"): "<class 'list'> 0xab ## C",
+    ("deleted", "function"): "False _resolve_optional_invite_code",
+    ("deleted", "manager"): "False _resolve_optional_invite_code",
+    **{("cache", kind): "0xab ValueError def configure(**" for kind in "user stand-in removed".split()},
+    **{("cache", kind): "0xab ValueError none" for kind in "refusing nothing list missing halted text emptied".split()},
+}
+
+
+@pytest.mark.parametrize("patched", PATCHED, ids=" ".join)
+def test_the_import_takes_nothing_for_what_it_is_not(patched):
+    assert run("patched_import", *patched) == PATCHED[patched]
+
+
+WHERE = """linecache, sibling, logger, record, class, source cache, exception, no exception, old cause, arguments"""
+
+
+@pytest.mark.parametrize("where", WHERE.split(", "))
+def test_a_thread_that_waits_while_the_interpreter_ends_sleeps_on(where):
+    assert run("exit_in_thread", where, status=7) == ""
+
+
+class Lying(str):
+    """A keyword that counts how often it is compared, and says so as told: each answer once, then the truth."""
+
+    __hash__ = str.__hash__
+    answers = ()
+
+    def __eq__(self, other):
+        exercise.note(f"{self} == {other}")
+        self.answers, answer = self.answers[1:], next(iter(self.answers), None)
+        if isinstance(answer, type):
+            raise answer
+        return str.__eq__(self, other) if answer is None else answer
+
+
+def lying(name, *answers):
+    made = Lying(name)
+    made.answers = answers
+    return made
+
+
+LIES = {
+    "no lie": (),
+    "no, then the truth": (False,) * 8,
+    "yes": (True,),
+    "raises": (LookupError,),
+    "raises later": (False, LookupError),
+    "no bool": (0, [], "", [1]),
+}
+
+
+@pytest.mark.parametrize("lie", LIES)
+@pytest.mark.parametrize("name", FUNCTIONS)
+def test_arguments_are_bound_in_one_pass(name, lie):
+    code = getattr(m, name).__code__
+    parameters = (*code.co_varnames[: code.co_argcount + code.co_kwonlyargcount], "other")
+    acts = [call(name, **{lying(p, *LIES[lie]): "x"}) for p in parameters]
+    acts += [call(name, *["x"] * code.co_argcount, **{lying(p, *LIES[lie]): "x"}) for p in parameters]
+    same(lambda: [tried(act) for act in acts], config(server_url="http://127.0.0.1:1"))
+
+
+class Bare:
+    """An iterator that cannot be asked for an iterator."""
+
+    def __init__(self, items):
+        self.items = iter(items)
+
+    def __next__(self):
+        exercise.note("next")
+        return next(self.items)
+
+
+class Iterable:
+    """Gives an iterator of this kind, anew each time."""
+
+    def __init__(self, kind, items):
+        self.kind, self.items = kind, [*items]
+
+    def __iter__(self):
+        exercise.note("iter")
+        return self.kind(self.items)
+
+
+class Restarting(Bare):
+    def __iter__(self):
+        exercise.note("again")
+        return Restarting([("new", {"kind": "runtime_module:new"})])
+
+
+@pytest.mark.parametrize("kind", [Bare, Restarting])
+@pytest.mark.parametrize("wrapped", [True, False])
+def test_the_manifest_is_asked_for_one_iterator(kind, wrapped):
+    entries = {"files": {name: {"kind": f"runtime_module:{name}"} for name in "abc"}}
+    other = ours(sorted=lambda items: Iterable(kind, items) if wrapped else kind(items))
+    same(lambda: list(islice(exercise.m._runtime_module_manifest_entries(entries), 9)), other)
+
+
+@pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the frames of an instrumented build need a larger stack")
+@pytest.mark.parametrize("limit", [1000, 1_000_000])
+@pytest.mark.parametrize("kibibytes", [512, 1024, 2048, 8192])
+def test_endless_recursion_is_an_error_on_every_stack(kibibytes, limit):
+    ways = run("recursion", m.__name__, str(kibibytes), str(limit)).splitlines()
+    assert all(way.endswith(": True") for way in ways), ways
+    assert {way.split()[0] for way in ways} == {*FUNCTIONS} - {"get_agents_md_fragment", "_propagate_auth"}
+
+
+def test_the_traceback_of_an_endless_recursion_is_folded():
+    run("uncaught_recursion", status=1, errors="Previous line repeated [0-9]+ more times")
+
+
+class Odd(str):
+    """A text that raises when it is compared."""
+
+    __hash__ = str.__hash__
+    __eq__ = raising(LookupError, "compared")
+    strip = lambda self: self  # noqa: E731
+
+
+@pytest.mark.parametrize(
+    ("act", "file"), [(lambda: m.configure(named_universe=Odd("x")), "entry_points"), (lambda: m._safe_named_universe(Odd("x")), "eras")]
+)
+def test_a_comparison_that_raises_is_reported_where_it_is_made(act, file):
+    with pytest.raises(LookupError) as info:
+        act()
+    entry = traceback.extract_tb(info.tb)[1]
+    assert entry.filename == f"src/agent_onboarding/{file}.cpp"
+    assert '".."' in (ROOT / entry.filename).read_text().splitlines()[entry.lineno - 1]
+
+
+class Truth:
+    """Says when it is tested for truth."""
+
+    def __init__(self, answer):
+        self.answer = answer
+
+    def __bool__(self):
+        exercise.note(f"is {self.answer}")
+        return self.answer
+
+    def __int__(self):
+        return 7
+
+    def __str__(self):
+        return "us"
+
+
+NO, YES = Truth(False), Truth(True)
+
+
+@pytest.mark.parametrize("one", [NO, YES])
+@pytest.mark.parametrize("other", [NO, YES])
+@pytest.mark.parametrize("last", [NO, YES])
+def test_each_operand_is_tested_once(one, other, last):
+    era = {"era_id": one, "allowed_named_universes": ["u"]}
+    vocabulary = ours(_read_json_if_present=lambda path: {"era_id": other})
+    local = call("_bootstrap_local_runtime_from_config", exercise.manager())
+    same(local, *exercise.LOCAL, config(era_config=era), vocabulary, kit())
+    universe = {"named_universe": one, "id": other, "name": last}
+    same(call("_active_era_named_universe_candidates", {"universes": [universe]}))
+
+
+def empty(value):
+    """Empties the dict of keyword arguments that holds the value."""
+    for holder in gc.get_referrers(value):
+        if type(holder) is dict and "auto_heartbeat" in holder and "server_url" not in holder:
+            holder.clear()
+
+
+@pytest.mark.parametrize("by_signal", [True, False])
+def test_options_that_vanish_while_they_are_set(by_signal):
+    class Emptying(str):
+        __hash__ = str.__hash__
+
+        def strip(self):
+            signal.raise_signal(signal.SIGUSR1) if by_signal else empty(self)
+            return "us"
+
+    def options(undo):
+        before = signal.signal(signal.SIGUSR1, lambda number, frame: empty(value))
+        undo.callback(signal.signal, signal.SIGUSR1, before)
+
+    value = Emptying("us")
+    seen = same(lambda: exercise.m.configure(**{"named_universe": value, "auto_heartbeat": False}), options)
+    assert seen["raised"]["text"] == "dictionary changed size during iteration"
