@@ -33,7 +33,7 @@ class Unreadable(type):
     """Its classes do not give their methods away."""
 
     def __getattribute__(cls, name):
-        raise LookupError(name)
+        raise AttributeError(name)
 
 
 def representation():

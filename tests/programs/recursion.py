@@ -16,9 +16,10 @@ import types
 m = importlib.import_module(sys.argv[1])
 kibibytes, limit = map(int, sys.argv[2:])
 FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__}
+ENTRIES = m._runtime_module_manifest_entries
 FUNCTIONS |= {
     "configure": functools.partial(m.configure, colour=1),
-    "_runtime_module_manifest_entries": lambda manifest: list(m._runtime_module_manifest_entries(manifest)),
+    "_runtime_module_manifest_entries": lambda manifest: list(ENTRIES(manifest)),
 }
 BUILTINS = "bool dict getattr hasattr id int isinstance len list open repr sorted str type".split()
 NAMES = [name for name in vars(m) if not name.startswith("__") and name != "logger"] + BUILTINS
