@@ -50,6 +50,13 @@ object manifest_record(handle era_id, handle manifest_data, handle named_univers
     return record("era_id"_a = era_id, "files"_a = files, "named_universe"_a = named_universe);
 }
 
+/// `{key: value}`
+object dict_of(handle key, handle value) {
+    object made = new_dict();
+    set_item(made, key, value);
+    return made;
+}
+
 /// What a kit with batch evaluation adds to the evaluator; all None where it cannot be had.
 struct batch_helpers {
     object orchestrator_class = none();
@@ -291,10 +298,10 @@ object bootstrap_local_runtime_from_config(const frame& in, handle am) {
     object tracker = tracker_class(data_dir);
     object named_universes = tuple(named_universe);
     object features = global("os"_n).attr("path"_n).attr("join"_n)(data_dir, "features"_n, named_universe);
-    object feature_dirs = new_dict(named_universe, features);
+    object feature_dirs = dict_of(named_universe, features);
     object adapter = kit.attr("_RuntimeManifestAdapter"_n)(
         manifest, "feature_epoch"_a = "signal_is"_n, "named_universe"_a = named_universe, "era_config"_a = era_config);
-    object manifest_adapters = new_dict(named_universe, adapter);
+    object manifest_adapters = dict_of(named_universe, adapter);
     object runtime = kit.attr("LibraryRuntime"_n)({
         "auth"_a = am,
         "auth_proxy"_a = am,
@@ -307,7 +314,7 @@ object bootstrap_local_runtime_from_config(const frame& in, handle am) {
         "search_era_config"_a = kit.attr("_SearchEraConfig"_n)(era_config),
         "named_universes"_a = named_universes,
         "default_named_universe"_a = named_universe,
-        "vocabularies"_a = new_dict(named_universe, vocabulary),
+        "vocabularies"_a = dict_of(named_universe, vocabulary),
         "feature_dirs"_a = feature_dirs,
         "manifest_adapters"_a = manifest_adapters,
         "vocabulary_raw"_a = vocabulary,

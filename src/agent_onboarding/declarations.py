@@ -30,6 +30,44 @@ from corvane.runtime_module_freshness import (
 from corvane.skills import list_skills
 from corvane.sync import CURRENT_PLATFORM
 
+# -- Statements that the interpreter executes, for its own words above all where they fail ----------------------------
+
+
+@statement
+def offer_sources(sources):
+    # For inspect.getsource and for the lines of tracebacks. Somebody may have put anything in the place of the cache.
+    try:
+        import linecache
+
+        linecache.cache.update(sources)
+    except Exception:
+        pass
+
+
+@statement
+def unpack_two(value):
+    first, second = value
+    return first, second
+
+
+@statement
+def unpack_three(value):
+    first, second, third = value
+    return first, second, third
+
+
+@statement
+def unpack_four(value):
+    first, second, third, fourth = value
+    return first, second, third, fourth
+
+
+@statement
+def enter(value):
+    with value:
+        pass
+
+
 # -- Failures -------------------------------------------------------------------------------------------------------
 
 
@@ -65,15 +103,15 @@ def _manifest_files(manifest):
     """The file entries of a manifest record or mapping; empty if there are none."""
 
 
-class ManifestEntries:
-    def sorted_files(manifest):
-        """The files of the manifest as pairs, by relative path."""
-
-    def runtime_module(relative_path, file_info):
-        """The entry as (module name, relative path, file entry) if it is a runtime module of this platform, or None."""
+def sorted_files(manifest):
+    """The files of the manifest as pairs, by relative path."""
 
 
-@steps(ManifestEntries)
+def runtime_module(relative_path, file_info):
+    """The entry as (module name, relative path, file entry) if it is a runtime module of this platform, or None."""
+
+
+@steps(runtime_module, sorted_files)
 def _runtime_module_manifest_entries(manifest):
     """Yields (module name, relative path, file entry) for each runtime module of this platform, by relative path."""
     for relative_path, file_info in sorted_files(manifest):

@@ -30,8 +30,8 @@ void populate() {
 
     define<read_manifest>("_read_manifest");
     define<manifest_files>("_manifest_files");
-    define_generator("_runtime_module_manifest_entries", "ManifestEntries",
-                     {native<sorted_files>("sorted_files"), native<runtime_module>("runtime_module")});
+    define_generator("_runtime_module_manifest_entries",
+                     {native<runtime_module>("runtime_module"), native<sorted_files>("sorted_files")});
     define<select_runtime_module_manifest_entry>("_select_runtime_module_manifest_entry");
 
     define<load_manifest_runtime_module>("_load_manifest_runtime_module");

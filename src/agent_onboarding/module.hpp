@@ -20,6 +20,8 @@ using namespace py; // NOLINT(google-build-using-namespace): the layer's vocabul
 bool path_exists(operand path);
 object join_path(operand directory, handle name);
 object real_path(operand path);
+/// `getattr(self, attribute, fallback)`
+object get_attribute(operand self, name attribute, handle fallback);
 /// `auth.name`, of the kit's module
 callee auth(name wanted, location at = location::current());
 /// `value in (".", "..") or "/" in value or "\\" in value or "\0" in value`: more than one segment of a path, or none.

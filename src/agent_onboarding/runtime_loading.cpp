@@ -14,6 +14,12 @@ object directory_of(handle path) {
     return dirname(real_path(path));
 }
 
+/// `digest[:16]`
+object first_digits(handle digest) {
+    object stop = integer(digits_in_name);
+    return get_item(digest, check(PySlice_New(nullptr, stop.ptr(), nullptr)));
+}
+
 /// The directory as the caller named it with the home directory expanded; its real path goes first on sys.path.
 object expanded_on_path(handle data_dir) {
     callee expand = global("os"_n).attr("path"_n).attr("expanduser"_n);
@@ -81,7 +87,7 @@ object content_addressed_extension_path(const frame& in, handle module_name, han
     object root = directory_of(path);
     callee join_paths = global("os"_n).attr("path"_n).attr("join"_n);
     object beginning = concat(".corvane-runtime-", module_name, "-");
-    object start_of_digest = first_of(digest, digits_in_name);
+    object start_of_digest = first_digits(digest);
     object runtime_path = join_paths(root, concat("", beginning, start_of_digest, ".so"));
     if (path_exists(runtime_path))
         return runtime_path;

@@ -5,6 +5,22 @@ namespace corvane::onboarding {
 
 namespace {
 
+/// Whether a function is `sorted` of the builtins, not what somebody has put in its place.
+bool is_builtin_sorted(handle function) {
+    const auto* made = reinterpret_cast<PyCFunctionObject*>(function.ptr());
+    return PyCFunction_CheckExact(function.ptr()) && std::string_view(made->m_ml->ml_name) == "sorted" &&
+           made->m_module != nullptr && PyUnicode_CheckExact(made->m_module) &&
+           PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0;
+}
+
+/// `str(value)`
+object text_form(object value) {
+    callee type = global("str"_n);
+    if (PyUnicode_CheckExact(value.ptr()) && type.is(handle(&PyUnicode_Type)))
+        return value; // one of 100,000
+    return type(value);
+}
+
 /// `sorted(files.items())` by sorting the keys alone, without a tuple and a tuple comparison for each: with 100,000
 /// entries in half the time. The keys of a dict differ, so values never decide, and exact texts have no comparison of
 /// their own that somebody could see. Empty if the keys are not all such texts.
@@ -27,7 +43,7 @@ object pairs_by_key(handle files) {
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(keys.ptr()); ++i)
         PyList_SET_ITEM(values.ptr(), i,
                         Py_NewRef(PyDict_GetItemWithError(copy.ptr(), PyList_GET_ITEM(keys.ptr(), i))));
-    return zip(keys, values);
+    return check(PyObject_CallFunctionObjArgs(handle(&PyZip_Type).ptr(), keys.ptr(), values.ptr(), nullptr));
 }
 
 } // namespace
@@ -60,9 +76,8 @@ object manifest_files(const frame&, handle manifest) {
 
 object sorted_files(const frame&, handle manifest) {
     callee sort = global("sorted"_n);
-    const bool builtin = found_builtin("sorted"_n);
     object files = global("_manifest_files"_n)(manifest);
-    if (builtin && PyDict_CheckExact(files.ptr())) {
+    if (is_builtin_sorted(sort) && PyDict_CheckExact(files.ptr())) {
         if (object pairs = pairs_by_key(files))
             return pairs;
     }

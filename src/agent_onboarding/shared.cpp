@@ -18,6 +18,10 @@ object real_path(operand path) {
     return global("os"_n, at).attr("path"_n, at).attr("realpath"_n, at)(path);
 }
 
+object get_attribute(operand self, name attribute, handle fallback) {
+    return global("getattr"_n, self.at)(self, attribute, fallback);
+}
+
 callee auth(name wanted, location at) { return global("auth"_n, at).attr(wanted, at); }
 
 bool leaves_segment(operand value) {

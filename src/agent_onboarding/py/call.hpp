@@ -11,64 +11,22 @@
 
 namespace corvane::py {
 
-// -- Calls ----------------------------------------------------------------------------------------------------------
+/// A value with the line it is used on, for what takes any number of operands, or is to be reported on its caller's
+/// line.
+struct operand : handle {
+    location at;
+    // NOLINTNEXTLINE(google-explicit-constructor): the value stands for itself
+    operand(handle value, location line = location::current()) noexcept : handle(value), at(line) {}
+};
 
 namespace detail {
-template <typename T> constexpr bool is_keyword = std::is_same_v<T, argument>;
-template <typename... Arguments>
-constexpr std::size_t positional_count = (std::size_t{0} + ... + (is_keyword<Arguments> ? 0 : 1));
-
-inline PyObject* value_of(handle value) noexcept { return value.ptr(); }
-inline PyObject* value_of(const argument& keyword) noexcept { return keyword.value.ptr(); }
-inline void add_name(PyObject*, Py_ssize_t&, handle) noexcept {}
-inline void add_name(PyObject* names, Py_ssize_t& next, const argument& keyword) noexcept {
-    PyTuple_SET_ITEM(names, next++, Py_NewRef(keyword.name.ptr()));
-}
-template <typename... Arguments> object keyword_names(location at, const Arguments&... arguments) {
-    object names;
-    if constexpr (positional_count<Arguments...> < sizeof...(Arguments)) {
-        names = check(PyTuple_New(sizeof...(Arguments) - positional_count<Arguments...>), at);
-        Py_ssize_t next = 0;
-        (add_name(names.ptr(), next, arguments), ...);
-    }
-    return names;
-}
+object call_method(handle self, operand method, std::initializer_list<argument> arguments);
 } // namespace detail
-
-/// `callable(arguments...)`; keyword arguments come last.
-template <typename... Arguments> object call_at(location at, handle callable, const Arguments&... arguments) {
-    // The free place in front lets a bound method put its self there without copying the rest.
-    PyObject* stack[1 + sizeof...(Arguments)] = {nullptr, detail::value_of(arguments)...};
-    const object names = detail::keyword_names(at, arguments...);
-    return checked_call(at, PyObject_Vectorcall, callable.ptr(), stack + 1,
-                        detail::positional_count<Arguments...> | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr());
-}
-/// `callable(name=value, ...)`. Unlike the arguments of a call, the items of a braced list are evaluated in order, so
-/// they may be operations.
-object call_at(location at, handle callable, std::initializer_list<argument> keywords);
-
-template <typename... Arguments> object callee::operator()(const Arguments&... arguments) const {
-    return call_at(at_, *this, arguments...);
-}
-inline object callee::operator()(std::initializer_list<argument> keywords) const {
-    return call_at(at_, *this, keywords);
-}
-
-/// The name of a method, with the line it is called on.
-struct method_name : name {
-    location at;
-    // NOLINTNEXTLINE(google-explicit-constructor): the name stands for itself
-    method_name(name text, location line = location::current()) noexcept : name(text), at(line) {}
-};
 
 /// `self.method(arguments...)` for arguments that are values already: where an argument is itself an operation, the
 /// method must be looked up first, by `attr`.
-template <typename... Arguments> object invoke(handle self, method_name method, const Arguments&... arguments) {
-    PyObject* stack[2 + sizeof...(Arguments)] = {nullptr, self.ptr(), detail::value_of(arguments)...};
-    const object names = detail::keyword_names(method.at, arguments...);
-    const std::size_t positional = 1 + detail::positional_count<Arguments...>;
-    return checked_call(method.at, PyObject_VectorcallMethod, method.ptr(), stack + 1,
-                        positional | PY_VECTORCALL_ARGUMENTS_OFFSET, names.ptr());
+template <typename... Arguments> object invoke(handle self, operand method, const Arguments&... arguments) {
+    return detail::call_method(self, method, {argument(arguments)...});
 }
 
 // -- Attributes, items, operators -----------------------------------------------------------------------------------
@@ -80,8 +38,6 @@ inline callee handle::attr(handle name, location at) const {
 inline void set_attr(handle self, handle name, handle value, location at = location::current()) {
     checked_call(at, PyObject_SetAttr, self.ptr(), name.ptr(), value.ptr());
 }
-/// `getattr(self, name, default)`
-object get_attribute(handle self, handle name, handle fallback, location at = location::current());
 /// `container[key]`
 inline object get_item(handle container, handle key, location at = location::current()) {
     return checked_call(at, PyObject_GetItem, container.ptr(), key.ptr());
@@ -108,12 +64,6 @@ inline bool contains(handle container, handle item, location at = location::curr
     return checked_call(at, PySequence_Contains, container.ptr(), item.ptr()) != 0;
 }
 
-/// A value with the line it is used on, for operations that take any number of operands.
-struct operand : handle {
-    location at;
-    // NOLINTNEXTLINE(google-explicit-constructor): the value stands for itself
-    operand(handle value, location line = location::current()) noexcept : handle(value), at(line) {}
-};
 /// `item in (first, second, ...)`
 template <typename... Items> bool is_one_of(operand item, const Items&... items) {
     const auto equal = [item](handle other) {
@@ -124,8 +74,6 @@ template <typename... Items> bool is_one_of(operand item, const Items&... items)
 
 /// `isinstance(value, type)`
 bool is_instance(handle value, name type, location at = location::current());
-/// `type(value)` where that makes a text, such as `str(value)`
-object text_form(object value, location at = location::current());
 
 /// `left + right`, `left | right`, `left & right`
 inline object add(handle left, handle right, location at = location::current()) {
@@ -150,19 +98,13 @@ inline object new_list(location at = location::current()) { return check(PyList_
 inline void append(const object& list, handle value, location at = location::current()) {
     check(PyList_Append(list.ptr(), value.ptr()), at);
 }
-/// `{}`, `{key: value}`
+/// `{}`
 inline object new_dict(location at = location::current()) { return check(PyDict_New(), at); }
-object new_dict(handle key, handle value, location at = location::current());
 /// `{value}` and `set.add(value)` on such a set
 object new_set(handle value, location at = location::current());
 inline void add_to(const object& set, handle value, location at = location::current()) {
     checked_call(at, PySet_Add, set.ptr(), value.ptr());
 }
-/// `zip(first, second)`, the builtin one
-object zip(handle first, handle second, location at = location::current());
-/// `sequence[:end]`
-object first_of(handle sequence, long end, location at = location::current());
-
 /// The literal that a message begins with; it brings the line along, which a variadic function cannot.
 struct opening {
     std::string_view text;
@@ -240,9 +182,9 @@ class iterate {
 void unpack(handle value, std::span<object> targets, location at = location::current());
 
 /// Enters a context manager; returns its `__exit__` and the value that `__enter__` gave.
-std::pair<object, object> enter_context(handle manager, location at);
+std::pair<callee, object> enter_context(handle manager, location at);
 /// `__exit__` with an exception; whether it swallows it.
-bool exit_context(handle exit, const error& caught, location at);
+bool exit_context(const callee& exit, const error& caught, location at);
 
 /// `with manager as value: body(value)`. A true result of `__exit__` swallows the exception.
 template <typename Body> void with(const frame& in, handle manager, Body body, location at = location::current()) {
@@ -255,7 +197,7 @@ template <typename Body> void with(const frame& in, handle manager, Body body, l
             throw;
         return;
     }
-    call_at(at, exit, handle(Py_None), handle(Py_None), handle(Py_None));
+    exit(none(), none(), none());
 }
 
 /// `try: return body()`, `finally: cleanup()`. A clean-up that can raise is no destructor.

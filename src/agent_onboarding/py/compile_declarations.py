@@ -145,7 +145,7 @@ def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> 
             codes[f"{function.name}.{bound}"] = import_code(statement, bound, function.name, file_name)
     if isinstance(node, ast.FunctionDef) and is_generator(node):
         # The steps become free variables of the function, as if an outer function had them as parameters.
-        outer = ast.parse(f"def outer({', '.join(step_names(node, source))}): pass")
+        outer = ast.parse(f"def outer({', '.join(step_names(node))}): pass")
         assert isinstance(outer.body[0], ast.FunctionDef)
         outer.body[0].body = tree.body
         code = compile(outer, file_name, "exec", dont_inherit=True, optimize=0)
@@ -156,14 +156,16 @@ def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> 
     return text, codes
 
 
-def step_names(node: ast.FunctionDef, source: str) -> list[str]:
-    """The methods of the class that `@steps(...)` names."""
+def step_names(node: ast.FunctionDef) -> list[str]:
+    """The declared functions that `@steps(...)` names."""
     [decorator] = node.decorator_list
-    assert isinstance(decorator, ast.Call) and isinstance(decorator.args[0], ast.Name)
-    for owner in ast.parse(source).body:
-        if isinstance(owner, ast.ClassDef) and owner.name == decorator.args[0].id:
-            return [method.name for method in functions_of(owner)]
-    raise ValueError(f"{decorator.args[0].id} is not declared")
+    assert isinstance(decorator, ast.Call)
+    return [ast.unparse(step) for step in decorator.args]
+
+
+def is_statement(node: ast.stmt) -> bool:
+    """Whether it is declared as `@statement`: a function that the interpreter runs as it is."""
+    return isinstance(node, ast.FunctionDef) and [ast.unparse(mark) for mark in node.decorator_list] == ["statement"]
 
 
 def main(declarations: str, module: str, output: str) -> None:
@@ -179,6 +181,10 @@ def main(declarations: str, module: str, output: str) -> None:
     for node in ast.parse(source).body:
         if isinstance(node, ast.Import | ast.ImportFrom):
             imports.append(ast.get_source_segment(source, node))
+        elif isinstance(node, ast.FunctionDef) and is_statement(node):
+            node.decorator_list = []
+            code = compile(ast.Module([node], []), f"<{module}>", "exec", dont_inherit=True, optimize=0)
+            codes[node.name] = code_in(code, node.name)
         elif isinstance(node, ast.FunctionDef | ast.ClassDef):
             add(f"<{module}.{node.name}>", *declared(node, source, module))
         elif not isinstance(node, ast.Expr):

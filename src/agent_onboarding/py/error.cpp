@@ -30,40 +30,25 @@ void throw_error(PyObject* type, const char* message, location at) {
     throw error(at);
 }
 
-namespace {
-/// The checks of the raise statement on what it was given.
-object exception_instance(object exception, location at) {
+error raised(object exception, handle cause, location at) {
     if (PyExceptionClass_Check(exception.ptr())) {
-        object instance = call_at(at, exception);
-        if (!PyExceptionInstance_Check(instance.ptr())) {
+        const object type = exception;
+        exception = callee(type, at)();
+        if (!PyExceptionInstance_Check(exception.ptr())) {
             foreign_call(PyErr_Format, PyExc_TypeError,
-                         "calling %R should have returned an instance of BaseException, not %R", exception.ptr(),
-                         Py_TYPE(instance.ptr()));
+                         "calling %R should have returned an instance of BaseException, not %R", type.ptr(),
+                         Py_TYPE(exception.ptr()));
             throw_error(at);
         }
-        return instance;
-    }
-    if (!PyExceptionInstance_Check(exception.ptr()))
+    } else if (!PyExceptionInstance_Check(exception.ptr())) {
         throw_error(PyExc_TypeError, "exceptions must derive from BaseException", at);
-    return exception;
-}
-
-/// Unlike PyErr_SetRaisedException, PyErr_SetObject sets `__context__` to the exception being handled. It asks the
-/// class whether it is a subclass of itself, and drops an older context: both can run other code.
-error raised_instance(const object& instance, location at) {
-    foreign_call(PyErr_SetObject, handle(Py_TYPE(instance.ptr())).ptr(), instance.ptr());
+    }
+    if (cause)
+        foreign_call(PyException_SetCause, exception.ptr(), object::borrow(cause).release());
+    // Unlike PyErr_SetRaisedException, this sets `__context__` to the exception being handled. It asks the class
+    // whether it is a subclass of itself, and drops an older context: both can run other code.
+    foreign_call(PyErr_SetObject, handle(Py_TYPE(exception.ptr())).ptr(), exception.ptr());
     return error(at);
-}
-} // namespace
-
-error raised(object exception, location at) {
-    return raised_instance(exception_instance(std::move(exception), at), at);
-}
-
-error raised_from(object exception, handle cause, location at) {
-    object instance = exception_instance(std::move(exception), at);
-    foreign_call(PyException_SetCause, instance.ptr(), object::borrow(cause).release());
-    return raised_instance(instance, at);
 }
 
 handle local(const object& value, const char* variable, location at) {

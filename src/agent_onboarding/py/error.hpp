@@ -59,20 +59,19 @@ auto checked_call(location at, Function* function, Arguments... arguments) {
     return check(foreign_call(function, arguments...), at);
 }
 
-/// What `raise exception` lets go: an exception class is called first, and `__context__` is set.
-[[nodiscard, gnu::cold]] error raised(object exception, location at);
-[[nodiscard, gnu::cold]] error raised_from(object exception, handle cause, location at);
+/// What `raise exception` or `raise exception from cause` lets go: an exception class is called first, and
+/// `__context__` is set.
+[[nodiscard, gnu::cold]] error raised(object exception, handle cause, location at);
 
 // Inlined by hand, for each C++ frame that an exception passes adds half a microsecond to a refused call.
 
 /// `raise exception`
 [[noreturn, gnu::always_inline]] inline void raise(object exception, location at = location::current()) {
-    throw raised(std::move(exception), at);
+    throw raised(std::move(exception), {}, at);
 }
 /// `raise exception from cause`
-[[noreturn, gnu::always_inline]] inline void raise_from(object exception, handle cause,
-                                                        location at = location::current()) {
-    throw raised_from(std::move(exception), cause, at);
+[[noreturn]] inline void raise_from(object exception, handle cause, location at = location::current()) {
+    throw raised(std::move(exception), cause, at);
 }
 
 /// A local variable that a swallowed exception may have left without a value.

@@ -33,6 +33,7 @@ void forget() noexcept {
 body_node::body_node() noexcept : next(first_body) { first_body = this; }
 
 PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
+    PyErr_Clear(); // no memory to bind: the interpreter comes to the same
     return foreign_call(interpreted, callable, arguments, flagged_count, keywords);
 }
 
@@ -73,69 +74,29 @@ void frame::trace(error& raised) const noexcept {
 
 namespace {
 
-/// Does something with each code object inside another one until that returns true; whether it did.
-template <typename Function> bool any_nested_code(PyCodeObject* code, Function does) {
+/// The code object of that name inside another one.
+PyCodeObject* nested_code(PyCodeObject* code, const char* name) {
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts); ++i) {
-        PyObject* constant = PyTuple_GET_ITEM(code->co_consts, i);
-        if (!PyCode_Check(constant))
+        if (!PyCode_Check(PyTuple_GET_ITEM(code->co_consts, i)))
             continue;
-        auto* nested = reinterpret_cast<PyCodeObject*>(constant);
-        if (does(nested) || any_nested_code(nested, does))
-            return true;
+        auto* nested = reinterpret_cast<PyCodeObject*>(PyTuple_GET_ITEM(code->co_consts, i));
+        if (PyUnicode_CompareWithASCIIString(nested->co_name, name) != 0)
+            nested = nested_code(nested, name);
+        if (nested != nullptr)
+            return nested;
     }
-    return false;
+    return nullptr;
 }
 
 /// CPython 3.12 gives a code object up twice where it cannot make the function of it. One more reference, never given
 /// back, keeps a failed import from ending in a crash.
-void keep_nested_codes(PyCodeObject* code) {
-    any_nested_code(code, [](PyCodeObject* nested) {
-        (void)object::borrow(handle(nested)).release();
-        return false;
-    });
-}
-
-PyCodeObject* nested_code(PyCodeObject* code, const char* name, location at = location::current()) {
-    PyCodeObject* found = nullptr;
-    any_nested_code(code, [&](PyCodeObject* nested) {
-        if (PyUnicode_CompareWithASCIIString(nested->co_name, name) == 0)
-            found = nested;
-        return found != nullptr;
-    });
-    if (found == nullptr)
-        throw_error(PyExc_SystemError, "a function is not among the declarations", at);
-    return found;
-}
-
-/// Makes the sources of the declarations readable for inspect.getsource and for the lines of a traceback. Where
-/// somebody has put something else in the place of the standard library's cache they may stay unread.
-void offer_sources(handle sources) {
-    object linecache = object::steal(foreign_call(PyImport_ImportModule, "linecache"));
-    object cache;
-    if (linecache)
-        cache = object::steal(foreign_call(PyObject_GetAttr, linecache.ptr(), "cache"_n.ptr()));
-    PyObject* file = nullptr;
-    PyObject* lines = nullptr;
-    for (Py_ssize_t position = 0; cache && PyDict_Next(sources.ptr(), &position, &file, &lines) != 0;)
-        if (foreign_call(PyObject_SetItem, cache.ptr(), file, lines) < 0)
-            break;
-    if (PyErr_Occurred() == nullptr)
-        return;
-    if (!PyErr_ExceptionMatches(PyExc_Exception))
-        throw_error();
-    PyErr_Clear();
-}
-
-object load_declarations(std::span<const unsigned char> marshalled) {
-    object loaded = check(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(marshalled.data()),
-                                                         static_cast<Py_ssize_t>(marshalled.size())));
-    offer_sources(handle(PyTuple_GET_ITEM(loaded.ptr(), 1)));
-    object made = object::borrow(PyTuple_GET_ITEM(loaded.ptr(), 0));
-    PyObject* key = nullptr;
-    PyObject* code = nullptr;
-    for (Py_ssize_t position = 0; PyDict_Next(made.ptr(), &position, &key, &code) != 0;)
-        keep_nested_codes(reinterpret_cast<PyCodeObject*>(code));
-    return made;
+void keep_nested_codes(handle code) {
+    PyObject* constants = reinterpret_cast<PyCodeObject*>(code.ptr())->co_consts;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(constants); ++i)
+        if (const handle constant(PyTuple_GET_ITEM(constants, i)); PyCode_Check(constant.ptr())) {
+            (void)object::borrow(constant).release();
+            keep_nested_codes(constant);
+        }
 }
 
 object declared_code(const char* declaration) {
@@ -162,8 +123,10 @@ object new_function(handle code, std::span<const handle> enclosed) {
 
 /// Connects the declared code with its native body. The compiler of the declarations has left `...` in the place of
 /// what the code calls; the constants are this code object's alone, and nothing has run it yet.
-PyCodeObject* connect(PyCodeObject* declaration, const native_function& native) {
-    PyCodeObject* code = nested_code(declaration, native.name);
+PyCodeObject* connect(handle declaration, const native_function& native) {
+    PyCodeObject* code = nested_code(reinterpret_cast<PyCodeObject*>(declaration.ptr()), native.name);
+    if (code == nullptr)
+        throw_error(PyExc_SystemError, "a function is not among the declarations");
     const int declared = code->co_argcount + code->co_kwonlyargcount + ((code->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
     if (static_cast<std::size_t>(declared) != native.parameters)
         throw_error(PyExc_SystemError, "a native body has other parameters than its declaration");
@@ -218,12 +181,21 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
         interpreter_of_codes = nobody;
         intern_names();
     }
-    object loaded = load_declarations(declarations);
+    object loaded = check(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(declarations.data()),
+                                                         static_cast<Py_ssize_t>(declarations.size())));
+    object parts[2];
+    unpack(loaded, parts);
+    const auto& [made, sources] = parts;
+    PyObject* key = nullptr;
+    PyObject* code = nullptr;
+    for (Py_ssize_t position = 0; PyDict_Next(made.ptr(), &position, &key, &code) != 0;)
+        keep_nested_codes(handle(code));
     const object left = object::steal(codes.ptr()); // by an initialisation that failed
-    codes = handle(loaded.release());
+    codes = handle(object::borrow(made).release());
     interpreter_of_codes = running;
     enter_namespace(module_namespace);
     set_global("__builtins__"_n, handle(PyEval_GetBuiltins()));
+    interpret_statement("offer_sources"_n, sources);
 }
 
 void stop() noexcept {
@@ -235,55 +207,74 @@ void run_imports() { execute(declared_code("imports"), "imports"); }
 
 void define(const native_function& function) {
     object code = declared_code(function.name);
-    connect(reinterpret_cast<PyCodeObject*>(code.ptr()), function);
+    connect(code, function);
     shorten(execute(code, function.name), function);
 }
 
 void define_class(const char* name, std::initializer_list<native_function> methods) {
     object code = declared_code(name);
     for (const native_function& method : methods)
-        connect(reinterpret_cast<PyCodeObject*>(code.ptr()), method);
+        connect(code, method);
     object made = execute(code, name);
-    if (!PyType_Check(made.ptr()))
-        return;
     for (const native_function& method : methods) {
+        if (!PyType_Check(made.ptr()))
+            break;
         object key = check(PyUnicode_FromString(method.name));
         shorten(handle(_PyType_Lookup(reinterpret_cast<PyTypeObject*>(made.ptr()), key.ptr())), method);
     }
 }
 
-void define_generator(const char* name, const char* steps_class, std::initializer_list<native_function> steps) {
-    object code = declared_code(name);
-    object steps_code = declared_code(steps_class);
-    object wanted = check(PyCode_GetFreevars(reinterpret_cast<PyCodeObject*>(code.ptr())));
-    object made[bound_arguments::max_parameters];
-    handle enclosed[bound_arguments::max_parameters];
+void define_generator(const char* name, std::initializer_list<native_function> steps) {
+    object made[bound_arguments::most];
+    handle enclosed[bound_arguments::most];
+    std::size_t count = 0;
     for (const native_function& step : steps) {
-        object function = new_function(handle(connect(reinterpret_cast<PyCodeObject*>(steps_code.ptr()), step)), {});
-        shorten(function, step);
-        object key = check(PyUnicode_FromString(step.name));
-        const Py_ssize_t place = check(PySequence_Index(wanted.ptr(), key.ptr()));
-        made[place] = function;
-        enclosed[place] = function;
+        made[count] = new_function(handle(connect(declared_code(step.name), step)), {});
+        shorten(made[count], step);
+        enclosed[count] = made[count];
+        ++count;
     }
     object key = check(PyUnicode_FromString(name));
-    set_item(module_namespace(), key, new_function(code, {enclosed, steps.size()}));
+    set_item(module_namespace(), key, new_function(declared_code(name), {enclosed, count}));
 }
 
 object nested_function(const frame& in, const char* name, std::initializer_list<handle> enclosed, location at) {
-    return new_function(handle(nested_code(in.code(), name, at)), {enclosed.begin(), enclosed.size()});
+    PyCodeObject* code = nested_code(in.code(), name);
+    if (code == nullptr)
+        throw_error(PyExc_SystemError, "a nested function is not among the declarations", at);
+    return new_function(handle(code), {enclosed.begin(), enclosed.size()});
 }
 
-callee imported(name declaration, location at) {
-    object statement = get_item(codes, declaration, at);
-    if (PyCode_Check(statement.ptr())) { // the first time
-        statement = new_function(statement, {});
-        set_item(codes, declaration, statement, at);
+namespace {
+/// A function that is a declared statement.
+callee statement(name declaration, location at) {
+    object made = get_item(codes, declaration, at);
+    if (PyCode_Check(made.ptr())) { // the first time
+        made = new_function(made, {});
+        set_item(codes, declaration, made, at);
     }
+    return {made, at};
+}
+} // namespace
+
+callee imported(name declaration, location at) {
+    callee import_statement = statement(declaration, at);
     try {
-        return {call_at(at, statement), at};
+        return {import_statement(), at};
     } catch (error& raised) {
         raised.mark_traced();
+        throw;
+    }
+}
+
+object interpret_statement(name declaration, handle value, location at) {
+    callee interpreted_statement = statement(declaration, at);
+    try {
+        return interpreted_statement(value);
+    } catch (error& raised) {
+        object traceback = object::steal(PyException_GetTraceback(raised.value().ptr()));
+        PyObject* next = reinterpret_cast<PyObject*>(reinterpret_cast<PyTracebackObject*>(traceback.ptr())->tb_next);
+        check(PyException_SetTraceback(raised.value().ptr(), next == nullptr ? Py_None : next), at);
         throw;
     }
 }

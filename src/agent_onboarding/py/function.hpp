@@ -80,16 +80,14 @@ template <auto Body> PyObject* run_body(const frame& running, PyObject* const* v
 /// The vectorcall of a function of ours.
 template <auto Body>
 PyObject* enter_native(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
-    static_assert(parameter_count(Body) <= bound_arguments::max_parameters);
+    static_assert(parameter_count(Body) <= bound_arguments::most);
     auto* function = reinterpret_cast<PyFunctionObject*>(callable);
     PyCodeObject* code = node_of_body<Body>.code;
-    if (reinterpret_cast<PyCodeObject*>(function->func_code) != code) // somebody gave it another `__code__`
-        return interpret(callable, arguments, flagged_count, keywords);
-    const bound_arguments bound(function, code, arguments, flagged_count, keywords);
-    if (bound.result() == bound_arguments::outcome::bound) [[likely]]
-        return run_body<Body>(frame(code), bound.values());
-    if (bound.result() == bound_arguments::outcome::failed)
-        return nullptr;
+    if (reinterpret_cast<PyCodeObject*>(function->func_code) == code) { // or somebody gave it another `__code__`
+        const bound_arguments bound(function, code, arguments, flagged_count, keywords);
+        if (bound) [[likely]]
+            return run_body<Body>(frame(code), bound.values());
+    }
     return interpret(callable, arguments, flagged_count, keywords);
 }
 
@@ -135,8 +133,8 @@ template <auto Body> void define(const char* name) { define(native<Body>(name));
 /// Defines the class in the module's namespace; each of the methods named here gets a native body.
 void define_class(const char* name, std::initializer_list<native_function> methods = {});
 /// Defines a generator function: its declared body runs as it is, so that all the manners of a generator are the
-/// interpreter's, and calls the steps, methods of a declared class, which it finds by name among its free variables.
-void define_generator(const char* name, const char* steps_class, std::initializer_list<native_function> steps);
+/// interpreter's, and calls the steps, declared functions, which are its free variables in this order.
+void define_generator(const char* name, std::initializer_list<native_function> steps);
 
 /// A function or lambda declared inside the running one, made anew with the enclosed values, in the order of
 /// `__closure__`. Its declared body runs as it is.
@@ -146,5 +144,7 @@ void define_generator(const char* name, const char* steps_class, std::initialize
 /// Executes an import statement declared inside a function, `function.bound_name`, and returns what it binds. Where it
 /// fails, its own frame is the function's entry in the traceback.
 [[nodiscard]] callee imported(name declaration, location at = location::current());
+/// Has the interpreter execute a declared statement with the value. Where it fails, its frame does not show.
+object interpret_statement(name declaration, handle value, location at = location::current());
 
 } // namespace corvane::py

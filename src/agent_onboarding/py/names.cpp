@@ -33,14 +33,6 @@ void watch(handle dictionary) {
         PyErr_Clear();
 }
 
-bool is_builtin(handle value, handle name) noexcept {
-    return PyCFunction_CheckExact(value.ptr()) && PyCFunction_GET_SELF(value.ptr()) != nullptr &&
-           PyModule_Check(PyCFunction_GET_SELF(value.ptr())) &&
-           PyModule_GetDict(PyCFunction_GET_SELF(value.ptr())) == builtins.ptr() &&
-           PyUnicode_CompareWithASCIIString(name.ptr(),
-                                            reinterpret_cast<PyCFunctionObject*>(value.ptr())->m_ml->ml_name) == 0;
-}
-
 object look_up(name wanted, location at) {
     const std::uint64_t seen = changes; // read first: a key of the namespace may have an `__eq__` that changes it
     PyObject* value = foreign_call(PyDict_GetItemWithError, globals.ptr(), wanted.ptr());
@@ -51,10 +43,10 @@ object look_up(name wanted, location at) {
         if (PyErr_Occurred() != nullptr)
             throw_error(at);
         object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), at);
-        raise(call_at(at, handle(PyExc_NameError), message, "name"_a = wanted), at);
+        raise(callee(object::borrow(PyExc_NameError), at)(message, "name"_a = wanted), at);
     }
-    const bool watched = watcher != no_watcher && !interpreter_is_ending();
-    wanted.node->last = {.change = watched ? seen : 0, .value = value, .builtin = is_builtin(found, wanted)};
+    wanted.node->value = value;
+    wanted.node->change = watcher == no_watcher || interpreter_is_ending() ? 0 : seen;
     return found;
 }
 } // namespace
@@ -62,9 +54,8 @@ object look_up(name wanted, location at) {
 name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
 
 callee global(name wanted, location at) {
-    const remembered& last = wanted.node->last;
-    if (last.change == changes) [[likely]]
-        return {object::borrow(last.value), at};
+    if (wanted.node->change == changes) [[likely]]
+        return {object::borrow(wanted.node->value), at};
     return {look_up(wanted, at), at};
 }
 
@@ -81,7 +72,7 @@ void intern_names() {
         PyObject* text = detail::text_of(node->text).release();
         PyUnicode_InternInPlace(&text);
         node->interned = text;
-        node->last = {};
+        node->change = 0;
     }
 }
 

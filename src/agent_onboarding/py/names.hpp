@@ -5,16 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string_view>
 
 namespace corvane::py {
-
-/// What a name was last found to be. Borrowed: the namespace tells before a value goes, see names.cpp.
-struct remembered {
-    std::uint64_t change = 0; ///< the number of changes that had been seen; 0 for never
-    PyObject* value = nullptr;
-    bool builtin = false; ///< the function of that name in the builtins
-};
 
 /// One literal of the program that is wanted as an interned Python text: a node of a list that the loader threads
 /// together before any code runs, so that all of them are interned at once and no look-up can fail later.
@@ -22,7 +16,9 @@ struct name_node {
     std::string_view text;
     name_node* next;
     PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
-    remembered last = {};
+    // What the name was last found to be, borrowed, and how many changes had been seen then; see names.cpp.
+    PyObject* value = nullptr;
+    std::uint64_t change = 0;
 
     explicit name_node(std::string_view literal) noexcept;
 };
@@ -43,16 +39,18 @@ template <std::size_t Size> struct literal {
 };
 template <literal Text> inline name_node node_of{{Text.text, sizeof(Text.text) - 1}};
 
-/// A keyword argument of a call.
+/// An argument of a call; a keyword argument has a name.
 struct argument {
+    // NOLINTNEXTLINE(google-explicit-constructor): a value stands for itself
+    argument(handle given) noexcept : value(given) {}
+    argument(handle keyword, handle given) noexcept : name(keyword), value(given) {}
     handle name;
     handle value;
 };
-/// The name of a keyword argument; `"mode"_a = value` passes `mode=value`.
-struct argument_name {
-    handle name;
+/// `"mode"_a = value` passes `mode=value`.
+struct argument_name : handle {
     // NOLINTNEXTLINE(misc-unconventional-assign-operator): it makes an argument and assigns nothing
-    argument operator=(handle value) const noexcept { return {.name = name, .value = value}; }
+    argument operator=(handle value) const noexcept { return {*this, value}; }
 };
 
 inline namespace literals {
@@ -65,9 +63,12 @@ template <literal Text> [[nodiscard]] argument_name operator""_a() noexcept { re
 class callee : public object {
   public:
     callee(object value, location at) noexcept : object(std::move(value)), at_(at) {}
-    template <typename... Arguments> object operator()(const Arguments&... arguments) const;
-    /// With keywords in a braced list, which are evaluated in their order.
-    object operator()(std::initializer_list<argument> keywords) const;
+    /// `self(arguments...)`; keyword arguments come last. The items of a braced list are evaluated in their order,
+    /// other arguments in none: these must be values already, but for one.
+    object operator()(std::initializer_list<argument> arguments) const;
+    template <typename... Arguments> object operator()(const Arguments&... arguments) const {
+        return (*this)({argument(arguments)...});
+    }
 
   private:
     location at_;
@@ -75,9 +76,6 @@ class callee : public object {
 
 /// A name of the module: its namespace, then the builtins, then NameError.
 [[nodiscard]] callee global(name wanted, location at = location::current());
-/// Whether what `global` has just found under the name is the builtin function of that name, not what somebody has put
-/// in its place.
-[[nodiscard]] inline bool found_builtin(name wanted) noexcept { return wanted.node->last.builtin; }
 /// `global name; name = value`
 void set_global(name changed, handle value, location at = location::current());
 
