@@ -1,6 +1,7 @@
 """Nothing that a caller does crashes the module: what it holds is replaced, patched or destroyed in the middle of it."""
 
 import gc
+import itertools
 import os
 import re
 import signal
@@ -8,7 +9,6 @@ import subprocess
 import sys
 import traceback
 import types
-from itertools import islice
 from pathlib import Path
 
 import pytest
@@ -25,7 +25,7 @@ FUNCTIONS = [n for n, f in vars(m).items() if isinstance(f, types.FunctionType) 
 def run(program, *arguments, status=0, errors=""):
     """What a program prints that has an interpreter of its own and ends as it should."""
     command = [sys.executable, "-X", "dev", "-P", HERE / f"programs/{program}.py", *arguments]
-    environment = {**os.environ, "PYTHONPATH": str(HERE)}
+    environment = {**os.environ, "PYTHONPATH": f"{os.environ.get('PYTHONPATH', '')}:{HERE}"}
     done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=100)
     seen = done.returncode, re.search(errors, done.stderr) is not None if errors else done.stderr
     assert seen == (status, bool(errors) or ""), (seen, done.stdout[-500:], done.stderr[-2000:])
@@ -76,7 +76,7 @@ def test_a_thread_that_waits_while_the_interpreter_ends_sleeps_on(where):
 
 
 class Lying(str):
-    """A keyword that counts how often it is compared, and says so as told: each answer once, then the truth."""
+    """A keyword that notes each comparison: it gives each answer once, then the truth; a class is raised."""
 
     __hash__ = str.__hash__
     answers = ()
@@ -89,35 +89,21 @@ class Lying(str):
         return str.__eq__(self, other) if answer is None else answer
 
 
-def lying(name, *answers):
-    made = Lying(name)
-    made.answers = answers
-    return made
+LIES = (), (False,) * 8, (True,), (LookupError,), (False, LookupError), (0, [], "", [1])
 
 
-LIES = {
-    "no lie": (),
-    "no, then the truth": (False,) * 8,
-    "yes": (True,),
-    "raises": (LookupError,),
-    "raises later": (False, LookupError),
-    "no bool": (0, [], "", [1]),
-}
-
-
-@pytest.mark.parametrize("lie", LIES)
 @pytest.mark.parametrize("name", FUNCTIONS)
-def test_arguments_are_bound_in_one_pass(name, lie):
+def test_arguments_are_bound_in_one_pass(name):
     code = getattr(m, name).__code__
     parameters = (*code.co_varnames[: code.co_argcount + code.co_kwonlyargcount], "other")
-    positional = [(), ("x",) * code.co_argcount]
 
     def each():
-        function = getattr(exercise.m, name)
-        tries = [(given, {lying(p, *LIES[lie]): "x"}) for given in positional for p in parameters]
-        return [tried(lambda: function(*given, **keywords)) for given, keywords in tries]  # noqa: B023
+        for lie, positional, parameter in itertools.product(LIES, ((), ("x",) * code.co_argcount), parameters):
+            keyword = Lying(parameter)
+            keyword.answers = lie
+            yield tried(lambda: getattr(exercise.m, name)(*positional, **{keyword: "x"}))  # noqa: B023
 
-    same(each, config(server_url="http://127.0.0.1:1"))
+    same(lambda: list(each()), config(server_url="http://127.0.0.1:1"))
 
 
 class Bare:
@@ -153,7 +139,7 @@ class Restarting(Bare):
 def test_the_manifest_is_asked_for_one_iterator(kind, wrapped):
     entries = {"files": {name: {"kind": f"runtime_module:{name}"} for name in "abc"}}
     other = ours(sorted=lambda items: Iterable(kind, items) if wrapped else kind(items))
-    same(lambda: list(islice(exercise.m._runtime_module_manifest_entries(entries), 9)), other)
+    same(lambda: list(itertools.islice(exercise.m._runtime_module_manifest_entries(entries), 9)), other)
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the frames of an instrumented build need a larger stack")
@@ -178,18 +164,14 @@ class Odd(str):
 
 
 @pytest.mark.parametrize(
-    ("act", "file"),
-    [
-        (lambda: m.configure(named_universe=Odd("x")), "entry_points"),
-        (lambda: m._safe_named_universe(Odd("x")), "eras"),
-    ],
+    ("act", "file"), [(lambda: m.configure(named_universe=Odd("x")), "entry_points"), (lambda: m._safe_named_universe(Odd("x")), "eras")]
 )
 def test_a_comparison_that_raises_is_reported_where_it_is_made(act, file):
     with pytest.raises(LookupError) as info:
         act()
-    entry = traceback.extract_tb(info.tb)[2]  # below this test and the call
+    entry = traceback.extract_tb(info.tb)[-2]
     assert entry.filename == f"src/agent_onboarding/{file}.cpp"
-    assert "leaves_segment(" in (ROOT / entry.filename).read_text().splitlines()[entry.lineno - 1]
+    assert '".."' in (ROOT / entry.filename).read_text().splitlines()[entry.lineno - 1]
 
 
 class Truth:
@@ -246,4 +228,4 @@ def test_options_that_vanish_while_they_are_set(by_signal):
 
     value = Emptying("us")
     seen = same(lambda: exercise.m.configure(**{"named_universe": value, "auto_heartbeat": False}), options)
-    assert seen["raised"]["text"] == repr("dictionary changed size during iteration")
+    assert "dictionary changed size during iteration" in seen["raised"]["text"]
