@@ -15,10 +15,10 @@ from importlib.resources import files
 from pathlib import Path
 from typing import Any
 
-import twin
 from benchmarks.measure import Row, compare, seconds
 from corvane import agent_onboarding as native
 from corvane.sync import CURRENT_PLATFORM
+from support import twin
 
 MODULES: tuple[Any, Any] = native, twin
 

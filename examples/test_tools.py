@@ -21,7 +21,7 @@ from pydantic_ai import Tool
 from corvane import _runtime
 from corvane.auth import AuthManager
 from corvane_local.demo.service import Service
-from differential import files, native, twin
+from support.comparison import files, native, twin
 
 ANY = ToolContext(None, tool_name="any", tool_call_id="1", tool_arguments="")
 EXAMPLES, KEY = Path(__file__).parent, f"{7:064x}"

@@ -98,12 +98,12 @@ def keep_nested_codes() -> None:
 
 def points_of_call(name: str, kind: str, length: int) -> Callable[[int], str]:
     """Answers for a number: "end" if the call never gets there, else "good" or what is bad."""
-    exercise = importlib.import_module("proof.exercise")
-    call = exercise.CALLS[name]
+    scenarios = importlib.import_module("support.scenarios")
+    call = scenarios.CALLS[name]
     call()
     keep_nested_codes()
     with call.situation() as logged:
-        usual = exercise.outcome(call.act, logged), exercise.files()
+        usual = scenarios.outcome(call.act, logged), scenarios.files()
 
     def one(number: int) -> str:
         with call.situation() as logged:
@@ -114,7 +114,7 @@ def points_of_call(name: str, kind: str, length: int) -> Callable[[int], str]:
             told = [came.exception(), *(argument for record in logged for argument in record.args or ())]
             verdict = judged(told)
             if verdict.startswith("bad"):
-                seen = exercise.outcome(came.result, logged), exercise.files()
+                seen = scenarios.outcome(came.result, logged), scenarios.files()
                 verdict = "good" if seen == usual else f"{verdict} {seen}"
             del came, told
             logged.clear()
@@ -177,7 +177,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
     source, library = workshop.folder / "failing_new.cpp", workshop.folder / "failing_new.so"
     source.write_text(FAILING_NEW)
     subprocess.run([workshop.tool("c++"), "-O1", "-shared", "-fPIC", source, "-o", library], check=True)
-    calls = list(importlib.import_module("proof.exercise").CALLS)[:: 60 if workshop.quick else 1]
+    calls = list(importlib.import_module("support.scenarios").CALLS)[:: 60 if workshop.quick else 1]
     for names in [calls] if workshop.quick else [calls, [IMPORT]]:
         for kind in LENGTHS:
             variables = {**IN_MEMORY, **({"LD_PRELOAD": str(library)} if kind == "operator new" else {})}

@@ -1,4 +1,4 @@
-"""Which lines and branches the tests and the exercise reach; every line that they do not reach has a reason."""
+"""Which lines and branches the tests and the scenarios reach; every line that they do not reach has a reason."""
 
 import re
 import shutil
@@ -27,7 +27,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
     site = workshop.build("coverage", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=--coverage")
     # LD_PRELOAD tells the tests that frames are larger than those of a release.
     failed = [] if workshop.quick else workshop.tests(*workshop.groups(), LD_PRELOAD="", **site)
-    done = workshop.python("-m", "proof.exercise", **site)
+    done = workshop.python("-m", "support.scenarios", **site)
     yield Result("coverage: the tests pass in the build that counts", 1, failed + done.stderr.splitlines()[-3:])
     # Any call can throw, so the compiler puts a branch behind each; those are no decisions of the source.
     options = "--filter", ".*/src/agent_onboarding/", "--exclude-throw-branches", "--merge-lines", "--lcov", "-"

@@ -41,7 +41,7 @@ TARGETS: dict[str, tuple[str, float, tuple[type[Exception], ...], str]] = {
 def execute(target: str, *options: str) -> None:
     """libFuzzer, which is preloaded, keeps the input on which the extension does not come to the same as its twin."""
     native: Any = importlib.import_module("corvane.agent_onboarding")
-    twin: Any = importlib.import_module("twin")
+    twin: Any = importlib.import_module("support.twin")
     native.logger.disabled = True
     defaults = dict(native._config)
 

@@ -9,8 +9,8 @@ from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any
 
-from proof.exercise import CALLS, KEY, KEY_FILE, Call, file, files, m, other_os, outcome
 from proof.workshop import Missing, Result, Workshop, descriptors
+from support.scenarios import CALLS, KEY, KEY_FILE, Call, file, files, m, other_os, outcome
 
 NOBODY = 65534
 NEW = "0x" + KEY

@@ -1,4 +1,4 @@
-"""Every call of the exercise over and over: blocks, objects, malloc bytes and descriptors must stay as they are."""
+"""The call of every scenario over and over: blocks, objects, malloc bytes and descriptors must stay as they are."""
 
 import ctypes
 import gc
@@ -6,8 +6,8 @@ import itertools
 import sys
 from collections.abc import Iterator
 
-from proof.exercise import CALLS, Call
 from proof.workshop import Result, Workshop, descriptors
+from support.scenarios import CALLS, Call
 
 METERS = "allocated blocks", "tracked objects", "malloc bytes", "descriptors"
 SIZE = 15  # calls of a batch
@@ -45,4 +45,4 @@ def grown(*names: str) -> list[str]:
 
 def run(workshop: Workshop) -> Iterator[Result]:
     names = list(CALLS)[:: 20 if workshop.quick else 1]
-    yield Result(f"leaks: calls of the exercise, {4 * SIZE} times and more", len(names), grown(*names))
+    yield Result(f"leaks: calls of the scenarios, {4 * SIZE} times and more", len(names), grown(*names))

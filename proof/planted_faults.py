@@ -7,7 +7,7 @@ from corvane import agent_onboarding
 from proof import sanitizers
 from proof.workshop import Result, Workshop
 
-CALLS = "login", "register"  # of the exercise; both reach the function that has the fault
+CALLS = "login", "register"  # scenarios; both reach the function that has the fault
 BUILDS = {"debug": "-DCMAKE_BUILD_TYPE=Debug", "asan": "-DSANITIZE=address,undefined", "tsan": "-DSANITIZE=thread"}
 # Build, and what the meter has seen in it.
 METERS: dict[str, tuple[str, Callable[..., object]]] = {

@@ -1,4 +1,4 @@
-"""Many processes, forks, interrupts at every point, the end of the interpreter, other interpreters, many imports."""
+"""Many processes, forks, interrupts at every point."""
 
 import collections
 import functools
@@ -10,8 +10,8 @@ import sys
 from collections.abc import Callable, Iterable, Iterator
 from typing import Any
 
-from proof.exercise import CALLS, Call, base, m, manager, native, outcome, patched
-from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
+from proof.workshop import Result, Workshop, descriptors, in_children
+from support.scenarios import CALLS, Call, base, m, manager, native, outcome, patched
 
 LOST = "SameFileError", "ImportError", "FileNotFoundError"  # the copy came, or went, while it was made or loaded
 KILLED = f"ended with status {signal.SIGBUS}: Fatal Python error: Bus error"  # it was written over while it was in use
@@ -124,47 +124,6 @@ def interrupts(names: list[str], arm: Callable[[int, Strike], None], places: Ite
     return points, found
 
 
-IMPORT = "import atexit, gc, sys, threading, time; import corvane.agent_onboarding as m; gc.disable()\n"
-POOLS = {
-    method: f"import multiprocessing as p\nwith p.get_context({method!r}).Pool(2) as pool:\n"
-    "    assert pool.map(m._normalize_key, ['ab', '0xcd']) == ['0xab', '0xcd']"
-    for method in ("fork", "spawn", "forkserver")
-}
-ENDS = {
-    "alive in globals": "a, b = m.AuthToken('t', 1.0), m.register",
-    "in a cycle": "a = [m.register, m._LocalRuntimeSyncManager(1)]; a.append(a); del a",
-    "in a generator": "g = m._runtime_module_manifest_entries({'files': {'a': {'kind': 'runtime_module:x'}}}); next(g)",
-    "at exit": "atexit.register(m._normalize_key, 'ab'); atexit.register(lambda: m.configure(data_dir='d'))",
-    "by a daemon thread": "threading.Thread(target=lambda: [m._normalize_key('ab') for _ in iter(int, 1)], daemon=True)"
-    ".start(); time.sleep(0.05)",
-    "by a finaliser": "class C:\n    def __del__(self, f=m._normalize_key): f('ab')\nsys.kept = C(); kept = C()",
-    "after the module is gone": "f = m._normalize_key; del sys.modules[m.__name__], m; gc.collect(); f('ab')",
-    "after its namespace was emptied": "f = m._find_heartbeat; vars(m).clear()\ntry: f()\nexcept NameError: pass",
-    "with an exception": "try: m.login(None)\nexcept ValueError as exc: sys.kept = exc",
-    "after reloading": "import importlib\ntry: importlib.reload(m)\nexcept ImportError: pass",
-}
-TEXT = """
-try:
-    import corvane.agent_onboarding
-    raise SystemExit("a second interpreter got it")
-except ImportError as exc:
-    assert str(exc) == "corvane.agent_onboarding can be loaded into only one interpreter per process", str(exc)
-"""
-OTHERS = {
-    f"own lock {own}, strict {strict}": "import _testcapi; assert _testcapi.run_in_subinterp_with_config("
-    f"{TEXT!r}, use_main_obmalloc={not own}, allow_fork=True, allow_exec=True, allow_threads=True,"
-    f" allow_daemon_threads=True, check_multi_interp_extensions={strict}, gil={2 if own else 1}) == 0"
-    for own, strict in ((False, False), (False, True), (True, True))
-}
-AGAIN = """
-import importlib
-for _ in range(50):
-    del sys.modules[m.__name__]
-    again = importlib.import_module(m.__name__)
-    assert again is m and m._normalize_key("a") == "0xa"
-"""
-
-
 def run(workshop: Workshop) -> Iterator[Result]:
     quick = workshop.quick
     processes, loads = (4, 5) if quick else (16, 40)
@@ -177,12 +136,3 @@ def run(workshop: Workshop) -> Iterator[Result]:
     yield Result("interrupts: KeyboardInterrupt at each traced event", *interrupts(names, at_event, EVENTS))
     stormy = ["write", "read loose", "load", "inject", "register bootstrap"] * (1 if quick else 10)
     yield Result("interrupts: signals every 10 us", *interrupts(stormy, after, range(20, 400, 10)))
-    for what, points, texts in (
-        ("processes: multiprocessing by fork, spawn, forkserver", 3, POOLS),
-        ("the end of the interpreter", len(ENDS), ENDS),
-        ("other interpreters are refused", len(OTHERS), OTHERS),
-        ("50 imports give the same module", 50, {"again": AGAIN}),
-    ):
-        done = side_by_side(lambda text: workshop.python("-X", "dev", "-c", IMPORT + text), texts.values())
-        said = {name: f"{one.returncode}, {one.stderr[-300:]}" for name, one in zip(texts, done, strict=True)}
-        yield Result(what, points, [f"{name}: exit status {how}" for name, how in said.items() if how != "0, "])

@@ -1,4 +1,4 @@
-"""The tests and the exercise under AddressSanitizer, UBSan, LeakSanitizer, valgrind and ThreadSanitizer."""
+"""The tests and the scenarios under AddressSanitizer, UBSan, LeakSanitizer, valgrind and ThreadSanitizer."""
 
 import ctypes
 import os
@@ -11,8 +11,8 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any
 
-from proof.exercise import CALLS, m
 from proof.workshop import Result, Workshop, descriptors
+from support.scenarios import CALLS, m
 
 HEADLINE = r"^(?:==\d+==)?\s*(?:ERROR|WARNING): .*|^(?:Direct|Indirect) leak .*"
 
@@ -56,9 +56,9 @@ def under(workshop: Workshop, library: str, function: str, *arguments: Any, **si
 
 
 def valgrind(workshop: Workshop, *names: str, **variables: str) -> list[str]:
-    """What valgrind says about these calls of the exercise."""
+    """What valgrind says about these scenarios."""
     wrapper = workshop.tool("valgrind"), "-q", "--error-exitcode=99", "--trace-children=no"
-    done = workshop.python("-m", "proof.exercise", *names, wrapper=wrapper, PYTHONMALLOC="malloc", **variables)
+    done = workshop.python("-m", "support.scenarios", *names, wrapper=wrapper, PYTHONMALLOC="malloc", **variables)
     return done.stderr.splitlines()[:10] or ([f"ended with {done.returncode}"] if done.returncode else [])
 
 
@@ -68,16 +68,16 @@ def run(workshop: Workshop) -> Iterator[Result]:
     groups = ["key_file"] if workshop.quick else workshop.groups()
     failed = workshop.tests(*groups, **environment(workshop, "libasan.so"), **site)
     yield Result("sanitizers: files of tests under ASan and UBSan", len(groups), failed + take_reports(workshop))
-    yield Result("sanitizers: exercise twice, with LeakSanitizer", *under(workshop, "libasan.so", "leaking", **site))
+    yield Result("sanitizers: scenarios twice, with LeakSanitizer", *under(workshop, "libasan.so", "leaking", **site))
     names = list(CALLS)[:: 60 if workshop.quick else 1]
-    yield Result("sanitizers: exercise under valgrind", len(names), valgrind(workshop, *names))
+    yield Result("sanitizers: scenarios under valgrind", len(names), valgrind(workshop, *names))
     rounds = 5 if workshop.quick else 100
     seen = under(workshop, "libtsan.so", "in_threads", rounds, **workshop.build("tsan", "-DSANITIZE=thread"))
     yield Result(f"sanitizers: 8 threads, {rounds} rounds under ThreadSanitizer", *seen)
 
 
 def leaking(*names: str) -> None:
-    """What nobody can reach any more after the calls of the exercise is reported by the sanitizer."""
+    """What nobody can reach any more after the scenarios is reported by the sanitizer."""
     names = 2 * (names or tuple(CALLS))
     for name in names:
         CALLS[name]()

@@ -14,8 +14,8 @@ from concurrent.futures import Future
 from pathlib import Path
 from typing import Any
 
-import proof.exercise as e
 from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
+from support import scenarios as e
 
 # Memory, signals and what cannot fail.
 LEFT_OUT = re.compile(r"brk|munmap|mprotect|madvise|futex|rt_sig|getp?[pu]id|clock_|mmap\(.*-1, 0\)|exit|---|\+\+\+")
@@ -127,8 +127,8 @@ def not_as_expected(before: str | None, ours: list[Any], twins: list[Any], kille
 def run(workshop: Workshop) -> Iterator[Result]:
     workshop.tool("strace")
     names = ["read"] if workshop.quick else list(KEYS)
-    jobs = [(name, fatal, of) for name in names for fatal, of in ((False, OURS), (False, "twin"), (True, OURS))]
-    seen = side_by_side(lambda j: workshop.answer("system_calls.failing", *j[:2], EXERCISED=j[2]), jobs)
+    jobs = [(name, fatal, of) for name in names for fatal, of in ((False, OURS), (False, "support.twin"), (True, OURS))]
+    seen = side_by_side(lambda j: workshop.answer("system_calls.failing", *j[:2], MODULE_CALLED=j[2]), jobs)
     for name, failed, twins, killed in zip(names, seen[::3], seen[1::3], seen[2::3], strict=True):
         found, ends = not_as_expected(KEYS[name], failed, twins, killed)
         yield Result(f"system calls: {name}, each of them fails", len(failed), found)

@@ -1,4 +1,4 @@
-"""Nothing that a caller does crashes the module: what it holds is replaced, patched or destroyed in the middle of it."""
+"""Nothing that a caller does crashes the module: what it holds is replaced, patched or destroyed in mid-call."""
 
 import gc
 import itertools
@@ -14,9 +14,9 @@ from pathlib import Path
 import pytest
 
 from corvane import agent_onboarding as m
-from differential import same, tried
-from proof import exercise
-from proof.exercise import call, config, kit, ours, raising
+from support import scenarios
+from support.comparison import same, tried
+from support.scenarios import Clash, call, config, kit, ours
 
 HERE, ROOT = Path(__file__).parent, Path(__file__).parents[1]
 FUNCTIONS = [n for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__]
@@ -36,15 +36,15 @@ def run(program, *arguments, status=0, errors=""):
 @pytest.mark.parametrize("shared", ["fragment", "heartbeat", "os", "builtins", "auth"])
 def test_a_destructor_sees_the_new_value_through_a_shared_namespace(shared, last):
     seen = run("shared_namespace", m.__name__, shared, last)
-    assert seen == run("shared_namespace", "twin", shared, last) and "51" in seen
+    assert seen == run("shared_namespace", "support.twin", shared, last) and "51" in seen
 
 
 PATCHED = {
     **{
         ("representation", kind): "True e3b0"
-        for kind in "builtin descriptor partial static property object wrapper ours none".split()
+        for kind in ["builtin", "descriptor", "partial", "static", "property", "object", "wrapper", "ours", "none"]
     },
-    **{("decorated", kind): "True e3b0" for kind in "none text unreadable empty slots".split()},
+    **{("decorated", kind): "True e3b0" for kind in ["none", "text", "unreadable", "empty", "slots"]},
     ("methods", "wrapper"): "('own code', 'manifest') []",
     ("methods", "partial"): "manifest []",
     ("methods", "builtin"): "TEXT []",
@@ -57,8 +57,11 @@ PATCHED = {
     ("replaced", "generator"): "<class 'list'> 0xab ## C",
     ("deleted", "function"): "False _resolve_optional_invite_code",
     ("deleted", "manager"): "False _resolve_optional_invite_code",
-    **{("cache", kind): "0xab ValueError def configure(**" for kind in "user stand-in removed".split()},
-    **{("cache", kind): "0xab ValueError none" for kind in "refusing nothing list missing halted text emptied".split()},
+    **{("cache", kind): "0xab ValueError def configure(**" for kind in ["user", "stand-in", "removed"]},
+    **{
+        ("cache", kind): "0xab ValueError none"
+        for kind in ["refusing", "nothing", "list", "missing", "halted", "text", "emptied"]
+    },
 }
 
 
@@ -82,7 +85,7 @@ class Lying(str):
     answers = ()
 
     def __eq__(self, other):
-        exercise.note(f"{self} == {other}")
+        scenarios.note(f"{self} == {other}")
         self.answers, answer = self.answers[1:], next(iter(self.answers), None)
         if isinstance(answer, type):
             raise answer
@@ -101,7 +104,7 @@ def test_arguments_are_bound_in_one_pass(name):
         for lie, positional, parameter in itertools.product(LIES, ((), ("x",) * code.co_argcount), parameters):
             keyword = Lying(parameter)
             keyword.answers = lie
-            yield tried(lambda: getattr(exercise.m, name)(*positional, **{keyword: "x"}))  # noqa: B023
+            yield tried(lambda: getattr(scenarios.m, name)(*positional, **{keyword: "x"}))  # noqa: B023
 
     same(lambda: list(each()), config(server_url="http://127.0.0.1:1"))
 
@@ -113,7 +116,7 @@ class Bare:
         self.items = iter(items)
 
     def __next__(self):
-        exercise.note("next")
+        scenarios.note("next")
         return next(self.items)
 
 
@@ -124,13 +127,13 @@ class Iterable:
         self.kind, self.items = kind, [*items]
 
     def __iter__(self):
-        exercise.note("iter")
+        scenarios.note("iter")
         return self.kind(self.items)
 
 
 class Restarting(Bare):
     def __iter__(self):
-        exercise.note("again")
+        scenarios.note("again")
         return Restarting([("new", {"kind": "runtime_module:new"})])
 
 
@@ -139,7 +142,7 @@ class Restarting(Bare):
 def test_the_manifest_is_asked_for_one_iterator(kind, wrapped):
     entries = {"files": {name: {"kind": f"runtime_module:{name}"} for name in "abc"}}
     other = ours(sorted=lambda items: Iterable(kind, items) if wrapped else kind(items))
-    same(lambda: list(itertools.islice(exercise.m._runtime_module_manifest_entries(entries), 9)), other)
+    same(lambda: list(itertools.islice(scenarios.m._runtime_module_manifest_entries(entries), 9)), other)
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the frames of an instrumented build need a larger stack")
@@ -155,16 +158,18 @@ def test_the_traceback_of_an_endless_recursion_is_folded():
     run("uncaught_recursion", status=1, errors="Previous line repeated [0-9]+ more times")
 
 
-class Odd(str):
-    """A text that raises when it is compared."""
+class Odd(Clash):
+    """Stays itself, without blanks, too."""
 
-    __hash__ = str.__hash__
-    __eq__ = raising(LookupError, "compared")
     strip = lambda self: self  # noqa: E731
 
 
 @pytest.mark.parametrize(
-    ("act", "file"), [(lambda: m.configure(named_universe=Odd("x")), "entry_points"), (lambda: m._safe_named_universe(Odd("x")), "eras")]
+    ("act", "file"),
+    [
+        (lambda: m.configure(named_universe=Odd("x")), "entry_points"),
+        (lambda: m._safe_named_universe(Odd("x")), "eras"),
+    ],
 )
 def test_a_comparison_that_raises_is_reported_where_it_is_made(act, file):
     with pytest.raises(LookupError) as info:
@@ -181,7 +186,7 @@ class Truth:
         self.answer = answer
 
     def __bool__(self):
-        exercise.note(f"is {self.answer}")
+        scenarios.note(f"is {self.answer}")
         return self.answer
 
     def __int__(self):
@@ -200,8 +205,8 @@ NO, YES = Truth(False), Truth(True)
 def test_each_operand_is_tested_once(one, other, last):
     era = {"era_id": one, "allowed_named_universes": ["u"]}
     vocabulary = ours(_read_json_if_present=lambda path: {"era_id": other})
-    local = call("_bootstrap_local_runtime_from_config", exercise.manager())
-    same(local, *exercise.LOCAL, config(era_config=era), vocabulary, kit())
+    local = call("_bootstrap_local_runtime_from_config", scenarios.manager())
+    same(local, *scenarios.LOCAL, config(era_config=era), vocabulary, kit())
     universe = {"named_universe": one, "id": other, "name": last}
     same(call("_active_era_named_universe_candidates", {"universes": [universe]}))
 
@@ -227,5 +232,5 @@ def test_options_that_vanish_while_they_are_set(by_signal):
         undo.callback(signal.signal, signal.SIGUSR1, before)
 
     value = Emptying("us")
-    seen = same(lambda: exercise.m.configure(**{"named_universe": value, "auto_heartbeat": False}), options)
+    seen = same(lambda: scenarios.m.configure(**{"named_universe": value, "auto_heartbeat": False}), options)
     assert "dictionary changed size during iteration" in seen["raised"]["text"]

@@ -1,4 +1,4 @@
-"""Each function beside its Python twin: the calls of the exercise, odd values of all kinds, and every step failing."""
+"""Each function beside its Python twin: the scenarios, odd values of all kinds, and every step failing."""
 
 import contextlib
 import functools
@@ -7,15 +7,13 @@ import json
 import os
 import secrets
 import types
-from collections import OrderedDict
 from pathlib import Path
 
 import pytest
 
-import proof.exercise as e
 from corvane import auth
-from corvane.sync import CURRENT_PLATFORM
-from differential import same, same_at_each_step, tried
+from support import scenarios as e
+from support.comparison import same, same_at_each_step, tried
 
 
 class Text(str):
@@ -30,13 +28,6 @@ class Awkward:
 
     __str__ = __bool__ = __eq__ = __fspath__ = e.raising(LookupError, "no text")
     __hash__ = None
-
-
-class Clash(str):
-    """A key that cannot be compared with the one that is looked up."""
-
-    __hash__ = str.__hash__
-    __eq__ = e.raising(LookupError, "compared")
 
 
 READ, WRITE, LOGIN = e.call("_read_wallet_key", "d"), e.call("_write_wallet_key", "d", e.KEY), e.call("login", e.KEY)
@@ -162,21 +153,6 @@ CONFIGURATIONS = [
 ]
 
 
-def entry(kind="runtime_module:backtester", **fields):
-    return {"kind": kind, **fields}
-
-
-FILES = [
-    {"b/x.so": entry(), "a/y.so": entry(), "a/z.so": entry("runtime_module:other"), "c": 5, "d": entry("text")},
-    {"x": entry(platform=""), "y": entry(platform=None), "z": entry(platform="else")},
-    {"x": entry(platform="else"), "y": entry(platform=CURRENT_PLATFORM)},
-    {"x": entry("runtime_module:vault"), "y": entry("runtime_module:era_data")},
-    {"y": entry("runtime_module:vault"), "x": entry("runtime_module:era_data")},
-    {"x": entry(), 5: entry()},
-    {("x",): entry(), ("a",): entry(5)},
-    {"y": entry("runtime_module:"), "x": {Clash("kind"): 1}},
-    OrderedDict(b=entry(), a=entry("runtime_module:vault")),
-]  # fmt: skip
 MANIFESTS = [
     "", "5", "null", b"\xff", '{"files": null}', '{"files": []}', "{}", '{"a": 1, "a": 2}', "\ufeff{}",
     json.dumps({"era_id": [1], "version": None, "files": {"a": 5, "b": {"kind": 7}, "c": {"kind": None}}}),
@@ -192,7 +168,7 @@ def era_and_manifest_rows():
     first = "_first_allowed_named_universe_from_era_config"
     for name, values in ((first, CONFIGURATIONS), ("_safe_named_universe", NAMES)):
         yield name, several(*(e.call(name, value) for value in values))
-    manifests = [m for files in FILES for m in ({"files": files}, types.SimpleNamespace(files=files))]
+    manifests = [m for files in e.FILES for m in ({"files": files}, types.SimpleNamespace(files=files))]
     for number, manifest in enumerate([*manifests, types.SimpleNamespace()]):
         names = "backtester", "era_data", "vault", "absent", None, []
         select = (e.call("_select_runtime_module_manifest_entry", manifest, name) for name in names)
@@ -200,12 +176,12 @@ def era_and_manifest_rows():
         load = e.call("_load_runtime_modules_from_manifest", "d", manifest)
         yield f"manifest {number}", several(*select, entries, load)
     backwards = e.ours(sorted=lambda items: reversed(sorted(items)))
-    entries = lambda: list(e.m._runtime_module_manifest_entries({"files": {"x": entry(), "y": entry()}}))  # noqa: E731
+    entries = lambda: list(e.m._runtime_module_manifest_entries({"files": {"x": e.entry(), "y": e.entry()}}))  # noqa: E731
     yield "another sorted", entries, backwards
     for path in ("../x", "/nowhere/x", "a\0b", "x" * 300, "a\nb", "\udc80", "", "."):
         yield (
             f"path {path!r:.9}",
-            e.call("_load_manifest_runtime_module", "d", "x", manifest={"files": {path: entry("runtime_module:x")}}),
+            e.call("_load_manifest_runtime_module", "d", "x", manifest={"files": {path: e.entry("runtime_module:x")}}),
         )
     read = several(e.call("_read_manifest", "d"), e.call("_load_per_era_backtester", "d"))
     for content in MANIFESTS:
@@ -273,7 +249,7 @@ ROWS = [*wallet_and_workspace_rows(), *era_and_manifest_rows(), *bootstrap_rows(
 
 
 @pytest.mark.parametrize("name", e.CALLS)
-def test_calls_of_the_exercise(name):
+def test_scenarios(name):
     same(e.CALLS[name].act, *e.CALLS[name].prepare)
     e.CALLS[name]()
 
@@ -298,7 +274,39 @@ STEPWISE = {
 }
 
 
-@pytest.mark.parametrize("failure", [PermissionError, auth.AuthError, AttributeError, e.Cancelled, KeyboardInterrupt])
+def names(module):
+    return [name for name in vars(module) if not name.startswith("__")]
+
+
+def other_code(module, undo):
+    """All functions do something else from now on, the one that is running as well."""
+    for function in (f for f in map(vars(module).get, names(module)) if isinstance(f, types.FunctionType)):
+        if function.__module__ == module.__name__ and not function.__code__.co_freevars:
+            undo.callback(setattr, function, "__code__", function.__code__)
+            function.__code__ = (lambda *args, **kwargs: "other code").__code__
+
+
+def call_others(module, undo):
+    for act in (module.inject_heartbeat, module.get_agents_md_fragment, lambda: module.configure(colour=1)):
+        e.note(repr(tried(act)))
+
+
+# What happens in the middle of a call: it fails, or what the module holds is changed.
+STRIKES = {
+    **{
+        kind.__name__: e.raising(kind)
+        for kind in (PermissionError, auth.AuthError, AttributeError, e.Cancelled, KeyboardInterrupt)
+    },
+    "names deleted": lambda module, undo: e.patched(module, **dict.fromkeys(names(module), e.MISSING))(undo),
+    "names without value": lambda module, undo: e.patched(module, **dict.fromkeys(names(module)))(undo),
+    "options emptied": lambda module, undo: module._config.clear(),
+    "options replaced": lambda module, undo: e.patched(module, _config=[])(undo),
+    "other code": other_code,
+    "others called": call_others,
+}
+
+
+@pytest.mark.parametrize("strike", STRIKES)
 @pytest.mark.parametrize("name", STEPWISE)
-def test_each_step_fails_in_turn(name, failure):
-    same_at_each_step(failure, *STEPWISE[name])
+def test_a_strike_at_each_step(name, strike):
+    same_at_each_step(STRIKES[strike], *STEPWISE[name])

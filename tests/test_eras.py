@@ -7,9 +7,9 @@ import urllib.request
 
 import pytest
 
-from differential import same
-from proof import exercise
-from proof.exercise import MISSING, call, config, manager, patched, raising
+from support import scenarios
+from support.comparison import same
+from support.scenarios import MISSING, call, config, manager, patched, raising
 
 
 def answer(status="200 OK", body=b"{}", *headers, length=None):
@@ -90,7 +90,7 @@ ADDRESSES = "http://127.0.0.1:1", "https://127.0.0.1:1", "nonsense", "", 5, None
 
 @pytest.mark.parametrize("url", ADDRESSES)
 def test_addresses(url):
-    no_option = (lambda undo: exercise.m._config.pop("server_url"),) if url is MISSING else ()
+    no_option = (lambda undo: scenarios.m._config.pop("server_url"),) if url is MISSING else ()
     seen = same(call("_fetch_eras_payload", manager()), config(server_url=url), *no_option)
     assert seen["raised"]
 
@@ -107,7 +107,7 @@ def test_failures_of_the_http_library(at, failure):
         status = property(fail) if at == "status" else None
 
     def urlopen(request, **kwargs):
-        exercise.note(f"{request.get_method()} {request.full_url} {request.headers} {kwargs}")
+        scenarios.note(f"{request.get_method()} {request.full_url} {request.headers} {kwargs}")
         return Response()
 
     library = patched(urllib.request, urlopen=fail if at == "urlopen" else urlopen)

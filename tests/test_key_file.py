@@ -6,8 +6,8 @@ import sys
 
 import pytest
 
-from differential import same
-from proof.exercise import KEY, base, call, file, other_os
+from support.comparison import same
+from support.scenarios import KEY, base, call, file, other_os
 
 READ, WRITE = call("_read_wallet_key", "d"), call("_write_wallet_key", "d", KEY)
 VICTIM = file("d/wallet.key", "victim", 0o666)

@@ -13,13 +13,11 @@ from pathlib import Path
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
-from test_differential import FILES, entry
 
-import twin
 from corvane import agent_onboarding
-from differential import same, same_at_each_step, tried
-from proof import exercise
-from proof.exercise import base, call, file, made, native
+from support import scenarios, twin
+from support.comparison import same, same_at_each_step, tried
+from support.scenarios import FILES, base, call, entry, file, made, native, raising
 
 KINDS = {"raises": 1, "no error": 2, "error set": 3, "interrupts": 4, "deletes": 5, "replaces": 6}
 BUILDS = ["backtester-1.so", "backtester-2.so"]
@@ -78,7 +76,7 @@ def test_builds_replace_one_another():
             os.utime("d/new", ns=(number, number))  # the copies' ages must not depend on the clock
             os.replace("d/new", "d/x.pyd")
             path = "link.pyd" if number == 4 else "d/x.pyd"
-            loaded = exercise.m._load_extension_from_path("backtester", path)
+            loaded = scenarios.m._load_extension_from_path("backtester", path)
             held = loaded is sys.modules["backtester"]
             yield loaded.VERSION, loaded is last, held, sorted(os.listdir("d"))
             last = loaded
@@ -107,7 +105,9 @@ def test_each_step_of_loading_fails_in_turn(failure):
     manifest = {"files": {"backtester.so": entry(sha256=digest())}}
     load = call("_load_manifest_runtime_module", "d", "backtester", manifest=manifest)
     modules = native(backtester={"source": BUILDS[0]})
-    seen = same_at_each_step(failure, with_table(load), modules, file("d/.corvane-runtime-backtester-old.txt"), *old)
+    seen = same_at_each_step(
+        raising(failure), with_table(load), modules, file("d/.corvane-runtime-backtester-old.txt"), *old
+    )
     kept = [COPY.format("old2"), "d/.corvane-runtime-backtester-old.txt"]
     assert sorted(name for name in seen["files"] if "old" in name) == sorted(kept)
 
@@ -121,7 +121,7 @@ def test_copies_that_are_there_already(make):
 
 def test_an_empty_cell_of_the_loader():
     def emptied():
-        load = exercise.m.create_runtime_freshness_guard("d")._load
+        load = scenarios.m.create_runtime_freshness_guard("d")._load
         assert load.__name__ == "_load" and load.__doc__ is None
         del load.__closure__[0].cell_contents
         load("backtester", "0")
@@ -131,8 +131,8 @@ def test_an_empty_cell_of_the_loader():
 
 def test_a_real_module_is_reloaded_into_the_runtime():
     """Real guard, real native modules: a new build reaches the evaluator and the runtime of a local bootstrap."""
-    real = exercise.runtime(RuntimeEvaluationAdapter=types.SimpleNamespace, LibraryRuntime=types.SimpleNamespace)
-    on_disk = exercise.Call(None, "", (*exercise.LOCAL, exercise.kit(_runtime=real)))
+    real = scenarios.runtime(RuntimeEvaluationAdapter=types.SimpleNamespace, LibraryRuntime=types.SimpleNamespace)
+    on_disk = scenarios.Call(None, "", (*scenarios.LOCAL, scenarios.kit(_runtime=real)))
     with on_disk.situation(), contextlib.ExitStack() as undo:
         runtime = agent_onboarding._bootstrap_local_runtime_from_config("am")
         assert runtime.raw_backtester.VERSION == runtime.evaluator.raw_backtester.VERSION == "1"
@@ -162,7 +162,7 @@ def test_entries_have_a_generators_manners(actions, failure, fail_at):
             return kind != "text"
 
         with contextlib.ExitStack() as undo:
-            exercise.patched(module, is_runtime_module_kind=is_kind)(undo)
+            scenarios.patched(module, is_runtime_module_kind=is_kind)(undo)
             generator = module._runtime_module_manifest_entries({"files": FILES[0]})
             generators.append(generator)
             assert isinstance(generator, Generator) and not calls

@@ -19,14 +19,11 @@ import typing
 from pathlib import Path
 
 import pytest
-from test_differential import Clash
 
-import twin
 from corvane import agent_onboarding as m
-from differential import same, tried
-from proof import exercise
-from proof.exercise import call
-from proof.processes import AGAIN, ENDS, IMPORT, OTHERS
+from support import scenarios, twin
+from support.comparison import same, tried
+from support.scenarios import Clash, call
 
 FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__}
 PUBLIC = [name for name in FUNCTIONS if not name.startswith("_")]
@@ -79,7 +76,7 @@ def test_texts_are_unchanged():
 def test_real_functions(name):
     f, python = FUNCTIONS[name], getattr(twin, name)
     assert isinstance(f, types.FunctionType) and f.__qualname__ == python.__qualname__ == name
-    assert str(inspect.signature(f)).replace(m.__name__, "twin") == str(inspect.signature(python))
+    assert str(inspect.signature(f)).replace(m.__name__, twin.__name__) == str(inspect.signature(python))
     assert f.__defaults__ == python.__defaults__ and f.__kwdefaults__ == python.__kwdefaults__
     assert pickle.loads(pickle.dumps(f)) is f and copy.deepcopy(f) is f
     assert inspect.getsource(f).startswith(f"def {name}(")
@@ -113,7 +110,7 @@ def test_argument_errors_are_the_interpreters(name):
         try:
             inspect.signature(FUNCTIONS[name]).bind(*args, **kwargs)
         except TypeError:
-            seen = same(lambda a=args, k=kwargs: getattr(exercise.m, name)(*a, **k))
+            seen = same(lambda a=args, k=kwargs: getattr(scenarios.m, name)(*a, **k))
             compared += seen["raised"]["type"] is TypeError
     assert compared >= 2
 
@@ -122,7 +119,7 @@ def test_well_formed_calls_bind_like_python():
     """Positional, keyword, mixed, unpacked, as a method, with changed defaults, with another code object."""
 
     def bound():
-        inject, seen = exercise.m.inject_heartbeat, []
+        inject, seen = scenarios.m.inject_heartbeat, []
         inject(), inject("p"), inject(working_dir="k"), inject(*["u"], **{}), inject(**{Keyword("working_dir"): "s"})
         type("Holder", (), {"method": inject})().method()
         with contextlib.ExitStack() as undo:
@@ -136,13 +133,13 @@ def test_well_formed_calls_bind_like_python():
             seen.append(inject("x"))
         return seen, tried(lambda: inject(**{Clash("nonsense"): 1}))
 
-    same(bound, exercise.ours(_find_heartbeat=lambda path: exercise.note(repr(path))))
+    same(bound, scenarios.ours(_find_heartbeat=lambda path: scenarios.note(repr(path))))
 
 
 @pytest.mark.parametrize("defaults", [None, {}, {"max_copies": 5}])
 def test_keyword_defaults_that_are_changed(defaults):
     def prepare(undo):
-        prune = exercise.m._prune_runtime_extension_copies
+        prune = scenarios.m._prune_runtime_extension_copies
         undo.callback(setattr, prune, "__kwdefaults__", prune.__kwdefaults__)
         prune.__kwdefaults__ = defaults
 
@@ -160,7 +157,7 @@ def test_the_stub_says_the_same():
 
 def test_records():
     def records():
-        for record, copied in ((exercise.m.AuthToken, ("secret", 1.5)), (exercise.m.WalletRegistration, ("0xab",))):
+        for record, copied in ((scenarios.m.AuthToken, ("secret", 1.5)), (scenarios.m.WalletRegistration, ("0xab",))):
             made = record(*copied)
             yield repr(made), str(made), f"{made}", made == record(*copied), made != record(*"xy"[: len(copied)])
             yield dataclasses.asdict(made), [(f.name, f.type, f.repr) for f in dataclasses.fields(made)]
@@ -190,7 +187,7 @@ def test_traceback_names_function_file_and_line():
 def test_endless_recursion():
     itself = m._resolve_optional_invite_code
     with contextlib.ExitStack() as undo, pytest.raises(RecursionError):
-        exercise.ours(auth=types.SimpleNamespace(_normalize_invite_code=itself))(undo)
+        scenarios.ours(auth=types.SimpleNamespace(_normalize_invite_code=itself))(undo)
         itself("c")
 
 
@@ -367,8 +364,49 @@ def test_an_interpreter_that_is_started_again(tmp_path):
     assert (done.returncode, done.stderr) == (0, "")
 
 
-@pytest.mark.parametrize("script", [*ENDS.values(), *OTHERS.values(), AGAIN])
-def test_ends_and_other_interpreters(script):
+IMPORT = "import atexit, gc, sys, threading, time; import corvane.agent_onboarding as m; gc.disable()\n"
+POOLS = (
+    f"import multiprocessing as p\nwith p.get_context({method!r}).Pool(2) as pool:\n"
+    "    assert pool.map(m._normalize_key, ['ab', '0xcd']) == ['0xab', '0xcd']"
+    for method in ("fork", "spawn", "forkserver")
+)
+ENDS = {
+    "alive in globals": "a, b = m.AuthToken('t', 1.0), m.register",
+    "in a cycle": "a = [m.register, m._LocalRuntimeSyncManager(1)]; a.append(a); del a",
+    "in a generator": "g = m._runtime_module_manifest_entries({'files': {'a': {'kind': 'runtime_module:x'}}}); next(g)",
+    "at exit": "atexit.register(m._normalize_key, 'ab'); atexit.register(lambda: m.configure(data_dir='d'))",
+    "by a daemon thread": "threading.Thread(target=lambda: [m._normalize_key('ab') for _ in iter(int, 1)], daemon=True)"
+    ".start(); time.sleep(0.05)",
+    "by a finaliser": "class C:\n    def __del__(self, f=m._normalize_key): f('ab')\nsys.kept = C(); kept = C()",
+    "after the module is gone": "f = m._normalize_key; del sys.modules[m.__name__], m; gc.collect(); f('ab')",
+    "after its namespace was emptied": "f = m._find_heartbeat; vars(m).clear()\ntry: f()\nexcept NameError: pass",
+    "with an exception": "try: m.login(None)\nexcept ValueError as exc: sys.kept = exc",
+    "after reloading": "import importlib\ntry: importlib.reload(m)\nexcept ImportError: pass",
+}
+TEXT = """
+try:
+    import corvane.agent_onboarding
+    raise SystemExit("a second interpreter got it")
+except ImportError as exc:
+    assert str(exc) == "corvane.agent_onboarding can be loaded into only one interpreter per process", str(exc)
+"""
+OTHERS = {
+    f"own lock {own}, strict {strict}": "import _testcapi; assert _testcapi.run_in_subinterp_with_config("
+    f"{TEXT!r}, use_main_obmalloc={not own}, allow_fork=True, allow_exec=True, allow_threads=True,"
+    f" allow_daemon_threads=True, check_multi_interp_extensions={strict}, gil={2 if own else 1}) == 0"
+    for own, strict in ((False, False), (False, True), (True, True))
+}
+AGAIN = """
+import importlib
+for _ in range(50):
+    del sys.modules[m.__name__]
+    again = importlib.import_module(m.__name__)
+    assert again is m and m._normalize_key("a") == "0xa"
+"""
+
+
+@pytest.mark.parametrize("script", [*POOLS, *ENDS.values(), *OTHERS.values(), AGAIN])
+def test_pools_ends_and_other_interpreters(script):
     run(IMPORT + script)
 
 

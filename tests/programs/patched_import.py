@@ -73,7 +73,7 @@ def decorated():
 
 def beside_the_twin(decorate):
     dataclasses.dataclass = lambda cls: decorate(cls) if cls.__name__ == "AuthToken" else dataclass(cls)
-    native, twin = importlib.import_module(NAME), importlib.import_module("twin")
+    native, twin = importlib.import_module(NAME), importlib.import_module("support.twin")
     records = [tried(lambda m=m: repr(m.AuthToken("t", 1.5))) for m in (native, twin)]
     print(records[0] == records[1] or records, native._sha256_file(os.devnull)[:4])
 
@@ -102,7 +102,7 @@ def replaced():
     def trace(frame, event, argument):
         names = frame.f_globals
         if event == "return" and names.get("__name__") == NAME and names.get(name) is not replacement:
-            names[name] = names[replacement] if replacement in names else replacement
+            names[name] = names[replacement] if isinstance(replacement, str) else replacement
         return trace
 
     name, replacement = {

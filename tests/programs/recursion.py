@@ -21,7 +21,22 @@ FUNCTIONS |= {
     "configure": functools.partial(m.configure, colour=1),
     "_runtime_module_manifest_entries": lambda manifest: list(ENTRIES(manifest)),
 }
-BUILTINS = "bool dict getattr hasattr id int isinstance len list open repr sorted str type".split()
+BUILTINS = [
+    "bool",
+    "dict",
+    "getattr",
+    "hasattr",
+    "id",
+    "int",
+    "isinstance",
+    "len",
+    "list",
+    "open",
+    "repr",
+    "sorted",
+    "str",
+    "type",
+]
 NAMES = [name for name in vars(m) if not name.startswith("__") and name != "logger"] + BUILTINS
 ABSENT = object()
 

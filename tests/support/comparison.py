@@ -9,10 +9,9 @@ import time
 import traceback
 import types
 
-import twin
 from corvane import agent_onboarding as native
-from proof import exercise
-from proof.exercise import Call, files, patched
+from support import scenarios, twin
+from support.scenarios import Call, files, patched
 
 GENERATOR_STEPS = ("sorted_files", "runtime_module")  # frames of their own, below that of the generator
 # The module keeps a wording of its own for this one; the twin cannot but have the interpreter's.
@@ -22,7 +21,9 @@ UNBOUND_NOW = "cannot access local variable 'sync_backoff' where it is not assoc
 
 def text(value):
     """What it says, without addresses and without the name of the one that it belongs to."""
-    return re.sub(r" at 0x[0-9a-f]+", "", repr(value).replace(UNBOUND_NOW, UNBOUND).replace(native.__name__, "twin"))
+    return re.sub(
+        r" at 0x[0-9a-f]+", "", repr(value).replace(UNBOUND_NOW, UNBOUND).replace(native.__name__, twin.__name__)
+    )
 
 
 def describe_exception(exc):
@@ -92,23 +93,23 @@ def left_open(before):
     return leaked
 
 
-def observe(module, call, fail_at=None, failure=None):
-    """What comes of the call in its situation, and every event on the way; number `fail_at` of them raises."""
+def observe(module, call, strike_at=None, strike=None):
+    """What comes of the call in its situation, and every event on the way; at number `strike_at` there is a strike."""
     events = []
 
     def note(seen):
         events.append(text(seen))
-        if len(events) == fail_at:
-            raise failure()
+        if len(events) == strike_at:
+            strike(module, undo)
 
     with contextlib.ExitStack() as undo:
-        patched(exercise, m=module)(undo)
-        patched(os, environ={**os.environ, "HOME": str(exercise.base() / "work")})(undo)
+        patched(scenarios, m=module)(undo)
+        patched(os, environ={**os.environ, "HOME": str(scenarios.base() / "work")})(undo)
         logged = undo.enter_context(call.situation())
         patched(module._LocalRuntimeSyncManager, __repr__=lambda self: f"local manager {vars(self)}")(undo)
         taps = {name: Tap(getattr(module, name), name.strip("_"), note) for name in ("os", "_stat", "auth")}
         patched(module, open=vars(module).get("open", tapped(open, "open", note)), **taps)(undo)
-        patched(exercise, note=note)(undo)
+        patched(scenarios, note=note)(undo)
         before, result, raised = descriptors(), None, None
         try:
             result = text(call.act())
@@ -123,24 +124,24 @@ def observe(module, call, fail_at=None, failure=None):
             "events": events,
             "logged": [(r.levelname, r.msg, text(r.args), r.exc_info) for r in logged],
             "files": files(),
-            "state": (text(vars(module).get("_config")), module._auth_manager is not None),
+            "state": (text(vars(module).get("_config")), vars(module).get("_auth_manager") is not None),
             "descriptors": len(leaked),
         }
 
 
-def same(act, *prepare, fail_at=None, failure=None):
+def same(act, *prepare, strike_at=None, strike=None):
     """Asserts that the twin and the native module cannot be told apart; answers what was seen."""
     call = Call(act, "", prepare)
-    expected, actual = (observe(module, call, fail_at, failure) for module in (twin, native))
+    expected, actual = (observe(module, call, strike_at, strike) for module in (twin, native))
     different = {key: (seen, actual[key]) for key, seen in expected.items() if seen != actual[key]}
     assert not different, pprint.pformat(different, width=150)
     return actual
 
 
-def same_at_each_step(failure, act, *prepare):
-    """The same with each event failing in turn; answers what was seen without a failure."""
+def same_at_each_step(strike, act, *prepare):
+    """The same with a strike at each event in turn; answers what was seen without one."""
     seen = same(act, *prepare)
     assert len(seen["events"]) >= 2
     for step in range(1, len(seen["events"]) + 1):
-        same(act, *prepare, fail_at=step, failure=failure)
+        same(act, *prepare, strike_at=step, strike=strike)
     return seen

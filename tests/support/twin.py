@@ -4,7 +4,7 @@ import types
 
 from corvane import agent_onboarding as native
 
-# What it imports, its texts and its sync manager are the native module's; the exercise says what that one must be.
+# What it imports, its texts and its sync manager are the native module's; the scenarios say what that one must be.
 for name in [name for name in vars(native) if not name.startswith("__")]:
     if not isinstance(vars(native)[name], types.FunctionType) or vars(native)[name].__module__ != native.__name__:
         globals()[name] = vars(native)[name]

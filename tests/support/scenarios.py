@@ -1,7 +1,7 @@
 """One pass through every function of the module: each way to succeed and each way to fail, by name.
 
 A call is made in a fresh directory, beside a kit that answers as told, and says itself what has to come of it. As a
-script: `python proof/exercise.py NAME...`, all of them by default.
+script: `python -m support.scenarios NAME...`, all of them by default.
 """
 
 import atexit
@@ -22,6 +22,7 @@ import tempfile
 import types
 import urllib.error
 import urllib.request
+from collections import OrderedDict
 from collections.abc import Callable, Iterator, Mapping
 from dataclasses import dataclass
 from pathlib import Path
@@ -32,7 +33,7 @@ import corvane_local
 from corvane import auth
 from corvane.sync import CURRENT_PLATFORM
 
-m: Any = importlib.import_module(os.environ.get("EXERCISED", "corvane.agent_onboarding"))
+m: Any = importlib.import_module(os.environ.get("MODULE_CALLED", "corvane.agent_onboarding"))
 DEFAULTS: dict[str, Any] = dict(m._config)
 KEY = "5a" * 32
 SIBLINGS = "_runtime", "sync_backoff", "search_tracking", "search_templates", "simulate_signal"
@@ -76,7 +77,7 @@ class Call:
 @functools.cache
 def base() -> Path:
     """A directory of this process and the children it forks."""
-    made = Path(os.path.realpath(tempfile.mkdtemp(prefix="exercise-")))
+    made = Path(os.path.realpath(tempfile.mkdtemp(prefix="scenarios-")))
     atexit.register(shutil.rmtree, made, ignore_errors=True)
     shutil.copytree(Path(corvane_local.__path__[0]) / "native_modules", made / "native")
     return made
@@ -216,6 +217,13 @@ class Cancelled(Exception):
     """What the kit raises when somebody cancels its waiting."""
 
 
+class Clash(str):
+    """A key that cannot be compared with the one that is looked up."""
+
+    __hash__ = str.__hash__
+    __eq__ = raising(LookupError, "compared")
+
+
 USUAL = {
     "_runtime.get_runtime()": None,
     "_runtime._import_batch_runtime()": (1, 2, 3, 4),
@@ -305,6 +313,23 @@ READ_ONLY = ours(open=lambda path, mode, **how: {"r": open}[mode](path, mode, **
 COPIES = tuple(file(f".corvane-runtime-x-{n}.so", "", 0o600, n) for n in range(4))
 UNSAFE, NOT_WRITTEN = "raised OSError: Unsafe wallet key at ./d", "raised OSError: Cannot write wallet to ./d"
 STRICT = "raised RuntimeError: Corvane "
+
+
+def entry(kind: object = "runtime_module:backtester", **fields: Any) -> dict[Any, Any]:
+    return {"kind": kind, **fields}
+
+
+FILES: list[dict[Any, Any]] = [
+    {"b/x.so": entry(), "a/y.so": entry(), "a/z.so": entry("runtime_module:other"), "c": 5, "d": entry("text")},
+    {"x": entry(platform=""), "y": entry(platform=None), "z": entry(platform="else")},
+    {"x": entry(platform="else"), "y": entry(platform=CURRENT_PLATFORM)},
+    {"x": entry("runtime_module:vault"), "y": entry("runtime_module:era_data")},
+    {"y": entry("runtime_module:vault"), "x": entry("runtime_module:era_data")},
+    {"x": entry(), 5: entry()},
+    {("x",): entry(), ("a",): entry(5)},
+    {"y": entry("runtime_module:"), "x": {Clash("kind"): 1}},
+    OrderedDict(b=entry(), a=entry("runtime_module:vault")),
+]  # fmt: skip
 
 
 def register(**kwargs: Any) -> Callable[[], object]:
