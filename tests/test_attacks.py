@@ -39,29 +39,23 @@ def test_a_destructor_sees_the_new_value_through_a_shared_namespace(shared, last
     assert seen == run("shared_namespace", "support.twin", shared, last) and "51" in seen
 
 
+SAME = "builtin, descriptor, partial, static, property, object, wrapper, ours, none, class none, class text"
+UNREADABLE = "refusing, none, list, halted, text, emptied"
 PATCHED = {
-    **{
-        ("representation", kind): "True e3b0"
-        for kind in ["builtin", "descriptor", "partial", "static", "property", "object", "wrapper", "ours", "none"]
-    },
-    **{("decorated", kind): "True e3b0" for kind in ["none", "text", "unreadable", "empty", "slots"]},
-    ("methods", "wrapper"): "('own code', 'manifest') []",
-    ("methods", "partial"): "manifest []",
-    ("methods", "builtin"): "TEXT []",
+    **{("record", kind): "True e3b0" for kind in f"{SAME}, class unreadable, class empty, class slots".split(", ")},
+    ("method", "wrapper"): "('own code', 'manifest') []",
+    ("method", "partial"): "manifest []",
+    ("method", "builtin"): "TEXT []",
     ("replaced", "object"): "<object object 0xab ## C",
     ("replaced", "none"): "None 0xab ## C",
-    ("replaced", "partial"): "functools.partial(<built-in function print>, 'partial') 0xab ## C",
+    ("replaced", "partial"): "functools.partial(<built-in function print>) 0xab ## C",
     ("replaced", "ours"): "<function _normalize_key 0xab ## C",
     ("replaced", "class"): "None 0xab ## C",
     ("replaced", "manager"): "<class 'dict'> 0xab ## C",
     ("replaced", "generator"): "<class 'list'> 0xab ## C",
-    ("deleted", "function"): "False _resolve_optional_invite_code",
-    ("deleted", "manager"): "False _resolve_optional_invite_code",
-    **{("cache", kind): "0xab ValueError def configure(**" for kind in ["user", "stand-in", "removed"]},
-    **{
-        ("cache", kind): "0xab ValueError none"
-        for kind in ["refusing", "nothing", "list", "missing", "halted", "text", "emptied"]
-    },
+    **{("replaced", f"{kind} deleted"): "deleted 0xab ## C" for kind in ("function", "manager")},
+    **{("cache", kind): "0xab ValueError def configure(*" for kind in ("user", "stand-in", "removed")},
+    **{("cache", kind): "0xab ValueError" for kind in UNREADABLE.split(", ")},
 }
 
 
@@ -149,7 +143,7 @@ def test_the_manifest_is_asked_for_one_iterator(kind, wrapped):
 @pytest.mark.parametrize("limit", [1000, 1_000_000])
 @pytest.mark.parametrize("kibibytes", [512, 1024, 2048, 8192])
 def test_endless_recursion_is_an_error_on_every_stack(kibibytes, limit):
-    ways = run("recursion", m.__name__, str(kibibytes), str(limit)).splitlines()
+    ways = run("recursion", str(kibibytes), str(limit)).splitlines()
     assert all(way.endswith(": True") for way in ways), ways
     assert {way.split()[0] for way in ways} == {*FUNCTIONS} - {"get_agents_md_fragment", "_propagate_auth"}
 

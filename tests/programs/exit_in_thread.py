@@ -11,12 +11,8 @@ import time
 import types
 from collections import UserDict
 
-import corvane.auth
-import corvane.runtime_module_freshness
-import corvane.skills
-import corvane.sync  # noqa: F401
+from corvane import auth, runtime_module_freshness, skills, sync  # noqa: F401
 
-where = sys.argv[1]
 waiting = threading.Event()
 
 
@@ -90,7 +86,7 @@ WHERE = {
     "arguments": lambda: load().login(**{Name("x"): 1}),
 }
 logging.disable()
-thread = threading.Thread(target=WHERE[where], daemon=True)
+thread = threading.Thread(target=WHERE[sys.argv[1]], daemon=True)
 thread.start()
 assert waiting.wait(10)
 sys.modules["held"] = types.SimpleNamespace(ending=Ending())

@@ -1,10 +1,9 @@
 """Each function without end, through each name and each argument that leads back into it, on a thread's small stack.
 
-Usage: recursion.py MODULE KIBIBYTES LIMIT. Says what it tries, so that the last line tells where the process has died.
+Usage: recursion.py KIBIBYTES LIMIT. Says what it tries, so that the last line tells where the process has died.
 """
 
 import functools
-import importlib
 import inspect
 import logging
 import os
@@ -13,56 +12,35 @@ import tempfile
 import threading
 import types
 
-m = importlib.import_module(sys.argv[1])
-kibibytes, limit = map(int, sys.argv[2:])
-FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__}
-ENTRIES = m._runtime_module_manifest_entries
-FUNCTIONS |= {
+from corvane import agent_onboarding as m
+
+BUILTINS = "bool dict getattr hasattr id int isinstance len list open repr sorted str type"
+# Not the logger: the handlers call it, and what is called in each handler on the way up takes for ever.
+NAMES = [name for name in vars(m) if not name.startswith("__") and name != "logger"] + BUILTINS.split()
+FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__} | {
     "configure": functools.partial(m.configure, colour=1),
-    "_runtime_module_manifest_entries": lambda manifest: list(ENTRIES(manifest)),
+    "_runtime_module_manifest_entries": lambda manifest: list(m._runtime_module_manifest_entries(manifest)),
 }
-BUILTINS = [
-    "bool",
-    "dict",
-    "getattr",
-    "hasattr",
-    "id",
-    "int",
-    "isinstance",
-    "len",
-    "list",
-    "open",
-    "repr",
-    "sorted",
-    "str",
-    "type",
-]
-NAMES = [name for name in vars(m) if not name.startswith("__") and name != "logger"] + BUILTINS
 ABSENT = object()
+kibibytes, limit = map(int, sys.argv[1:])
 
 
 class Again:
     """Whatever is done with it leads back."""
 
     def __init__(self, back):
-        self.__dict__["back"] = back
-
-    def __getattr__(self, name):
-        return self.__dict__["back"](looked_up=name)
+        vars(self)["back"] = back
 
     def __call__(self, *args, **kwargs):
-        return self.__dict__["back"](*args, **kwargs)
+        return vars(self)["back"](*args, **kwargs)
 
-    def __getitem__(self, key):
-        return self.__dict__["back"](looked_up=key)
+    def __getattr__(self, name=None):
+        return self(looked_up=name)
 
-    def __iter__(self):
-        return self.__dict__["back"](looked_up=iter)
-
-    __bool__ = __str__ = __iter__
+    __getitem__ = __bool__ = __iter__ = __str__ = __getattr__
 
 
-def raises(function, arguments, name, value):
+def raises(function, arguments, name="m", value=None):
     """Whether RecursionError comes of the call while the module has this value under the name."""
     before = vars(m).get(name, ABSENT)
     setattr(m, name, value)
@@ -79,38 +57,41 @@ def raises(function, arguments, name, value):
 def ways(function):
     """How the function comes back to itself, once and outside of handlers: arguments, a name and its value."""
     parameters = inspect.signature(function).parameters.values()
-    usual = ["x" for p in parameters if p.default is p.empty and p.kind is not p.VAR_KEYWORD]
+    arguments = ["x" for p in parameters if p.default is p.empty and p.kind is not p.VAR_KEYWORD]
     reached = []
 
     def stop(*args, **kwargs):
         reached.append((args, kwargs))
         raise RecursionError
 
-    def sorting(*args, **kwargs):
-        sorted([0, 1], key=lambda number: function(*arguments))  # takes much of the C stack
+    def leads_back(*how):
+        reached.clear()
+        return raises(function, *how) and len(reached) == 1
 
-    for number in range(len(usual)):
-        arguments = [*usual[:number], Again(stop), *usual[number + 1 :]]
-        reached.clear()
-        if raises(function, arguments, "m", None) and len(reached) == 1:
-            arguments[number] = Again(sorting)
-            yield arguments, "m", None
-    arguments = usual
+    def sorting(given):
+        """Takes much of the C stack on its way back."""
+        return Again(lambda *args, **kwargs: sorted([0, 1], key=lambda number: function(*given)))
+
+    for number in range(len(arguments)):
+        given = [*arguments]
+        given[number] = Again(stop)
+        if leads_back(given):
+            given[number] = sorting(given)
+            yield given, "m", None
     for name in NAMES:
-        reached.clear()
-        if raises(function, usual, name, Again(stop)) and len(reached) == 1:
-            yield usual, name, Again(sorting)
-            args, kwargs = reached.pop()
-            if not kwargs and raises(function, args, name, Again(stop)) and len(reached) == 1:
-                yield usual, name, function
+        if leads_back(arguments, name, Again(stop)):
+            yield arguments, name, sorting(arguments)
+            [(args, kwargs)] = reached
+            if not kwargs and leads_back(args, name, Again(stop)):
+                yield arguments, name, function
 
 
 def work():
     for name, function in FUNCTIONS.items():
-        for arguments, place, value in ways(function):
-            print(name, place, *(type(given).__name__ for given in (value, *arguments)), end=": ", flush=True)
+        for arguments, replaced, value in ways(function):
+            print(name, replaced, *(type(given).__name__ for given in (value, *arguments)), end=": ", flush=True)
             sys.setrecursionlimit(limit)
-            print(raises(function, arguments, place, value))
+            print(raises(function, arguments, replaced, value))
             sys.setrecursionlimit(1000)
 
 
