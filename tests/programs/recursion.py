@@ -17,9 +17,10 @@ from corvane import agent_onboarding as m
 BUILTINS = "bool dict getattr hasattr id int isinstance len list open repr sorted str type"
 # Not the logger: the handlers call it, and what is called in each handler on the way up takes for ever.
 NAMES = [name for name in vars(m) if not name.startswith("__") and name != "logger"] + BUILTINS.split()
+ENTRIES = m._runtime_module_manifest_entries
 FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__} | {
     "configure": functools.partial(m.configure, colour=1),
-    "_runtime_module_manifest_entries": lambda manifest: list(m._runtime_module_manifest_entries(manifest)),
+    "_runtime_module_manifest_entries": lambda manifest: list(ENTRIES(manifest)),
 }
 ABSENT = object()
 kibibytes, limit = map(int, sys.argv[1:])
