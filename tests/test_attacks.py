@@ -140,11 +140,9 @@ def test_the_manifest_is_asked_for_one_iterator(kind, wrapped):
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the frames of an instrumented build need a larger stack")
-@pytest.mark.parametrize("limit", [1000, 1_000_000])
-@pytest.mark.parametrize("kibibytes", [512, 1024, 2048, 8192])
-def test_endless_recursion_is_an_error_on_every_stack(kibibytes, limit):
-    ways = run("recursion", str(kibibytes), str(limit)).splitlines()
-    assert all(way.endswith(": True") for way in ways), ways
+def test_endless_recursion_is_an_error_on_every_stack():
+    ways = run("recursion", "256", "512", "1024", "2048", "8192").splitlines()
+    assert [way for way in ways if not way.endswith(": True")] == []
     assert {way.split()[0] for way in ways} == {*FUNCTIONS} - {"get_agents_md_fragment", "_propagate_auth"}
 
 

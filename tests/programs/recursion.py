@@ -1,10 +1,11 @@
 """Each function without end, through each name and each argument that leads back into it, on a thread's small stack.
 
-Usage: recursion.py KIBIBYTES LIMIT. Says what it tries, so that the last line tells where the process has died.
+Usage: recursion.py KIBIBYTES... Says what it tries, so that the last line tells where the process has died.
 """
 
 import functools
 import inspect
+import itertools
 import logging
 import os
 import sys
@@ -23,7 +24,6 @@ FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionTyp
     "_runtime_module_manifest_entries": lambda manifest: list(ENTRIES(manifest)),
 }
 ABSENT = object()
-kibibytes, limit = map(int, sys.argv[1:])
 
 
 class Again:
@@ -79,21 +79,23 @@ def ways(function):
         if leads_back(given):
             given[number] = sorting(given)
             yield given, "m", None
-    for name in NAMES:
-        if leads_back(arguments, name, Again(stop)):
-            yield arguments, name, sorting(arguments)
-            [(args, kwargs)] = reached
-            if not kwargs and leads_back(args, name, Again(stop)):
-                yield arguments, name, function
+    for name in itertools.islice((name for name in NAMES if leads_back(arguments, name, Again(stop))), 3):
+        [(args, kwargs)] = reached
+        yield arguments, name, sorting(arguments)
+        if not kwargs and leads_back(args, name, Again(stop)):
+            yield arguments, name, function
 
 
-def work():
-    for name, function in FUNCTIONS.items():
-        for arguments, replaced, value in ways(function):
-            print(name, replaced, *(type(given).__name__ for given in (value, *arguments)), end=": ", flush=True)
-            sys.setrecursionlimit(limit)
-            print(raises(function, arguments, replaced, value))
-            sys.setrecursionlimit(1000)
+def on_each_stack(name, function, arguments, replaced, value):
+    for kibibytes, limit in itertools.product(map(int, sys.argv[1:]), (1000, 1_000_000)):
+        print(name, replaced, *(type(given).__name__ for given in (value, *arguments)), kibibytes, limit, end=": ")
+        sys.stdout.flush()
+        threading.stack_size(kibibytes * 1024)
+        thread = threading.Thread(target=lambda: print(raises(function, arguments, replaced, value)))
+        sys.setrecursionlimit(limit)
+        thread.start()
+        thread.join()
+        sys.setrecursionlimit(1000)
 
 
 logging.disable()
@@ -101,7 +103,6 @@ with tempfile.TemporaryDirectory() as directory:
     os.environ["HOME"] = directory
     os.chdir(directory)
     m._config["server_url"] = "http://127.0.0.1:1"
-    threading.stack_size(kibibytes * 1024)
-    thread = threading.Thread(target=work)
-    thread.start()
-    thread.join()
+    for name, function in FUNCTIONS.items():
+        for way in ways(function):
+            on_each_stack(name, function, *way)
