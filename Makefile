@@ -7,11 +7,12 @@ LOCK := run
 PY := $(VENV)/bin/python
 PIP := $(PY) -m pip --quiet --disable-pip-version-check install
 FROM_INDEX = || { echo "pip could not install it: is a package index reachable?" >&2; exit 1; }
+LOCKED := $(addprefix $(VENV)/.,run test lint ship agents fleet)
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test test-pythons test-agents test-fleet test-wheel lint bench proof wheel install clean
+.PHONY: help demo test build-tools test-tools test-pythons test-agents test-fleet test-wheel lint bench proof wheel wheels install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -64,17 +65,21 @@ proof: $(VENV)/.installed $(VENV)/.test $(VENV)/.lint ## Prove that nothing cras
 
 # The sdist first and the wheel from it: what the one lacks, the other cannot hold. Bytes depend on the sources alone, so
 # the date of the packed files is a fixed one.
-wheel: export SOURCE_DATE_EPOCH := 1767225600
-wheel: export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
+wheel wheels: export SOURCE_DATE_EPOCH := 1767225600
+wheel wheels: export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
 wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for every Linux that is as old as auditwheel says
 	@rm -rf dist build/wheel && mkdir -p build
 	@$(PY) -P -m build --no-isolation --outdir build/wheel . >build/wheel.log 2>&1 || { cat build/wheel.log; exit 1; }
 	@$(PY) -P -m auditwheel repair --plat auto --wheel-dir dist build/wheel/*.whl >build/wheel.log 2>&1 || { cat build/wheel.log; exit 1; }
 	@mv build/wheel/*.tar.gz dist && ls -l dist
 
+wheels: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and wheels for all interpreters that are found (or PYTHONS="...") and both processors
+	@$(PY) -P tools/build_wheels.py $(PYTHONS)
+
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
-test-tools: $(VENV)/.test # what make test-pythons wants besides
+build-tools: $(VENV)/.run # what make wheels and make test-pythons want of the environments of other interpreters
+test-tools: $(VENV)/.test
 
 clean: ## Remove everything that make created
 	rm -rf .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
@@ -82,8 +87,8 @@ clean: ## Remove everything that make created
 # An environment that was made of another interpreter than the one that is asked for is made anew.
 ifneq ($(and $(PYTHON),$(wildcard $(PY))),)
 BASE := -c 'import os, sys; print(os.path.realpath(sys.base_prefix), sys.version)'
-ifneq ($(shell "$$(tools/find-python 2>/dev/null)" $(BASE)),$(shell $(PY) $(BASE)))
-$(PY): anew
+ifneq ($(shell "$$(PYTHON="$(PYTHON)" tools/find-python 2>/dev/null)" $(BASE)),$(shell $(PY) $(BASE)))
+$(PY) $(LOCKED) $(VENV)/.data: anew
 endif
 endif
 .PHONY: anew
@@ -92,7 +97,7 @@ $(PY):
 	@tools/check-compiler
 	@python=$$(tools/find-python) && echo "Setting up $(VENV) (once) with $$python." && "$$python" -m venv --clear $(VENV)
 
-$(VENV)/.run $(VENV)/.test $(VENV)/.lint $(VENV)/.ship $(VENV)/.agents $(VENV)/.fleet: $(VENV)/.%: requirements/%.txt $(PY)
+$(LOCKED): $(VENV)/.%: requirements/%.txt $(PY)
 	@echo "Installing what is locked in $<."
 	@$(PIP) --require-hashes -r $< $(FROM_INDEX)
 	@touch $@
