@@ -79,7 +79,7 @@ wheels: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and wheels for all
 install: $(VENV)/.installed ## Build the extension and the local kit and install both into .venv
 
 build-tools: $(VENV)/.run # what make wheels and make test-pythons want of the environments of other interpreters
-test-tools: $(VENV)/.test
+test-tools: build-tools $(VENV)/.test $(VENV)/.data
 
 clean: ## Remove everything that make created
 	rm -rf .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache

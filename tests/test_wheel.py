@@ -1,7 +1,9 @@
-"""What is shipped: one wheel and one sdist, whoever builds them; installed beside the kit in every order."""
+"""What is shipped: a wheel for each interpreter and processor, an sdist, the same bytes whoever builds them."""
 
+import ast
 import os
-import re
+import platform
+import runpy
 import shutil
 import subprocess
 import sys
@@ -14,11 +16,12 @@ import pytest
 pytestmark = pytest.mark.wheel
 ROOT, BIN = Path(__file__).parents[1], Path(sys.executable).parent
 ENVIRONMENT = {**os.environ, "PATH": f"{BIN}:{os.environ['PATH']}"}
-BUILD = [sys.executable, "-m", "pip", "wheel", "-q", "--no-index", "--no-build-isolation", "--no-deps", "-w"]
 WITHOUT_KIT = "ImportError: cannot import name 'auth' from 'corvane' (unknown location)"
 WITHOUT_US = "ImportError: cannot import name 'agent_onboarding' from 'corvane' ("
 SCRIPT = "from corvane import agent_onboarding, list_skills; agent_onboarding.configure(auto_heartbeat=False)"
-LIBRARY = "corvane/agent_onboarding.cpython-312-x86_64-linux-gnu.so"
+HOOK = "corvane_agent_onboarding_pyinstaller"
+INSTALL, UNINSTALL = ("install", "--no-index", "--no-deps"), ("uninstall", "-y")
+HERE = platform.python_version()
 
 
 def run(command, cwd=ROOT, **environment):
@@ -27,64 +30,193 @@ def run(command, cwd=ROOT, **environment):
     return done.stdout
 
 
+def name_of(version, processor="x86_64"):
+    """Of the library in the wheel for that version of Python."""
+    return f"corvane/agent_onboarding.cpython-{''.join(version.split('.')[:2])}-{processor}-linux-gnu.so"
+
+
+def wheel_in(folder, version, processor="x86_64"):
+    python = "cp" + "".join(version.split(".")[:2])
+    [wheel] = folder.glob(f"*-{python}-{python}-*{processor}.whl")
+    return wheel
+
+
 @pytest.fixture(scope="module")
-def built(tmp_path_factory):
-    """The wheel and the sdist of two copies of the checkout, in folders of different names and depths."""
+def interpreters():
+    """By version, the interpreters that wheels are built for: the one at hand and those of other versions."""
+    found = {HERE: sys.executable}
+    for python in run(["tools/find-python", "--all"]).split():
+        version = run([python, "tools/check_python.py", "version"]).strip()
+        if version.rpartition(".")[0] not in [one.rpartition(".")[0] for one in found]:
+            found[version] = python
+    return found
+
+
+@pytest.fixture(scope="module")
+def processors():
+    cross = shutil.which("aarch64-linux-gnu-g++")
+    return [platform.machine(), *(["aarch64"] if cross and platform.machine() != "aarch64" else [])]
+
+
+@pytest.fixture(scope="module")
+def built(tmp_path_factory, interpreters):
+    """What is built in two copies of the checkout, in folders of different names and depths."""
     copies = [tmp_path_factory.mktemp("one") / "a", tmp_path_factory.mktemp("other") / "some where" / "deeper"]
-    for copy in copies:
+    wanted = " ".join(interpreters.values()), sys.executable
+    for copy, pythons in zip(copies, wanted, strict=True):
         for name in run(["git", "ls-files"]).splitlines():
             (copy / name).parent.mkdir(parents=True, exist_ok=True)
             shutil.copy2(ROOT / name, copy / name)
-        (copy / ".venv").symlink_to(BIN.parent)
-        run(["make", "wheel"], copy, PYTHONHASHSEED=str(len(copy.name)), TZ="Asia/Tokyo")
-    return [sorted((copy / "dist").iterdir(), key=lambda file: file.suffix, reverse=True) for copy in copies]
+        (ROOT / ".venvs").mkdir(exist_ok=True)
+        for shared in (BIN.parent, ROOT / ".venvs"):
+            (copy / shared.relative_to(ROOT)).symlink_to(shared)
+        run(["make", "wheels", f"PYTHONS={pythons}"], copy, PYTHONHASHSEED=str(len(copy.name)), TZ="Asia/Tokyo")
+    return [copy / "dist" for copy in copies]
 
 
-def test_two_builds_give_the_same_bytes(built):
-    assert [file.suffix for file in built[0]] == [".whl", ".gz"]
-    for one, other in zip(*built, strict=True):
-        assert (one.name, one.read_bytes()) == (other.name, other.read_bytes())
+class Fresh:
+    """An environment of that interpreter with nothing in it; what the kit needs is lent to it by another."""
+
+    def __init__(self, folder, version, interpreter):
+        run([interpreter, "-m", "venv", folder / "fresh"])
+        self.python = folder / "fresh" / "bin" / "python"
+        lender = BIN.parent
+        if interpreter != sys.executable:
+            run(["make", f"VENV=.venvs/{version}", f"PYTHON={interpreter}", "test-tools"])
+            lender = ROOT / ".venvs" / version
+        (folder / "libraries").mkdir()
+        for library in next(lender.glob("lib/python3.*/site-packages")).iterdir():
+            if not library.name.startswith("corvane"):
+                (folder / "libraries" / library.name).symlink_to(library)
+        self.environment = {"PYTHONPATH": str(folder / "libraries")}
+        pip = [lender / "bin" / "python", "-m", "pip", "wheel", "-q", "--no-index", "--no-build-isolation"]
+        run([*pip, "--no-deps", "-w", folder, "./localkit"], PATH=f"{lender / 'bin'}:{os.environ['PATH']}")
+        [self.kit] = folder.glob("corvane_local_kit*.whl")
+
+    def pip(self, *arguments):
+        return run([self.python, "-m", "pip", "-q", "--disable-pip-version-check", *arguments], self.python.parent)
+
+    def tried(self, *arguments):
+        """What an import says after pip has done this."""
+        self.pip(*arguments)
+        command = [self.python, "-c", SCRIPT]
+        return subprocess.run(command, stderr=-1, text=True, env=self.environment, cwd="/").stderr.strip()
+
+    def passes(self, *names):
+        tests = [f"tests/test_{name}.py" for name in names]
+        command = [self.python, "-P", "-m", "pytest", "-p", "no:cacheprovider", *tests]
+        assert " passed" in run(command, **self.environment)
 
 
-def test_the_wheel_is_small_and_runs_on_old_systems(built):
-    wheel = built[0][0]
-    names = [name for name in zipfile.ZipFile(wheel).namelist() if not name.endswith("/")]
-    metadata = [f"corvane_agent_onboarding-0.1.0.dist-info/{name}" for name in ("METADATA", "RECORD", "WHEEL")]
-    assert sorted(names) == [LIBRARY, "corvane/agent_onboarding.pyi", "corvane/py.typed", *metadata]
-    verdict = " ".join(run([sys.executable, "-m", "auditwheel", "show", str(wheel)]).split())
-    oldest = re.search(r'consistent with the following platform tag: "(manylinux_2_(\d+)_x86_64)"', verdict)
-    assert oldest and int(oldest[2]) <= 28 and wheel.name.endswith(f"{oldest[1]}.whl"), verdict
-    library = zipfile.ZipFile(wheel).read(LIBRARY)
-    assert b".dynsym\0" in library and b".symtab\0" not in library and b".debug_" not in library
-    assert os.fsencode(tempfile.gettempdir()) + b"/" not in library and wheel.stat().st_size < 250_000
+def test_two_builds_give_the_same_bytes(built, interpreters, processors):
+    one, other = ({file.name: file.read_bytes() for file in folder.iterdir()} for folder in built)
+    assert len(one) == 1 + len(interpreters) * len(processors) and len(other) == 1 + len(processors)
+    for name, content in other.items():
+        assert one[name] == content, name
+
+
+def test_each_wheel_is_small_and_runs_on_old_systems(built, interpreters, processors):
+    from elftools.elf.elffile import ELFFile
+
+    for version in interpreters:
+        for processor in processors:
+            wheel = wheel_in(built[0], version, processor)
+            assert wheel.name.endswith(f"-manylinux2014_{processor}.manylinux_2_17_{processor}.whl")
+            names = [name for name in zipfile.ZipFile(wheel).namelist() if not name.endswith("/")]
+            metadata = "entry_points.txt", "METADATA", "RECORD", "WHEEL"
+            assert sorted(names) == sorted(
+                [name_of(version, processor), "corvane/agent_onboarding.pyi", "corvane/py.typed"]
+                + [f"{HOOK}/__init__.py", f"{HOOK}/hook-corvane.agent_onboarding.py"]
+                + [f"corvane_agent_onboarding-0.1.0.dist-info/{name}" for name in metadata]
+            )
+            library = zipfile.ZipFile(wheel).open(name_of(version, processor))
+            elf = ELFFile(library)
+            assert elf.get_machine_arch() == {"x86_64": "x64", "aarch64": "AArch64"}[processor]
+            sections = [section.name for section in elf.iter_sections()]
+            assert ".dynsym" in sections and not any(name.startswith((".symtab", ".debug_")) for name in sections)
+            needed = {tag.needed for tag in elf.get_section_by_name(".dynamic").iter_tags("DT_NEEDED")}
+            assert needed == {"libgcc_s.so.1", "libc.so.6"}, wheel
+            versions = [
+                version.name.partition("_")
+                for _, names in elf.get_section_by_name(".gnu.version_r").iter_versions()
+                for version in names
+            ]
+            assert {kind for kind, _, _ in versions} == {"GLIBC", "GCC"}
+            oldest = {"GLIBC": (2, 14) if processor == "x86_64" else (2, 17), "GCC": (4, 2, 0)}
+            assert all(tuple(map(int, number.split("."))) <= oldest[kind] for kind, _, number in versions), versions
+            symbols = elf.get_section_by_name(".dynsym").iter_symbols()
+            strange = [s.name for s in symbols if s["st_shndx"] == "SHN_UNDEF" and s.name.startswith("_Z")]
+            assert strange == [], "of a C++ library that is not loaded"
+            library.seek(0)
+            assert os.fsencode(tempfile.gettempdir()) + b"/" not in library.read()
+            assert wheel.stat().st_size < 250_000
 
 
 def test_the_sdist_builds_offline_to_the_same_extension(built, tmp_path):
-    files = {name.partition("/")[2] for name in run(["tar", "tf", built[0][1]]).splitlines()}
+    [sdist] = built[0].glob("*.tar.gz")
+    files = {name.partition("/")[2] for name in run(["tar", "tf", sdist]).splitlines()}
     assert files == {*run(["git", "ls-files"]).splitlines(), "PKG-INFO"} - {".ci/run"}
-    run([*BUILD, tmp_path, built[0][1]])
-    contents = [zipfile.ZipFile(wheel).read(LIBRARY) for wheel in (built[0][0], *tmp_path.glob("*.whl"))]
+    run([sys.executable, "-m", "build", "--no-isolation", "--wheel", "--outdir", tmp_path / "built", "."])
+    wheels = [wheel_in(built[0], HERE), *(tmp_path / "built").iterdir()]
+    contents = [zipfile.ZipFile(wheel).read(name_of(HERE)) for wheel in wheels]
     assert len(contents) == 2 and contents[0] == contents[1]
 
 
+def test_the_wheels_pass_the_tests_beside_the_kit(built, interpreters, tmp_path_factory):
+    for version, interpreter in interpreters.items():
+        fresh = Fresh(tmp_path_factory.mktemp("beside"), version, interpreter)
+        assert fresh.tried(*INSTALL, wheel_in(built[0], version), fresh.kit) == ""
+        fresh.passes("surface", "key_file", "runtime")
+
+
 def test_beside_the_kit_in_every_order(built, tmp_path):
-    run([*BUILD, tmp_path, "./localkit"])
-    [kit], ours = tmp_path.glob("*.whl"), built[0][0]
-    run([sys.executable, "-m", "venv", tmp_path / "fresh"])
-    for library in (BIN.parent / "lib/python3.12/site-packages").iterdir():  # what the kit needs, without our packages
-        if not library.name.startswith("corvane"):
-            (tmp_path / "libraries").mkdir(exist_ok=True)
-            (tmp_path / "libraries" / library.name).symlink_to(library)
+    fresh, ours = Fresh(tmp_path, HERE, sys.executable), wheel_in(built[0], HERE)
+    assert fresh.tried(*INSTALL, ours).endswith(WITHOUT_KIT) and fresh.tried(*INSTALL, fresh.kit) == ""
+    assert fresh.tried(*UNINSTALL, "corvane-local-kit").endswith(WITHOUT_KIT)
+    assert fresh.tried(*INSTALL, fresh.kit) == ""
+    assert WITHOUT_US in fresh.tried(*UNINSTALL, "corvane-agent-onboarding") and fresh.tried(*INSTALL, ours) == ""
+    fresh.passes("differential", "eras")
 
-    python, environment = tmp_path / "fresh/bin/python", {"PYTHONPATH": str(tmp_path / "libraries")}
 
-    def after(*arguments):
-        run([python, "-m", "pip", "-q", "--disable-pip-version-check", *arguments], tmp_path)
-        return subprocess.run([python, "-c", SCRIPT], stderr=-1, text=True, env=environment).stderr.strip()
+def test_a_wheel_of_another_interpreter_is_refused(built, interpreters, tmp_path):
+    if len(interpreters) < 2:
+        pytest.skip("only one interpreter was found")
+    fresh, other = Fresh(tmp_path, HERE, sys.executable), list(interpreters)[-1]
+    wheel = wheel_in(built[0], other)
+    with pytest.raises(AssertionError, match="is not a supported wheel on this platform"):
+        fresh.pip(*INSTALL, wheel)
+    fresh.pip(*INSTALL, fresh.kit)
+    [package] = (tmp_path / "fresh").glob("lib/python3.*/site-packages/corvane")
+    for name in (Path(name_of(other)).name, Path(name_of(HERE)).name, "agent_onboarding.so"):
+        (package / name).write_bytes(zipfile.ZipFile(wheel).read(name_of(other)))
+        assert "\nImportError: " in fresh.tried("check"), name
+        (package / name).unlink()
 
-    install, uninstall = ("install", "--no-index", "--no-deps"), ("uninstall", "-y")
-    assert after(*install, ours).endswith(WITHOUT_KIT) and after(*install, kit) == ""
-    assert after(*uninstall, "corvane-local-kit").endswith(WITHOUT_KIT) and after(*install, kit) == ""
-    assert WITHOUT_US in after(*uninstall, "corvane-agent-onboarding") and after(*install, ours) == ""
-    tests = [f"tests/test_{name}.py" for name in ("differential", "surface", "key_file", "eras", "runtime")]
-    assert " passed" in run([python, "-P", "-m", "pytest", "-p", "no:cacheprovider", *tests], **environment)
+
+def test_bundles(built, tmp_path):
+    """PyInstaller's, as one file and as a folder; the hook of the wheel says what the extension imports."""
+    hook = runpy.run_path(str(ROOT / "src" / HOOK / "hook-corvane.agent_onboarding.py"))["hiddenimports"]
+    declared = list(ast.walk(ast.parse((ROOT / "src/agent_onboarding/declarations.py").read_text())))
+    modules = {node.module for node in declared if isinstance(node, ast.ImportFrom)}
+    modules |= {alias.name for node in declared if isinstance(node, ast.Import) for alias in node.names}
+    assert modules <= set(hook), "the hook lacks an import"
+
+    fresh = Fresh(tmp_path, HERE, sys.executable)
+    assert fresh.tried(*INSTALL, wheel_in(built[0], HERE), fresh.kit) == ""
+    spec = ROOT / "tests/programs/bundled_agent.spec"
+    run([fresh.python, "-m", "PyInstaller", "--noconfirm", spec], tmp_path, **fresh.environment)
+    local, state = fresh.python.with_name("corvane-local"), tmp_path / "state"
+    serve = [local, "serve", "--state", state, "--port", "0"]
+    with subprocess.Popen(serve, env=ENVIRONMENT | fresh.environment, stdout=subprocess.PIPE, text=True) as service:
+        try:
+            address = service.stdout.readline().strip()
+            for number, program in enumerate(("dist/file", "dist/folder/folder-starter")):
+                data = tmp_path / f"agent {number}"
+                data.mkdir(mode=0o700)
+                invite = run([local, "invite", "--state", state], **fresh.environment).strip()
+                said = run([tmp_path / program, address, data, invite], "/", SSL_CERT_FILE=str(state / "ca.pem"))
+                registered, *sources = said.splitlines()
+                assert registered.startswith("WalletRegistration(address='0x") and (data / "wallet.key").is_file()
+                assert sources[0] in ("def register(", "no source") and sources[1:] == ["no source"]
+        finally:
+            service.terminate()
