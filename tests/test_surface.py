@@ -258,9 +258,9 @@ assert first._normalize_key("a") == "0xa"
 """, "corvane.agent_onboarding is already initialised"),
     "a failed import elsewhere leaves the module free": ("""
 import sys, corvane.auth, corvane.skills, corvane.sync, corvane.runtime_module_freshness
-import _xxsubinterpreters as interpreters
+from test.support import run_in_subinterp_with_config
 # without the real corvane.auth and corvane.sync: their libraries refuse other interpreters on their own
-interpreters.run_string(interpreters.create(isolated=True), f'''
+run_in_subinterp_with_config(f'''
 import sys
 sys.path[:] = {sys.path!r}
 import corvane
@@ -269,7 +269,8 @@ try:
     import corvane.agent_onboarding
 except ImportError as exc:
     print(exc, flush=True)
-''')
+''', own_gil=True, use_main_obmalloc=False, allow_fork=True, allow_exec=True, allow_threads=True,
+    allow_daemon_threads=True, check_multi_interp_extensions=True)
 import corvane.agent_onboarding
 assert corvane.agent_onboarding._normalize_key("a") == "0xa"
 assert list(corvane.agent_onboarding._config)[1] is sys.intern("data" + "_dir"[:])  # a text of this interpreter
@@ -337,10 +338,11 @@ assert m._normalize_key("ab") == "0xab"
 
 def test_an_interpreter_that_is_started_again(tmp_path):
     (tmp_path / "embed.cpp").write_text(EMBEDDING)
-    library = sysconfig.get_config_var("LIBDIR")
-    link = [f"-I{sysconfig.get_paths()['include']}", f"-L{library}", f"-Wl,-rpath,{library}", "-rdynamic"]
-    python = f"-lpython{sysconfig.get_config_var('LDVERSION')}"
-    subprocess.run(["c++", "embed.cpp", "-o", "embed", *link, python, "-ldl", "-lm"], cwd=tmp_path, check=True)
+    folders = sysconfig.get_config_var("LIBDIR"), sys.base_prefix  # the latter of an interpreter that was moved
+    name = f"libpython{sysconfig.get_config_var('LDVERSION')}.*"
+    library = next(path for folder in folders for path in sorted(Path(folder).glob(name)))
+    link = [f"-I{sysconfig.get_paths()['include']}", library, f"-Wl,-rpath,{library.parent}", "-rdynamic"]
+    subprocess.run(["c++", "embed.cpp", "-o", "embed", *link, "-ldl", "-lm"], cwd=tmp_path, check=True)
     script = EMBEDDED.replace("PATH", repr(m.__file__))
     environment = {**os.environ, "PYTHONHOME": sys.base_prefix}
     done = subprocess.run([tmp_path / "embed", script], capture_output=True, text=True, env=environment)
