@@ -376,9 +376,9 @@ except ImportError as exc:
     assert str(exc) == "corvane.agent_onboarding can be loaded into only one interpreter per process", str(exc)
 """
 OTHERS = {
-    f"own lock {own}, strict {strict}": "import _testcapi; assert _testcapi.run_in_subinterp_with_config("
+    f"own lock {own}, strict {strict}": "from test.support import run_in_subinterp_with_config as run; assert run("
     f"{TEXT!r}, use_main_obmalloc={not own}, allow_fork=True, allow_exec=True, allow_threads=True,"
-    f" allow_daemon_threads=True, check_multi_interp_extensions={strict}, gil={2 if own else 1}) == 0"
+    f" allow_daemon_threads=True, check_multi_interp_extensions={strict}, own_gil={own}) == 0"
     for own, strict in ((False, False), (False, True), (True, True))
 }
 AGAIN = """
