@@ -103,10 +103,12 @@ def _manifest_files(manifest):
     """The file entries of a manifest record or mapping; empty if there are none."""
 
 
+@step
 def sorted_files(manifest):
     """The files of the manifest as pairs, by relative path."""
 
 
+@step
 def runtime_module(relative_path, file_info):
     """The entry as (module name, relative path, file entry) if it is a runtime module of this platform, or None."""
 

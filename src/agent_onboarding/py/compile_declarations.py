@@ -36,8 +36,7 @@ def signature_line(text: str, name: str, module: str, homes: dict[str, str]) -> 
 def final_docstring(node: ast.FunctionDef, text: str, source: str, module: str) -> str:
     """The docstring behind its signature line; `@signature("...")` fixes that line and keeps the text as written."""
     for decorator in node.decorator_list:
-        assert isinstance(decorator, ast.Call) and isinstance(decorator.func, ast.Name)
-        if decorator.func.id == "signature":
+        if isinstance(decorator, ast.Call) and ast.unparse(decorator.func) == "signature":
             # The blanks before the closing quotes are the source's indentation.
             written = (ast.get_docstring(node, clean=False) or "").rstrip(" ")
             return f"{ast.literal_eval(decorator.args[0])}\n{written}"

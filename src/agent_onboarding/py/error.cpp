@@ -4,7 +4,7 @@
 
 namespace corvane::py {
 
-error::error(location at) noexcept : line_(at) {
+error::error(location at) noexcept : at_(at) {
     if (PyErr_Occurred() == nullptr)
         PyErr_SetString(PyExc_SystemError, "error return without exception set");
     value_ = object::steal(PyErr_GetRaisedException());

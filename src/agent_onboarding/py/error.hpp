@@ -18,7 +18,7 @@ class error : public std::exception {
     explicit error(location at) noexcept;
 
     [[nodiscard]] handle value() const noexcept { return value_; }
-    [[nodiscard]] const location& line() const noexcept { return line_; }
+    [[nodiscard]] location at() const noexcept { return at_; }
     [[nodiscard]] const char* what() const noexcept override { return "a Python exception"; }
 
     /// `except type:`, which raises TypeError for anything that is not an exception class.
@@ -32,7 +32,7 @@ class error : public std::exception {
 
   private:
     object value_;
-    location line_;
+    location at_;
     bool traced_ = false;
 };
 

@@ -40,14 +40,18 @@ PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t 
 // -- Tracebacks -----------------------------------------------------------------------------------------------------
 
 namespace {
-/// A code object for a traceback entry. The interpreter folds repeated entries of one file, which it knows by the
-/// identity of its name, so that the name has to be the same object each time.
-object entry_code(const char* function, const location& line) {
-    auto* code = PyCode_NewEmpty(line.file_name(), function, static_cast<int>(line.line()));
-    PyObject* file = code == nullptr ? nullptr : PyUnicode_InternFromString(line.file_name());
-    if (file != nullptr)
-        Py_SETREF(code->co_filename, file);
-    return object::steal(code);
+/// A code object for a traceback entry. The interpreter folds repeated entries of one function, which it knows by the
+/// identity of two texts, so that these have to be the same objects each time.
+object entry_code(PyObject* function, location at) {
+    auto* code = PyCode_NewEmpty(at.file, "", static_cast<int>(at.line));
+    PyObject* file = code == nullptr ? nullptr : PyUnicode_InternFromString(at.file);
+    object made = object::steal(code);
+    if (file == nullptr)
+        return {};
+    Py_SETREF(code->co_filename, file);
+    Py_SETREF(code->co_name, Py_NewRef(function));
+    Py_SETREF(code->co_qualname, Py_NewRef(function));
+    return made;
 }
 } // namespace
 
@@ -56,8 +60,7 @@ void frame::trace(error& raised) const noexcept {
         return;
     raised.mark_traced();
     // An error in here may cost the entry, never the exception.
-    const char* name = code_ == nullptr ? "<module>" : PyUnicode_AsUTF8(code_->co_name);
-    const object code = name == nullptr ? object() : entry_code(name, raised.line());
+    const object code = entry_code(code_ == nullptr ? "<module>"_n.ptr() : code_->co_name, raised.at());
     object entry;
     if (code)
         entry = object::steal(PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()),

@@ -6,14 +6,21 @@
 
 #include <unistd.h>
 
-#include <source_location>
 #include <type_traits>
 #include <utility>
 
 namespace corvane::py {
 
-/// The C++ line an operation was written on; it becomes the line of the traceback entry.
-using location = std::source_location;
+/// The C++ line an operation was written on; it becomes the line of the traceback entry. As a default argument it is
+/// the caller's line; of std::source_location clang, before version 17, takes the line of the declaration instead.
+struct location {
+    const char* file;
+    unsigned line;
+    [[nodiscard]] static constexpr location current(const char* file = __builtin_FILE(),
+                                                    unsigned line = __builtin_LINE()) noexcept {
+        return {file, line};
+    }
+};
 
 class callee;
 
