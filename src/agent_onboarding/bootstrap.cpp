@@ -106,6 +106,7 @@ object local_runtime(const frame& in, handle am) {
     }
 }
 
+/// The kit's own bootstrap, which synchronises first; where it fails in tolerant mode, the files that are on disk.
 object kit_or_local_runtime(const frame& in, handle am, handle strict) {
     object sync_backoff;
     try {
@@ -119,7 +120,7 @@ object kit_or_local_runtime(const frame& in, handle am, handle strict) {
             throw_error(PyExc_UnboundLocalError, "local variable 'sync_backoff' referenced before assignment");
         }
         if (caught.matches(sync_backoff.attr("SyncBackoffCancelled"_n)))
-            throw;
+            throw; // the agent is being stopped, which is not a failure to hide
         if (!caught.matches(global("Exception"_n)))
             throw;
         warn("Failed to bootstrap corvane runtime: %s"_n, caught);
@@ -196,6 +197,7 @@ void initialise_simulation(const frame& in, handle am, handle runtime, handle st
 
 // -- The local sync manager -----------------------------------------------------------------------------------------
 
+// Stands in for the kit's manager: the runtime asks it for the manifest, and it has nothing to synchronise.
 object sync_manager_init(const frame&, handle self, handle manifest, handle runtime_freshness_guard) {
     set_attr(self, "_manifest"_n, manifest);
     set_attr(self, "_vocabulary"_n, new_dict());
@@ -218,6 +220,7 @@ object read_json_if_present(const frame& in, handle path) {
     return value;
 }
 
+// The universe's own vocabulary wins over the one of the data directory.
 object local_vocabulary_path(const frame&, handle data_dir, handle named_universe) {
     object candidates = new_list();
     if (is_true(named_universe)) {
@@ -247,6 +250,7 @@ object bootstrap_local_runtime_from_config(const frame& in, handle am) {
     if (!is_instance(vocabulary, "dict"_n))
         return none();
 
+    // Only now: nothing else in this module needs the search runtime to be there.
     object kit = imported("_bootstrap_local_runtime_from_config._runtime"_n);
     callee tracker_class = imported("_bootstrap_local_runtime_from_config.SearchTracker"_n);
     object freshness_guard = global("create_runtime_freshness_guard"_n)(data_dir);
@@ -256,6 +260,7 @@ object bootstrap_local_runtime_from_config(const frame& in, handle am) {
     if (!is_instance(manifest_payload, "dict"_n))
         manifest_payload = new_dict();
 
+    // Everything is loaded and verified before the first object of a runtime is built.
     object loaded_modules = global("_load_runtime_modules_from_manifest"_n)(data_dir, manifest_data);
     object raw_backtester = invoke(loaded_modules, "get"_n, "backtester"_n);
     if (raw_backtester.is_none())
@@ -265,6 +270,7 @@ object bootstrap_local_runtime_from_config(const frame& in, handle am) {
         record("backtester"_n, raw_backtester.attr("_corvane_module_sha256"_n), "module"_a = raw_backtester);
     }
 
+    // What the runtime takes for a manifest: the era's number and the universe beside the files.
     object era_id = era_number(era_config, vocabulary);
     object manifest = manifest_record(era_id, manifest_data, named_universe);
     object sync_manager = global("_LocalRuntimeSyncManager"_n)(manifest, "runtime_freshness_guard"_a = freshness_guard);
@@ -349,6 +355,7 @@ object ensure_runtime_bootstrapped(const frame& in, handle strict) {
             return none();
         raise(auth("AuthError"_n), "No wallet initialized. Call register() or login() first.");
     }
+    // A runtime that is there is used again; only the search templates may have been imported since.
     object runtime = imported("ensure_runtime_bootstrapped._runtime"_n).attr("get_runtime"_n)();
     if (!runtime.is_none()) {
         inject_into_search(in, "ensure_runtime_bootstrapped.search_templates"_n, runtime, strict,

@@ -5,19 +5,21 @@ namespace corvane::onboarding {
 
 namespace {
 
+// The detail of a failure is one line of a message, which must stay readable.
 constexpr int links_described = 4;
 constexpr long key_bytes = 32; // a new key's, drawn from the operating system
 
 constexpr const char* unreachable = "Cannot reach Corvane server. Check your network connection and try again.";
 constexpr const char* invalid_key = "Invalid private key format. Expected hex string (64 characters) or 32 bytes.";
 
-/// `_config["data_dir"] = canonical`, then the directory itself.
+/// `_config["data_dir"] = canonical`, so that every later call of the process uses it; then the directory itself.
 void adopt_data_dir(handle canonical) {
     set_item(global("_config"_n), "data_dir"_n, canonical);
     global("os"_n).attr("makedirs"_n)(canonical, "exist_ok"_a = true_value());
 }
 
-/// Signs the wallet up, or in again; service errors become the messages an agent can act on.
+/// Signs the wallet up, or in again; service errors become the messages an agent can act on. The original stays behind
+/// them as their context.
 object authenticate_for_register(const frame& in, handle key, handle invite_code) {
     try {
         callee manager_class = auth("AuthManager"_n);
@@ -41,6 +43,7 @@ object authenticate_for_register(const frame& in, handle key, handle invite_code
     }
 }
 
+/// As above; but here a refusal can only mean the key, and an invalid key is told apart before the network is blamed.
 object authenticate_for_login(const frame& in, handle key) {
     try {
         callee manager_class = auth("AuthManager"_n);
@@ -79,12 +82,14 @@ void configure_option(handle key, object value) {
         raise(value_error(concat("Unknown configuration option: '", key, "'. Valid options: ", valid)));
     }
     object expected = get_item(global("_VALID_OPTIONS"_n), key);
+    // A subclass passes; an int does not pass for a bool.
     if (!is_true(global("isinstance"_n)(value, expected))) {
         callee value_error = global("ValueError"_n);
         object expected_name = expected.attr("__name__"_n);
         object given_name = global("type"_n)(value).attr("__name__"_n);
         raise(value_error(concat("Option '", key, "' expects ", expected_name, ", got ", given_name, ".")));
     }
+    // The other options may be empty; the service's address and the universe are cleaned as well.
     if (compare(key, Py_EQ, "data_dir"_n) && compare(value, Py_EQ, ""_n))
         raise(global("ValueError"_n), "data_dir cannot be empty.");
     if (compare(key, Py_EQ, "server_url"_n))
@@ -107,6 +112,7 @@ object exception_chain_detail(const frame&, handle exc) {
             break; // a chain that bites its own tail
         set_item(visited, identity, current);
 
+        // f"{type(current).__name__}: {text}; diagnostic: {diagnostic}", each part only where there is something to say
         object text = invoke(global("str"_n)(current), "strip"_n);
         object item = global("type"_n)(current).attr("__name__"_n);
         if (is_true(text))
@@ -114,13 +120,16 @@ object exception_chain_detail(const frame&, handle exc) {
         object diagnostic = get_attribute(current, "diagnostic_detail"_n, none());
         if (is_true(diagnostic))
             item = concat("", item, "; diagnostic: ", diagnostic);
+        // A repeated link is dropped, but the walk goes on below it.
         if (!contains(details, item))
             append(details, item);
+        // Explicit causes alone: an implicit context often has nothing to do with the failure.
         current = get_attribute(current, "__cause__"_n, none());
     }
     return invoke("; caused by "_n, "join"_n, details);
 }
 
+// Nothing else is normalised: the service's module judges what a key is.
 object normalize_key(const frame&, handle raw_key) {
     if (is_true(invoke(raw_key, "startswith"_n, "0x"_n)) || is_true(invoke(raw_key, "startswith"_n, "0X"_n)))
         return object::borrow(raw_key);
@@ -129,6 +138,7 @@ object normalize_key(const frame&, handle raw_key) {
 
 object resolve_invite_code(const frame&, handle invite_code) {
     object code = object::borrow(invite_code);
+    // Only for None: an empty code that a caller passed is refused, and not replaced behind the caller's back.
     if (code.is_none())
         code = invoke(global("os"_n).attr("environ"_n), "get"_n, "CORVANE_INVITE_CODE"_n);
     object canonical = auth("_normalize_invite_code"_n)(code);
@@ -162,6 +172,7 @@ object register_wallet(const frame& in, handle invite_code, handle data_dir, han
     }
     object key_for_auth = global("_normalize_key"_n)(private_key);
     object manager = authenticate_for_register(in, key_for_auth, code);
+    // Accepted: what follows can fail, but the wallet stays signed in.
     set_global("_auth_manager"_n, manager);
     if (is_true(bootstrap_runtime)) {
         global("_resolve_active_named_universe"_n)(manager);
@@ -175,6 +186,7 @@ object register_wallet(const frame& in, handle invite_code, handle data_dir, han
 }
 
 object login(const frame& in, handle private_key, handle bootstrap_runtime) {
+    // Before anything is written: there is no key to adopt.
     if (private_key.is_none())
         raise(global("ValueError"_n), invalid_key);
     callee canonical_data_dir = global("_canonical_data_dir"_n);
@@ -209,6 +221,7 @@ object auth_token_repr(const frame&, handle self) {
     return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
 }
 
+// Options that the kit adds later, such as the era's configuration, are not the caller's to set and have no entry.
 object default_options() {
     object options = new_dict();
     set_item(options, "auto_heartbeat"_n, true_value());

@@ -42,6 +42,7 @@ object first_usable(handle allowed) {
     return {};
 }
 
+/// `str(era.get("state", "")).lower() == "active"`, for dicts
 bool is_active(handle era) {
     if (!is_instance(era, "dict"_n))
         return false;
@@ -64,6 +65,7 @@ object only_one(operand list, const char* message) {
 } // namespace
 
 object fetch_eras_payload(const frame& in, handle am) {
+    // Asked for at each call: the kit's manager renews a token that has expired.
     object token = invoke(am, "get_token"_n);
     if (!is_true(token))
         raise(global("RuntimeError"_n), "Registration bootstrap could not fetch /eras without an auth token.");
@@ -74,6 +76,8 @@ object fetch_eras_payload(const frame& in, handle am) {
     set_item(headers, "Authorization"_n, concat("Bearer ", token));
     object request = request_class(url, "headers"_a = headers, "method"_a = "GET"_n);
 
+    // A response object of an installed opener may have no status, and may swallow an exception at its end; then a
+    // variable below is unbound, as it would be in Python.
     object status;
     object body;
     try {
@@ -84,6 +88,7 @@ object fetch_eras_payload(const frame& in, handle am) {
         });
     } catch (error& caught) {
         except_scope handling(in, caught);
+        // except (OSError, urllib.error.URLError, TimeoutError)
         object os_error = global("OSError"_n);
         object url_error = global("urllib"_n).attr("error"_n).attr("URLError"_n);
         if (!caught.matches(tuple(os_error, url_error, global("TimeoutError"_n))))
@@ -101,6 +106,7 @@ object fetch_eras_payload(const frame& in, handle am) {
         payload = loads(invoke(local(body, "body"), "decode"_n, "utf-8"_n));
     } catch (error& caught) {
         except_scope handling(in, caught);
+        // except (UnicodeDecodeError, json.JSONDecodeError)
         object decode_error = global("UnicodeDecodeError"_n);
         if (!caught.matches(tuple(decode_error, global("json"_n).attr("JSONDecodeError"_n))))
             throw;
@@ -112,6 +118,7 @@ object fetch_eras_payload(const frame& in, handle am) {
     return payload;
 }
 
+// The one rule for what a universe may be called: its name becomes a directory below the data directory.
 object safe_named_universe(const frame&, handle value) {
     if (value.is_none())
         return none();
@@ -124,11 +131,13 @@ object safe_named_universe(const frame&, handle value) {
 
 object append_unique_named_universe(const frame&, handle candidates, handle value) {
     object name = global("_safe_named_universe"_n)(value);
+    // `not in` compares by value, so that one universe named twice stays one.
     if (is_true(name) && !contains(candidates, name))
         invoke(candidates, "append"_n, name);
     return none();
 }
 
+// The service sends a list, or the single value where there is only one.
 object append_allowed_named_universes(const frame&, handle candidates, handle values) {
     if (is_instance(values, "list"_n)) {
         for (const object& value : iterate(values))
@@ -139,6 +148,7 @@ object append_allowed_named_universes(const frame&, handle candidates, handle va
     return none();
 }
 
+// An era can mention its universes in four places. All are looked at, in this order.
 object active_era_named_universe_candidates(const frame&, handle era) {
     object candidates = new_list();
     callee append_one = global("_append_unique_named_universe"_n);
@@ -160,12 +170,14 @@ object active_era_named_universe_candidates(const frame&, handle era) {
         for (const object& universe : iterate(universes))
             append_universe(candidates, universe);
     } else if (is_instance(universes, "dict"_n)) {
+        // The order of a JSON object says nothing; the first candidate must not depend on it.
         for (const object& key : iterate(global("sorted"_n)(universes)))
             append_unique(candidates, key);
     }
     return candidates;
 }
 
+// For a runtime from disk, where nobody can be asked which universe is meant: pools first, then the era itself.
 object first_allowed_named_universe_from_era_config(const frame&, handle era_config) {
     if (!is_instance(era_config, "dict"_n))
         return none();
@@ -191,6 +203,7 @@ object resolve_active_named_universe(const frame&, handle am) {
         set_item(global("_config"_n), "named_universe"_n, configured);
         return configured;
     }
+    // Two active eras or two universes would be a choice that only the agent's owner can make.
     object payload = global("_fetch_eras_payload"_n)(am);
     object eras = get(payload, "eras"_n);
     if (!is_instance(eras, "list"_n))

@@ -23,6 +23,7 @@ void populate() {
     set_global("logger"_n, global("logging"_n).attr("getLogger"_n)("corvane.agent_onboarding"_n));
     define<exception_chain_detail>("_exception_chain_detail");
 
+    // Runtime loading: copies, manifest, verified loading.
     define<sha256_file>("_sha256_file");
     define<content_addressed_extension_path>("_content_addressed_extension_path");
     define<prune_runtime_extension_copies>("_prune_runtime_extension_copies");
@@ -39,6 +40,7 @@ void populate() {
     define<create_runtime_freshness_guard>("create_runtime_freshness_guard");
     define<load_per_era_backtester>("_load_per_era_backtester");
 
+    // Annotations of the functions below name the records.
     define_class("WalletRegistration");
     define_class("AuthToken", {native<auth_token_repr>("__repr__")});
     set_global("_HEARTBEAT_STATIC_SECTION"_n, heartbeat_static_section());
@@ -48,6 +50,7 @@ void populate() {
     set_global("_auth_manager"_n, handle(Py_None));
     set_global("_VALID_OPTIONS"_n, option_types());
 
+    // From here on functions find texts, options and state when they are called.
     define<find_heartbeat>("_find_heartbeat");
     define<fetch_eras_payload>("_fetch_eras_payload");
     define<safe_named_universe>("_safe_named_universe");

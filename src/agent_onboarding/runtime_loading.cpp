@@ -5,6 +5,8 @@ namespace corvane::onboarding {
 
 namespace {
 
+// A build is imported from a copy named by its digest: another build of the same file is another copy, so that the one
+// that is in use never changes under its process, and the same build is recognised by its name.
 constexpr long block_size = 1 << 20; // bytes that are read at once while hashing
 constexpr long digits_in_name = 16;  // of the digest, in the name of a copy
 
@@ -88,12 +90,14 @@ object content_addressed_extension_path(const frame& in, handle module_name, han
     callee join_paths = global("os"_n).attr("path"_n).attr("join"_n);
     object beginning = concat(".corvane-runtime-", module_name, "-");
     object start_of_digest = first_digits(digest);
+    // f".corvane-runtime-{module_name}-{digest[:16]}.so"
     object runtime_path = join_paths(root, concat("", beginning, start_of_digest, ".so"));
     if (path_exists(runtime_path))
         return runtime_path;
     try {
         global("os"_n).attr("link"_n)(path, runtime_path);
     } catch (error& caught) {
+        // Another file system, or one without hard links.
         except_scope handling(in, caught, "OSError"_n);
         global("shutil"_n).attr("copy2"_n)(path, runtime_path);
     }
@@ -118,6 +122,7 @@ object prune_runtime_extension_copies(const frame& in, handle module_name, handl
         if (object candidate = modified_and_path(in, join_path(root, name)))
             append(candidates, candidate);
     }
+    // The copy that is kept counts as one of them, wherever it is in the order.
     if (compare(global("len"_n)(candidates), Py_LE, max_copies))
         return none();
 
@@ -151,6 +156,7 @@ object load_extension_from_path(const frame& in, handle module_name, handle path
         callee runtime_error = global("RuntimeError"_n);
         raise(runtime_error(concat("Could not create import spec for ", runtime_path)));
     }
+    // The entry of the module table comes first, as in the interpreter's own import: a module may look itself up.
     object module = global("importlib"_n).attr("util"_n).attr("module_from_spec"_n)(spec);
     set_item(global("sys"_n).attr("modules"_n), module_name, module);
     try {
@@ -169,6 +175,7 @@ object load_extension_from_path(const frame& in, handle module_name, handle path
 object load_manifest_runtime_module(const frame& in, handle data_dir, handle module_name, handle expected_sha256,
                                     handle manifest) {
     object expanded = expanded_on_path(data_dir);
+    // A caller with many modules has read the manifest already.
     object read = object::borrow(manifest);
     if (read.is_none())
         read = global("_read_manifest"_n)(expanded);
@@ -182,6 +189,7 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
     }
     object expected =
         is_true(expected_sha256) ? object::borrow(expected_sha256) : invoke(file_info, "get"_n, "sha256"_n);
+    // The digest that the caller insists on wins over the manifest's.
     object candidate = join_path(expanded, relative_path);
     if (!path_exists(candidate)) {
         callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
@@ -224,6 +232,7 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
 object load_runtime_modules_from_manifest(const frame& in, handle data_dir, handle manifest) {
     object loaded = new_dict();
     callee list_of = global("list"_n);
+    // The era data first, for the other modules are initialised with it.
     object entries = list_of(global("_runtime_module_manifest_entries"_n)(manifest));
     invoke(entries, "sort"_n, "key"_a = nested_function(in, "<lambda>"));
     object entry[3];

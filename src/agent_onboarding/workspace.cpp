@@ -5,6 +5,7 @@ namespace corvane::onboarding {
 
 namespace {
 
+// Farther up lies what has nothing to do with the agent: a home directory, another project.
 constexpr int directories_searched = 4; // the start and three parents
 
 /// `with open(path, "r", encoding="utf-8") as file: content = file.read()`; empty if the file swallows an exception.
@@ -50,6 +51,7 @@ object find_heartbeat(const frame&, handle working_dir) {
         if (path_exists(path))
             return path;
         object parent = global("os"_n).attr("path"_n).attr("dirname"_n)(current);
+        // The root is its own parent.
         if (compare(parent, Py_EQ, current))
             return none();
         current = parent;
@@ -71,6 +73,7 @@ object inject_heartbeat(const frame& in, handle working_dir) {
         global("logger"_n).attr("warning"_n)("Failed to read HEARTBEAT.md at %s: %s"_n, path, caught.value());
         return none();
     }
+    // The heading is the mark: a checklist that somebody has shortened or ticked off is not added again.
     if (contains(local(content, "content"), "## [Corvane]"_n))
         return none();
     if (is_true(content) && !ends_with_line_feed(content))
@@ -89,6 +92,7 @@ object inject_heartbeat(const frame& in, handle working_dir) {
 object update_nudge(const frame& in, handle trigger, handle /*context*/) {
     if (opted_out())
         return none();
+    // A trigger of a later kit is nothing to stop a search for.
     if (!contains(global("_NUDGE_TEXTS"_n), trigger))
         return none();
     object nudge_text = get_item(global("_NUDGE_TEXTS"_n), trigger);
@@ -101,6 +105,7 @@ object update_nudge(const frame& in, handle trigger, handle /*context*/) {
     return none();
 }
 
+// Looked up like everything else, so that whoever replaces the text gets the replacement.
 object get_agents_md_fragment(const frame&) { return global("_AGENTS_MD_FRAGMENT"_n); }
 
 object heartbeat_static_section() {
