@@ -1,6 +1,6 @@
 """Draws docs/architecture.svg from the sources: who asks whom for what, through the module's namespace.
 
-Rooms stand above the rooms they use; an arrow that leads back up is dashed. Run it again after a change of structure:
+Files stand above the files they use; an arrow that leads back up is dashed. Run it again after a change of structure:
 `python docs/draw_architecture.py`.
 """
 
@@ -17,11 +17,11 @@ WIDTH, BOX, LINE, GAP = 1180, 270, 17, 64  # pixels
 
 
 @dataclass
-class Room:
+class Box:
     """One C++ file with function bodies, and which names of the namespace it uses."""
 
     file: str
-    uses: dict[str, set[str]] = field(default_factory=dict)  # room: names of functions and records there
+    uses: dict[str, set[str]] = field(default_factory=dict)  # file: names of functions and records there
     state: set[str] = field(default_factory=set)
     outside: set[str] = field(default_factory=set)
     x: float = 0
@@ -64,8 +64,8 @@ def imported_modules() -> dict[str, str]:
     }
 
 
-def read_rooms() -> dict[str, Room]:
-    """The rooms in the order of module.hpp, with what each uses."""
+def read_files() -> dict[str, Box]:
+    """The boxes in the order of module.hpp, with what each uses."""
     sections = re.split(r"// from (\w+\.cpp)", (SOURCES / "module.hpp").read_text("utf-8"))
     home = {body: file for file, text in zip(sections[1::2], sections[2::2], strict=True)
             for body in re.findall(r"^object (\w+)\(", text, re.M)}  # fmt: skip
@@ -76,63 +76,63 @@ def read_rooms() -> dict[str, Room]:
         owner[name] = home[bodies[0]] if bodies else "entry_points.cpp"
     state = set(re.findall(r'set_global\("(\w+)"_n', table)) - {"__doc__"}
     modules = imported_modules()
-    rooms = {file: Room(file) for file in dict.fromkeys(home.values())}
-    for room in rooms.values():
-        text = (SOURCES / room.file).read_text("utf-8")
+    boxes = {file: Box(file) for file in dict.fromkeys(home.values())}
+    for shown in boxes.values():
+        text = (SOURCES / shown.file).read_text("utf-8")
         for name in re.findall(r'(?:global|is_instance)\((?:\w+, )?"([\w.]+)"_n', text):
-            if name in owner and owner[name] != room.file:
-                room.uses.setdefault(owner[name], set()).add(name)
+            if name in owner and owner[name] != shown.file:
+                shown.uses.setdefault(owner[name], set()).add(name)
             elif name in state:
-                room.state.add(name)
+                shown.state.add(name)
             elif name in modules:
-                room.outside.add(modules[name])
+                shown.outside.add(modules[name])
         # import statements inside functions, and a module imported by its name
         named = re.findall(r'"(\w+\.\w+)"_n', text)
-        room.outside |= {modules.get(n, n) for n in named if n in modules or n.startswith("corvane.")}
-    return rooms
+        shown.outside |= {modules.get(n, n) for n in named if n in modules or n.startswith("corvane.")}
+    return boxes
 
 
-def levels_of(rooms: dict[str, Room]) -> dict[str, int]:
-    """How far down each room stands: below all that use it. What would close a circle is left out."""
+def levels_of(boxes: dict[str, Box]) -> dict[str, int]:
+    """How far down each file stands: below all that use it. What would close a circle is left out."""
     level: dict[str, int] = {}
 
     def visit(file: str, path: tuple[str, ...]) -> None:
         level[file] = max(level.get(file, 0), len(path))
-        for used in rooms[file].uses:
+        for used in boxes[file].uses:
             if used not in path:
                 visit(used, (*path, file))
 
-    for file in rooms:
+    for file in boxes:
         if file not in level:
             visit(file, ())
     return level
 
 
-def place(rooms: dict[str, Room]) -> tuple[dict[tuple[str, str], list[tuple[float, float]]], float]:
-    """Gives each room its place; answers the points of each arrow, and where the last room ends.
+def place(boxes: dict[str, Box]) -> tuple[dict[tuple[str, str], list[tuple[float, float]]], float]:
+    """Gives each box its place; returns the points of each arrow, and where the last box ends.
 
-    An arrow past a row of rooms gets a lane between them.
+    An arrow past a row of boxes gets a lane between them.
     """
-    level = levels_of(rooms)
+    level = levels_of(boxes)
     points: dict[tuple[str, str], list[tuple[float, float]]] = {}
     x_of: dict[str, float] = {}
     top = 20.0
     for depth in range(max(level.values()) + 1):
         lanes = [
-            (user, file) for user, room in rooms.items() for file in room.uses if level[user] < depth < level[file]
+            (user, file) for user, shown in boxes.items() for file in shown.uses if level[user] < depth < level[file]
         ]
-        row: list[str | tuple[str, str]] = [*(file for file in rooms if level[file] == depth), *lanes]
+        row: list[str | tuple[str, str]] = [*(file for file in boxes if level[file] == depth), *lanes]
 
         def wish(node: str | tuple[str, str]) -> float:
-            users = [node[0]] if isinstance(node, tuple) else [u for u in x_of if node in rooms[u].uses]
+            users = [node[0]] if isinstance(node, tuple) else [u for u in x_of if node in boxes[u].uses]
             return sum(x_of[user] for user in users) / len(users) if users else 0
 
         row.sort(key=wish)
-        height = max(rooms[node].height for node in row if isinstance(node, str))
+        height = max(boxes[node].height for node in row if isinstance(node, str))
         left = (WIDTH - sum(BOX + 50 if isinstance(node, str) else 70 for node in row) + 50) / 2
         for node in row:
             if isinstance(node, str):
-                rooms[node].x, rooms[node].y, x_of[node] = left, top, left + BOX / 2
+                boxes[node].x, boxes[node].y, x_of[node] = left, top, left + BOX / 2
                 left += BOX + 50
             else:
                 points.setdefault(node, []).extend([(left + 10, top), (left + 10, top + height)])
@@ -157,26 +157,26 @@ def box(x: float, y: float, height: float, lines: list[str], width: int = BOX) -
 
 def picture() -> str:
     """The SVG document."""
-    rooms = read_rooms()
-    lanes, bottom = place(rooms)
+    boxes = read_files()
+    lanes, bottom = place(boxes)
     parts = []
-    for room in rooms.values():
-        for used, names in room.uses.items():
-            to = rooms[used]
-            start, end = (room.x + BOX / 2, room.y + room.height), (to.x + BOX / 2, to.y)
-            if to.y < room.y:
-                start, end = (room.x + BOX / 2 + 40, room.y), (to.x + BOX / 2 + 40, to.y + to.height)
-            points = [start, *lanes.get((room.file, used), []), end]
+    for shown in boxes.values():
+        for used, names in shown.uses.items():
+            to = boxes[used]
+            start, end = (shown.x + BOX / 2, shown.y + shown.height), (to.x + BOX / 2, to.y)
+            if to.y < shown.y:
+                start, end = (shown.x + BOX / 2 + 40, shown.y), (to.x + BOX / 2 + 40, to.y + to.height)
+            points = [start, *lanes.get((shown.file, used), []), end]
             curve = f"M{start[0]:.0f} {start[1]:.0f}"
             for (x1, y1), (x2, y2) in pairwise(points):
                 middle = (y1 + y2) / 2
                 curve += f" C{x1:.0f} {middle:.0f} {x2:.0f} {middle:.0f} {x2:.0f} {y2:.0f}"
-            dashes = ' stroke-dasharray="5 4"' if to.y < room.y else ""
-            tip = f"<title>{room.file} uses {', '.join(sorted(names))}</title>"
+            dashes = ' stroke-dasharray="5 4"' if to.y < shown.y else ""
+            tip = f"<title>{shown.file} uses {', '.join(sorted(names))}</title>"
             parts.append(f'<path class="use" d="{curve}"{dashes}>{tip}</path>')
-    parts += [box(room.x, room.y, room.height, room.lines) for room in rooms.values()]
+    parts += [box(shown.x, shown.y, shown.height, shown.lines) for shown in boxes.values()]
     layer = [f"{file} includes {', '.join(included)}" if included else file for file, included in layer_includes()]
-    parts.append(box(20, bottom, LINE * (len(layer) + 1) + 14, ["py/, the layer under every room", *layer], WIDTH - 40))
+    parts.append(box(20, bottom, LINE * (len(layer) + 1) + 14, ["py/, the layer under every file", *layer], WIDTH - 40))
     height = bottom + LINE * (len(layer) + 1) + 40
     return (
         f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height:.0f}"'
