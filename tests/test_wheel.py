@@ -1,6 +1,7 @@
 """What is shipped: a wheel for each interpreter and processor, an sdist, the same bytes whoever builds them."""
 
 import ast
+import io
 import os
 import platform
 import runpy
@@ -97,8 +98,9 @@ class Fresh:
         return run([self.python, "-m", "pip", "-q", "--disable-pip-version-check", *arguments], self.python.parent)
 
     def tried(self, *arguments):
-        """What an import says after pip has done this."""
-        self.pip(*arguments)
+        """What an import says after pip has done this, if anything."""
+        if arguments:
+            self.pip(*arguments)
         command = [self.python, "-c", SCRIPT]
         return subprocess.run(command, stderr=-1, text=True, env=self.environment, cwd="/").stderr.strip()
 
@@ -129,8 +131,8 @@ def test_each_wheel_is_small_and_runs_on_old_systems(built, interpreters, proces
                 + [f"{HOOK}/__init__.py", f"{HOOK}/hook-corvane.agent_onboarding.py"]
                 + [f"corvane_agent_onboarding-0.1.0.dist-info/{name}" for name in metadata]
             )
-            library = zipfile.ZipFile(wheel).open(name_of(version, processor))
-            elf = ELFFile(library)
+            library = zipfile.ZipFile(wheel).read(name_of(version, processor))
+            elf = ELFFile(io.BytesIO(library))
             assert elf.get_machine_arch() == {"x86_64": "x64", "aarch64": "AArch64"}[processor]
             sections = [section.name for section in elf.iter_sections()]
             assert ".dynsym" in sections and not any(name.startswith((".symtab", ".debug_")) for name in sections)
@@ -147,8 +149,7 @@ def test_each_wheel_is_small_and_runs_on_old_systems(built, interpreters, proces
             symbols = elf.get_section_by_name(".dynsym").iter_symbols()
             strange = [s.name for s in symbols if s["st_shndx"] == "SHN_UNDEF" and s.name.startswith("_Z")]
             assert strange == [], "of a C++ library that is not loaded"
-            library.seek(0)
-            assert os.fsencode(tempfile.gettempdir()) + b"/" not in library.read()
+            assert os.fsencode(tempfile.gettempdir()) + b"/" not in library
             assert wheel.stat().st_size < 250_000
 
 
@@ -189,7 +190,7 @@ def test_a_wheel_of_another_interpreter_is_refused(built, interpreters, tmp_path
     [package] = (tmp_path / "fresh").glob("lib/python3.*/site-packages/corvane")
     for name in (Path(name_of(other)).name, Path(name_of(HERE)).name, "agent_onboarding.so"):
         (package / name).write_bytes(zipfile.ZipFile(wheel).read(name_of(other)))
-        assert "\nImportError: " in fresh.tried("check"), name
+        assert "ImportError: " in fresh.tried(), name
         (package / name).unlink()
 
 
