@@ -12,7 +12,7 @@ EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test build-tools test-tools test-pythons test-agents test-fleet test-wheel lint bench proof wheel wheels install clean
+.PHONY: help demo test build-tools test-tools test-pythons test-agents test-fleet test-wheel test-arm lint bench proof wheel wheels install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -30,6 +30,9 @@ test-pythons: ## Test the module on every supported interpreter that is found, o
 test-wheel: $(VENV)/.run $(VENV)/.data $(VENV)/.test $(VENV)/.ship ## Test what is shipped: wheel and sdist, their bytes, platforms and installation
 	@$(PY) -P -m pytest -m wheel $(TEST_OPTIONS)
 
+test-arm: $(VENV)/.run ## Test the aarch64 wheels of dist/ (make wheels) under qemu-user, which takes long
+	@tools/test-arm
+
 test-agents: ## Test that the functions are tools of six agent frameworks (in an environment of their own: .venv-agents)
 	@$(MAKE) --no-print-directory VENV=.venv-agents LOCK=agents install
 	@.venv-agents/bin/mypy $(filter-out examples/test_tools.py examples/fleet.py,$(wildcard examples/*.py))
@@ -44,14 +47,14 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py docs/draw_architecture.py examples/fleet.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py src/corvane_agent_onboarding_pyinstaller tools docs/draw_architecture.py examples/fleet.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@sed -n '/^```python/,/^```/{/^```/d;p;}' README.md >build/readme_example.py
 	@cd build && $(CURDIR)/$(VENV)/bin/mypy --strict readme_example.py ../tests/typing_example.py
-	@{ $(VENV)/bin/cmake -S . -B build/tidy -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
-	   && $(VENV)/bin/cmake --build build/tidy --target declarations \
-	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
-	   && $(VENV)/bin/cmake --build build/tidy-kit --target era_prices; } >build/tidy.log \
+	@{ $(VENV)/bin/cmake -S . -B build/tidy -DWARNINGS_AS_ERRORS=ON -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
+	   && $(VENV)/bin/cmake --build build/tidy --parallel 2 \
+	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DWARNINGS_AS_ERRORS=ON -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
+	   && $(VENV)/bin/cmake --build build/tidy-kit --parallel 2; } >build/tidy.log 2>&1 \
 	   || { cat build/tidy.log; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter src/%.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy-kit localkit/native/*.cpp 2>build/tidy.err || { cat build/tidy.err; exit 1; }

@@ -6,12 +6,13 @@ Usage: check_python.py [build | version]; prints what a build must know of the i
 import os
 import sys
 import sysconfig
+from typing import Optional
 
 SUPPORTED = "CPython 3.12, 3.13 and 3.14 with the GIL, on 64-bit Linux with glibc"
 NAMES = {"cpython": "CPython", "pypy": "PyPy"}
 
 
-def what_is_wrong():
+def what_is_wrong() -> Optional[str]:  # noqa: UP045
     implementation = NAMES.get(sys.implementation.name, sys.implementation.name)
     suffix = sysconfig.get_config_var("EXT_SUFFIX") or ""
     include = sysconfig.get_paths()["include"]

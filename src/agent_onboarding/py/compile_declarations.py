@@ -107,7 +107,7 @@ def code_in(code: CodeType, name: str) -> CodeType:
 
 
 def with_docstrings(code: CodeType, docs: dict[str, str]) -> CodeType:
-    """The code with the docstrings of these functions as they are given; from 3.13 on a compiler strips their indent."""
+    """The code with these docstrings of functions as they are given: from 3.13 on the compiler strips their indent."""
     constants = [with_docstrings(c, docs) if isinstance(c, CodeType) else c for c in code.co_consts]
     if code.co_name in docs:
         if not isinstance(constants[0], str):
