@@ -4,7 +4,6 @@ import hashlib
 import json
 import random
 import shutil
-import statistics
 import subprocess
 import sys
 import sysconfig
@@ -15,6 +14,7 @@ from importlib.resources import files
 from pathlib import Path
 from typing import Any
 
+from benchmarks.imports import import_rows
 from benchmarks.measure import Row, compare, seconds
 from corvane import agent_onboarding as native
 from corvane.sync import CURRENT_PLATFORM
@@ -236,24 +236,9 @@ def shares_of_bootstrap(rounds: int = 200) -> dict[str, float]:
     return {**{name: part / total for name, part in spent.items()}, "the rest": 1 - sum(spent.values()) / total}
 
 
-def imports() -> Iterator[Row]:
-    """A fresh interpreter each: everything that the module imports is imported before."""
-    standard = (
-        "importlib.util, hashlib, json, logging, os, secrets, shutil, stat, urllib.error, urllib.request, dataclasses,"
-        "typing, linecache, corvane.auth, corvane.errors, corvane.runtime_module_freshness, corvane.skills,corvane.sync"
-    )
-    code = (
-        f"import importlib, sys, time, types, {standard}\n"
-        "started = time.perf_counter()\nimport corvane.agent_onboarding\nprint(time.perf_counter() - started)"
-    )
-    command = [sys.executable, "-P", "-c", code]
-    taken = [float(subprocess.run(command, capture_output=True, text=True, check=True).stdout) for _ in range(15)]
-    yield Row("import", "its bound, 3 ms", statistics.median(taken), [one / 3e-3 for one in taken])
-
-
 def all_rows(home: Path) -> Iterator[Row]:
     prepare(home)
-    yield from imports()
+    yield from import_rows(home)
     yield from calls(home)
     yield from eras()
     yield from hashing(home)

@@ -173,7 +173,7 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
     if (!forgets_at_exit && Py_AtExit(forget) < 0)
         throw_error(PyExc_SystemError, "the interpreter takes no more exit functions");
     forgets_at_exit = true;
-    if (!enter_recursion()) // the thread's stack is measured here and not in the middle of a call, mostly
+    if (!enter_recursion()) // the thread's stack is measured here, and for most programs not in the middle of a call
         throw_error();
     leave_recursion();
     const std::int64_t running = PyInterpreterState_GetID(PyInterpreterState_Get());

@@ -1,9 +1,12 @@
 #include "stack.hpp"
 
 #include <pthread.h>
+#include <sys/auxv.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 
 // The oldest versions that the C library offers of these functions: the newer ones, the same code under another
 // version, would keep the extension from systems that are older than the one it was built on.
@@ -22,26 +25,46 @@ constinit thread_local stack_bounds this_stack = {};
 namespace {
 // A body takes 2 KiB at the most. What it calls takes more: a search for a handler, a TLS handshake, dlopen. Threads
 // with less than 512 KiB keep a quarter free, which is enough for bodies but not for everything that they call.
-constexpr std::size_t most_kept_free = 128 * 1024;
+constexpr std::uintptr_t most_kept_free = 128 * 1024;
 
-/// Costs a microsecond or, in the main thread, the reading of a file; thus once for each thread.
-void measure() {
+// Of the main thread's stack, whatever its limit: the kernel keeps twice as much free below its top for it to grow.
+constexpr std::uintptr_t most_of_main_stack = 64 * 1024 * 1024;
+
+void set_bounds(std::uintptr_t end, std::uintptr_t top) {
+    this_stack = {.limit = end + std::min(most_kept_free, (top - end) / 4), .top = top, .end = end};
+}
+
+/// The main thread's stack: it grows down from a top at which the kernel puts the program's name. The C library would
+/// read a file with a line for each library of the process to say the same.
+bool measure_main(std::uintptr_t here) {
+    const auto name = static_cast<std::uintptr_t>(getauxval(AT_EXECFN));
+    rlimit limit{};
+    if (name == 0 || getrlimit(RLIMIT_STACK, &limit) != 0)
+        return false;
+    const auto page = static_cast<std::uintptr_t>(getauxval(AT_PAGESZ));
+    const std::uintptr_t top = (name + std::strlen(reinterpret_cast<const char*>(name)) + page) / page * page;
+    const std::uintptr_t end = top - std::min<std::uintptr_t>(limit.rlim_cur, most_of_main_stack);
+    if (here < end || here >= top)
+        return false;
+    set_bounds(end, top);
+    return true;
+}
+
+void measure(std::uintptr_t here) {
     pthread_attr_t attributes;
-    if (pthread_getattr_np(pthread_self(), &attributes) != 0)
-        return; // no descriptor or no memory: the next call tries again
-    void* lowest = nullptr;
+    if (measure_main(here) || pthread_getattr_np(pthread_self(), &attributes) != 0)
+        return; // or there is no memory: the next call tries again
+    void* end = nullptr;
     std::size_t size = 0;
-    if (pthread_attr_getstack(&attributes, &lowest, &size) == 0) {
-        const auto end = reinterpret_cast<std::uintptr_t>(lowest);
-        this_stack = {.limit = end + std::min(most_kept_free, size / 4), .top = end + size, .end = end};
-    }
+    if (pthread_attr_getstack(&attributes, &end, &size) == 0)
+        set_bounds(reinterpret_cast<std::uintptr_t>(end), reinterpret_cast<std::uintptr_t>(end) + size);
     pthread_attr_destroy(&attributes);
 }
 } // namespace
 
 bool may_begin_at(std::uintptr_t address) {
     if (this_stack.top == 0)
-        measure();
+        measure(address);
     // Outside of the thread's stack there is one that somebody else has allocated and knows the size of.
     if (address < this_stack.end || address >= this_stack.limit)
         return true;
