@@ -5,19 +5,20 @@ token that is good for a while. Neither key nor token shows in a representation,
 """
 
 import hashlib
-import ipaddress
 import re
-import ssl
 import time
-from urllib.parse import urlsplit
+from typing import TYPE_CHECKING, Any
 
-import httpx
-from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import ec
+# What takes long to import is imported where it is used: whoever imports the kit does not always sign in.
+if TYPE_CHECKING:
+    from cryptography.hazmat.primitives.asymmetric import ec
+
+    from corvane._http import Service
 
 _INVITE_CODE = re.compile(r"CORV(-[2-9A-HJ-NP-Z]{4}){3}")
+_TOKEN = re.compile(r"[!-~]{1,4096}")  # what can stand in a header
 _RENEW_EARLIER = 3.0  # seconds; a token must not run out on its way to the service
-_TIMEOUT = 15.0  # seconds
+_LONGEST_REASON = 500  # characters of what the service says
 
 
 class AuthError(Exception):
@@ -32,12 +33,18 @@ class AuthBusyError(AuthError):
     """The service does not sign anybody in just now, or not this wallet after its many failures. Try again later."""
 
 
+class NotTheServiceError(AuthError):
+    """Something else answers at the service's address: a redirect, a captive portal, a proxy."""
+
+
 class InvalidKeyError(AuthError):
     """The key is not the hexadecimal text of a secp256k1 private key."""
 
 
-def public_key_text(key: ec.EllipticCurvePublicKey) -> str:
+def public_key_text(key: "ec.EllipticCurvePublicKey") -> str:
     """The compressed point in hexadecimal digits, as it travels to the service."""
+    from cryptography.hazmat.primitives import serialization
+
     form = serialization.PublicFormat.CompressedPoint
     return key.public_bytes(serialization.Encoding.X962, form).hex()
 
@@ -67,6 +74,8 @@ class AuthManager:
     def __init__(self, private_key: str, server_url: str, invite_code: str | None = None) -> None:
         if not isinstance(private_key, str) or not re.fullmatch(r"0[xX][0-9a-fA-F]{64}", private_key):
             raise InvalidKeyError("The private key is not 64 hexadecimal digits behind 0x.")
+        from cryptography.hazmat.primitives.asymmetric import ec
+
         try:
             self._key = ec.derive_private_key(int(private_key, 16), ec.SECP256K1())
         except ValueError:
@@ -87,30 +96,30 @@ class AuthManager:
         """Signs in; signs up first if there is an invite code and the wallet is new.
 
         Raises:
-            ConnectionError: The service cannot be reached, or its certificate is not trusted.
+            ConnectionError: The service cannot be reached, has not answered in time, or its certificate is not
+                trusted.
             RegistrationError: The service refuses the invite code of a new wallet.
-            AuthBusyError: The service is busy, or the wallet has failed too often.
+            AuthBusyError: The service is away or busy, or the wallet has failed too often.
+            NotTheServiceError: Something else answers at its address.
             AuthError: The service refuses the wallet (also a new one without an invite code), or its answer makes no
                 sense.
         """
+        from corvane._http import Service
+
         path = "/auth/login" if self._invite_code is None else "/auth/register"
-        try:
-            with httpx.Client(verify=ssl.create_default_context(), timeout=_TIMEOUT, trust_env=False) as client:
-                challenge = self._post(client, "/auth/challenge", {}).get("challenge")
-                if not isinstance(challenge, str) or not challenge.isascii():
-                    raise AuthError("The service's answer holds no challenge.")
-                signature = self._key.sign(signed_message(challenge), ec.ECDSA(hashes.SHA256())).hex()
-                proof = {"challenge": challenge, "signature": signature}
-                if self._invite_code is not None:
-                    proof["invite_code"] = self._invite_code
-                answer = self._post(client, path, proof)
-        except (httpx.TransportError, httpx.InvalidURL) as exc:
-            raise ConnectionError(f"{self._server_url} cannot be reached: {exc}") from exc
-        except httpx.DecodingError as exc:
-            raise AuthError("The service's answer cannot be decoded.") from exc
+        with Service(self._server_url) as service:
+            challenge = self._post(service, "/auth/challenge", {}).get("challenge")
+            if not isinstance(challenge, str) or not challenge.isascii():
+                raise AuthError("The service's answer holds no challenge.")
+            proof = {"challenge": challenge, "signature": self._signature(challenge)}
+            if self._invite_code is not None:
+                proof["invite_code"] = self._invite_code
+            answer = self._post(service, path, proof)
         token, expiry = answer.get("token"), answer.get("expires_at")
         # The range keeps out what is no time: true, NaN, infinity, and what no float can hold.
-        if not isinstance(token, str) or not isinstance(expiry, int | float) or not 1 < expiry < 1e12:
+        if not isinstance(expiry, int | float) or not 1 < expiry < 1e12:
+            raise AuthError("The service's answer does not say how long its token is good.")
+        if not isinstance(token, str) or not _TOKEN.fullmatch(token):
             raise AuthError("The service's answer holds no token.")
         self._token, self._token_expiry = token, float(expiry)
 
@@ -128,20 +137,21 @@ class AuthManager:
         """When the token runs out, in seconds since 1970-01-01 UTC."""
         return self._token_expiry
 
-    def _post(self, client: httpx.Client, path: str, body: dict[str, str]) -> dict[str, object]:
-        response = client.post(self._server_url + path, json={"public_key": self._public_key, **body})
-        try:
-            answer = response.json()
-        except (ValueError, RecursionError):
-            answer = None
-        if not isinstance(answer, dict):
-            raise AuthError(f"The service's answer is no JSON object (HTTP {response.status_code}).")
-        if response.status_code == 200:
-            return answer
-        message = str(answer.get("error", f"HTTP {response.status_code}"))
-        if response.status_code == 429 or response.status_code >= 500:
+    def _signature(self, challenge: str) -> str:
+        from cryptography.hazmat.primitives import hashes
+        from cryptography.hazmat.primitives.asymmetric import ec
+
+        return self._key.sign(signed_message(challenge), ec.ECDSA(hashes.SHA256())).hex()
+
+    def _post(self, service: "Service", path: str, body: dict[str, str]) -> dict[str, Any]:
+        with service.send("POST", path, body={"public_key": self._public_key, **body}) as answer:
+            fields = answer.fields()
+        if answer.status == 200:
+            return fields
+        message = str(fields.get("error", f"The service is away or busy (HTTP {answer.status})."))[:_LONGEST_REASON]
+        if answer.is_busy:
             raise AuthBusyError(message)
-        kind = RegistrationError if answer.get("code") in ("bad_invite", "unknown_invite", "used_invite") else AuthError
+        kind = RegistrationError if fields.get("code") in ("bad_invite", "unknown_invite", "used_invite") else AuthError
         raise kind(message)
 
 
@@ -171,6 +181,8 @@ def _validate_server_url(url: str) -> str:
     Raises:
         ValueError: It is not an https address, or an http address of this machine, of the plain form scheme://host/path.
     """
+    from urllib.parse import urlsplit
+
     try:
         parts = urlsplit(url)
         host, port_is_valid = parts.hostname or "", parts.port != 0
@@ -185,6 +197,8 @@ def _validate_server_url(url: str) -> str:
 
 
 def _is_loopback(host: str) -> bool:
+    import ipaddress
+
     try:
         return ipaddress.ip_address(host).is_loopback
     except ValueError:

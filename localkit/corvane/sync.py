@@ -16,61 +16,31 @@ import logging
 import os
 import platform
 import re
-import ssl
 import threading
+import time
 from collections.abc import Callable, Iterator
-from hashlib import file_digest
+from hashlib import file_digest, sha256
 from pathlib import Path
-from typing import TYPE_CHECKING, Annotated, Any, BinaryIO, NoReturn, NotRequired, TypedDict
-from urllib.parse import quote
-
-import httpx
-from pydantic import AfterValidator, NonNegativeInt, StringConstraints, TypeAdapter
-from tqdm import tqdm
+from typing import TYPE_CHECKING, Any, BinaryIO, NoReturn
 
 from corvane.auth import AuthError, AuthManager
 from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch
 from corvane.sync_backoff import ServiceBusy
 
-if TYPE_CHECKING:  # it imports this module
+if TYPE_CHECKING:
+    from tqdm import tqdm
+
+    from corvane._http import Answer, Service
+    from corvane.manifest import FileEntry, Manifest
     from corvane.runtime_module_freshness import RuntimeFreshnessGuard
 
 CURRENT_PLATFORM = f"{platform.system()}-{platform.machine()}".lower()
 """The platform tag of the running process, such as `linux-x86_64`."""
 
-_TIMEOUT = httpx.Timeout(15.0, connect=5.0)  # seconds without a sign of life
-_OWN_PLACES = ("runtime", "features", "era_config.json")  # all that a service may write; wallet.key lies beside them
+LOCK_SECONDS = 60.0
+"""How long a sync waits for one of another process, unless told otherwise."""
+
 _log = logging.getLogger(__name__)
-
-
-def _check_path(path: str) -> str:
-    parts = path.split("/")
-    # A leading dot also keeps out "." and ".."; the onboarding module keeps copies under such names.
-    has_bad_part = any(not part or part.startswith(".") or part.endswith((".part", ".new")) for part in parts)
-    if has_bad_part or not path.isprintable() or "\\" in path or parts[0] not in _OWN_PLACES:
-        raise ValueError(f"the path {path!r} is not allowed")
-    return path
-
-
-class FileEntry(TypedDict):
-    """One file of a release; the platform is named for native modules only. The size is in bytes."""
-
-    kind: str
-    platform: NotRequired[str | None]
-    sha256: Annotated[str, StringConstraints(pattern="^[0-9a-f]{64}$")]
-    size: NonNegativeInt
-
-
-class Manifest(TypedDict):
-    """The files of the active era, by their relative path; the version goes up with every change."""
-
-    era_id: int
-    version: int
-    files: dict[Annotated[str, AfterValidator(_check_path)], FileEntry]
-
-
-_MANIFEST = TypeAdapter(Manifest)
-_OBJECT = TypeAdapter(dict[str, Any])
 
 
 class SyncManager:
@@ -81,13 +51,22 @@ class SyncManager:
         data_dir: The directory; made if it is missing.
         server_url: Base address of the service.
         progress: Whether to show a progress bar on stderr; None shows one on a terminal only.
+        wait: How many seconds to wait for a sync of another process to end.
     """
 
-    def __init__(self, am: AuthManager, data_dir: str, server_url: str, progress: bool | None = None) -> None:
+    def __init__(
+        self,
+        am: AuthManager,
+        data_dir: str,
+        server_url: str,
+        progress: bool | None = None,
+        wait: float = LOCK_SECONDS,
+    ) -> None:
         self._am = am
         self._root = Path(data_dir).expanduser()
         self._server_url = server_url.rstrip("/")
         self._progress = progress
+        self._wait = wait
         self._lock = threading.RLock()
         self._era_callbacks: list[Callable[[int], object]] = []
         self.runtime_freshness_guard: RuntimeFreshnessGuard | None = None
@@ -95,7 +74,7 @@ class SyncManager:
         self._vocabulary: dict[str, Any] = {}
         self._load()
 
-    def get_manifest(self) -> Manifest | None:
+    def get_manifest(self) -> "Manifest | None":
         """The manifest in use, or None before the first sync."""
         return self._manifest
 
@@ -120,14 +99,16 @@ class SyncManager:
         """Syncs. The relative paths of the files that were new or other ones, sorted."""
         return self._sync()[1]
 
-    def sync(self) -> Manifest:
+    def sync(self) -> "Manifest":
         """Makes the files on disk those that the service publishes for this platform.
 
         Returns:
             The manifest that is in use now: era_id, version, and files by relative path.
 
         Raises:
-            ConnectionError: The service cannot be reached, or is busy. What has arrived is kept; call again.
+            ConnectionError: The service cannot be reached, is busy, or sends too slowly. What has arrived is kept; call
+                again.
+            BlockingIOError: Another process syncs this directory.
             corvane.auth.AuthError: The service refuses the wallet, or its answer makes no sense.
             ValueError: The service's manifest is malformed, or names a path that is none of its business.
             corvane.errors.RuntimeModuleError: A file is not what the manifest says, or a changed module cannot be
@@ -136,18 +117,17 @@ class SyncManager:
         """
         return self._sync()[0]
 
-    def _sync(self) -> tuple[Manifest, list[str]]:
-        with self._lock, _only_process(self._root):
+    def _sync(self) -> "tuple[Manifest, list[str]]":
+        from corvane._http import Service
+
+        with self._lock, _only_process(self._root, self._wait):
             self._load()  # another process may have synced
             old = self._manifest
-            try:
-                with httpx.Client(verify=ssl.create_default_context(), timeout=_TIMEOUT, trust_env=False) as client:
-                    with self._get(client, "/runtime/manifest", {}) as response:
-                        new = _checked_manifest(response.read())
-                    changed = {p: e for p, e in sorted(new["files"].items()) if _digest(self._root / p) != e["sha256"]}
-                    self._download(client, changed)
-            except (httpx.TransportError, httpx.InvalidURL) as exc:
-                raise ConnectionError(f"{self._server_url} cannot be reached: {exc}") from exc
+            with Service(self._server_url) as service:
+                with self._get(service, "/runtime/manifest", {}) as answer:
+                    new = _checked_manifest(answer.read())
+                changed = {p: e for p, e in sorted(new["files"].items()) if _digest(self._root / p) != e["sha256"]}
+                self._download(service, changed)
             if old is None:
                 (self._root / "manifest.json").unlink(missing_ok=True)  # whatever it names, we cannot keep it true
             elif not changed.keys().isdisjoint(old["files"]):
@@ -173,11 +153,15 @@ class SyncManager:
         with contextlib.suppress(FileNotFoundError, ValueError):  # what is spoilt is written anew by the next sync
             self._manifest = _checked_manifest((self._root / "manifest.json").read_bytes())
             for path, entry in sorted(self._manifest["files"].items()):
-                if entry["kind"] == "vocabulary" and _digest(self._root / path) == entry["sha256"]:
-                    self._vocabulary = _OBJECT.validate_json((self._root / path).read_bytes())
-                    break
+                if entry["kind"] == "vocabulary":
+                    content = (self._root / path).read_bytes()
+                    if sha256(content).hexdigest() == entry["sha256"] and isinstance(
+                        value := json.loads(content), dict
+                    ):
+                        self._vocabulary = value
+                        break
 
-    def _write_manifest(self, manifest: Manifest) -> None:
+    def _write_manifest(self, manifest: "Manifest") -> None:
         new = self._root / "manifest.json.new"
         with open(new, "wb") as file:
             file.write(json.dumps(manifest, indent=1).encode())
@@ -188,41 +172,43 @@ class SyncManager:
         return self._root / f"{path}.part"
 
     @contextlib.contextmanager
-    def _get(self, client: httpx.Client, path: str, headers: dict[str, str]) -> Iterator[httpx.Response]:
-        # Bytes as they are: a range counts the bytes that are sent, not those of a decoded text.
-        headers = {"Authorization": f"Bearer {self._am.get_token()}", "Accept-Encoding": "identity", **headers}
-        with client.stream("GET", self._server_url + quote(path), headers=headers) as response:
-            status = response.status_code
-            if status == 429 or status >= 500:
-                seconds = response.headers.get("Retry-After", "")
-                asked = float(seconds) if re.fullmatch("[0-9]{1,9}", seconds) else None
-                raise ServiceBusy(f"The service is busy (HTTP {status}).", asked)
-            if status not in (200, 206):
-                raise AuthError(f"The service refuses {path} (HTTP {status}).")
-            yield response
+    def _get(self, service: "Service", path: str, headers: dict[str, str]) -> "Iterator[Answer]":
+        from urllib.parse import quote
 
-    def _download(self, client: httpx.Client, entries: dict[str, FileEntry]) -> None:
+        headers = {"Authorization": f"Bearer {self._am.get_token()}", **headers}
+        with service.send("GET", quote(path), headers) as answer:
+            if answer.is_busy:
+                seconds = answer.headers.get("Retry-After", "")
+                asked = float(seconds) if re.fullmatch("[0-9]{1,9}", seconds) else None
+                raise ServiceBusy(f"The service is away or busy (HTTP {answer.status}).", asked)
+            if answer.status not in (200, 206):
+                raise AuthError(f"The service refuses {path} (HTTP {answer.status}).")
+            yield answer
+
+    def _download(self, service: "Service", entries: "dict[str, FileEntry]") -> None:
+        from tqdm import tqdm
+
         silent = None if self._progress is None else not self._progress  # None asks whether stderr is a terminal
         total = sum(entry["size"] for entry in entries.values())
         with tqdm(total=total, desc="sync", unit="B", unit_scale=True, disable=silent if entries else True) as bar:
             for path, entry in entries.items():
                 self._part(path).parent.mkdir(mode=0o700, parents=True, exist_ok=True)
                 # What an earlier sync left may be of another build, which shows in the digest of the whole.
-                if not self._complete(client, path, entry, bar):
-                    self._complete(client, path, entry, bar)
+                if not self._complete(service, path, entry, bar):
+                    self._complete(service, path, entry, bar)
 
-    def _complete(self, client: httpx.Client, path: str, entry: FileEntry, bar: "tqdm[NoReturn]") -> bool:
+    def _complete(self, service: "Service", path: str, entry: "FileEntry", bar: "tqdm[NoReturn]") -> bool:
         """Completes and verifies a .part file; False if what an earlier sync left was of no use and is gone."""
         part, size, expected = self._part(path), entry["size"], entry["sha256"]
         held = part.stat().st_size if part.exists() else 0
         bar.update(held)
         if held < size or not part.exists():
             headers = {"Range": f"bytes={held}-", "If-Range": f'"{expected}"'} if held else {}
-            with self._get(client, f"/runtime/files/{path}", headers) as response, open(part, "ab") as file:
-                if response.status_code == 200:
+            with self._get(service, f"/runtime/files/{path}", headers) as answer, open(part, "ab") as file:
+                if answer.status == 200:
                     file.truncate(0)
                     bar.update(-held)
-                for chunk in response.iter_raw():
+                for chunk in answer.chunks():
                     file.write(chunk)
                     bar.update(len(chunk))
                     if file.tell() > size:
@@ -244,9 +230,11 @@ class SyncManager:
         raise RuntimeModuleHashMismatch(message, relative_path=path, expected_sha256=expected, actual_sha256=actual)
 
 
-def _checked_manifest(text: bytes) -> Manifest:
+def _checked_manifest(text: bytes) -> "Manifest":
     """The manifest, with the files for this platform only."""
-    manifest = _MANIFEST.validate_json(text, strict=True)
+    from corvane.manifest import MANIFEST
+
+    manifest = MANIFEST.validate_json(text, strict=True)
     here = {p: e for p, e in manifest["files"].items() if e.get("platform") in (None, "", CURRENT_PLATFORM)}
     return {**manifest, "files": here}
 
@@ -265,8 +253,16 @@ def _flush_to_disk(file: BinaryIO) -> None:
 
 
 @contextlib.contextmanager
-def _only_process(root: Path) -> Iterator[None]:
+def _only_process(root: Path, wait: float) -> Iterator[None]:
     root.mkdir(mode=0o700, parents=True, exist_ok=True)
+    until = time.monotonic() + wait
     with open(root / "sync.lock", "ab") as file:
-        fcntl.flock(file, fcntl.LOCK_EX)  # released when the file is closed, also by a kill
+        while True:
+            try:
+                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)  # released when the file is closed, also by a kill
+                break
+            except BlockingIOError:
+                if time.monotonic() >= until:
+                    raise BlockingIOError(f"Another sync is at work in {root}.") from None
+                time.sleep(0.1)
         yield

@@ -18,7 +18,7 @@ from starlette.exceptions import HTTPException
 from starlette.types import ASGIApp, Message, Receive, Scope, Send
 
 from corvane.auth import signed_message, wallet_address
-from corvane.sync import Manifest
+from corvane.manifest import Manifest
 from corvane_local.eras import ACTIVE_ERA, ERAS, Era
 from corvane_local.failures import FailureLimit
 from corvane_local.store import Proof, Refused, Release, Store

@@ -6,7 +6,8 @@ from hashlib import sha256
 from importlib.resources import files
 from pathlib import Path
 
-from corvane.sync import CURRENT_PLATFORM, FileEntry
+from corvane.manifest import FileEntry
+from corvane.sync import CURRENT_PLATFORM
 from corvane_local.certificates import write_private
 from corvane_local.eras import ACTIVE_ERA
 from corvane_local.store import Store

@@ -13,7 +13,7 @@ from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
-from corvane.sync import FileEntry
+from corvane.manifest import FileEntry
 
 _SCHEMA = """
 CREATE TABLE IF NOT EXISTS invites

@@ -1,0 +1,165 @@
+"""Requests to the service: to its own address only (no proxy, no redirect), and each with a deadline for all of it.
+
+The time-outs of HTTP libraries are for one socket operation each, so a service that sends a byte a second would hold an
+agent for ever. Here every operation gets what is left until the deadline. That of a download moves with its progress.
+"""
+
+import contextlib
+import json
+import socket
+import ssl
+import time
+from collections.abc import Iterable, Iterator, Mapping
+from typing import Any
+
+import httpcore
+import httpx
+
+from corvane.auth import NotTheServiceError
+
+REQUEST_SECONDS = 15.0  # for a request and its whole answer
+SLOWEST = 1024  # bytes a second that a download must bring, on average over REQUEST_SECONDS
+LARGEST_ANSWER = 16 * 2**20  # bytes; a manifest of 100,000 files
+
+
+class Service:
+    """A connection to one service.
+
+    Args:
+        server_url: Its base address.
+    """
+
+    def __init__(self, server_url: str) -> None:
+        self.url = server_url.rstrip("/")
+        self._clock, context = _Clock(), ssl.create_default_context()
+        transport = httpx.HTTPTransport(verify=context, trust_env=False)
+        transport._pool = httpcore.ConnectionPool(ssl_context=context, network_backend=_Backend(self._clock))
+        headers = {"Accept-Encoding": "identity"}  # a range counts these bytes; and nothing swells when it is unpacked
+        self._client = httpx.Client(transport=transport, headers=headers, timeout=None, trust_env=False)
+
+    def __enter__(self) -> "Service":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._client.close()
+
+    @contextlib.contextmanager
+    def send(
+        self, method: str, path: str, headers: Mapping[str, str] | None = None, body: Any = None
+    ) -> Iterator["Answer"]:
+        """Sends a request; the answer's body arrives as it is read.
+
+        Raises:
+            corvane.auth.NotTheServiceError: The answer is a redirect.
+            ConnectionError: The service cannot be reached, or has not answered in time.
+        """
+        self._clock.end = time.monotonic() + REQUEST_SECONDS
+        try:
+            with self._client.stream(method, self.url + path, headers=headers, json=body) as response:
+                if response.is_redirect:
+                    target = response.headers["Location"]
+                    problem = f"{self.url} redirects to {target}, which is not followed"
+                    raise NotTheServiceError(f"{problem}: the address has moved, or a captive portal answers.")
+                yield Answer(self, response)
+        except httpx.TimeoutException as exc:
+            raise ConnectionError(
+                f"{self.url} has not answered in time, or sends too slowly ({REQUEST_SECONDS:g} s)."
+            ) from exc
+        except (httpx.TransportError, httpx.InvalidURL) as exc:
+            raise ConnectionError(f"{self.url} cannot be reached: {exc}") from exc
+
+
+class Answer:
+    """What came back for a request."""
+
+    def __init__(self, service: Service, response: httpx.Response) -> None:
+        self._service, self._response = service, response
+        self.status, self.headers = response.status_code, response.headers
+        self.is_busy = self.status == 429 or self.status >= 500
+
+    def read(self) -> bytes:
+        """The whole body. Raises NotTheServiceError if there seems to be no end of it."""
+        body = bytearray()
+        for chunk in self._response.iter_raw():
+            body += chunk
+            if len(body) > LARGEST_ANSWER:
+                raise NotTheServiceError(f"{self._service.url} answers with more than {LARGEST_ANSWER:,} bytes.")
+        return bytes(body)
+
+    def chunks(self) -> Iterator[bytes]:
+        """The body piece by piece, for as long as it keeps coming."""
+        clock = self._service._clock
+        for chunk in self._response.iter_raw():
+            yield chunk
+            clock.end = min(time.monotonic() + REQUEST_SECONDS, clock.end + len(chunk) / SLOWEST)
+
+    def fields(self) -> dict[str, Any]:
+        """The JSON object in the body; of a busy service, which may not get as far as JSON, perhaps an empty one.
+
+        Raises:
+            corvane.auth.NotTheServiceError: There is no JSON object.
+        """
+        body = self.read()
+        with contextlib.suppress(ValueError, RecursionError):
+            if isinstance(value := json.loads(body), dict):
+                return value
+        if self.is_busy:
+            return {}
+        is_page = "html" in self.headers.get("Content-Type", "") or body.lstrip()[:1] == b"<"
+        what = "a web page, as a captive portal or a proxy does" if is_page else "something that is not a JSON object"
+        raise NotTheServiceError(f"{self._service.url} answers with {what} (HTTP {self.status}).")
+
+
+class _Clock:
+    end = 0.0
+
+    def left(self) -> float:
+        """The seconds until the deadline, for the next operation."""
+        if (left := self.end - time.monotonic()) <= 0:
+            raise httpcore.ReadTimeout("the deadline has passed")
+        return left
+
+
+class _Backend(httpcore.SyncBackend):
+    def __init__(self, clock: _Clock) -> None:
+        self._clock = clock
+
+    def connect_tcp(
+        self,
+        host: str,
+        port: int,
+        timeout: float | None = None,
+        local_address: str | None = None,
+        socket_options: Iterable[httpcore.SOCKET_OPTION] | None = None,
+    ) -> httpcore.NetworkStream:
+        try:
+            found = socket.getaddrinfo(host, port, type=socket.SOCK_STREAM)
+        except OSError as exc:
+            raise httpcore.ConnectError(str(exc)) from exc
+        for number, (*_, address) in enumerate(found, 1):  # each would be given the whole time otherwise
+            with contextlib.suppress(*[httpcore.ConnectError] * (number < len(found))):
+                stream = super().connect_tcp(str(address[0]), port, self._clock.left())
+                return _Stream(stream, self._clock)
+        raise AssertionError("unreachable")
+
+
+class _Stream(httpcore.NetworkStream):
+    def __init__(self, stream: httpcore.NetworkStream, clock: _Clock) -> None:
+        self._stream, self._clock = stream, clock
+
+    def read(self, max_bytes: int, timeout: float | None = None) -> bytes:
+        return self._stream.read(max_bytes, self._clock.left())
+
+    def write(self, buffer: bytes, timeout: float | None = None) -> None:
+        self._stream.write(buffer, self._clock.left())
+
+    def start_tls(
+        self, ssl_context: ssl.SSLContext, server_hostname: str | None = None, timeout: float | None = None
+    ) -> httpcore.NetworkStream:
+        return _Stream(self._stream.start_tls(ssl_context, server_hostname, self._clock.left()), self._clock)
+
+    def get_extra_info(self, info: str) -> Any:
+        return self._stream.get_extra_info(info)
+
+    def close(self) -> None:
+        self._stream.close()
