@@ -1,0 +1,162 @@
+"""What the kit makes of a service that is slow, busy, odd or not there: never a hang, never a token elsewhere."""
+
+import itertools
+import json
+import logging
+import socketserver
+import threading
+import time
+from hashlib import sha256
+
+import pytest
+
+from corvane import auth
+from corvane.sync import SyncManager
+from corvane.sync_backoff import ServiceBusy
+
+TOKEN = "token-that-nobody-may-see"
+GOOD = {"token": TOKEN, "expires_at": time.time() + 3600}
+
+
+def http(body=b"", status=200, **headers):
+    content = body if isinstance(body, bytes) else json.dumps(body).encode()
+    lines = [f"HTTP/1.1 {status} Said", f"Content-Length: {len(content)}", "Connection: close"]
+    lines += [f"{name.replace('_', '-')}: {value}" for name, value in headers.items()]
+    return "\r\n".join([*lines, "", ""]).encode() + content
+
+
+def slowly(answer):
+    """The answer, a byte in a tenth of a second."""
+    return (time.sleep(0.1) or answer[i : i + 1] for i in range(len(answer)))
+
+
+@pytest.fixture
+def scripted():
+    """A server that answers each request with the next bytes, or pieces of bytes, of its script."""
+
+    class Handler(socketserver.StreamRequestHandler):
+        def handle(self):
+            request = b"".join(iter(self.rfile.readline, b"\r\n"))
+            server.requests.append(request.decode())
+            answer = next(server.script)
+            try:
+                for piece in [answer] if isinstance(answer, bytes) else answer:
+                    self.wfile.write(piece)
+            except OSError:
+                pass  # the client has had enough
+
+    class Server(socketserver.ThreadingTCPServer):
+        daemon_threads = True
+        block_on_close = False
+
+    with Server(("127.0.0.1", 0), Handler) as server:
+        server.requests, server.url = [], f"http://127.0.0.1:{server.server_address[1]}"
+        threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
+        yield server
+        server.shutdown()
+
+
+class Anybody:
+    def get_token(self):
+        return TOKEN
+
+
+def sign_in(server, *answers):
+    server.script = iter(answers)
+    auth.AuthManager(f"0x{7:064x}", server.url).authenticate()
+
+
+def sync(server, home, *answers, **options):
+    server.script = iter(answers)
+    return SyncManager(Anybody(), home, server.url, **options).request_for_sync()
+
+
+PAGE = b"<!DOCTYPE html><title>502 Bad Gateway</title>"
+CHALLENGE = http({"challenge": "a"})
+ENDLESS = [b"HTTP/1.1 200 OK\r\n\r\n", *itertools.repeat(b" " * 2**20, 40)]
+ANSWERS = {
+    "a proxy's page": (http(PAGE, 502), auth.AuthBusyError, ServiceBusy, "HTTP 502"),
+    "busy": (http({"error": "too many"}, 429), auth.AuthBusyError, ServiceBusy, "too many|HTTP 429"),
+    "busy, slowly": (slowly(http(PAGE, 503)), auth.AuthBusyError, ServiceBusy, "HTTP 503"),
+    "a redirect": (http(status=302, Location="http://h/"), *[auth.NotTheServiceError] * 2, "redirects to http://h/"),
+    "a captive portal": (http(PAGE, Content_Type="text/html"), auth.NotTheServiceError, ValueError, "web page|JSON"),
+    "an empty answer": (http(), auth.NotTheServiceError, ValueError, "JSON"),
+    "no HTTP": (b"220 mail.example ESMTP\r\n", ConnectionError, ConnectionError, "cannot be reached"),
+    "an endless body": (ENDLESS, *[auth.NotTheServiceError] * 2, "more than"),
+    "a deep body": (http(b"[" * 100_000), auth.NotTheServiceError, ValueError, "JSON"),
+}
+
+
+@pytest.mark.parametrize("kind", ANSWERS)
+def test_what_answers_is_named(kind, scripted, tmp_path, monkeypatch):
+    monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 20.0)
+    answer, refusal, of_sync, text = ANSWERS[kind]
+    answer = answer if isinstance(answer, bytes) else list(answer)
+    with pytest.raises(refusal, match=text) as info:
+        sign_in(scripted, answer)
+    assert type(info.value) is refusal
+    with pytest.raises(of_sync, match=text):
+        sync(scripted, tmp_path, answer)
+    assert not (tmp_path / "manifest.json").exists()
+
+
+@pytest.mark.parametrize("slow", ["challenge", "answer", "manifest", "file"])
+def test_a_service_that_drips_is_given_up(slow, scripted, tmp_path, monkeypatch):
+    monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 1.0)
+    manifest = {"era_id": 1, "version": 1, "files": {"runtime/x": {"kind": "k", "sha256": "0" * 64, "size": 600}}}
+    answers = {"challenge": [slowly(CHALLENGE)], "answer": [CHALLENGE, slowly(http(GOOD))]}
+    answers |= {"manifest": [slowly(http(manifest))], "file": [http(manifest), slowly(http(bytes(600)))]}
+    began = time.monotonic()
+    with pytest.raises(ConnectionError, match="in time, or sends too slowly"):
+        sync(scripted, tmp_path, *answers[slow]) if len(slow) in (4, 8) else sign_in(scripted, *answers[slow])
+    assert 0.9 < time.monotonic() - began < 6
+
+
+def test_a_download_that_goes_on_may_take_its_time(scripted, tmp_path, monkeypatch):
+    monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 1.2)
+    content = bytes(9_000)
+    entry = {"kind": "k", "sha256": sha256(content).hexdigest(), "size": len(content)}
+    pieces = (time.sleep(0.3) or piece for piece in [http(content)[:-9_000], *[bytes(1_500)] * 6])
+    manifest = http({"era_id": 1, "version": 1, "files": {"runtime/x": entry}})
+    assert sync(scripted, tmp_path, manifest, pieces) == ["runtime/x"]
+
+
+ODD = [
+    (CHALLENGE, http({**GOOD, "expires_at": odd}))
+    for odd in (True, "1e9", None, [], float("nan"), float("inf"), -5, 10**400, {})
+]
+ODD += [(CHALLENGE, http({**GOOD, "token": odd})) for odd in (5, None, "", "a\nb", "a b", "\u00e9", "x" * 5_000)]
+ODD += [(http({"challenge": odd}),) for odd in (5, None, "\u00e9", ["a"])]
+
+
+@pytest.mark.parametrize("answers", ODD, ids=lambda answers: answers[-1].rpartition(b"\r\n")[2].decode()[:40])
+def test_odd_answers_are_refused(answers, scripted):
+    with pytest.raises(auth.AuthError, match="The service's answer"):
+        sign_in(scripted, *answers)
+
+
+def test_the_token_goes_nowhere_else(scripted, tmp_path, monkeypatch, caplog):
+    caplog.set_level(logging.DEBUG)
+    for name in ("HTTP_PROXY", "http_proxy", "ALL_PROXY", "all_proxy"):
+        monkeypatch.setenv(name, "http://127.0.0.1:1")
+    manager = auth.AuthManager(f"0x{7:064x}", scripted.url)
+    elsewhere = http(status=307, Location=f"{scripted.url.replace('127.0.0.1', 'localhost')}/elsewhere")
+    scripted.script = iter([CHALLENGE, http(GOOD), elsewhere, http({"era_id": 1, "version": 1, "files": {}})])
+    with pytest.raises(auth.NotTheServiceError):
+        SyncManager(manager, tmp_path, scripted.url).sync()
+    assert [TOKEN in request for request in scripted.requests] == [False, False, True]
+    assert TOKEN not in caplog.text + repr(manager) and f"{7:064x}" not in caplog.text
+
+
+ADDRESSES = {"https://h.example": True, "http://localhost:1": True, "http://127.0.0.1": True, "http://[::1]:80/": True}
+for bad in ("localhost.evil", "localhost@h.example", "127.0.0.1.h.example", "127.0.0.1@h", "h.example", "0.0.0.0"):
+    ADDRESSES[f"http://{bad}"] = False
+
+
+@pytest.mark.parametrize("url", ADDRESSES)
+def test_plain_http_is_for_this_machine(url):
+    if ADDRESSES[url]:
+        assert auth._validate_server_url(url) == url.rstrip("/")
+    else:
+        with pytest.raises(ValueError, match="server_url must"):
+            auth._validate_server_url(url)
