@@ -80,7 +80,8 @@ def onboard(agent: Agent, base: Path, server_url: str, attempts: int, certificat
             os.environ["SSL_CERT_FILE"] = certificates
 
         from corvane.agent_onboarding import configure, register
-        from corvane.auth import AuthError, RegistrationError
+        from corvane.auth import AuthError, RegistrationError, _normalize_invite_code
+        from corvane.key_file import make_key
         from corvane.sync_backoff import ServiceBusy, SyncBackoff
 
         data_dir = base / agent.name
@@ -94,6 +95,8 @@ def onboard(agent: Agent, base: Path, server_url: str, attempts: int, certificat
                         return register().address
                     except AuthError:
                         pass  # a key that was stored, but never signed up, needs the code
+                elif _normalize_invite_code(agent.invite_code):
+                    make_key(data_dir)  # whole on disk, whatever happens, before the service hears of it
                 return register(agent.invite_code).address
             except RegistrationError:
                 raise

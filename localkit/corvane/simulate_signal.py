@@ -2,6 +2,9 @@
 
 import math
 import os
+import re
+import secrets
+import stat
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass, field
 from datetime import datetime
@@ -60,6 +63,9 @@ class _Context:
     runtime_freshness_guard: RuntimeFreshnessGuard
 
 
+_BEGINNING = 4096  # bytes that tell a picture
+_MAGIC = {".png": rb"\x89PNG\r\n\x1a\n", ".svg": rb"(?s)(\xef\xbb\xbf)?\s*(<\?xml.*?|<!--.*?|<!DOCTYPE.*?)?<svg\b"}
+
 _context: _Context | None = None
 
 
@@ -82,14 +88,16 @@ def _simulate_signal_export(
     Args:
         expression_or_signal_id: An expression, or the number of a found signal of this era.
         instrument: What is traded; None takes the one of the found signal, or the only one in the expression.
-        picture: Where to draw the growth of the capital as PNG; None draws nothing.
+        picture: Where to draw the growth of the capital, as PNG or SVG by the ending of its name; None draws nothing.
+            A picture that is there is replaced.
 
     Returns:
         The profits, and what they come to.
 
     Raises:
         RuntimeError: There is no runtime.
-        ValueError: The expression is malformed or not allowed, or the instrument is unknown or not clear.
+        ValueError: The expression is malformed or not allowed, or the instrument is unknown or not clear; or the
+            picture cannot be put there, see `check_picture`.
         LookupError: There is no found signal with this number.
         corvane.errors.RuntimeModuleError: A native module on disk has changed and cannot be loaded.
         OSError: The picture cannot be written.
@@ -97,6 +105,8 @@ def _simulate_signal_export(
     context = _context
     if context is None:
         raise RuntimeError("There is no runtime. Call register(bootstrap_runtime=True) first.")
+    if picture is not None:
+        check_picture(picture, context.backtester.data_dir)
     context.runtime_freshness_guard.refresh()
     evaluator, direction = context.backtester, 1.0
     if isinstance(expression_or_signal_id, str):
@@ -123,6 +133,38 @@ def _simulate_signal_export(
     return simulation
 
 
+def check_picture(path: str | os.PathLike[str], data_dir: str | os.PathLike[str]) -> None:
+    """Sees to it that a picture at this path takes the place of nothing but a picture.
+
+    Raises:
+        ValueError: The name does not end in .png or .svg, or is one of a key file; there is something else than a
+            regular PNG or SVG file, such as a link; or the directory is, or lies in, that of an identity.
+        OSError: What is there cannot be read.
+    """
+    target = Path(path)
+    if target.suffix.lower() not in _MAGIC or target.name.startswith("wallet.key"):
+        raise ValueError(f"The picture must be a file NAME.png or NAME.svg, and not {target.name!r}.")
+    place = Path(os.path.realpath(target.parent))
+    for directory in (place, *place.parents):
+        if directory == Path(os.path.realpath(data_dir)) or os.path.lexists(directory / "wallet.key"):
+            raise ValueError(f"No picture is drawn into {directory}, which belongs to a wallet.")
+    try:
+        descriptor = os.open(target, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
+    except FileNotFoundError:
+        if place.is_dir():
+            return
+        raise
+    except OSError:
+        if not target.is_symlink():
+            raise
+        raise ValueError(f"{target} is a link, and was not replaced.") from None
+    with open(descriptor, "rb", buffering=0) as file:
+        is_regular = stat.S_ISREG(os.fstat(descriptor).st_mode)
+        beginning = (file.read(_BEGINNING) or b"") if is_regular else b""
+    if not any(re.match(magic, beginning) for magic in _MAGIC.values()):
+        raise ValueError(f"{target} is not a PNG or SVG picture, and was not replaced.")
+
+
 def _draw(simulation: Simulation, capital: Series, train_days: int, path: Path) -> None:
     from matplotlib.figure import Figure  # takes longer to import than all the rest; a figure of its own has no state
 
@@ -137,9 +179,11 @@ def _draw(simulation: Simulation, capital: Series, train_days: int, path: Path) 
         f"Sharpe ratio {_short(simulation.train_sharpe)} on the days of the search, "
         f"{_short(simulation.rest_sharpe)} behind the line"
     )
-    new = path.with_name(path.name + ".new")
+    new = path.with_name(f".{secrets.token_hex(8)}{path.suffix}")
+    descriptor = os.open(new, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o666)
     try:
-        figure.savefig(new, format="png", dpi=100)
+        with open(descriptor, "wb") as file:
+            figure.savefig(file, format=path.suffix[1:].lower(), dpi=100)
         os.replace(new, path)
     finally:
         new.unlink(missing_ok=True)

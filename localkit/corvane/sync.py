@@ -256,7 +256,7 @@ def _flush_to_disk(file: BinaryIO) -> None:
 def _only_process(root: Path, wait: float) -> Iterator[None]:
     root.mkdir(mode=0o700, parents=True, exist_ok=True)
     until = time.monotonic() + wait
-    with open(root / "sync.lock", "ab") as file:
+    with open(root / "sync.lock", "ab", opener=_own_file) as file:
         while True:
             try:
                 fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)  # released when the file is closed, also by a kill
@@ -266,3 +266,7 @@ def _only_process(root: Path, wait: float) -> Iterator[None]:
                     raise BlockingIOError(f"Another sync is at work in {root}.") from None
                 time.sleep(0.1)
         yield
+
+
+def _own_file(path: str, flags: int) -> int:
+    return os.open(path, flags | os.O_NOFOLLOW | os.O_NONBLOCK, 0o600)  # nor wait for the other end of a FIFO

@@ -1,23 +1,32 @@
 """What all commands have in common: options, output, and what becomes of an error."""
 
+import errno
 import inspect
-import json
 import logging
-import re
+import os
+import shutil
+import sys
+import textwrap
 import traceback
 from collections.abc import Iterator
+from contextlib import contextmanager
 from dataclasses import dataclass
 from enum import IntEnum
 from functools import partial
 from typing import Any, Self
-from urllib.error import URLError
 
 import click
+from click.core import ParameterSource
+from click.shell_completion import shell_complete
 
-from corvane.auth import AuthBusyError, AuthError, InvalidKeyError, RegistrationError
+from corvane.auth import AuthBusyError, AuthError, InvalidKeyError, NotTheServiceError, RegistrationError
 from corvane.errors import RuntimeModuleError
 from corvane.sync_backoff import SyncBackoffCancelled
+from corvane_cli import display, interrupts
 from corvane_cli.identity import Agent
+
+COMPLETION_VARIABLE = "_CORVANE_COMPLETE"
+_SECONDS = 60.0  # for a command that downloads nothing
 
 
 class Exit(IntEnum):
@@ -41,33 +50,36 @@ class Exit(IntEnum):
     SPOILT = 7, "downloaded files are not what the manifest says"
     WARNINGS = 8, "`corvane doctor` has found warnings and no errors"
     ERRORS = 9, "`corvane doctor` has found errors"
-    INTERRUPTED = 130, "interrupted with Ctrl-C"
+    INTERRUPTED = interrupts.STATUS, "interrupted with Ctrl-C"
 
 
 _ADDRESS = "Check the address that `corvane status` shows (--server-url sets it), then run it again; nothing is lost."
-_SIGN_UP = "Check key and address (`corvane status`); a new wallet needs `corvane register --invite-code CODE` first."
+_PORTAL = "Sign in to the network in a browser, or correct the address (--server-url); then run it again."
+_UNKNOWN = "`corvane register --invite-code CODE` signs up a wallet that is new to the service; else check the address."
+_NEW_CODE = "Ask the operator for another code: `corvane register --invite-code CODE` uses the stored key again."
 
 # What an exception means. The first line counts that fits anything in the chain of causes: what is behind an error says
 # more than what it was wrapped in.
 _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((AuthBusyError, BlockingIOError), Exit.TRY_AGAIN, "Wait a minute, then run the command again."),
-    ((ConnectionError, TimeoutError, URLError, SyncBackoffCancelled), Exit.TRY_AGAIN, _ADDRESS),
+    ((NotTheServiceError,), Exit.TRY_AGAIN, _PORTAL),
+    ((ConnectionError, TimeoutError, SyncBackoffCancelled), Exit.TRY_AGAIN, _ADDRESS),
     ((RuntimeModuleError,), Exit.SPOILT, "`corvane sync` downloads what is spoilt; `corvane doctor` says more."),
-    ((RegistrationError,), Exit.REFUSED, "Ask the operator for another invite code. Keep wallet.key for it."),
+    ((RegistrationError,), Exit.REFUSED, _NEW_CODE),
     ((InvalidKeyError,), Exit.REFUSED, "Pass the key as 64 hexadecimal digits, with or without 0x in front."),
-    ((AuthError,), Exit.REFUSED, _SIGN_UP),
+    ((AuthError,), Exit.REFUSED, _UNKNOWN),
     ((ImportError,), Exit.MACHINE, "`corvane doctor` says what cannot be loaded, and why."),
     ((OSError,), Exit.MACHINE, "Put the file or its permissions right; `corvane doctor` says more."),
-    ((KeyboardInterrupt, click.Abort), Exit.INTERRUPTED, "Run it again; what was found or downloaded before is kept."),
 ]
+_NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
 
 
 @dataclass
 class Result:
-    """What a command answers: for programs, for people, and as its exit status."""
+    """What a command answers: for programs, for people line by line, and as its exit status."""
 
     data: dict[str, Any]
-    text: str
+    lines: list[str]
     status: Exit = Exit.OK
 
 
@@ -79,7 +91,28 @@ class Failure(Exception):
         self.status, self.next_step = status, next_step
 
 
-class Command(click.Command):
+class _Formatter(click.HelpFormatter):
+    def write_dl(self, rows: Any, col_max: int = 30, col_spacing: int = 2) -> None:
+        """Writes a table; on a narrow terminal its second column gets most of the width, so that no word is broken."""
+        super().write_dl(rows, col_max if self.width > 60 else 4, col_spacing)
+
+
+class _Context(click.Context):
+    formatter_class = _Formatter
+
+
+class _Prints(click.Command):
+    """What prints its help, or a version, while it parses."""
+
+    context_class = _Context
+
+    def make_context(self, *args: Any, **options: Any) -> click.Context:
+        """Parses the arguments."""
+        with _printing():
+            return super().make_context(*args, **options)
+
+
+class Command(_Prints):
     """A command whose function answers a Result; one that has a parameter `agent` gets an Agent, and options for it."""
 
     def __init__(self, *args: Any, **options: Any) -> None:
@@ -89,40 +122,70 @@ class Command(click.Command):
         self.params += [*(_LOCATIONS if self._for_agent else []), *_OUTPUT]
 
     def invoke(self, ctx: click.Context) -> Any:
-        """Runs the command."""
+        """Runs the command. Options of all commands may stand before its name, too."""
         if self._for_agent:
-            ctx.params["agent"] = Agent(ctx.params.pop("data_dir"), ctx.params.pop("server_url"))
+            shared = {option.name: ctx.params.pop(str(option.name)) for option in _LOCATIONS}
+            for name in shared:
+                sources = [context.get_parameter_source(str(name)) for context in (ctx, ctx.parent) if context]
+                if ctx.parent and sources[0] != ParameterSource.COMMANDLINE == sources[1]:
+                    shared[name] = ctx.parent.params[str(name)]
+            ctx.params["agent"] = Agent(shared["data_dir"], shared["server_url"])
+            downloads = "progress" in ctx.params and ctx.params.get("bootstrap", True)
+            interrupts.arm(shared["timeout"] or (None if downloads else _SECONDS))
+        else:
+            interrupts.arm(None)
         return super().invoke(ctx)
 
 
-class Group(click.Group):
+class Group(_Prints, click.Group):
     """The commands: prints their results, and of each error what to do about it."""
 
-    def make_context(self, info_name: str | None, args: list[str], *more: Any, **extra: Any) -> click.Context:
-        """Parses what stands before the command."""
-        as_json = "--json" in args
-        try:
-            return super().make_context(info_name, args, *more, **extra)
-        except (click.NoSuchOption, click.BadOptionUsage) as exc:
-            raise click.exceptions.Exit(_report(exc, as_json)) from None
+    def __init__(self, *args: Any, **options: Any) -> None:
+        super().__init__(*args, **options)
+        self.params += [*_LOCATIONS, *_OUTPUT]
 
-    def invoke(self, ctx: click.Context) -> None:
-        """Runs one of them."""
+    def format_epilog(self, ctx: click.Context, formatter: click.HelpFormatter) -> None:
+        """Writes the examples, and the exit statuses as a table."""
+        super().format_epilog(ctx, formatter)
+        with formatter.section("Exit statuses"):
+            formatter.write_dl([(str(int(status)), status.meaning) for status in Exit])
+
+    def run(self, args: list[str]) -> int:
+        """Runs one of the commands; its exit status."""
+        display.remember_inputs(args)
         # Seen in the arguments themselves, which may be the very thing that makes no sense.
-        as_json, verbose = "--json" in ctx.args, "--verbose" in ctx.args
+        options = args[: args.index("--")] if "--" in args else args
+        as_json, verbose = "--json" in options, "--verbose" in options
         if verbose:  # of ours only: what libraries log is not ours to vouch for
-            logging.basicConfig(format="%(levelname)s %(name)s %(message)s")
-            logging.getLogger("corvane").setLevel(logging.DEBUG)
+            _log_to_stderr()
         try:
-            result: Result = super().invoke(ctx)
-        except click.exceptions.Exit:
-            raise
+            if sys.stdout is None:
+                raise Failure("Standard output is closed.", Exit.MACHINE, "Open it, such as with >/dev/null.")
+            sys.stdout.reconfigure(errors="backslashreplace")  # type: ignore[union-attr]
+            if instruction := os.environ.get(COMPLETION_VARIABLE):
+                return shell_complete(self, {}, "corvane", COMPLETION_VARIABLE, instruction)
+            with self.make_context("corvane", list(args)) as ctx:
+                result: Result = self.invoke(ctx)
+            interrupts.disarm()
+            text = display.as_json(result.data, 1) if as_json else "\n".join(map(display.one_line, result.lines))
+            with _printing():
+                click.echo(text)
+            return result.status
+        except click.exceptions.Exit as exc:
+            return exc.exit_code
         except (Exception, KeyboardInterrupt) as exc:
+            interrupts.disarm()
+            if isinstance(exc, click.Abort) or type(exc) is KeyboardInterrupt:
+                interrupts.report()
+                return Exit.INTERRUPTED
             if verbose and not isinstance(exc, click.UsageError):
-                click.echo("".join(traceback.format_exception(exc)), err=True)
-            ctx.exit(_report(exc, as_json))
-        click.echo(json.dumps(result.data, indent=1, default=str, allow_nan=False) if as_json else result.text)
-        ctx.exit(result.status)
+                trace = "".join(traceback.format_exception(exc)).splitlines()
+                _say("\n".join(f"  {display.one_line(line)}" for line in trace))
+            failure = _explain(exc)
+            fields = {"error": str(failure), "next_step": failure.next_step, "exit_status": failure.status}
+            text = f"Error: {display.one_line(failure)}\nNext: {display.one_line(failure.next_step)}"
+            _say(display.as_json(fields) if as_json else text)
+            return failure.status
 
 
 _option = partial(click.Option, show_envvar=True)
@@ -131,6 +194,13 @@ _LOCATIONS = [
     _option(
         ["--server-url"], envvar="CORVANE_SERVER_URL", help="The service; by default the session's, else the kit's."
     ),
+    _option(
+        ["--timeout"],
+        type=click.FloatRange(0, min_open=True),
+        metavar="SECONDS",
+        show_default=f"{_SECONDS:g}; none for downloads, which end when nothing arrives",
+        help="How long the command may take.",
+    ),
 ]
 _OUTPUT = [
     _option(["--json"], is_flag=True, expose_value=False, help="Print the result as JSON on stdout."),
@@ -138,25 +208,72 @@ _OUTPUT = [
 ]
 
 
-def _report(exc: BaseException, as_json: bool) -> Exit:
-    failure = _explain(exc)
-    fields = {"error": str(failure), "next_step": failure.next_step, "exit_status": failure.status}
-    click.echo(json.dumps(fields) if as_json else f"Error: {failure}\nNext: {failure.next_step}", err=True)
-    return failure.status
+def table(rows: list[tuple[object, ...]]) -> list[str]:
+    """The rows as lines, in columns. The last one is wrapped between words where the terminal is narrow."""
+    width = shutil.get_terminal_size((10_000, 24)).columns
+    texts = [[display.one_line(cell) for cell in row] for row in rows]
+    widths = [max(map(len, column)) for column in zip(*texts, strict=True)][:-1]
+    lines = []
+    for *cells, last in texts:
+        first = "".join(f"{cell:<{size}}  " for cell, size in zip(cells, widths, strict=True))
+        lines += textwrap.wrap(
+            first + last,
+            width,
+            subsequent_indent=" " * min(len(first), width // 4),
+            break_long_words=False,
+            break_on_hyphens=False,
+        )
+    return lines
+
+
+class _SafeFormatter(logging.Formatter):
+    def format(self, record: logging.LogRecord) -> str:
+        return display.one_line(super().format(record))
+
+
+def _log_to_stderr() -> None:
+    handler = logging.StreamHandler()
+    handler.setFormatter(_SafeFormatter("%(levelname)s %(name)s %(message)s"))
+    logger = logging.getLogger("corvane")
+    logger.addHandler(handler)
+    logger.setLevel(logging.DEBUG)
+
+
+def _say(text: str) -> None:
+    try:
+        click.echo(text, err=True)
+    except OSError:  # nobody can be told; the exit status still says it
+        os.dup2(os.open(os.devnull, os.O_WRONLY), 2)
+
+
+@contextmanager
+def _printing() -> Iterator[None]:
+    try:
+        yield
+    except OSError as exc:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), 1)  # Python must not try again when it ends
+        message = f"The result cannot be written to standard output: {exc.strerror}."
+        raise Failure(message, Exit.MACHINE, "Print it elsewhere; `corvane status` shows what was done.") from None
 
 
 def _explain(exc: BaseException) -> Failure:
     if isinstance(exc, Failure):
         return exc
     if isinstance(exc, click.UsageError):
-        # A key that somebody passes as an argument all the same is not repeated.
-        text = re.sub(r"\b(0[xX])?[0-9a-fA-F]{64}\b", "(a key)", exc.format_message())
         command = exc.ctx.command_path if exc.ctx else "corvane"
-        return Failure(text, Exit.USAGE, f"`{command} --help` shows what there is, with examples.")
+        return Failure(exc.format_message(), Exit.USAGE, f"`{command} --help` shows what there is, with examples.")
+    if isinstance(exc, interrupts.OutOfTime):
+        next_step = "Try again later, or with a longer --timeout SECONDS; nothing is lost."
+        return Failure("The command has not finished in time.", Exit.TRY_AGAIN, next_step)
     text, chain = str(exc) or type(exc).__name__, list(_chain(exc))
     if any("CERTIFICATE_VERIFY_FAILED" in str(link) for link in chain):  # to try again would not help
         return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
+    if any(isinstance(link, OSError) and link.errno in _NO_SPACE for link in chain):
+        return Failure(f"There is no space: {text}", Exit.MACHINE, "Free some space, then run the command again.")
+    from urllib.error import URLError  # of the onboarding module's requests; here, because it takes a while
+
     for kinds, status, next_step in _CAUSES:
+        kinds = (*kinds, URLError) if ConnectionError in kinds else kinds
         if any(isinstance(link, kinds) for link in chain):
             return Failure(text, status, next_step)
     if type(exc) in (ValueError, LookupError):

@@ -6,7 +6,6 @@ Texts of the service, names of files and arguments are all foreign. Each is show
 import json
 import os
 import re
-import sys
 from typing import Any
 
 HIDDEN = "<hidden>"
@@ -29,9 +28,9 @@ def remember(text: str) -> None:
         _secrets.add(before.rpartition("://")[2].lower() + at)
 
 
-def remember_inputs() -> None:
+def remember_inputs(args: list[str]) -> None:
     """Notes the secrets among the arguments and in the environment."""
-    for text in (*sys.argv[1:], *os.environ.values()):
+    for text in (*args, *os.environ.values()):
         remember(text)
 
 

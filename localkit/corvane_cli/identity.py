@@ -6,22 +6,32 @@ secret; without it, or for another wallet or service, the stored key is not used
 """
 
 import fcntl
+import json
 import os
 import stat
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager
-from dataclasses import dataclass, field
+from dataclasses import asdict, dataclass, field
 from datetime import UTC, datetime
 from pathlib import Path
 from types import ModuleType
 
-from pydantic import BaseModel
-
 from corvane.auth import AuthManager, InvalidKeyError, _set_active_auth_manager
+from corvane.key_file import make_key, write_whole
+from corvane_cli.display import remember
 
 KEY_VARIABLE = "CORVANE_PRIVATE_KEY"
 LONGEST_KEY = 4096  # bytes, of a file or of what arrives
+
+SIGN_UP = "`corvane register --invite-code CODE` makes a wallet, `corvane login < FILE` takes one over."
+SIGN_UP_STORED = (
+    "`corvane register --invite-code CODE` signs the stored wallet up. (If the service has accepted it after all, "
+    "without an answer arriving here, that signs it in.)"
+)
+SIGN_IN = (
+    "`corvane register` signs the stored wallet in; with --invite-code CODE also one that the service does not know."
+)
 
 
 @dataclass(frozen=True)
@@ -39,12 +49,16 @@ class KeyFile:
     status: os.stat_result | None = None
 
 
-class Session(BaseModel):
-    """What is known of the last accepted sign-in; the time is in seconds since 1970-01-01 UTC."""
+@dataclass(frozen=True)
+class Session:
+    """What is known of the stored wallet: its service, and when that has last accepted it.
+
+    The time is in seconds since 1970-01-01 UTC; None says that the wallet is new and was never accepted.
+    """
 
     address: str
     server_url: str
-    signed_in_at: float
+    signed_in_at: float | None
 
 
 class Agent:
@@ -79,23 +93,10 @@ class Agent:
     def key_file(self, name: str = "wallet.key") -> KeyFile:
         """What lies at the path of wallet.key, or of a backup, now. Changes nothing, not even permissions."""
         path = self.data_dir / name
-        try:
-            fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
-        except FileNotFoundError:
-            return KeyFile(path, "absent")
-        except OSError as exc:
-            if os.path.islink(path):
-                return KeyFile(path, "unsafe", problem="it is a symbolic link")
-            return KeyFile(path, "unreadable", problem=f"cannot be opened: {exc.strerror}")
-        with open(fd, "rb") as file:
-            status = os.fstat(fd)
-            if not stat.S_ISREG(status.st_mode):
-                return KeyFile(path, "unsafe", problem="it is no regular file")
-            if status.st_uid != os.getuid():
-                return KeyFile(path, "unsafe", problem=f"it belongs to user {status.st_uid}")
-            if status.st_size > LONGEST_KEY:
-                return KeyFile(path, "unsafe", problem="it is too large for a key")
-            content = file.read()
+        content, state, problem, status = _read(path)
+        if state:
+            return KeyFile(path, state, problem=problem, status=status)
+        remember(content.decode("latin-1"))
         if not content.strip():
             return KeyFile(path, "empty", content, status=status)
         try:
@@ -107,16 +108,34 @@ class Agent:
     def session(self) -> Session | None:
         """The session, or None if there is none or it makes no sense."""
         try:
-            return Session.model_validate_json(self._session_path.read_bytes())
-        except (OSError, ValueError):
+            fields = json.loads(_read(self._session_path)[0])
+            session = Session(fields["address"], fields["server_url"], fields["signed_in_at"])
+        except (ValueError, RecursionError, TypeError, KeyError):
             return None
+        at, texts = session.signed_in_at, (session.address, session.server_url)
+        is_time = at is None or (isinstance(at, int | float) and 1 < at < 1e11)
+        return session if is_time and all(isinstance(text, str) for text in texts) else None
 
     def is_logged_in(self) -> bool:
         """Whether there is a key, and for a stored one a session of that wallet with that service."""
         if self.env_key:
             return True
         session, key = self.session(), self.key_file()
-        return bool(session and key.address == session.address and session.server_url == self.server_url)
+        is_accepted = session is not None and session.signed_in_at is not None
+        return bool(
+            session and is_accepted and key.address == session.address and session.server_url == self.server_url
+        )
+
+    def is_pending(self) -> bool:
+        """Whether the stored key was made for a sign-up that, as far as is known, has not succeeded."""
+        session = self.session()
+        return bool(session and session.signed_in_at is None and session.address == self.key_file().address)
+
+    def next_step(self) -> str:
+        """What brings a wallet that is not logged in further."""
+        if self.key_file().state == "absent":
+            return SIGN_UP
+        return SIGN_UP_STORED if self.is_pending() else SIGN_IN
 
     def manager(self, invite_code: str | None = None) -> AuthManager:
         """What signs in with the key of the environment or else the stored one; nothing is sent yet.
@@ -146,10 +165,24 @@ class Agent:
         agent_onboarding.configure(data_dir=str(self.data_dir), server_url=self.server_url, auto_heartbeat=heartbeat)
         return agent_onboarding
 
-    def begin_session(self, address: str) -> None:
-        """Notes that the service has accepted the stored key."""
-        session = Session(address=address, server_url=self.server_url, signed_in_at=time.time())
-        _write(self._session_path, session.model_dump_json().encode())
+    def make_key(self) -> None:
+        """Makes a new key, and notes that no service has accepted it; both are on disk then, or there is neither."""
+        make_key(self.data_dir)
+        key = self.key_file()
+        try:
+            self.begin_session(str(key.address), accepted=False)
+        except BaseException:
+            key.path.unlink()  # nobody has heard of it
+            raise
+
+    def store_key(self, text: str) -> None:
+        """Puts a key into wallet.key, in place of the one that is there."""
+        write_whole(self.data_dir / "wallet.key", text.encode("ascii"), replace=True)
+
+    def begin_session(self, address: str, accepted: bool = True) -> None:
+        """Notes that the service has accepted the stored key, or is about to be asked for the first time."""
+        session = Session(address, self.server_url, time.time() if accepted else None)
+        write_whole(self._session_path, json.dumps(asdict(session)).encode(), replace=True)
 
     def end_session(self) -> bool:
         """Forgets the session; whether there was one."""
@@ -159,9 +192,8 @@ class Agent:
 
     def back_up_key(self, key: KeyFile) -> Path:
         """A copy of the key file beside it, on disk before this returns."""
-        # A copy, not a link: the file is rewritten in place.
         backup = key.path.with_name(f"wallet.key.backup-{datetime.now(UTC):%Y%m%dT%H%M%S.%fZ}")
-        _write(backup, key.content)
+        write_whole(backup, key.content, replace=False)
         return backup
 
     @contextmanager
@@ -192,17 +224,27 @@ def prefixed(key: str) -> str:
     return key if key[:2].lower() == "0x" else "0x" + key
 
 
-def _write(path: Path, content: bytes) -> None:
-    new = path.with_name(path.name + ".new")
-    with open(new, "wb", opener=_private) as file:
-        file.write(content)
-        file.flush()
-        os.fsync(file.fileno())
-    os.replace(new, path)
-    directory = os.open(path.parent, os.O_RDONLY)
-    os.fsync(directory)
-    os.close(directory)
+def _read(path: Path) -> tuple[bytes, str, str, os.stat_result | None]:
+    """The content of a small file of ours; or why it was not read, as the state and the problem of a KeyFile."""
+    try:
+        # Without O_NONBLOCK a FIFO would hold the command up.
+        fd = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
+    except FileNotFoundError:
+        return b"", "absent", "", None
+    except OSError as exc:
+        if os.path.islink(path):
+            return b"", "unsafe", "it is a symbolic link", None
+        return b"", "unreadable", f"cannot be opened: {exc.strerror}", None
+    with open(fd, "rb", buffering=0) as file:
+        status = os.fstat(fd)
+        if not stat.S_ISREG(status.st_mode):
+            return b"", "unsafe", "it is not a regular file", status
+        if status.st_uid != os.getuid():
+            return b"", "unsafe", f"it belongs to user {status.st_uid}", status
+        if status.st_size > LONGEST_KEY:
+            return b"", "unsafe", "it is too large for a key", status
+        return file.read(LONGEST_KEY) or b"", "", "", status
 
 
 def _private(path: str, flags: int) -> int:
-    return os.open(path, flags | os.O_NOFOLLOW, 0o600)
+    return os.open(path, flags | os.O_NOFOLLOW | os.O_NONBLOCK, 0o600)

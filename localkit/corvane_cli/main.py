@@ -1,50 +1,57 @@
 """The commands."""
 
 import os
-import select
-import subprocess
 import sys
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterable
 from dataclasses import asdict
 from datetime import UTC, datetime
 from pathlib import Path
 from shlex import quote
 from types import ModuleType
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import click
+from click.shell_completion import get_completion_class
 
+# What takes long to import is imported where it is used, so that the rest is quick: see `make bench`.
 from corvane import __version__, auth
-from corvane_cli import doctor as examination
-from corvane_cli.command import Command, Exit, Failure, Group, Result
+from corvane_cli.command import COMPLETION_VARIABLE, Command, Exit, Failure, Group, Result, table
+from corvane_cli.display import as_json, one_line, remember
 from corvane_cli.identity import KEY_VARIABLE, LONGEST_KEY, Agent, KeyFile, prefixed
 
-_KEY_SECONDS = 10.0  # how long a key may take to arrive; a pipe that nobody writes to must not hold an agent up
+if TYPE_CHECKING:
+    from corvane_cli.doctor import Finding
+
+_KEY_SECONDS = 10.0  # for a key or a code to arrive; a pipe that nobody writes to must not hold an agent up
 _CHECKLIST_TITLE = "## [Corvane]"  # by it the onboarding module tells whether a file has the checklist
-_STATUSES = "\n".join(f"  {status:>3}  {status.meaning}" for status in Exit)
 
 _progress = click.option("--progress/--no-progress", default=None, help="Progress bars; by default on a terminal only.")
 _dry_run = click.option("--dry-run", is_flag=True, help="Say what would be done, and do nothing.")
 _heartbeat = click.option("--heartbeat/--no-heartbeat", default=True, help="Whether HEARTBEAT.md may be edited.")
 
 
+def _print_version(ctx: click.Context, parameter: click.Parameter, wanted: bool) -> None:
+    if wanted and not ctx.resilient_parsing:
+        in_json = "--json" in sys.argv
+        click.echo(as_json({"version": __version__}, 1) if in_json else f"corvane, version {__version__}")
+        ctx.exit()
+
+
 @click.group(
     cls=Group,
     context_settings={"help_option_names": ["-h", "--help"], "max_content_width": 110, "show_default": True},
-    epilog=f"""\b
+    epilog="""\b
 Examples:
   corvane register --invite-code CORV-2222-3333-4444
   corvane login < wallet.key.backup
   corvane status --json
-  eval "$(_CORVANE_COMPLETE=bash_source corvane)"    # completion; zsh and fish likewise
-
-\b
-Exit statuses:
-{_STATUSES}""",
+  eval "$(corvane completion bash)"    # zsh and fish likewise""",
 )
-@click.version_option(__version__)
-def main() -> None:
+@click.option(
+    "--version", is_flag=True, is_eager=True, expose_value=False, callback=_print_version, help="Show the version."
+)
+def main(**_: object) -> None:
     """Join the Corvane signal-search service, and keep the wallet of this machine's agent.
 
     The key is the one in the environment variable CORVANE_PRIVATE_KEY, which is never stored, or else the one in
@@ -61,7 +68,12 @@ def _command(name: str, *examples: str) -> Callable[[Callable[..., Result]], cli
 
 
 @_command("register", "register --invite-code CORV-2222-3333-4444", "register    # signs the stored wallet in again")
-@click.option("--invite-code", envvar="CORVANE_INVITE_CODE", show_envvar=True, help="Needed for a new wallet only.")
+@click.option(
+    "--invite-code",
+    envvar="CORVANE_INVITE_CODE",
+    show_envvar=True,
+    help="Needed for a new wallet only; - reads it from standard input.",
+)
 @click.option("--bootstrap", is_flag=True, help="Download the era and build the search runtime as well.")
 @_heartbeat
 @_progress
@@ -73,25 +85,30 @@ def register(
 
     The checklist is added to HEARTBEAT.md of the working directory or one of its three parents, if there is one.
     """
+    code = _read_code(invite_code)
     onboarding = agent.onboarding(heartbeat)
     found = _heartbeat_file(onboarding, heartbeat)
     with agent.changing_the_wallet(dry_run):
         key = _usable_key_file(agent)
         reused = bool(agent.env_key) or key.state == "good"
-        if not reused and auth._normalize_invite_code(invite_code) is None:
+        if not reused and code is None:
             problem = f"There is no wallet at {key.path}, and a new one needs an invite code: CORV-XXXX-XXXX-XXXX."
             next_step = "Ask the operator for an invite code, then `corvane register --invite-code CODE`."
             raise Failure(problem, Exit.USAGE, next_step)
         if dry_run:
+            signs = "in" if agent.is_logged_in() or (reused and code is None) else "up"
+            signs += ", or in if the service knows it," * (reused and signs == "up")
             steps = [f"make a new key in {key.path}"] * (not reused)
-            steps.append(f"sign {agent.key_source} {'in' if reused else 'up'} at {agent.server_url}")
+            steps.append(f"sign {agent.key_source} {signs} at {agent.server_url}")
             steps += [f"see to the checklist in {found}"] * bool(found)
             return _plan(steps + [_download(agent)] * bootstrap)
         if agent.env_key:
-            address = agent.sign_in(agent.manager(invite_code)).get_wallet_address()
+            address = agent.sign_in(agent.manager(code)).get_wallet_address()
             agent.onboarding(heartbeat).inject_heartbeat()
         else:
-            address = onboarding.register(invite_code).address
+            if not reused:
+                agent.make_key()  # before the service hears of it
+            address = onboarding.register(code).address
             agent.begin_session(address)
     changed = _bootstrap(agent, progress) if bootstrap else None
     note = f"The wallet of {agent.key_source} was there already and was used." if reused else "A new wallet was made."
@@ -119,7 +136,8 @@ def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool)
     if agent.env_key:
         next_step = f"`corvane status --online` verifies it. Unset {KEY_VARIABLE} to store a key."
         raise Failure(f"The key in {KEY_VARIABLE} comes first, and is never stored.", Exit.USAGE, next_step)
-    secret = _read_key(key_fd, prompt)
+    instead = "`corvane login < FILE`, or --prompt on a terminal."
+    secret = _ask_for_key() if prompt else _read_line(key_fd, "key", instead)
     manager = agent.sign_in(auth.AuthManager(prefixed(secret), agent.server_url))
     address, backup = manager.get_wallet_address(), None
     with agent.changing_the_wallet(dry_run):
@@ -135,12 +153,9 @@ def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool)
             return _plan([*steps, "begin a session"])
         if replaces:
             backup = agent.back_up_key(key)
-            click.echo(f"The key that was there is kept in {backup}.", err=True)
+            click.echo(one_line(f"The key that was there is kept in {backup}."), err=True)
         if stores:
-            agent.onboarding().login(secret)
-            if agent.key_file().address != address:
-                next_step = "Free some space, then log in again; a key that was there is in the backup."
-                raise Failure(f"The key was not stored completely in {key.path}.", Exit.MACHINE, next_step)
+            agent.store_key(secret)
         agent.begin_session(address)
     note = f"The key is in {key.path}." if stores else f"The key was in {key.path} already; the file was not touched."
     return _who(agent, address, note, stored=stores, backup=backup, expires_at=_time(manager.get_token_expiry()))
@@ -177,24 +192,38 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     if agent.env_key:
         lines.append(f"{KEY_VARIABLE} is set: commands sign in with it until it is unset.")
     data = {"had_session": existed, "key_kept": kept, "revoked": False, "environment_key": bool(agent.env_key)}
-    return Result(data | {"backups": backups}, "\n".join(lines))
+    return Result(data | {"backups": backups}, lines)
+
+
+@_command("whoami", "whoami", "whoami --json")
+def whoami(agent: Agent) -> Result:
+    """Say which wallet this is, at which service, and whether that has accepted it. Nothing is sent."""
+    key = _usable_key_file(agent)
+    address = agent.manager().get_wallet_address() if agent.env_key else key.address
+    if address is None:
+        raise Failure(f"There is no wallet key at {key.path}.", Exit.NOT_LOGGED_IN, agent.next_step())
+    accepted = None if agent.env_key else agent.is_logged_in()
+    data = {"address": address, "server_url": agent.server_url, "accepted": accepted}
+    said = {None: "not known: `corvane status --online` asks", True: "yes", False: f"no. Next: {agent.next_step()}"}
+    return Result(data, table([*list(data.items())[:2], ("accepted", said[accepted])]))
 
 
 @_command("status", "status", "status --online --json")
 @click.option("--online", is_flag=True, help="Sign in, to see whether the service accepts the wallet.")
 def status(agent: Agent, online: bool) -> Result:
     """Say which wallet this is, which service, where the key is, and what is wrong with it. Nothing is sent."""
+    from corvane_cli import doctor as examination
+
     key, session, logged_in = agent.key_file(), agent.session(), agent.is_logged_in()
     address = agent.manager().get_wallet_address() if agent.env_key else key.address
     findings = examination.examine(agent, examination.check_key_file, examination.check_session)
-    since = _time(session.signed_in_at) if session and logged_in and not agent.env_key else None
+    at = session.signed_in_at if session and logged_in and not agent.env_key else None
+    since = _time(at) if at else None
     more: dict[str, Any] = {"data_dir": agent.data_dir, "logged_in": logged_in, "signed_in_at": since}
     if online:
         more |= {"accepted": True, "expires_at": _time(_sign_in(agent).get_token_expiry())}
-    notes = [finding.text() for finding in findings]
-    if not logged_in and not findings:
-        notes = [f"Next: {examination.SIGN_IN}"]
-    result = _who(agent, address, "\n".join(notes), **more)
+    notes = [] if logged_in or findings else [f"Next: {agent.next_step()}"]
+    result = _who(agent, address, *_paragraphs(findings), *notes, **more)
     result.data["problems"] = [asdict(finding) for finding in findings]
     if not logged_in:
         result.status = Exit.NOT_LOGGED_IN if key.state in ("good", "absent") else Exit.MACHINE
@@ -206,29 +235,32 @@ def status(agent: Agent, online: bool) -> Result:
 
 @_command("sync", "sync", "sync --check    # compares what is there with the manifest; nothing is sent")
 @click.option("--check", is_flag=True, help="Only verify what was downloaded.")
+@click.option("--wait", default=0.0, type=click.FloatRange(0), metavar="SECONDS", help="For another sync to end.")
 @_progress
 @_dry_run
-def sync(agent: Agent, check: bool, progress: bool | None, dry_run: bool) -> Result:
-    """Download what has changed of the active era, and mend what is spoilt."""
+def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run: bool) -> Result:
+    """Download what has changed of the active era, and replace what is damaged."""
+    from corvane_cli import doctor as examination
+
     changed: list[str] = []
     if check and not (agent.data_dir / "manifest.json").exists():
         raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "`corvane sync` downloads the era.")
     if not check:
         _sign_in(agent, dry_run)
         if dry_run:
-            spoilt = [f"mend: {f.problem}" for f in examination.examine(agent, examination.check_files)]
+            spoilt = [f"repair: {f.problem}" for f in examination.examine(agent, examination.check_files)]
             return _plan([*spoilt, _download(agent)])
-        changed = _sync(agent, progress)
-    # A sync has verified the files, and does not mend the copies of native modules.
+        changed = _sync(agent, progress, wait)
+    # A sync has verified the files, and does not repair the copies of native modules.
     files = [examination.check_files] if check else []
     findings = examination.examine(agent, *files, examination.check_copies)
-    text = "\n".join([*changed, *(finding.text() for finding in findings)]) or "All files are what the manifest says."
+    lines = [*changed, *_paragraphs(findings)] or ["All files are what the manifest says."]
     data = {"changed_files": changed, "intact": not findings, "findings": [asdict(finding) for finding in findings]}
-    return Result(data, text, Exit.SPOILT if findings else Exit.OK)
+    return Result(data, lines, Exit.SPOILT if findings else Exit.OK)
 
 
 @_command("search", "search --max-evaluations 5000", "search --seconds 60 --jobs 2 --json")
-@click.option("--seed", type=click.IntRange(0, 2**63 - 1), show_default="the number of searches so far")
+@click.option("--seed", type=click.IntRange(0), show_default="the number of searches so far")
 @click.option("--max-evaluations", default=2000, type=click.IntRange(1), help="How many to try.")
 @click.option("--seconds", type=click.FloatRange(0, min_open=True), help="How long at most.")
 @click.option("--jobs", "n_jobs", default=1, type=click.IntRange(1), help="How many threads.")
@@ -255,33 +287,36 @@ def search(
     agent.onboarding(heartbeat)
     found = start_search(seed=seed, progress=progress, **limits)
     counts = f"{len(found.signals)} signals of {found.candidates} candidates in {found.evaluations} expressions"
-    signals = [f"{s.id:>4}  {s.instrument}  {s.pool}  {s.expression}  {s.rest_sharpe:.2f}" for s in found.signals]
-    text = [f"{counts}, seed {seed}", *signals, "A found signal is a reason to look closer, never one to trade."]
-    return Result({**asdict(found), "seed": seed}, "\n".join(text))
+    rows = [(s.id, s.instrument, s.pool, f"{s.rest_sharpe:.2f}", s.expression) for s in found.signals]
+    signals = table([("number", "traded", "pool", "Sharpe", "expression"), *rows]) if rows else []
+    lines = [f"{counts}, seed {seed}", *signals, "A found signal is a reason to look closer, never one to trade."]
+    return Result({**asdict(found), "seed": seed}, lines)
 
 
 @_command("simulate", "simulate 4 --picture signal-4.png", 'simulate "zscore(IBM, 20)" --instrument MSFT')
 @click.argument("signal")
 @click.option("--instrument", help="What is traded.", show_default="the one of the signal")
-@click.option("--picture", type=click.Path(dir_okay=False), help="Draw the growth of the capital as PNG.")
+@click.option("--picture", type=click.Path(dir_okay=False), help="Draw the growth of the capital: FILE.png or .svg.")
 @_progress
 @_dry_run
 def simulate(
     agent: Agent, signal: str, instrument: str | None, picture: str | None, progress: bool | None, dry_run: bool
 ) -> Result:
     """Say what trading a found signal (its number) or an expression would have earned, after costs."""
+    from corvane.simulate_signal import _simulate_signal_export, check_picture
+
+    if picture:
+        check_picture(picture, agent.data_dir)
     _sign_in(agent, dry_run)
     if dry_run:
         return _plan([_download(agent), f"simulate {signal}"] + [f"draw {picture}"] * bool(picture))
     _bootstrap(agent, progress)
-    from corvane.simulate_signal import _simulate_signal_export
-
     number_or_text = int(signal) if signal.isdecimal() else signal
     simulation = _simulate_signal_export(number_or_text, instrument=instrument, picture=picture)
     names = ("expression", "instrument", "sharpe", "train_sharpe", "rest_sharpe", "max_drawdown", "total_return")
     values = {name: getattr(simulation, name) for name in names}
     data = {name: None if value != value else value for name, value in values.items()}  # JSON has no NaN
-    return Result({**data, "picture": picture}, _table(values))
+    return Result({**data, "picture": picture}, _lines(values))
 
 
 # -- The workspace ----------------------------------------------------------------------------------------------------
@@ -300,7 +335,7 @@ def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> 
     onboarding = agent.onboarding(True)
     checklist = vars(onboarding)["_HEARTBEAT_STATIC_SECTION"].strip()
     if only_print:
-        return Result({"checklist": checklist}, checklist)
+        return Result({"checklist": checklist}, checklist.splitlines())
     found = vars(onboarding)["_find_heartbeat"](workspace)
     if found is None:
         next_step = "Make the file in the root of the workspace: touch HEARTBEAT.md"
@@ -313,10 +348,9 @@ def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> 
         onboarding.inject_heartbeat(workspace)
         if _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8"):
             raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {quote(found)}")
-    text = (
-        f"{found}: {'to be added' if dry_run else 'added'}\n{checklist}" if missing else f"{found} has the checklist."
-    )
-    return Result({"path": found, "added": checklist if missing else "", "dry_run": dry_run}, text)
+    lines = [f"{found}: {'to be added' if dry_run else 'added'}", *checklist.splitlines()]
+    lines = lines if missing else [f"{found} has the checklist."]
+    return Result({"path": found, "added": checklist if missing else "", "dry_run": dry_run}, lines)
 
 
 @_command("agents-md", "agents-md >> AGENTS.md")
@@ -325,7 +359,7 @@ def agents_md() -> Result:
     from corvane.agent_onboarding import get_agents_md_fragment
 
     fragment = get_agents_md_fragment()
-    return Result({"fragment": fragment}, fragment.rstrip("\n"))
+    return Result({"fragment": fragment}, fragment.splitlines())
 
 
 # -- Looking after it -------------------------------------------------------------------------------------------------
@@ -335,39 +369,59 @@ def agents_md() -> Result:
 @click.option("--offline", is_flag=True, help="Do not ask the service.")
 def doctor(agent: Agent, offline: bool) -> Result:
     """Examine the wallet, what was downloaded, the service, the clock and the agent host. Nothing is changed."""
+    from corvane_cli import doctor as examination
+
     online = () if offline else (examination.check_service,)
     findings = examination.examine(agent, *examination.CHECKS, *online)
     errors = sum(finding.severity == examination.ERROR for finding in findings)
     code = Exit.ERRORS if errors else Exit.WARNINGS if findings else Exit.OK
-    text = "\n".join([*(f.text() for f in findings), f"errors: {errors}, warnings: {len(findings) - errors}"])
-    return Result({"findings": [asdict(finding) for finding in findings], "errors": errors}, text, code)
+    lines = [*_paragraphs(findings), f"errors: {errors}, warnings: {len(findings) - errors}"]
+    return Result({"findings": [asdict(finding) for finding in findings], "errors": errors}, lines, code)
 
 
 @_command("demo", "demo")
 def demo() -> Result:
     """Show an agent's first day, with a real service on this machine. Your wallet is not touched."""
+    import subprocess
+
     environment = {name: value for name, value in os.environ.items() if not name.startswith("CORVANE_")}
     command = [sys.executable, "-P", "-m", "corvane_local.demo"]
     if subprocess.run(command, env=environment, stdout=sys.stderr, check=False).returncode:
         raise Failure("The demo has failed.", Exit.FAILED, "The last lines above say at which step, and why.")
-    return Result({"passed": True}, "The demo has passed.")
+    return Result({"passed": True}, ["The demo has passed."])
+
+
+@_command("completion", "completion bash > corvane.bash && . ./corvane.bash", "completion fish | source")
+@click.argument("shell", type=click.Choice(["bash", "zsh", "fish"]))
+def completion(shell: str) -> Result:
+    """Print what makes a shell complete commands and options."""
+    kind = get_completion_class(shell)
+    assert kind is not None
+    script = kind(main, {}, "corvane", COMPLETION_VARIABLE).source()
+    return Result({"script": script}, script.splitlines())
 
 
 # -- What they share --------------------------------------------------------------------------------------------------
 
 
-def _who(agent: Agent, address: str | None, note: str, **more: Any) -> Result:
+def _who(agent: Agent, address: str | None, *notes: str, **more: Any) -> Result:
     """Which wallet it is, which service, where the key is, and what else there is to say."""
     data = {"address": address, "server_url": agent.server_url, "key": agent.key_source, **more}
-    return Result(data, f"{_table(data)}\n{note}".strip())
+    return Result(data, [*_lines(data), *notes])
 
 
-def _table(values: dict[str, Any]) -> str:
+def _lines(values: dict[str, Any]) -> list[str]:
+    shown = {name: f"{value:.4f}" if isinstance(value, float) else value for name, value in values.items()}
+    shown = {name: " ".join(value) if isinstance(value, list) else value for name, value in shown.items()}
+    return table([(name, value) for name, value in shown.items() if value is not None])
+
+
+def _paragraphs(findings: "Iterable[Finding]") -> list[str]:
+    """The findings for people; each of their texts on one line, whatever names of files and the like it holds."""
     lines = []
-    for name, value in values.items():
-        text = f"{value:.4f}" if isinstance(value, float) else " ".join(value) if isinstance(value, list) else value
-        lines += [f"{name:<13} {text}"] * (value is not None)
-    return "\n".join(lines)
+    for finding in findings:
+        lines += [f"{finding.severity}: {finding.problem}", f"  why: {finding.reason}", f"  next: {finding.next_step}"]
+    return lines
 
 
 def _time(seconds: float) -> str:
@@ -375,8 +429,7 @@ def _time(seconds: float) -> str:
 
 
 def _plan(steps: list[str]) -> Result:
-    text = "\n".join(["Nothing was done. It would:", *(f"- {step}" for step in steps)])
-    return Result({"dry_run": True, "would": steps}, text)
+    return Result({"dry_run": True, "would": steps}, ["Nothing was done. It would:", *(f"- {step}" for step in steps)])
 
 
 def _download(agent: Agent) -> str:
@@ -391,7 +444,9 @@ def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:
     """The key file, if the key is there, or may be put there."""
     key = agent.key_file()
     if not agent.env_key and key.state in (refused or ("empty", "malformed", "unsafe", "unreadable")):
-        [finding, *_] = examination.key_findings(key)
+        from corvane_cli.doctor import key_findings
+
+        [finding, *_] = key_findings(key)
         raise Failure(f"{finding.problem} Reason: {finding.reason}.", Exit.MACHINE, finding.next_step)
     return key
 
@@ -399,22 +454,37 @@ def _usable_key_file(agent: Agent, *refused: str) -> KeyFile:
 def _sign_in(agent: Agent, dry_run: bool = False) -> auth.AuthManager:
     key = _usable_key_file(agent)
     if not agent.is_logged_in():
-        next_step = examination.SIGN_UP if key.state == "absent" else examination.SIGN_IN
-        raise Failure(f"Not logged in at {agent.server_url} with {key.path}.", Exit.NOT_LOGGED_IN, next_step)
+        raise Failure(f"Not logged in at {agent.server_url} with {key.path}.", Exit.NOT_LOGGED_IN, agent.next_step())
     return agent.manager() if dry_run else agent.sign_in(agent.manager())
 
 
-def _read_key(source: int, prompt: bool) -> str:
-    """One key from a descriptor, or from the person at the terminal. Never waits for long."""
-    instead = "`corvane login < FILE`, or --prompt to be asked on a terminal."
-    if prompt:
-        if not (sys.stdin and sys.stdin.isatty()):
-            raise Failure("There is no terminal to ask on.", Exit.USAGE, instead)
-        return str(click.prompt("Private key", hide_input=True, err=True)).strip()
+def _read_code(code: str | None) -> str | None:
+    """The invite code, from standard input if it is -; None without one."""
+    if code == "-":
+        code = _read_line(0, "invite code", "`corvane register --invite-code - < FILE`, or the code in place of -.")
+    canonical = auth._normalize_invite_code(code)
+    if code and code.strip() and canonical is None:
+        next_step = "Compare it with what the operator gave out: --invite-code or CORVANE_INVITE_CODE."
+        raise Failure("The invite code is malformed: codes look like CORV-XXXX-XXXX-XXXX.", Exit.USAGE, next_step)
+    return canonical
+
+
+def _ask_for_key() -> str:
+    if not (sys.stdin and sys.stdin.isatty()):
+        raise Failure("There is no terminal to ask on.", Exit.USAGE, "`corvane login < FILE` needs none.")
+    key = str(click.prompt("Private key", hide_input=True, err=True)).strip()
+    remember(key)
+    return key
+
+
+def _read_line(source: int, what: str, instead: str) -> str:
+    """One line from a descriptor. Never waits for long."""
+    import select
+
     content, deadline = b"", time.monotonic() + _KEY_SECONDS
     try:
         if os.isatty(source):
-            raise Failure("A key is read from a terminal only when that is asked for.", Exit.USAGE, instead)
+            raise Failure(f"No {what} is read from a terminal unless that is asked for.", Exit.USAGE, instead)
         poll = select.poll()
         poll.register(source, select.POLLIN)
         while len(content) <= LONGEST_KEY and b"\n" not in content.lstrip():
@@ -425,17 +495,29 @@ def _read_key(source: int, prompt: bool) -> str:
     except OSError as exc:
         raise Failure(f"Descriptor {source} cannot be read: {exc.strerror}.", Exit.USAGE, instead) from None
     if not content.strip():
-        raise Failure(f"No key has arrived on descriptor {source}.", Exit.USAGE, instead)
-    return content.decode("ascii", "replace").strip()
+        raise Failure(f"No {what} has arrived on descriptor {source}.", Exit.USAGE, instead)
+    line = content.decode("ascii", "replace").strip()
+    remember(line)
+    return line
 
 
-def _sync(agent: Agent, progress: bool | None) -> list[str]:
+def _sync(agent: Agent, progress: bool | None, wait: float = 0.0) -> list[str]:
     from corvane.sync import SyncManager
     from corvane.sync_backoff import SyncBackoff
 
     manager = auth.get_active_auth_manager() or agent.manager()
-    syncs = SyncManager(manager, str(agent.data_dir), agent.server_url, progress)
-    return SyncBackoff(attempts=3, cap=2.0).run(syncs.request_for_sync)
+
+    def sync(wait: float) -> list[str]:
+        syncs = SyncManager(manager, str(agent.data_dir), agent.server_url, progress, wait)
+        return SyncBackoff(attempts=3, cap=2.0).run(syncs.request_for_sync)
+
+    try:
+        return sync(0.0)
+    except BlockingIOError as exc:
+        if not wait:
+            raise
+        click.echo(one_line(f"{exc} Waiting for it, {wait:g} s at most."), err=True)
+        return sync(wait)
 
 
 def _bootstrap(agent: Agent, progress: bool | None) -> list[str]:

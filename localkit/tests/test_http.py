@@ -1,10 +1,7 @@
 """What the kit makes of a service that is slow, busy, odd or not there: never a hang, never a token elsewhere."""
 
 import itertools
-import json
 import logging
-import socketserver
-import threading
 import time
 from hashlib import sha256
 
@@ -13,47 +10,10 @@ import pytest
 from corvane import auth
 from corvane.sync import SyncManager
 from corvane.sync_backoff import ServiceBusy
+from localkit.tests.conftest import http, slowly
 
 TOKEN = "token-that-nobody-may-see"
 GOOD = {"token": TOKEN, "expires_at": time.time() + 3600}
-
-
-def http(body=b"", status=200, **headers):
-    content = body if isinstance(body, bytes) else json.dumps(body).encode()
-    lines = [f"HTTP/1.1 {status} Said", f"Content-Length: {len(content)}", "Connection: close"]
-    lines += [f"{name.replace('_', '-')}: {value}" for name, value in headers.items()]
-    return "\r\n".join([*lines, "", ""]).encode() + content
-
-
-def slowly(answer):
-    """The answer, a byte in a tenth of a second."""
-    return (time.sleep(0.1) or answer[i : i + 1] for i in range(len(answer)))
-
-
-@pytest.fixture
-def scripted():
-    """A server that answers each request with the next bytes, or pieces of bytes, of its script."""
-
-    class Handler(socketserver.StreamRequestHandler):
-        def handle(self):
-            request = b"".join(iter(self.rfile.readline, b"\r\n"))
-            server.requests.append(request.decode())
-            answer = next(server.script)
-            try:
-                for piece in [answer] if isinstance(answer, bytes) else answer:
-                    self.wfile.write(piece)
-            except OSError:
-                pass  # the client has had enough
-
-    class Server(socketserver.ThreadingTCPServer):
-        daemon_threads = True
-        block_on_close = False
-
-    with Server(("127.0.0.1", 0), Handler) as server:
-        server.requests, server.url = [], f"http://127.0.0.1:{server.server_address[1]}"
-        threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
-        yield server
-        server.shutdown()
 
 
 class Anybody:

@@ -1,0 +1,87 @@
+"""Ctrl-C and the deadline of a command. Imports next to nothing, so that Ctrl-C is in order from the beginning.
+
+While a command works, both raise an exception, so that it tidies up. Before and after, while Python imports modules or
+ends, an exception could get lost or become a traceback: there Ctrl-C says its line and ends the process at once.
+"""
+
+import contextlib
+import os
+import signal
+import sys
+from types import FrameType
+from typing import Any
+
+STATUS = 130
+NEXT_STEP = "Run it again; what was found or downloaded before is kept."
+
+_raises = False
+
+
+class OutOfTime(KeyboardInterrupt):
+    """The deadline has passed. Passes, as Ctrl-C does, through whatever goes on after an Exception."""
+
+
+def begin() -> None:
+    """Takes care of Ctrl-C, unless it is ignored, as in the background of a shell script."""
+    for descriptor in range(3):  # a closed one would be given to the next file that is opened, such as a key file
+        try:
+            os.fstat(descriptor)
+        except OSError:
+            os.open(os.devnull, os.O_RDWR)
+    if signal.getsignal(signal.SIGINT) is signal.default_int_handler:
+        signal.signal(signal.SIGINT, _interrupted)
+        sys.unraisablehook = _unraisable
+
+
+def arm(seconds: float | None) -> None:
+    """From now on Ctrl-C raises KeyboardInterrupt, once, and after so many seconds OutOfTime is raised."""
+    global _raises
+    if seconds is not None:
+        signal.signal(signal.SIGALRM, _out_of_time)
+        signal.setitimer(signal.ITIMER_REAL, seconds, 1.0)  # again, should it get lost in a destructor
+    _raises = True
+
+
+def disarm() -> None:
+    """Ends what `arm` began."""
+    global _raises
+    _raises = False
+    signal.setitimer(signal.ITIMER_REAL, 0)
+
+
+def end() -> None:
+    """From now on nothing is to be interrupted any more."""
+    if signal.getsignal(signal.SIGINT) is _interrupted:
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+
+
+def report() -> None:
+    """Says on stderr that the command was interrupted."""
+    text = f"Interrupted. Next: {NEXT_STEP}"
+    if "--json" in sys.argv:
+        text = f'{{"error": "Interrupted.", "next_step": "{NEXT_STEP}", "exit_status": {STATUS}}}'
+    with contextlib.suppress(OSError):  # if nobody can be told, the exit status still says it
+        os.write(2, f"{text}\n".encode())
+
+
+def _interrupted(number: int, frame: FrameType | None) -> None:
+    global _raises
+    if _raises:
+        _raises = False  # the second one does not wait for the tidying up
+        raise KeyboardInterrupt
+    report()
+    os._exit(STATUS)
+
+
+def _out_of_time(number: int, frame: FrameType | None) -> None:
+    if _raises:
+        raise OutOfTime
+
+
+def _unraisable(unraisable: Any) -> None:
+    if issubclass(unraisable.exc_type, OutOfTime):
+        return  # the next one comes in a second
+    if issubclass(unraisable.exc_type, KeyboardInterrupt):  # got lost in a destructor
+        report()
+        os._exit(STATUS)
+    sys.__unraisablehook__(unraisable)
