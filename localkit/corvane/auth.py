@@ -4,7 +4,6 @@ The key is a secp256k1 scalar. The service hands out a challenge, the agent sign
 token that is good for a while. Neither key nor token shows in a representation, a message or a log line.
 """
 
-import hashlib
 import re
 import time
 from typing import TYPE_CHECKING, Any
@@ -51,6 +50,8 @@ def public_key_text(key: "ec.EllipticCurvePublicKey") -> str:
 
 def wallet_address(public_key: str) -> str:
     """The address of a wallet: the first 20 bytes of the SHA-256 of its compressed public key."""
+    import hashlib
+
     return "0x" + hashlib.sha256(bytes.fromhex(public_key)).hexdigest()[:40]
 
 

@@ -5,7 +5,6 @@ whose wallet the service knows. Who calls `make_key` before has the whole key on
 """
 
 import os
-import secrets
 from pathlib import Path
 
 
@@ -18,7 +17,7 @@ def make_key(data_dir: str | os.PathLike[str]) -> None:
     """
     root = Path(data_dir)
     root.mkdir(mode=0o700, parents=True, exist_ok=True)
-    write_whole(root / "wallet.key", secrets.token_hex(32).encode(), replace=False)
+    write_whole(root / "wallet.key", os.urandom(32).hex().encode(), replace=False)
     _flush_directory(root.parent)
 
 

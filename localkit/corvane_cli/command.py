@@ -2,12 +2,8 @@
 
 import errno
 import inspect
-import logging
 import os
-import shutil
 import sys
-import textwrap
-import traceback
 from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
@@ -21,7 +17,6 @@ from click.shell_completion import shell_complete
 
 from corvane.auth import AuthBusyError, AuthError, InvalidKeyError, NotTheServiceError, RegistrationError
 from corvane.errors import RuntimeModuleError
-from corvane.sync_backoff import SyncBackoffCancelled
 from corvane_cli import display, interrupts
 from corvane_cli.identity import Agent
 
@@ -63,7 +58,7 @@ _NEW_CODE = "Ask the operator for another code: `corvane register --invite-code 
 _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((AuthBusyError, BlockingIOError), Exit.TRY_AGAIN, "Wait a minute, then run the command again."),
     ((NotTheServiceError,), Exit.TRY_AGAIN, _PORTAL),
-    ((ConnectionError, TimeoutError, SyncBackoffCancelled), Exit.TRY_AGAIN, _ADDRESS),
+    ((ConnectionError, TimeoutError), Exit.TRY_AGAIN, _ADDRESS),
     ((RuntimeModuleError,), Exit.SPOILT, "`corvane sync` downloads what is spoilt; `corvane doctor` says more."),
     ((RegistrationError,), Exit.REFUSED, _NEW_CODE),
     ((InvalidKeyError,), Exit.REFUSED, "Pass the key as 64 hexadecimal digits, with or without 0x in front."),
@@ -179,6 +174,8 @@ class Group(_Prints, click.Group):
                 interrupts.report()
                 return Exit.INTERRUPTED
             if verbose and not isinstance(exc, click.UsageError):
+                import traceback
+
                 trace = "".join(traceback.format_exception(exc)).splitlines()
                 _say("\n".join(f"  {display.one_line(line)}" for line in trace))
             failure = _explain(exc)
@@ -210,6 +207,9 @@ _OUTPUT = [
 
 def table(rows: list[tuple[object, ...]]) -> list[str]:
     """The rows as lines, in columns. The last one is wrapped between words where the terminal is narrow."""
+    import shutil
+    import textwrap
+
     width = shutil.get_terminal_size((10_000, 24)).columns
     texts = [[display.one_line(cell) for cell in row] for row in rows]
     widths = [max(map(len, column)) for column in zip(*texts, strict=True)][:-1]
@@ -226,14 +226,15 @@ def table(rows: list[tuple[object, ...]]) -> list[str]:
     return lines
 
 
-class _SafeFormatter(logging.Formatter):
-    def format(self, record: logging.LogRecord) -> str:
-        return display.one_line(super().format(record))
-
-
 def _log_to_stderr() -> None:
+    import logging
+
+    class SafeFormatter(logging.Formatter):
+        def format(self, record: logging.LogRecord) -> str:
+            return display.one_line(super().format(record))
+
     handler = logging.StreamHandler()
-    handler.setFormatter(_SafeFormatter("%(levelname)s %(name)s %(message)s"))
+    handler.setFormatter(SafeFormatter("%(levelname)s %(name)s %(message)s"))
     logger = logging.getLogger("corvane")
     logger.addHandler(handler)
     logger.setLevel(logging.DEBUG)
@@ -272,8 +273,10 @@ def _explain(exc: BaseException) -> Failure:
         return Failure(f"There is no space: {text}", Exit.MACHINE, "Free some space, then run the command again.")
     from urllib.error import URLError  # of the onboarding module's requests; here, because it takes a while
 
+    from corvane.sync_backoff import SyncBackoffCancelled
+
     for kinds, status, next_step in _CAUSES:
-        kinds = (*kinds, URLError) if ConnectionError in kinds else kinds
+        kinds = (*kinds, URLError, SyncBackoffCancelled) if ConnectionError in kinds else kinds
         if any(isinstance(link, kinds) for link in chain):
             return Failure(text, status, next_step)
     if type(exc) in (ValueError, LookupError):

@@ -13,7 +13,6 @@ import time
 from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import asdict, dataclass, field
-from datetime import UTC, datetime
 from pathlib import Path
 from types import ModuleType
 
@@ -192,6 +191,8 @@ class Agent:
 
     def back_up_key(self, key: KeyFile) -> Path:
         """A copy of the key file beside it, on disk before this returns."""
+        from datetime import UTC, datetime
+
         backup = key.path.with_name(f"wallet.key.backup-{datetime.now(UTC):%Y%m%dT%H%M%S.%fZ}")
         write_whole(backup, key.content, replace=False)
         return backup

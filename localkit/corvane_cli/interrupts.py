@@ -4,12 +4,10 @@ While a command works, both raise an exception, so that it tidies up. Before and
 ends, an exception could get lost or become a traceback: there Ctrl-C says its line and ends the process at once.
 """
 
-import contextlib
 import os
 import signal
 import sys
 from types import FrameType
-from typing import Any
 
 STATUS = 130
 NEXT_STEP = "Run it again; what was found or downloaded before is kept."
@@ -60,8 +58,10 @@ def report() -> None:
     text = f"Interrupted. Next: {NEXT_STEP}"
     if "--json" in sys.argv:
         text = f'{{"error": "Interrupted.", "next_step": "{NEXT_STEP}", "exit_status": {STATUS}}}'
-    with contextlib.suppress(OSError):  # if nobody can be told, the exit status still says it
+    try:
         os.write(2, f"{text}\n".encode())
+    except OSError:
+        return  # nobody can be told; the exit status still says it
 
 
 def _interrupted(number: int, frame: FrameType | None) -> None:
@@ -78,7 +78,7 @@ def _out_of_time(number: int, frame: FrameType | None) -> None:
         raise OutOfTime
 
 
-def _unraisable(unraisable: Any) -> None:
+def _unraisable(unraisable: "sys.UnraisableHookArgs") -> None:
     if issubclass(unraisable.exc_type, OutOfTime):
         return  # the next one comes in a second
     if issubclass(unraisable.exc_type, KeyboardInterrupt):  # got lost in a destructor

@@ -5,7 +5,6 @@ import sys
 import time
 from collections.abc import Callable, Iterable
 from dataclasses import asdict
-from datetime import UTC, datetime
 from pathlib import Path
 from shlex import quote
 from types import ModuleType
@@ -425,6 +424,8 @@ def _paragraphs(findings: "Iterable[Finding]") -> list[str]:
 
 
 def _time(seconds: float) -> str:
+    from datetime import UTC, datetime
+
     return f"{datetime.fromtimestamp(seconds, UTC):%Y-%m-%dT%H:%M:%SZ}"
 
 
