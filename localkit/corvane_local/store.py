@@ -5,11 +5,12 @@ Every change is one transaction, on disk before the caller hears of it, so what 
 
 import hashlib
 import json
+import os
 import secrets
 import sqlite3
 import time
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -26,9 +27,12 @@ CREATE TABLE IF NOT EXISTS tokens
     (digest TEXT PRIMARY KEY, address TEXT NOT NULL, expires_at REAL NOT NULL) STRICT;
 CREATE TABLE IF NOT EXISTS releases
     (version INTEGER PRIMARY KEY, backtester TEXT NOT NULL, files TEXT NOT NULL) STRICT;
+CREATE INDEX IF NOT EXISTS challenges_by_expiry ON challenges (expires_at);
+CREATE INDEX IF NOT EXISTS tokens_by_expiry ON tokens (expires_at);
 """
 _INVITE_ALPHABET = "23456789ABCDEFGHJKLMNPQRSTUVWXYZ"  # nothing that looks like something else
-_BUSY_TIMEOUT = 10.0  # seconds
+_BUSY_TIMEOUT = 5.0  # seconds
+_CLEARED_AT_ONCE = 100  # rows; many more than each request adds, and few enough that nobody waits for them
 
 
 class Refused(Exception):
@@ -60,6 +64,40 @@ class Release:
     files: dict[str, FileEntry]
 
 
+@dataclass(frozen=True)
+class Invite:
+    """An invite code, when it was made (seconds since 1970-01-01 UTC), and the wallet that used it."""
+
+    code: str
+    made_at: float
+    used_by: str | None
+
+
+@dataclass(frozen=True)
+class Member:
+    """A wallet, and since when the service knows it (seconds since 1970-01-01 UTC)."""
+
+    address: str
+    registered_at: float
+
+
+@dataclass(frozen=True)
+class Build:
+    """A release: its version, and which build of the backtester it holds."""
+
+    version: int
+    backtester: str
+
+
+@dataclass(frozen=True)
+class Contents:
+    """What the service remembers and is no secret, oldest first."""
+
+    invites: list[Invite]
+    wallets: list[Member]
+    builds: list[Build]
+
+
 class Store:
     """The database file of one service.
 
@@ -73,6 +111,12 @@ class Store:
         self._path = path
         self._challenge_seconds = challenge_seconds
         self._token_seconds = token_seconds
+        with suppress(
+            FileExistsError
+        ):  # whose closing would release the locks of its other connections in this process
+            os.close(
+                os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600)
+            )  # SQLite's other files get this mode, too
         with self._transaction() as db:
             for statement in _SCHEMA.split(";"):
                 db.execute(statement)
@@ -106,7 +150,7 @@ class Store:
         """A new challenge for this key and the time when it expires."""
         challenge, now = secrets.token_hex(32), time.time()
         with self._transaction() as db:
-            db.execute("DELETE FROM challenges WHERE expires_at < ?", (now,))
+            _clear(db, "challenges", now)
             db.execute(
                 "INSERT INTO challenges VALUES (?, ?, ?)", (challenge, public_key, now + self._challenge_seconds)
             )
@@ -146,6 +190,15 @@ class Store:
             raise Refused(401, "bad_token", "The token is unknown or has run out")
         return row
 
+    def contents(self) -> Contents:
+        """All that an operator may see. Of a code that is still good, that is the last group alone."""
+        with self._transaction("DEFERRED") as db:
+            invites = db.execute("SELECT code, made_at, used_by FROM invites ORDER BY made_at, rowid").fetchall()
+            wallets = db.execute("SELECT address, registered_at FROM wallets ORDER BY registered_at, rowid").fetchall()
+            builds = db.execute("SELECT version, backtester FROM releases ORDER BY version").fetchall()
+        shown = [(code if used_by else f"CORV-****-****-{code[-4:]}", made, used_by) for code, made, used_by in invites]
+        return Contents([Invite(*row) for row in shown], [Member(*row) for row in wallets], [Build(*b) for b in builds])
+
     def publish(self, backtester: str, files: dict[str, FileEntry]) -> int:
         """The version that is published now: a new one if the files differ from those published before."""
         with self._transaction() as db:
@@ -181,9 +234,14 @@ class Store:
 
     def _issue_token(self, db: sqlite3.Connection, address: str) -> tuple[str, float]:
         token, now = secrets.token_urlsafe(32), time.time()
-        db.execute("DELETE FROM tokens WHERE expires_at < ?", (now,))
+        _clear(db, "tokens", now)
         db.execute("INSERT INTO tokens VALUES (?, ?, ?)", (_digest(token), address, now + self._token_seconds))
         return token, now + self._token_seconds
+
+
+def _clear(db: sqlite3.Connection, table: str, now: float) -> None:
+    expired = f"SELECT rowid FROM {table} WHERE expires_at < ? LIMIT {_CLEARED_AT_ONCE}"
+    db.execute(f"DELETE FROM {table} WHERE rowid IN ({expired})", (now,))
 
 
 def _digest(token: str) -> str:
