@@ -96,28 +96,30 @@ def _refusals(**reasons: str) -> dict[int | str, dict[str, Any]]:
     return {int(name[1:]): {"model": Refusal, "description": reason} for name, reason in sorted(reasons.items())}
 
 
-_MALFORMED = {"_400": "The body is no JSON.", "_422": "A field is missing or malformed."}
+_MALFORMED = {"_400": "The body is not valid JSON.", "_422": "A field is missing or malformed."}
 _FAILED = {
     "_401": "The challenge or its signature is not good.",
     "_404": "The wallet or the invite code is unknown.",
-    "_429": "Too many failures of this key or client address. Retry-After says how many seconds to wait.",
+    "_429": "Too many failures of this client, or of this key from it. Retry-After says how many seconds to wait.",
 }
 _NO_TOKEN = {"_401": "The token is missing, unknown or has run out."}
 _BEARER = HTTPBearer(auto_error=False, description="A token from /auth/register or /auth/login.")
 Bearer = Annotated[HTTPAuthorizationCredentials | None, Depends(_BEARER)]
 
 
-def create_app(store: Store, files: Path) -> FastAPI:
+def create_app(store: Store, files: Path, failure_seconds: float = 60.0) -> FastAPI:
     """The ASGI application over one database. Its description is served at /openapi.json.
 
     Args:
         store: The database.
         files: The directory of the published files, each under its digest.
+        failure_seconds: How long it takes until all failures are forgotten.
     """
     app = FastAPI(title="Corvane local service", version="0.1.0", docs_url=None, redoc_url=None, redirect_slashes=False)
     app.add_middleware(BodyLimit)
-    # An address may be that of many agents, each of which errs now and then.
-    limits = {"key": FailureLimit(10, 60.0), "address": FailureLimit(300, 60.0)}
+    # A key is public: counted by itself, a stranger's failures would lock its owner out. A client may be the address of
+    # many agents, each of which errs now and then.
+    by_key, by_client = FailureLimit(10, failure_seconds), FailureLimit(300, failure_seconds)
 
     @app.exception_handler(Refused)
     def refused(request: Request, exc: Refused) -> JSONResponse:
@@ -137,22 +139,25 @@ def create_app(store: Store, files: Path) -> FastAPI:
     @app.exception_handler(RequestValidationError)
     def invalid(request: Request, exc: RequestValidationError) -> JSONResponse:
         # The name of the field and never its value: what was sent may be a secret in the wrong place.
+        if any(e["type"] == "json_invalid" for e in exc.errors()):
+            return _refusal(400, "bad_request", "The body is not valid JSON.")
         fields = ", ".join(sorted({str(e["loc"][-1]) for e in exc.errors() if isinstance(e["loc"][-1], str)}))
         code = "bad_invite" if fields == "invite_code" else "bad_request"
         return _refusal(422, code, f"Missing or malformed: {fields or 'the body'}.")
 
     def sign(request: Request, body: LoginRequest, action: Callable[[Proof], tuple[str, float]]) -> SignedIn:
-        names = {"key": body.public_key, "address": request.client.host if request.client else ""}
-        wait = max(limits[kind].wait(name) for kind, name in names.items())
+        client = request.client.host if request.client else ""
+        key = f"{client} {body.public_key}"
+        wait = max(by_key.wait(key), by_client.wait(client))
         if wait > 0:
             raise Refused(429, "too_many_failures", f"Too many failures; try again in {math.ceil(wait)} s", wait)
         try:
             token, expires_at = action(_proof(body))
         except Refused:
-            for kind, name in names.items():
-                limits[kind].note(name)
+            by_key.note(key)
+            by_client.note(client)
             raise
-        limits["key"].forget(body.public_key)
+        by_key.forget(key)
         return {"address": wallet_address(body.public_key), "token": token, "expires_at": expires_at}
 
     def signed_in(bearer: Bearer) -> tuple[str, float]:

@@ -2,6 +2,7 @@
 
 import threading
 import time
+from collections.abc import Callable
 
 
 class FailureLimit:
@@ -14,24 +15,26 @@ class FailureLimit:
     Args:
         count: How many failures may come at once.
         seconds: How long it takes until all of them are forgotten.
+        clock: What tells the time, in seconds.
     """
 
-    def __init__(self, count: int, seconds: float) -> None:
+    def __init__(self, count: int, seconds: float, clock: Callable[[], float] = time.monotonic) -> None:
         self._interval = seconds / count
         self._seconds = seconds
         self._clear_at: dict[str, float] = {}  # when all failures of a name are forgotten
-        self._pruned_at = time.monotonic()
+        self._clock = clock
+        self._pruned_at = clock()
         self._lock = threading.Lock()
 
     def wait(self, name: str) -> float:
         """Seconds until the name may fail once more; 0 or less if it may now."""
         with self._lock:
-            return self._clear_at.get(name, 0.0) - time.monotonic() - (self._seconds - self._interval)
+            return self._clear_at.get(name, 0.0) - self._clock() - (self._seconds - self._interval)
 
     def note(self, name: str) -> None:
         """Notes one failure. Those of requests that were under way at once all count: the wait grows with each."""
         with self._lock:
-            now = time.monotonic()
+            now = self._clock()
             if now - self._pruned_at > self._seconds:
                 self._clear_at = {n: at for n, at in self._clear_at.items() if at > now}
                 self._pruned_at = now
