@@ -6,6 +6,7 @@ import os
 from pathlib import Path
 
 from cryptography import x509
+from cryptography.exceptions import InvalidSignature
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
@@ -16,17 +17,16 @@ _RENEW_BEFORE = dt.timedelta(days=7)
 
 
 def ensure_certificates(state: Path) -> tuple[Path, Path, Path]:
-    """Makes what is missing or about to expire.
+    """Makes what is missing, spoilt or about to expire, and what a kill has left without its other half.
 
     Returns:
         The authority's certificate (for clients, through SSL_CERT_FILE), the server's certificate and its key.
     """
     authority, authority_key = state / "ca.pem", state / "ca.key"
     server, server_key = state / "server.pem", state / "server.key"
-    if not _is_fresh(authority) or not authority_key.exists():
-        server.unlink(missing_ok=True)  # first, so that it never outlives the authority that signed it
+    if not _is_usable(authority, authority_key, authority):
         _make_authority(authority, authority_key)
-    if not _is_fresh(server) or not server_key.exists():
+    if not _is_usable(server, server_key, authority):
         _make_server(authority, authority_key, server, server_key)
     return authority, server, server_key
 
@@ -42,11 +42,16 @@ def write_private(path: Path, content: bytes) -> None:
     temporary.replace(path)
 
 
-def _is_fresh(path: Path) -> bool:
-    if not path.exists():
+def _is_usable(certificate: Path, key_file: Path, authority: Path) -> bool:
+    """Whether the certificate lasts, the authority has signed it, and the key is its own."""
+    try:
+        signed, issuer = (x509.load_pem_x509_certificate(path.read_bytes()) for path in (certificate, authority))
+        key = serialization.load_pem_private_key(key_file.read_bytes(), password=None)
+        signed.verify_directly_issued_by(issuer)
+    except (FileNotFoundError, ValueError, TypeError, InvalidSignature):
         return False
-    expires = x509.load_pem_x509_certificate(path.read_bytes()).not_valid_after_utc
-    return expires - _RENEW_BEFORE > dt.datetime.now(dt.UTC)
+    lasts = signed.not_valid_after_utc - _RENEW_BEFORE > dt.datetime.now(dt.UTC)
+    return lasts and key.public_key() == signed.public_key()
 
 
 def _builder(
