@@ -1,12 +1,17 @@
-"""The command `corvane-local`: runs the local service and makes invite codes for it."""
+"""The command `corvane-local`: runs the local service, and is what its operator works with."""
 
 import contextlib
+import json
 import resource
 import signal
 import socket
+import sqlite3
 import sys
+from dataclasses import asdict
+from datetime import UTC, datetime
 from pathlib import Path
 from types import FrameType
+from typing import Any
 
 import click
 import uvicorn
@@ -32,7 +37,22 @@ def _open_store(state: Path, challenge_seconds: float = 120.0, token_seconds: fl
     return Store(state / "service.db", challenge_seconds, token_seconds)
 
 
-@click.group(context_settings={"help_option_names": ["-h", "--help"]})
+class Group(click.Group):
+    """Commands that end in one line where a file or the database lets them down."""
+
+    def invoke(self, ctx: click.Context) -> Any:
+        """Runs one of them."""
+        try:
+            return super().invoke(ctx)
+        except BrokenPipeError:
+            raise  # whoever read the output has gone, which click ends quietly
+        except OSError as exc:
+            raise click.ClickException(f"{exc.filename}: {exc.strerror}." if exc.filename else str(exc)) from exc
+        except sqlite3.DatabaseError as exc:
+            raise click.ClickException(f"The database cannot be used: {exc}.") from exc
+
+
+@click.group(cls=Group, context_settings={"help_option_names": ["-h", "--help"]})
 @click.version_option(__version__)
 def main() -> None:
     """A Corvane service for this machine alone, to try and to test with. It is not the real service."""
@@ -43,8 +63,16 @@ def main() -> None:
 @click.option("--port", default=8443, show_default=True, type=click.IntRange(0, 65535), help="0 takes a free one.")
 @click.option("--challenge-seconds", default=120.0, show_default=True, help="How long a challenge can be answered.")
 @click.option("--token-seconds", default=3600.0, show_default=True, help="How long a token is good.")
+@click.option("--failure-seconds", default=60.0, show_default=True, help="When all failed sign-ins are forgotten.")
 @click.option("--exchange-seconds", default=20.0, show_default=True, help="How long a request and its answer may take.")
-def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float, exchange_seconds: float) -> None:
+def serve(
+    state: Path,
+    port: int,
+    challenge_seconds: float,
+    token_seconds: float,
+    failure_seconds: float,
+    exchange_seconds: float,
+) -> None:
     """Serve HTTPS on 127.0.0.1 until SIGTERM or Ctrl-C.
 
     The first line printed is the address, once it can be reached; the second says which certificate authority clients
@@ -77,7 +105,7 @@ def serve(state: Path, port: int, challenge_seconds: float, token_seconds: float
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))  # an unfinished TLS handshake keeps a descriptor, too
     Connection.exchange_seconds = exchange_seconds
     config = uvicorn.Config(
-        create_app(store, state / FILES),
+        create_app(store, state / FILES, failure_seconds),
         loop="corvane_local.connections:Loop",
         http=Connection,
         ws="none",
@@ -109,3 +137,34 @@ def invite(state: Path, count: int) -> None:
 def publish_command(state: Path, backtester: str) -> None:
     """Publish a build of the backtester and print the version. The service may be running or not."""
     click.echo(publish(_open_store(state), state / FILES, backtester))
+
+
+@main.command(name="list")
+@STATE
+@click.option("--json", "as_json", is_flag=True, help="Print JSON.")
+def list_command(state: Path, as_json: bool) -> None:
+    """List invites, wallets and published builds, oldest first. The service may be running or not.
+
+    No secret is shown: of an invite code that is still good, the last group alone.
+    """
+    if not (state / "service.db").exists():
+        raise click.ClickException(f"There is no service in {state}.")
+    contents = _open_store(state).contents()
+    if as_json:
+        click.echo(json.dumps(asdict(contents), indent=1))
+        return
+    unused = sum(invite.used_by is None for invite in contents.invites)
+    click.echo(f"Invites: {len(contents.invites)}, {unused} unused")
+    for invite in contents.invites:
+        use = f"used by {invite.used_by}" if invite.used_by else "unused"
+        click.echo(f"  {invite.code}  made {_time(invite.made_at)}  {use}")
+    click.echo(f"Wallets: {len(contents.wallets)}")
+    for wallet in contents.wallets:
+        click.echo(f"  {wallet.address}  registered {_time(wallet.registered_at)}")
+    click.echo(f"Published builds: {len(contents.builds)}")
+    for build in contents.builds:
+        click.echo(f"  version {build.version}  backtester {build.backtester}")
+
+
+def _time(seconds: float) -> str:
+    return f"{datetime.fromtimestamp(seconds, UTC):%Y-%m-%dT%H:%M:%SZ}"
