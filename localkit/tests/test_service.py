@@ -2,27 +2,38 @@
 
 import concurrent.futures
 import contextlib
+import functools
 import json
 import os
 import pickle
 import shutil
 import signal
 import socket
+import sqlite3
 import ssl
+import subprocess
 import sys
 import threading
 import time
+from datetime import UTC, datetime, timedelta
 from hashlib import sha256
 from types import SimpleNamespace
 
+import httpx
 import pytest
+from cryptography import x509
 from cryptography.hazmat.primitives import hashes
 from cryptography.hazmat.primitives.asymmetric import ec
 
 from corvane import auth, errors
 from corvane.sync import SyncManager
 from corvane.sync_backoff import ServiceBusy, SyncBackoff, SyncBackoffCancelled
-from corvane_local.store import Store
+from corvane_local import certificates
+from corvane_local.app import MAX_BODY
+from corvane_local.failures import FailureLimit
+from corvane_local.store import Proof, Store
+
+COMMAND = [sys.executable, "-P", "-m", "corvane_local"]
 
 ANYBODY = SimpleNamespace(get_token=lambda: "token")
 
@@ -50,15 +61,29 @@ def test_sign_up_and_in(service, monkeypatch):
         service.sign_in(1)
 
 
-def test_a_challenge_works_once(service):
-    manager = auth.AuthManager(f"0x{2:064x}", service.url)
-    body = {"public_key": manager._public_key}
-    for forge, code in (("!", "bad_signature"), ("", "unknown_wallet")):
-        body["challenge"] = service.client.post("/auth/challenge", json=body).json()["challenge"]
-        message = auth.signed_message(body["challenge"] + forge)
-        body["signature"] = manager._key.sign(message, ec.ECDSA(hashes.SHA256())).hex()
-        codes = [service.client.post("/auth/login", json=body).json()["code"] for _ in range(2)]
-        assert codes == [code, "bad_challenge"]
+@pytest.mark.parametrize("path", ["/auth/login", "/auth/register"])
+def test_signing_in_takes_the_key_itself_and_a_fresh_challenge_of_it(service, path):
+    owner, stranger = (auth.AuthManager(f"0x{number:064x}", service.url) for number in (len(path), 5))
+    code = service.invite()
+
+    def challenge():
+        return service.client.post("/auth/challenge", json={"public_key": owner._public_key}).json()["challenge"]
+
+    def outcome(text, signer=owner, claimed=owner, message=auth.signed_message):
+        signature = signer._key.sign(message(text), ec.ECDSA(hashes.SHA256())).hex()
+        body = {"public_key": claimed._public_key, "challenge": text, "signature": signature, "invite_code": code}
+        answer = service.client.post(path, json=body)
+        assert answer.headers.get("WWW-Authenticate") == ("Bearer" if answer.status_code == 401 else None)
+        return answer.json().get("code", "signed in")
+
+    signed_in = "unknown_wallet" if path == "/auth/login" else "signed in"
+    good, forged, unprefixed, expired = challenge(), challenge(), challenge(), challenge()
+    assert outcome(forged, signer=stranger) == outcome(unprefixed, message=str.encode) == "bad_signature"
+    assert outcome(good, stranger, claimed=stranger) == "bad_challenge"  # and good it stays for its own key
+    with contextlib.closing(sqlite3.connect(service.state / "service.db", isolation_level=None)) as db:
+        db.execute("UPDATE challenges SET expires_at = ? WHERE challenge = ?", (time.time() - 0.1, expired))
+    assert outcome(expired) == "bad_challenge" and outcome(good) == signed_in
+    assert outcome(forged) == outcome(good) == outcome("0" * 64) == "bad_challenge"  # used, or never given out
 
 
 def test_keys_do_not_show_and_go_nowhere_else():
@@ -85,27 +110,89 @@ def test_only_what_is_published_is_served(service):
         assert service.get(f"/runtime/files/{path}", token).status_code == 404
     assert [service.command("publish", "--backtester", build) for build in "2211"] == ["2", "2", "3", "3"]
     assert service.get("/runtime/manifest", token).json() == manifest | {"version": 3}
-    for status, body in (400, b"[" * 50_000), (413, b" " * 70_000), (413, iter([b" " * 40_000] * 2)), (422, b"{}"):
-        answer = service.client.post("/auth/challenge", content=body, headers={"Content-Type": "application/json"})
-        assert answer.status_code == status and answer.json().keys() == {"error", "code"}
 
 
-def test_failures_are_limited_for_each_key_and_address(start):
-    def fail(number):
+SECRET = "5ec1e7" * 11
+PROOF = {"public_key": "02" + "79be667ef9dcbbac55a06295ce870b07029bfcdb2dce28d959f2815b16f81798", "challenge": "0" * 64}
+FULL = PROOF | {"signature": "30" * 40, "invite_code": "CORV-2222-2222-2222"}
+REFUSED = [
+    (400, b"{"), (400, b"[" * 50_000), (400, b"{\"public_key\": " + b"9" * 5000 + b"}"), (400, b"\xff"), (400, b"'x'"),
+    (422, b""), (422, b"null"), (422, b"[]"), (422, b"{}"), (422, {"public_key": SECRET}), (422, {"public_key": None}),
+    (422, {"public_key": "02" + "f" * 64}), (422, {"public_key": "\ud800"}), (422, FULL | {"challenge": SECRET}),
+    (422, FULL | {"signature": SECRET + "x"}), (422, FULL | {"invite_code": SECRET}), (422, PROOF | {SECRET: SECRET}),
+    (413, b" " * (MAX_BODY + 1)), (413, iter([b" " * MAX_BODY, b" "])), (422, b"{}" + b" " * (MAX_BODY - 2)),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize(("status", "body"), REFUSED)
+def test_a_refusal_says_why_and_repeats_nothing(service, status, body):
+    content = json.dumps(body).encode() if isinstance(body, dict) else body
+    answer = service.client.post("/auth/register", content=content, headers={"Content-Type": "application/json"})
+    assert answer.status_code == status and answer.json().keys() == {"error", "code"}
+    assert SECRET not in answer.text + str(answer.headers)
+    assert answer.json()["code"] == {400: "bad_request", 413: "too_large"}.get(
+        status, "bad_invite" if body == FULL | {"invite_code": SECRET} else "bad_request"
+    )
+
+
+def test_a_secret_in_the_wrong_place_is_not_repeated(service):
+    token = service.sign_up(3).get_token()
+    for path in (f"/{SECRET}", f"/wallet?{SECRET}", f"/runtime/files/{SECRET}"):
+        for method in ("GET", "POST", "DELETE"):
+            answer = service.client.request(method, path, headers={"Authorization": f"Bearer {token}"}, content=SECRET)
+            assert SECRET not in answer.text + str(answer.headers) and token not in answer.text, (method, path)
+        assert SECRET not in (answer := service.get("/wallet", SECRET)).text + str(answer.headers)
+
+
+def test_failures_count_for_key_and_client_and_leave_the_owner_alone(start):
+    def fail(number, client):
         key = auth.AuthManager(f"0x{number:064x}", service.url)._public_key
-        body = {"public_key": key, "challenge": "0" * 64, "signature": "30" * 40}
-        return service.client.post("/auth/login", json=body).status_code
+        answer = client.post("/auth/login", json={"public_key": key, "challenge": "0" * 64, "signature": "30" * 40})
+        assert ("Retry-After" in answer.headers) == (answer.status_code == 429)
+        return answer.status_code
 
-    with start() as service:
+    # Slow enough that nothing is forgotten meanwhile, however slow the machine is.
+    with start("--failure-seconds", "36000") as service, contextlib.ExitStack() as stack:
+        trust = ssl.create_default_context()
+        here, there, far = (
+            stack.enter_context(
+                httpx.Client(
+                    base_url=service.url, transport=httpx.HTTPTransport(verify=trust, local_address=f"127.0.0.{host}")
+                )
+            )
+            for host in (1, 2, 3)
+        )
         service.sign_up(1)
         for _ in range(2):
-            assert [fail(1) for _ in range(9)] == [401] * 9
+            assert [fail(1, here) for _ in range(9)] == [401] * 9
             service.sign_in(1)  # which forgives
-        assert [fail(2) for _ in range(12)] == [401] * 10 + [429] * 2
-        with pytest.raises(auth.AuthBusyError, match=r"try again in [1-6] s"):
+        assert [fail(1, there) for _ in range(12)] == [401] * 10 + [429] * 2
+        service.sign_in(1)  # whoever knows the public key, the owner gets in from elsewhere
+        assert fail(1, there) == 429  # and forgives nobody else
+        assert [fail(2, here) for _ in range(11)] == [401] * 10 + [429]
+        with pytest.raises(auth.AuthBusyError, match=r"try again in 3\d\d\d s"):
             service.sign_in(2)
-        codes = [fail(10 + n // 8) for n in range(320)]
-        assert codes.index(429) > 250 and codes[290:].count(429) > 10  # while no key has failed too often
+        codes = [fail(10 + n // 8, far) for n in range(302)]  # while no key has failed too often
+        assert codes == [401] * 300 + [429] * 2 and fail(3, here) == 401
+
+
+def test_failures_are_forgotten_one_by_one():
+    now = 1000.0
+    limit = FailureLimit(4, 64.0, lambda: now)
+    assert limit.wait("a") < 0  # 0 or less: one more is allowed
+    for wait in (-32, -16, 0, 16, 32, 48):
+        limit.note("a")
+        assert limit.wait("a") == wait and limit.wait("b") < 0
+    now += 48
+    assert limit.wait("a") == 0
+    now += 17
+    limit.note("b")  # which clears away what is forgotten, and nothing else
+    assert limit.wait("a") == -17 and limit.wait("b") == -32
+    now += 65
+    limit.note("c")
+    assert set(limit._clear_at) == {"c"}
+    limit.forget("c")
+    assert limit.wait("c") < -48
 
 
 def test_slow_clients_are_cut_off_and_block_nobody(start):
@@ -154,6 +241,113 @@ def test_what_was_acknowledged_survives_a_kill_under_load(start):
         assert {address for (address,) in service.rows("SELECT address FROM wallets")} == set(used) >= set(acknowledged)
         for address, (code, token) in acknowledged.items():
             assert used[address] == code and service.get("/wallet", token).json()["address"] == address
+
+
+def test_a_busy_database_is_a_503_and_stops_no_reader(service):
+    token = service.sign_up(6).get_token()
+    with contextlib.closing(sqlite3.connect(service.state / "service.db", isolation_level=None)) as db:
+        db.execute("BEGIN IMMEDIATE")
+        answer = service.client.post("/auth/challenge", json=PROOF, timeout=30)
+        assert (answer.status_code, answer.json()["code"], answer.headers["Retry-After"]) == (503, "busy", "1")
+        assert service.get("/wallet", token).status_code == 200
+        db.execute("ROLLBACK")
+    assert service.client.post("/auth/challenge", json=PROOF).status_code == 200
+
+
+def test_expired_rows_are_cleared_away_and_no_sign_in_scans_a_table(tmp_path, monkeypatch):
+    statements, now = [], time.time()
+
+    class Traced(sqlite3.Connection):
+        def __init__(self, *args, **options):
+            super().__init__(*args, **options)
+            self.set_trace_callback(statements.append)
+
+    store, code = Store(tmp_path / "service.db"), Store(tmp_path / "service.db").make_invite()
+    with contextlib.closing(sqlite3.connect(tmp_path / "service.db", isolation_level=None)) as db:
+        for table in ("challenges", "tokens"):
+            rows = [(f"{n}", "x", now + (60 if n % 2 else -60)) for n in range(600)]
+            db.executemany(f"INSERT INTO {table} VALUES (?, ?, ?)", rows)
+        monkeypatch.setattr(sqlite3, "connect", functools.partial(sqlite3.connect, factory=Traced))
+        for _ in range(4):
+            challenge, _ = store.make_challenge("key")
+            token, _ = store.sign_up(Proof("0x1", "key", challenge, True), code)
+        assert store.wallet_of(token)[0] == "0x1"
+        for table, added in (("challenges", 0), ("tokens", 4)):  # each challenge was used, each token is kept
+            old, alive = (f"SELECT count(*) FROM {table} WHERE expires_at {sign} {now}" for sign in "<>")
+            assert [db.execute(query).fetchone()[0] for query in (old, alive)] == [0, 300 + added]
+        plans = [db.execute(f"EXPLAIN QUERY PLAN {text}").fetchall() for text in statements if "FROM" in text]
+        assert len(plans) >= 18 and not [plan for plan in plans if "SCAN" in str(plan)]
+
+
+@pytest.mark.parametrize("spoil", ["remove", "garble", "expire", "swap", "keep"])
+@pytest.mark.parametrize("name", ["ca.pem", "ca.key", "server.pem", "server.key"])
+def test_certificates_are_replaced_when_they_are_of_no_use(tmp_path, monkeypatch, name, spoil):
+    def make():
+        [authority, *pair] = certificates.ensure_certificates(tmp_path)
+        ssl.create_default_context(ssl.Purpose.CLIENT_AUTH).load_cert_chain(*pair)  # which compares key and certificate
+        loaded = [x509.load_pem_x509_certificate(path.read_bytes()) for path in (authority, pair[0])]
+        loaded[1].verify_directly_issued_by(loaded[0])
+        assert {path.stat().st_mode & 0o777 for path in tmp_path.iterdir()} == {0o600}
+        assert all(one.not_valid_after_utc - datetime.now(UTC) > timedelta(days=8) for one in loaded)
+        return [(tmp_path / file).read_bytes() for file in ("ca.pem", "ca.key", "server.pem", "server.key")]
+
+    before, path = make(), tmp_path / name
+    if spoil == "expire":
+        life = "_AUTHORITY_LIFE" if name.startswith("ca") else "_SERVER_LIFE"
+        with monkeypatch.context() as patch:
+            patch.setattr(certificates, life, timedelta(days=6))
+            for file in tmp_path.glob(f"{name.partition('.')[0]}.*"):
+                file.unlink()
+            certificates.ensure_certificates(tmp_path)
+            before = [(tmp_path / file).read_bytes() for file in ("ca.pem", "ca.key", "server.pem", "server.key")]
+    elif spoil == "swap":  # the half of another pair, as a kill between the two writes leaves it
+        (tmp_path / "other").mkdir(mode=0o700)
+        certificates.ensure_certificates(tmp_path / "other")
+        (tmp_path / "other" / name).replace(path)
+        shutil.rmtree(tmp_path / "other")
+    elif spoil != "keep":
+        path.unlink() if spoil == "remove" else path.write_bytes(b"?")
+    after = make()
+    kept = 0 if spoil != "keep" and name.startswith("ca") else 4 if spoil == "keep" else 2
+    assert [new == old for new, old in zip(after, before, strict=True)] == [True] * kept + [False] * (4 - kept)
+
+
+def test_what_the_service_keeps_is_open_to_nobody_else(start, tmp_path):
+    mask = os.umask(0)
+    try:
+        with start() as service:
+            service.sign_up(1)
+            modes = {path.name: path.stat().st_mode & 0o077 for path in tmp_path.rglob("*") if path.name != "log"}
+            assert modes.keys() > {"ca.key", "server.key", "service.db"} and set(modes.values()) == {0}
+    finally:
+        os.umask(mask)
+    tmp_path.chmod(0o750)
+    refused = subprocess.run([*COMMAND, "invite", "--state", tmp_path], capture_output=True, text=True)
+    assert refused.returncode == 1 and "is open to other users" in refused.stderr
+
+
+def test_the_operator_sees_everything_but_secrets(start, tmp_path):
+    with start() as service:
+        unused, token = service.invite(), service.sign_up(1).get_token()
+        address = service.rows("SELECT address FROM wallets")[0][0]
+        spent = service.rows("SELECT code FROM invites WHERE used_by IS NOT NULL")[0][0]
+        listed = json.loads(service.command("list", "--json"))
+        assert [(one["code"], one["used_by"]) for one in listed["invites"]] == [
+            (f"CORV-****-****-{unused[-4:]}", None), (spent, address),
+        ]  # fmt: skip
+        assert [one["address"] for one in listed["wallets"]] == [address]
+        assert listed["builds"] == [{"version": 1, "backtester": "1"}]
+        text = service.command("list")
+        for shown in ("Invites: 2, 1 unused", f"{spent}  made 2", f"used by {address}", "version 1  backtester 1"):
+            assert shown in text
+        for secret in (unused, token, sha256(token.encode()).hexdigest(), "PRIVATE KEY"):
+            assert secret not in text + json.dumps(listed)
+    nowhere = subprocess.run([*COMMAND, "list", "--state", tmp_path / "x"], capture_output=True, text=True)
+    assert nowhere.returncode == 1 and "There is no service in" in nowhere.stderr and not (tmp_path / "x").exists()
+    (tmp_path / "service.db").write_bytes(b"?" * 5000)
+    for name in ("list", "invite", "serve"):
+        spoilt = subprocess.run([*COMMAND, name, "--state", tmp_path], capture_output=True, text=True, timeout=30)
+        assert (spoilt.returncode, spoilt.stderr.count("\n")) == (1, 1) and "database" in spoilt.stderr
 
 
 def stored(service, content):
