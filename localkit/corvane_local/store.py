@@ -32,7 +32,7 @@ CREATE INDEX IF NOT EXISTS tokens_by_expiry ON tokens (expires_at);
 """
 _INVITE_ALPHABET = "23456789ABCDEFGHJKLMNPQRSTUVWXYZ"  # nothing that looks like something else
 _BUSY_TIMEOUT = 5.0  # seconds
-_CLEARED_AT_ONCE = 100  # rows; many more than each request adds, and few enough that nobody waits for them
+_CLEARED_AT_ONCE = 20  # rows; more than a request adds, and few enough that nobody waits for them
 
 
 class Refused(Exception):
