@@ -29,7 +29,6 @@ from corvane import auth, errors
 from corvane.sync import SyncManager
 from corvane.sync_backoff import ServiceBusy, SyncBackoff, SyncBackoffCancelled
 from corvane_local import certificates
-from corvane_local.app import MAX_BODY
 from corvane_local.failures import FailureLimit
 from corvane_local.store import Proof, Store
 
@@ -120,7 +119,7 @@ REFUSED = [
     (422, b""), (422, b"null"), (422, b"[]"), (422, b"{}"), (422, {"public_key": SECRET}), (422, {"public_key": None}),
     (422, {"public_key": "02" + "f" * 64}), (422, {"public_key": "\ud800"}), (422, FULL | {"challenge": SECRET}),
     (422, FULL | {"signature": SECRET + "x"}), (422, FULL | {"invite_code": SECRET}), (422, PROOF | {SECRET: SECRET}),
-    (413, b" " * (MAX_BODY + 1)), (413, iter([b" " * MAX_BODY, b" "])), (422, b"{}" + b" " * (MAX_BODY - 2)),
+    (413, b" " * 65_537), (413, iter([b" " * 65_536, b" "])), (422, b"{}" + b" " * 65_534),
 ]  # fmt: skip
 
 
