@@ -370,12 +370,9 @@ def doctor(agent: Agent, offline: bool) -> Result:
     """Examine the wallet, what was downloaded, the service, the clock and the agent host. Nothing is changed."""
     from corvane_cli import doctor as examination
 
-    online = () if offline else (examination.check_service,)
-    findings = examination.examine(agent, *examination.CHECKS, *online)
-    errors = sum(finding.severity == examination.ERROR for finding in findings)
-    code = Exit.ERRORS if errors else Exit.WARNINGS if findings else Exit.OK
-    lines = [*_paragraphs(findings), f"errors: {errors}, warnings: {len(findings) - errors}"]
-    return Result({"findings": [asdict(finding) for finding in findings], "errors": errors}, lines, code)
+    report = examination.diagnose(agent, not offline)
+    code = Exit.ERRORS if report.errors() else Exit.WARNINGS if report.findings else Exit.OK
+    return Result(report.data(), report.lines(), code)
 
 
 @_command("demo", "demo")
