@@ -236,10 +236,11 @@ def _read(path: Path) -> tuple[bytes, str, str, os.stat_result | None]:
         if os.path.islink(path):
             return b"", "unsafe", "it is a symbolic link", None
         return b"", "unreadable", f"cannot be opened: {exc.strerror}", None
+    status = os.fstat(fd)
+    if not stat.S_ISREG(status.st_mode):
+        os.close(fd)  # no file object can be made for a directory
+        return b"", "unsafe", "it is not a regular file", status
     with open(fd, "rb", buffering=0) as file:
-        status = os.fstat(fd)
-        if not stat.S_ISREG(status.st_mode):
-            return b"", "unsafe", "it is not a regular file", status
         if status.st_uid != os.getuid():
             return b"", "unsafe", f"it belongs to user {status.st_uid}", status
         if status.st_size > LONGEST_KEY:
