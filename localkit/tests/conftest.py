@@ -1,7 +1,6 @@
 """The local service as a process of its own, over real HTTPS, with its real database."""
 
 import contextlib
-import http.server
 import json
 import os
 import socketserver
@@ -10,6 +9,7 @@ import subprocess
 import sys
 import threading
 import time
+from http.server import BaseHTTPRequestHandler, HTTPServer
 from unittest import mock
 
 import httpx
@@ -70,7 +70,7 @@ def start(tmp_path):
 def planned():
     """A plain HTTP server that gives the answers of its plan in turn: status, headers, body."""
 
-    class Handler(http.server.BaseHTTPRequestHandler):
+    class Handler(BaseHTTPRequestHandler):
         def do_GET(self):
             server.asked_at.append(time.monotonic())
             status, headers, body = server.plan.pop(0)
@@ -80,7 +80,7 @@ def planned():
             self.end_headers()
             self.wfile.write(body)
 
-    with http.server.HTTPServer(("127.0.0.1", 0), Handler) as server:
+    with HTTPServer(("127.0.0.1", 0), Handler) as server:
         server.asked_at, server.url = [], f"http://127.0.0.1:{server.server_port}"
         threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
         yield server
