@@ -10,6 +10,7 @@ FROM_INDEX = || { echo "pip could not install it: is a package index reachable?"
 LOCKED := $(addprefix $(VENV)/.,run test lint ship agents fleet)
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
+CREATED := .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
 .PHONY: help demo test build-tools test-tools test-pythons test-agents test-fleet test-wheel test-arm lint bench proof wheel wheels install clean
@@ -84,8 +85,10 @@ install: $(VENV)/.installed ## Build the extension and the local kit and install
 build-tools: $(VENV)/.run # what make wheels and make test-pythons want of the environments of other interpreters
 test-tools: build-tools $(VENV)/.test $(VENV)/.data
 
-clean: ## Remove everything that make created
-	rm -rf .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
+clean: ## Remove everything that make created, unless somebody keeps a wallet there
+	@kept=$$(find $(CREATED) \( -name 'wallet.key*' -o -name service.db \) 2>/dev/null); [ -z "$$kept" ] \
+	 || { printf '%s\n' "Nothing was removed: these would be lost." "$$kept" "Move them elsewhere, then run it again."; exit 1; }
+	@for path in $(CREATED); do [ ! -e "$$path" ] || { echo "Removing $$path"; rm -rf "$$path"; }; done
 
 # An environment that was made of another interpreter than the one that is asked for is made anew.
 ifneq ($(and $(PYTHON),$(wildcard $(PY))),)

@@ -16,6 +16,7 @@ from matplotlib.figure import Figure
 
 from benchmarks.measure import Row, readable
 from benchmarks.operations import all_rows, shares_of_bootstrap
+from benchmarks.startup import LIMIT, startup_rows
 
 
 def draw(rows: list[Row], path: Path) -> None:
@@ -54,6 +55,9 @@ def main(picture: Path | None) -> None:
         click.echo("\nShare of each step of the local bootstrap, modules loaded before:")
         for name, share in shares_of_bootstrap().items():
             click.echo(f"   {name:<46}{share:6.1%}")
+        click.echo(f"\nProcessor time of a command over that of a bare interpreter (at most {LIMIT:g} s):")
+        for name, over in startup_rows(Path(temporary)):
+            click.echo(f"   {name:<46}{over:6.3f} s{'  slower' if over > LIMIT else ''}")
         os.chdir("/")
     if picture:
         draw(rows, picture)

@@ -12,9 +12,7 @@ The next sync finds what is there and goes on. From 2 to 4 it is a few renames.
 import contextlib
 import fcntl
 import json
-import logging
 import os
-import platform
 import re
 import threading
 import time
@@ -34,13 +32,12 @@ if TYPE_CHECKING:
     from corvane.manifest import FileEntry, Manifest
     from corvane.runtime_module_freshness import RuntimeFreshnessGuard
 
-CURRENT_PLATFORM = f"{platform.system()}-{platform.machine()}".lower()
+_HERE = os.uname()
+CURRENT_PLATFORM = f"{_HERE.sysname}-{_HERE.machine}".lower()
 """The platform tag of the running process, such as `linux-x86_64`."""
 
 LOCK_SECONDS = 60.0
 """How long a sync waits for one of another process, unless told otherwise."""
-
-_log = logging.getLogger(__name__)
 
 
 class SyncManager:
@@ -145,7 +142,9 @@ class SyncManager:
                 try:
                     callback(new["era_id"])
                 except Exception:
-                    _log.exception("A callback for a new era failed")
+                    import logging
+
+                    logging.getLogger(__name__).exception("A callback for a new era failed")
         return new, list(changed)
 
     def _load(self) -> None:

@@ -1,6 +1,5 @@
 """Tries again when the service cannot be reached, ever more patiently, until somebody calls it off."""
 
-import random
 import threading
 from collections.abc import Callable
 from typing import TypeVar
@@ -51,6 +50,8 @@ class SyncBackoff:
             SyncBackoffCancelled: `cancel` was called; the last failure is its cause.
             ConnectionError, TimeoutError: All attempts failed, or the service asks for a wait longer than `cap`.
         """
+        import random  # here, because it takes a while
+
         failure: Exception | None = None
         for attempt in range(1, self._attempts + 1):
             if self._cancelled.is_set():

@@ -11,6 +11,7 @@ import sys
 import time
 from functools import partial
 from hashlib import sha256
+from pathlib import Path
 
 import pytest
 
@@ -109,6 +110,19 @@ def test_a_kill_loses_no_wallet(service, shell):
             assert auth.AuthManager(f"0x{key}", service.url).get_wallet_address() == address
         made = shell.json(f"register --invite-code {code}", env=env)
         assert service.rows(f"SELECT used_by FROM invites WHERE code = '{code}'") == [(made["address"],)]
+
+
+def test_make_clean_removes_no_wallet(tmp_path):
+    (tmp_path / "Makefile").write_bytes(Path(__file__).parents[2].joinpath("Makefile").read_bytes())
+    (tmp_path / "build/plain").mkdir(parents=True)
+    for kept in (".venv/mine/wallet.key", "build/agent/wallet.key.backup-1", "build/service/service.db"):
+        (file := tmp_path / kept).parent.mkdir(parents=True, exist_ok=True)
+        file.write_text(KEY)
+        refused = subprocess.run(["make", "clean"], cwd=tmp_path, capture_output=True, text=True)
+        assert refused.returncode and kept in refused.stdout and file.read_text() == KEY
+        file.unlink()
+    done = subprocess.run(["make", "clean"], cwd=tmp_path, capture_output=True, text=True)
+    assert "Removing build" in done.stdout and [path.name for path in tmp_path.iterdir()] == ["Makefile"]
 
 
 PLANT = {
