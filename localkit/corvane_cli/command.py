@@ -267,6 +267,8 @@ def _explain(exc: BaseException) -> Failure:
         next_step = "Try again later, or with a longer --timeout SECONDS; nothing is lost."
         return Failure("The command has not finished in time.", Exit.TRY_AGAIN, next_step)
     text, chain = str(exc) or type(exc).__name__, list(_chain(exc))
+    if type(exc) is ConnectionError:  # the onboarding module's own text names no address and no reason
+        text = [str(link) for link in chain if type(link) is ConnectionError][-1]
     if any("CERTIFICATE_VERIFY_FAILED" in str(link) for link in chain):  # to try again would not help
         return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
     if any(isinstance(link, OSError) and link.errno in _NO_SPACE for link in chain):

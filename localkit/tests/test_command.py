@@ -109,6 +109,7 @@ def test_a_kill_loses_no_wallet(service, shell):
             key = (home / "wallet.key").read_text()
             assert auth.AuthManager(f"0x{key}", service.url).get_wallet_address() == address
         made = shell.json(f"register --invite-code {code}", env=env)
+        assert {path.name for path in home.iterdir()} == {"wallet.key", "session.json", "wallet.lock"}
         assert service.rows(f"SELECT used_by FROM invites WHERE code = '{code}'") == [(made["address"],)]
 
 
@@ -165,14 +166,8 @@ def test_a_picture_replaces_nothing_but_a_picture(picture, shell):
 def test_a_planted_key_is_refused_at_once(service, shell):
     service.sign_up(int(shell.secrets[0], 16))
     (real := shell.work / "real").write_text(shell.secrets[0])
-    long = f"{{ cat {real}; printf %5000s; }} >wallet.key"
-    for plant in (
-        f"ln -s {real} wallet.key",
-        "mkfifo wallet.key",
-        "truncate -s 9G wallet.key",
-        "mkdir wallet.key",
-        long,
-    ):
+    plants = [f"ln -s {real} wallet.key", "mkfifo wallet.key", "truncate -s 9G wallet.key", "mkdir wallet.key"]
+    for plant in (*plants, f"{{ cat {real}; printf %5000s; }} >wallet.key"):
         shell("login", shell.secrets[0])
         subprocess.run(["sh", "-ec", f"rm wallet.key; {plant}"], cwd=shell.home, check=True)
         for line in ("whoami", "status", "register", "sync", "login --replace"):
