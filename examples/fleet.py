@@ -18,6 +18,8 @@ import click
 import ray
 from tqdm import tqdm
 
+from corvane_cli.display import one_line
+
 LOCKS = ".locks"  # beside the data directories, in which nothing but the agents' own files belongs
 REPLACEMENTS = 3  # how often Ray starts another process for an agent whose process was killed
 
@@ -172,7 +174,7 @@ def main(agents: list[Agent], base: Path, server_url: str, at_once: int, attempt
         outcomes = dict(tqdm(results, total=len(agents), unit="agent", disable=None))
     width = max((len(agent.name) for agent in agents), default=0)
     for agent in agents:
-        click.echo(f"{agent.name:<{width}}  {outcomes[agent.name].text}")
+        click.echo(f"{agent.name:<{width}}  {one_line(outcomes[agent.name].text)}")  # what a service says is foreign
     failed = sum(not outcome.onboarded for outcome in outcomes.values())
     if failed:
         raise click.ClickException(f"{failed} of {len(agents)} agents are not onboarded; mend the cause and run again.")
