@@ -327,14 +327,16 @@ def check_session(agent: Agent) -> Iterator[Finding | Looked]:
         return  # which other checks say
     elif not path.exists():
         problem, reason = f"There is no session in {agent.data_dir}.", "without one the stored key is not used"
-        yield Finding("session", WARNING, problem, reason, f"{register} signs the stored wallet in.")
+        unknown = "with --invite-code CODE also one that the service does not know"
+        yield Finding("session", WARNING, problem, reason, f"{register} signs the stored wallet in; {unknown}.")
     elif session is None:
         path.read_bytes()  # what cannot be read is another matter
         problem, reason = f"{path} is not a session.", "without one the stored key is not used"
         yield Finding("session", ERROR, problem, reason, f"{register} writes it anew.")
     elif agent.is_pending():
         problem = f"The service has not accepted {session.address} yet, as far as is known."
-        next_step = f"`{_command('corvane register --invite-code CODE', agent)}` signs it up, or in if it was accepted."
+        again = _command("corvane register --invite-code CODE", agent)
+        next_step = f"`{again}` signs the stored wallet up, or in if it was accepted."
         yield Finding("session", WARNING, problem, "a sign-up was refused, or interrupted", next_step)
     elif session.address != key.address:
         problem = f"The session is of {session.address}, {key.path} of {key.address}."
