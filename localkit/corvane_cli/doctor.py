@@ -119,7 +119,7 @@ def _aside(path: Path) -> str:
 
 
 def _kind(path: Path) -> str | None:
-    """What a path is that is no regular file; None for one, and for nothing."""
+    """What stands at a path, if that is anything but a regular file."""
     try:
         mode = path.lstat().st_mode
     except FileNotFoundError:
@@ -505,7 +505,7 @@ def check_service(agent: Agent) -> Iterator[Finding | Looked]:
         problem, next_step = f"{url} is away or busy.", f"Try again later: `{_command('corvane doctor', agent)}`."
         yield Finding("service", WARNING, problem, meanwhile, next_step)
     elif fields.get("status") != "ok":
-        problem, reason = f"{url} is no Corvane service.", "it does not answer /health as one does"
+        problem, reason = f"{url} is not a Corvane service.", "it does not answer /health as one does"
         yield Finding("service", ERROR, problem, reason, f"Correct the address: {other}.")
     yield from _clock(_seconds(date), (began + time.time()) / 2)
     yield Looked("service", f"{url}, which answers in {(time.time() - began) * 1000:.0f} ms, and its clock")

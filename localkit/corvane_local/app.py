@@ -245,7 +245,7 @@ def _load_key(public_key: str) -> ec.EllipticCurvePublicKey:
     try:
         return ec.EllipticCurvePublicKey.from_encoded_point(ec.SECP256K1(), bytes.fromhex(public_key))
     except ValueError:
-        raise Refused(422, "bad_request", "The public key is no point of the curve") from None
+        raise Refused(422, "bad_request", "The public key is not a point of the curve") from None
 
 
 def _proof(body: LoginRequest) -> Proof:

@@ -402,8 +402,8 @@ HTML = b"<html><body>Welcome to the hotel</body></html>"
 ANSWERS = [
     (200, {"Content-Type": "text/html"}, HTML, "error", "a web page", "CORVANE_SERVER_URL=URL"),
     (200, {}, b"[]", "error", "not a JSON object", "CORVANE_SERVER_URL=URL"),
-    (200, {}, b'{"status": "well"}', "error", "is no Corvane service", "CORVANE_SERVER_URL=URL"),
-    (404, {}, b'{"error": "unknown"}', "error", "is no Corvane service", "CORVANE_SERVER_URL=URL"),
+    (200, {}, b'{"status": "well"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
+    (404, {}, b'{"error": "unknown"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
     (302, {"Location": "https://hotel.example/"}, b"", "error", "redirects to https://hotel", "CORVANE_SERVER_URL=URL"),
     (502, {"Content-Type": "text/html"}, HTML, "warning", "away or busy", "corvane doctor"),
     (429, {}, b"{}", "warning", "away or busy", "corvane doctor"),
