@@ -40,9 +40,9 @@ TESTS = (
     ("corvane_cli/display.py", "display", ""),
     ("corvane_cli/", "cli command", ""),
     ("corvane_local/certificates.py", "service", "certificates or keeps"),
-    ("corvane_local/connections.py", "service", "slow or sign_up"),
+    ("corvane_local/connections.py", "service", "slow or sign_up or connections"),
     ("corvane_local/failures.py", "service", "failures"),
-    ("corvane_local/releases.py", "service journey", "published or journey"),
+    ("corvane_local/releases.py", "service journey", "published or journey or keeps"),
     ("corvane_local/eras.py", "service journey", "published or journey"),
     (
         "corvane_local/",
@@ -56,7 +56,17 @@ OPPOSITE: dict[type[ast.cmpop], type[ast.cmpop]] = {
 }  # fmt: skip
 
 # File, what stands on the line, why the tests cannot notice.
-EXPLAINED: tuple[tuple[str, str, str], ...] = ()
+EXPLAINED = (
+    ("corvane_local/certificates.py", "os.fsync", "matters after a power cut"),
+    ("corvane_local/certificates.py", "lasts = ", "the very microsecond"),
+    (
+        "corvane_local/connections.py",
+        "self._deadline.cancel()",
+        "a clock that runs out on a closed connection does nothing",
+    ),
+    ("corvane_local/failures.py", "get(name, 0.0)", "whatever lies in the past is long forgotten"),
+    ("corvane_local/failures.py", "if at > now", "the very nanosecond"),
+)
 
 
 class Mutant(NamedTuple):

@@ -21,7 +21,7 @@ from corvane_local.app import create_app
 from corvane_local.certificates import ensure_certificates
 from corvane_local.connections import MAX_HEAD, Connection
 from corvane_local.releases import publish
-from corvane_local.store import Store
+from corvane_local.store import CHALLENGE_SECONDS, TOKEN_SECONDS, Store
 
 FILES = "files"  # the directory of what is published, below the state
 
@@ -30,11 +30,11 @@ STATE = click.option(
 )
 
 
-def _open_store(state: Path, challenge_seconds: float = 120.0, token_seconds: float = 3600.0) -> Store:
+def _open_store(state: Path, **seconds: float) -> Store:
     state.mkdir(mode=0o700, parents=True, exist_ok=True)
     if state.stat().st_mode & 0o077:  # not changed here: it may be a directory that others need
         raise click.ClickException(f"{state} is open to other users; choose another directory, or chmod 700 it.")
-    return Store(state / "service.db", challenge_seconds, token_seconds)
+    return Store(state / "service.db", **seconds)
 
 
 class Group(click.Group):
@@ -44,8 +44,6 @@ class Group(click.Group):
         """Runs one of them."""
         try:
             return super().invoke(ctx)
-        except BrokenPipeError:
-            raise  # whoever read the output has gone, which click ends quietly
         except OSError as exc:
             raise click.ClickException(f"{exc.filename}: {exc.strerror}." if exc.filename else str(exc)) from exc
         except sqlite3.DatabaseError as exc:
@@ -61,8 +59,10 @@ def main() -> None:
 @main.command()
 @STATE
 @click.option("--port", default=8443, show_default=True, type=click.IntRange(0, 65535), help="0 takes a free one.")
-@click.option("--challenge-seconds", default=120.0, show_default=True, help="How long a challenge can be answered.")
-@click.option("--token-seconds", default=3600.0, show_default=True, help="How long a token is good.")
+@click.option(
+    "--challenge-seconds", default=CHALLENGE_SECONDS, show_default=True, help="How long a challenge can be answered."
+)
+@click.option("--token-seconds", default=TOKEN_SECONDS, show_default=True, help="How long a token is good.")
 @click.option("--failure-seconds", default=60.0, show_default=True, help="When all failed sign-ins are forgotten.")
 @click.option("--exchange-seconds", default=20.0, show_default=True, help="How long a request and its answer may take.")
 def serve(
@@ -78,7 +78,7 @@ def serve(
     The first line printed is the address, once it can be reached; the second says which certificate authority clients
     must trust.
     """
-    store = _open_store(state, challenge_seconds, token_seconds)
+    store = _open_store(state, challenge_seconds=challenge_seconds, token_seconds=token_seconds)
     publish(store, state / FILES)
     authority, certificate, key = ensure_certificates(state)
     listener = socket.socket(proto=socket.IPPROTO_TCP)  # asyncio turns Nagle's algorithm off only where it sees TCP

@@ -30,6 +30,7 @@ CREATE TABLE IF NOT EXISTS releases
 CREATE INDEX IF NOT EXISTS challenges_by_expiry ON challenges (expires_at);
 CREATE INDEX IF NOT EXISTS tokens_by_expiry ON tokens (expires_at);
 """
+CHALLENGE_SECONDS, TOKEN_SECONDS = 120.0, 3600.0
 _INVITE_ALPHABET = "23456789ABCDEFGHJKLMNPQRSTUVWXYZ"  # nothing that looks like something else
 _BUSY_TIMEOUT = 5.0  # seconds
 _CLEARED_AT_ONCE = 20  # rows; more than a request adds, and few enough that nobody waits for them
@@ -107,7 +108,9 @@ class Store:
         token_seconds: How long a token is good.
     """
 
-    def __init__(self, path: Path, challenge_seconds: float = 120.0, token_seconds: float = 3600.0) -> None:
+    def __init__(
+        self, path: Path, challenge_seconds: float = CHALLENGE_SECONDS, token_seconds: float = TOKEN_SECONDS
+    ) -> None:
         self._path = path
         self._challenge_seconds = challenge_seconds
         self._token_seconds = token_seconds

@@ -104,6 +104,8 @@ def test_keys_do_not_show_and_go_nowhere_else():
 
 def test_only_what_is_published_is_served(service):
     token = service.sign_up(3).get_token()
+    eras = [(era["era_id"], era["state"]) for era in service.get("/eras", token).json()["eras"]]
+    assert eras == [(1, "closed"), (2, "closed"), (3, "active")]
     manifest = service.get("/runtime/manifest", token).json()
     for path in ("", "manifest.json", "%2e%2e/service.db", "/etc/passwd", "era_config.json%00", "%ff", "x" * 9000):
         assert service.get(f"/runtime/files/{path}", token).status_code == 404
@@ -209,6 +211,29 @@ def test_slow_clients_are_cut_off_and_block_nobody(start):
         assert time.monotonic() - began < 9
 
 
+def test_too_many_connections_cost_nobody_an_answer_that_is_being_made(start):
+    with start() as service, contextlib.ExitStack() as stack:
+        address, trust = ("127.0.0.1", int(service.url.rpartition(":")[2])), ssl.create_default_context()
+
+        def connect():
+            plain = stack.enter_context(socket.create_connection(address))
+            return stack.enter_context(trust.wrap_socket(plain, server_hostname=address[0]))
+
+        busy, first = connect(), connect()
+        db = stack.enter_context(contextlib.closing(sqlite3.connect(service.state / "service.db")))
+        db.execute("BEGIN IMMEDIATE")  # for which the service waits
+        body = json.dumps(PROOF).encode()
+        busy.sendall(b"POST /auth/challenge HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n")
+        busy.sendall(f"Content-Length: {len(body)}\r\n\r\n".encode() + body)
+        last = [connect() for _ in range(500)][-1]
+        first.settimeout(5)
+        with contextlib.suppress(ConnectionError):
+            assert first.recv(1) == b""  # the one that has waited longest for its client
+        assert busy.recv(99).startswith(b"HTTP/1.1 503")
+        last.sendall(b"GET /health HTTP/1.1\r\nHost: x\r\n\r\n")
+        assert last.recv(99).startswith(b"HTTP/1.1 200")
+
+
 def test_tokens_run_out(start):
     with start("--token-seconds", "4.5") as service:
         manager = service.sign_up(1)
@@ -268,8 +293,10 @@ def test_expired_rows_are_cleared_away_and_no_sign_in_scans_a_table(tmp_path, mo
             db.executemany(f"INSERT INTO {table} VALUES (?, ?, ?)", rows)
         monkeypatch.setattr(sqlite3, "connect", functools.partial(sqlite3.connect, factory=Traced))
         for _ in range(4):
-            challenge, _ = store.make_challenge("key")
-            token, _ = store.sign_up(Proof("0x1", "key", challenge, True), code)
+            challenge, answerable = store.make_challenge("key")
+            began = time.time()
+            token, expires = store.sign_up(Proof("0x1", "key", challenge, True), code)
+            assert began + 3600 <= expires <= time.time() + 3600 and began - 1 + 120 < answerable < time.time() + 120
         assert store.wallet_of(token)[0] == "0x1"
         for table, added in (("challenges", 0), ("tokens", 4)):  # each challenge was used, each token is kept
             old, alive = (f"SELECT count(*) FROM {table} WHERE expires_at {sign} {now}" for sign in "<>")
@@ -278,7 +305,7 @@ def test_expired_rows_are_cleared_away_and_no_sign_in_scans_a_table(tmp_path, mo
         assert len(plans) >= 18 and not [plan for plan in plans if "SCAN" in str(plan)]
 
 
-@pytest.mark.parametrize("spoil", ["remove", "garble", "expire", "swap", "keep"])
+@pytest.mark.parametrize("spoil", ["remove", "garble", "expire", "swap", "last"])
 @pytest.mark.parametrize("name", ["ca.pem", "ca.key", "server.pem", "server.key"])
 def test_certificates_are_replaced_when_they_are_of_no_use(tmp_path, monkeypatch, name, spoil):
     def make():
@@ -287,14 +314,14 @@ def test_certificates_are_replaced_when_they_are_of_no_use(tmp_path, monkeypatch
         loaded = [x509.load_pem_x509_certificate(path.read_bytes()) for path in (authority, pair[0])]
         loaded[1].verify_directly_issued_by(loaded[0])
         assert {path.stat().st_mode & 0o777 for path in tmp_path.iterdir()} == {0o600}
-        assert all(one.not_valid_after_utc - datetime.now(UTC) > timedelta(days=8) for one in loaded)
+        assert all(one.not_valid_after_utc - datetime.now(UTC) > timedelta(days=7) for one in loaded)
         return [(tmp_path / file).read_bytes() for file in ("ca.pem", "ca.key", "server.pem", "server.key")]
 
     before, path = make(), tmp_path / name
-    if spoil == "expire":
+    if spoil in ("expire", "last"):
         life = "_AUTHORITY_LIFE" if name.startswith("ca") else "_SERVER_LIFE"
         with monkeypatch.context() as patch:
-            patch.setattr(certificates, life, timedelta(days=6))
+            patch.setattr(certificates, life, timedelta(days=7, minutes=1 if spoil == "last" else -1))
             for file in tmp_path.glob(f"{name.partition('.')[0]}.*"):
                 file.unlink()
             certificates.ensure_certificates(tmp_path)
@@ -304,10 +331,10 @@ def test_certificates_are_replaced_when_they_are_of_no_use(tmp_path, monkeypatch
         certificates.ensure_certificates(tmp_path / "other")
         (tmp_path / "other" / name).replace(path)
         shutil.rmtree(tmp_path / "other")
-    elif spoil != "keep":
+    else:
         path.unlink() if spoil == "remove" else path.write_bytes(b"?")
     after = make()
-    kept = 0 if spoil != "keep" and name.startswith("ca") else 4 if spoil == "keep" else 2
+    kept = 4 if spoil == "last" else 0 if name.startswith("ca") else 2
     assert [new == old for new, old in zip(after, before, strict=True)] == [True] * kept + [False] * (4 - kept)
 
 
@@ -327,20 +354,21 @@ def test_what_the_service_keeps_is_open_to_nobody_else(start, tmp_path):
 
 def test_the_operator_sees_everything_but_secrets(start, tmp_path):
     with start() as service:
-        unused, token = service.invite(), service.sign_up(1).get_token()
+        other, token, unused = service.invite(), service.sign_up(1).get_token(), service.invite()
         address = service.rows("SELECT address FROM wallets")[0][0]
         spent = service.rows("SELECT code FROM invites WHERE used_by IS NOT NULL")[0][0]
         listed = json.loads(service.command("list", "--json"))
         assert [(one["code"], one["used_by"]) for one in listed["invites"]] == [
-            (f"CORV-****-****-{unused[-4:]}", None), (spent, address),
+            (f"CORV-****-****-{other[-4:]}", None), (spent, address), (f"CORV-****-****-{unused[-4:]}", None),
         ]  # fmt: skip
         assert [one["address"] for one in listed["wallets"]] == [address]
         assert listed["builds"] == [{"version": 1, "backtester": "1"}]
         text = service.command("list")
-        for shown in ("Invites: 2, 1 unused", f"{spent}  made 2", f"used by {address}", "version 1  backtester 1"):
+        for shown in ("Invites: 3, 2 unused", f"{spent}  made 2", f"used by {address}", "version 1  backtester 1"):
             assert shown in text
-        for secret in (unused, token, sha256(token.encode()).hexdigest(), "PRIVATE KEY"):
+        for secret in (other, unused, token, sha256(token.encode()).hexdigest(), "PRIVATE KEY"):
             assert secret not in text + json.dumps(listed)
+    assert subprocess.run([*COMMAND, "list"], capture_output=True).returncode == 2
     nowhere = subprocess.run([*COMMAND, "list", "--state", tmp_path / "x"], capture_output=True, text=True)
     assert nowhere.returncode == 1 and "There is no service in" in nowhere.stderr and not (tmp_path / "x").exists()
     (tmp_path / "service.db").write_bytes(b"?" * 5000)
