@@ -57,6 +57,7 @@ OPPOSITE: dict[type[ast.cmpop], type[ast.cmpop]] = {
 
 # File, what stands on the line, why the tests cannot notice.
 EXPLAINED = (
+    ("corvane_cli/doctor.py", "include_url=False", "what is left out is not shown either"),
     ("corvane_local/certificates.py", "os.fsync", "matters after a power cut"),
     ("corvane_local/certificates.py", "lasts = ", "the very microsecond"),
     (
