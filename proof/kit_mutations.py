@@ -57,6 +57,8 @@ OPPOSITE: dict[type[ast.cmpop], type[ast.cmpop]] = {
 
 # File, what stands on the line, why the tests cannot notice.
 EXPLAINED = (
+    ("corvane/_http.py", "timeout=None, trust_env=False", "with a transport of its own the environment is not asked"),
+    ("corvane/_http.py", "if (left := ", "the very nanosecond"),
     ("corvane_cli/doctor.py", "include_url=False", "what is left out is not shown either"),
     ("corvane_local/certificates.py", "os.fsync", "matters after a power cut"),
     ("corvane_local/certificates.py", "lasts = ", "the very microsecond"),

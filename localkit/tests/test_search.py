@@ -10,6 +10,8 @@ from array import array
 from bisect import bisect_left
 from collections import Counter
 from importlib import resources, util
+from itertools import islice
+from types import SimpleNamespace
 
 import numpy as np
 import pytest
@@ -17,7 +19,9 @@ from hypothesis import given
 from hypothesis import strategies as st
 
 import corvane
-from corvane import _runtime, agent_onboarding, search_templates
+from corvane import _runtime, agent_onboarding, errors, search_templates
+from corvane._batch import Expression, FunctionRegistry, compute_search_plan
+from corvane._evaluation import Vault
 
 DAYS, RANDOM = 80, np.random.default_rng(7)
 X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
@@ -187,3 +191,61 @@ def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap):
     assert (result.total_return, result.max_drawdown) == pytest.approx((capital[-1] - 1, fall))
     ratios = [p.mean() / p.std() * 252**0.5 for p in (profit, profit[:train], profit[train:])]
     assert [result.sharpe, result.train_sharpe, result.rest_sharpe] == pytest.approx(ratios)
+
+
+ERA_3 = {"era_id": 3, "named_universe": "us", "signal_pools": [{"id": "p", "name": "P", "allowed_named_universes": []}]}
+FULL = {"inputs": ["AAPL"], "functions": ["abs"], "windows": [5]}
+UNFIT = [
+    (lambda: FunctionRegistry(("what",), ("AAPL",), (5,), {"abs": (1, 0)}), "has no function what"),
+    (lambda: _runtime._normalize_era_config(ERA_3, {"era_id": 2}), "are of different eras"),
+    (lambda: _runtime._normalize_era_config(ERA_3 | {"cost": math.nan}, {}), "finite number"),
+    (lambda: _runtime._normalize_era_config(ERA_3 | {"horizon_days": "5"}, {}), "valid integer"),
+    (lambda: _runtime._build_function_registry(FULL | {"inputs": []}, ERA_3), "era 3 lacks inputs or windows"),
+    (lambda: _runtime._build_function_registry(FULL | {"windows": []}, ERA_3), "era 3 lacks inputs or windows"),
+    (lambda: search_templates.start_search(max_evaluations=0), "must be at least 1"),
+    (lambda: search_templates.start_search(n_jobs=0), "must be at least 1"),
+    (lambda: search_templates.start_search(seconds=0), "seconds more than 0"),
+    (lambda: search_templates.start_search(seed=2**63), "seed must be from 0"),
+    (lambda: search_templates.start_search("what"), "Unknown template 'what'"),
+]
+
+
+@pytest.mark.parametrize(("act", "reason"), UNFIT)
+def test_what_does_not_fit_is_refused(act, reason):
+    with pytest.raises(ValueError, match=reason):
+        act()
+
+
+def test_a_plan_is_the_same_for_the_same_seed_and_gaps_are_filled():
+    arities = {"mean": (1, 1), "abs": (1, 0)}
+    plan = compute_search_plan(FunctionRegistry(("mean", "abs"), ("AAPL", "IBM"), (5, 10), arities), 7)
+    texts = ["mean(mean(AAPL, 10), 5)", "mean(IBM, 10)", "AAPL", "mean(mean(mean(IBM, 5), 5), 5)"]
+    assert [expression.text for expression in islice(plan, 6)] == [
+        *texts, "mean(((IBM - AAPL) * AAPL), 5)", "abs(abs(abs(IBM)))",
+    ]  # fmt: skip
+    assert Expression(texts[0]).windows == {5, 10} and Expression(texts[0]).functions == {"mean"}
+    assert _runtime._build_function_registry(FULL | {"functions": [], "windows": []}, ERA_3).functions == ()
+    filled = _runtime._normalize_era_config(ERA_3, {"era_id": 3})
+    assert filled["thresholds"] == {"correlation": 0.1, "mutual_information": 0.2, "sharpe": 0.5}
+    assert (filled["horizon_days"], filled["train_days"], filled["cost"]) == (5, 1500, 0.0005)
+
+
+def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap, tmp_path):
+    runtime, simulate = bootstrap(service), corvane.simulate_signal
+    with pytest.raises(ValueError, match="There is no instrument 'MSF'; there are AAPL, "):
+        simulate("delta(IBM, 5)", instrument="MSF")
+    with pytest.raises(ValueError, match="does not use just one instrument"):
+        simulate("AAPL - IBM")
+    assert simulate("AAPL - IBM", instrument="MSFT").instrument == "MSFT"
+    with pytest.raises(ValueError, match="does not allow the windows 7; it allows 5, 10"):
+        simulate("delta(IBM, 7)")
+    evaluator, series = runtime.evaluator, dict(ERA.SERIES)
+    evaluator.vault = Vault(SimpleNamespace(SERIES=series, DATES=ERA.DATES, SEAL=b"another"))
+    with pytest.raises(errors.RuntimeModuleReloadFailed, match="The backtester refuses the data: .* the seal"):
+        evaluator.raw_backtester = B
+    manifest = tmp_path / "agent/manifest.json"
+    manifest.write_text("[]")
+    with pytest.raises(ValueError, match=r"manifest\.json holds no JSON object"):
+        runtime.runtime_freshness_guard.refresh()
+    with pytest.raises(errors.RuntimeModuleDownloadIncomplete, match=r"does not name era_config\.json"):
+        _runtime._verified_json(str(tmp_path), {"files": {}}, "era_config.json")
