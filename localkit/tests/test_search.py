@@ -241,7 +241,7 @@ def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap, tmp_pa
         simulate("delta(IBM, 7)")
     evaluator, series = runtime.evaluator, dict(ERA.SERIES)
     evaluator.vault = Vault(SimpleNamespace(SERIES=series, DATES=ERA.DATES, SEAL=b"another"))
-    with pytest.raises(errors.RuntimeModuleReloadFailed, match="The backtester refuses the data: .* the seal"):
+    with pytest.raises(errors.RuntimeModuleReloadFailed, match=r"The backtester refuses the data: .* the seal"):
         evaluator.raw_backtester = B
     manifest = tmp_path / "agent/manifest.json"
     manifest.write_text("[]")
