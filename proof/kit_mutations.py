@@ -38,6 +38,13 @@ TESTS = (
     ("corvane/", "search", ""),
     ("corvane_cli/doctor.py", "doctor", ""),
     ("corvane_cli/display.py", "display", ""),
+    ("corvane_cli/interrupts.py", "command", "ctrl or drips or output"),
+    ("corvane_cli/identity.py", "cli command", "login or environment or planted or stored or refused or spends"),
+    (
+        "corvane_cli/command.py",
+        "command cli",
+        "answers or output or options or narrow or wrong or drips or refused or help",
+    ),
     ("corvane_cli/", "cli command", ""),
     ("corvane_local/certificates.py", "service", "certificates or keeps"),
     ("corvane_local/connections.py", "service", "slow or sign_up or connections"),
