@@ -64,6 +64,8 @@ OPPOSITE: dict[type[ast.cmpop], type[ast.cmpop]] = {
 
 # File, what stands on the line, why the tests cannot notice.
 EXPLAINED = (
+    ("corvane/_runtime.py", "slice(0, 1)", "any few days show whether an expression is well-formed"),
+    ("corvane/errors.py", "super().__init__(message)", "BaseException.__new__ has noted the message"),
     ("corvane/_http.py", "timeout=None, trust_env=False", "with a transport of its own the environment is not asked"),
     ("corvane/_http.py", "if (left := ", "the very nanosecond"),
     ("corvane_cli/doctor.py", "include_url=False", "what is left out is not shown either"),

@@ -22,6 +22,7 @@ import corvane
 from corvane import _runtime, agent_onboarding, errors, search_templates
 from corvane._batch import Expression, FunctionRegistry, compute_search_plan
 from corvane._evaluation import Vault
+from corvane.runtime_module_freshness import is_runtime_module_kind, runtime_module_name_from_kind
 
 DAYS, RANDOM = 80, np.random.default_rng(7)
 X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
@@ -249,3 +250,32 @@ def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap, tmp_pa
         runtime.runtime_freshness_guard.refresh()
     with pytest.raises(errors.RuntimeModuleDownloadIncomplete, match=r"does not name era_config\.json"):
         _runtime._verified_json(str(tmp_path), {"files": {}}, "era_config.json")
+
+
+def test_a_running_runtime_follows_builds_and_eras(start, bootstrap, tmp_path):
+    (tmp_path / "HEARTBEAT.md").write_text("# Mine")
+    with start() as service:
+        runtime = bootstrap(service)
+        syncs, evaluator, manifest = runtime.sync_manager, runtime.evaluator, tmp_path / "agent/manifest.json"
+        assert (
+            runtime.load_vocabulary() == runtime.load_vocabulary("us_large") and evaluator.raw_backtester.VERSION == "1"
+        )
+        service.command("publish", "--backtester", "2")
+        assert len(syncs.request_for_sync()) == 1
+        runtime.runtime_freshness_guard.refresh()
+        assert {runtime.raw_backtester.VERSION, evaluator.raw_backtester.VERSION} == {"2"}
+        told = []
+        for close in (lambda: None, _runtime.close_runtime):
+            close()
+            manifest.write_text(manifest.read_text().replace('"era_id": 3', '"era_id": 2'))
+            assert syncs.sync()["era_id"] == 3
+            told.append((tmp_path / "HEARTBEAT.md").read_text())
+        assert told[0] == told[1] and "New era" in told[0]
+
+
+KINDS = {"runtime_module:a": "a", "runtime_module:": None, "runtime_module:a b": None, "vocabulary_of_the_era": None}
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_a_native_module_has_a_name_that_can_be_imported(kind):
+    assert runtime_module_name_from_kind(kind) == KINDS[kind] and is_runtime_module_kind(kind) == bool(KINDS[kind])

@@ -88,6 +88,8 @@ def test_signing_in_takes_the_key_itself_and_a_fresh_challenge_of_it(service, pa
 def test_keys_do_not_show_and_go_nowhere_else():
     key = "11" * 32
     manager = auth.AuthManager("0x" + key, "https://localhost")
+    one = auth.AuthManager(f"0x{1:064x}", "https://localhost")
+    assert one.get_wallet_address() == "0x0f715baf5d4c2ed329785cef29e562f73488c8a2"
     assert key not in repr(manager) + str(vars(manager))
     with pytest.raises(TypeError, match="cannot be pickled"):
         pickle.dumps(manager)
