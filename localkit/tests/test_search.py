@@ -2,6 +2,7 @@
 
 import dataclasses
 import math
+import sqlite3
 import subprocess
 import sys
 import time
@@ -9,6 +10,7 @@ import urllib.request
 from array import array
 from bisect import bisect_left
 from collections import Counter
+from contextlib import closing
 from importlib import resources, util
 from itertools import islice
 from types import SimpleNamespace
@@ -23,6 +25,7 @@ from corvane import _runtime, agent_onboarding, errors, search_templates
 from corvane._batch import Expression, FunctionRegistry, compute_search_plan
 from corvane._evaluation import Vault
 from corvane.runtime_module_freshness import is_runtime_module_kind, runtime_module_name_from_kind
+from corvane.search_tracking import SearchTracker
 
 DAYS, RANDOM = 80, np.random.default_rng(7)
 X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
@@ -279,3 +282,23 @@ KINDS = {"runtime_module:a": "a", "runtime_module:": None, "runtime_module:a b":
 @pytest.mark.parametrize("kind", KINDS)
 def test_a_native_module_has_a_name_that_can_be_imported(kind):
     assert runtime_module_name_from_kind(kind) == KINDS[kind] and is_runtime_module_kind(kind) == bool(KINDS[kind])
+
+
+def test_velocity_and_suggestions_are_counted(tmp_path, monkeypatch):
+    monkeypatch.setattr(agent_onboarding, "_config", agent_onboarding._config | {"data_dir": str(tmp_path)})
+    tracker, names = SearchTracker(tmp_path), {"function": ["abs", "log", "rank", "sign"], "input": ["IBM"]}
+    run = tracker.begin_run("random_expressions", 1, names)
+    tried = {"abs": 50, "log": 45, "rank": 5}
+    tracker.note(run, 100, 9, {("function", name): count for name, count in tried.items()}, "finished")
+    with closing(sqlite3.connect(tmp_path / "search.db", isolation_level=None)) as db:
+        for hours, rate in {0: 0.0, 2: 4.0}.items():
+            db.execute("UPDATE runs SET noted_at = started_at + ?", (hours * 3600,))
+            signal = search_templates.FoundSignal(3, "p", "IBM", "log(IBM)", 0.1, 0.2, 0.7, 0.1, 0.7, 90, 0.0)
+            for number in range(1, 8 if hours == 0 else 2):
+                assert tracker.add_signal(signal, [("function", "log")])[1] == number + (7 if hours else 0)
+            trend = "up" if hours else "unknown"
+            assert corvane.get_search_velocity() == search_templates.SearchVelocity(rate, trend)
+    found = [(one.reason, one.use.name, one.use.tried, one.use.found) for one in corvane.get_suggestions()]
+    assert found == [("promising", "log", 45, 8), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
+    for values, changes in (([1] * 9 + [-1], True), ([1] * 9 + [0], False), ([-1] * 95 + [1] * 5, False)):
+        assert search_templates._changes_side(memoryview(np.array(values, float))) is changes
