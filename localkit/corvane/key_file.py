@@ -24,13 +24,14 @@ def make_key(data_dir: str | os.PathLike[str]) -> None:
 def write_whole(path: Path, content: bytes, *, replace: bool) -> None:
     """Makes a file of mode 0600, flushed to disk under its name; after a failure or a kill, all is as it was before.
 
-    The caller sees to it that no two do so at once for the same path. NAME.new, which a kill may leave, is made anew.
+    The caller sees to it that no two do so at once for the same path. A kill may leave `.NAME.new`, which the next call
+    replaces.
 
     Raises:
         FileExistsError: There is something at the path, and it is not to be replaced.
         OSError: The file cannot be written.
     """
-    new = path.with_name(path.name + ".new")
+    new = path.with_name(f".{path.name}.new")
     new.unlink(missing_ok=True)
     descriptor = os.open(new, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
     try:

@@ -216,8 +216,9 @@ class Agent:
                 fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
             except BlockingIOError:
                 raise BlockingIOError(f"Another command is changing the wallet in {self.data_dir}.") from None
-            for name in ("wallet.key.new", "session.json.new"):  # of a command that was killed
-                (self.data_dir / name).unlink(missing_ok=True)
+            for pattern in (".wallet.key*.new", ".session.json.new"):  # of a command that was killed
+                for path in self.data_dir.glob(pattern):
+                    path.unlink()
             yield
 
 
