@@ -170,7 +170,7 @@ class Group(_Prints, click.Group):
             return exc.exit_code
         except (Exception, KeyboardInterrupt) as exc:
             interrupts.disarm()
-            if isinstance(exc, click.Abort) or type(exc) is KeyboardInterrupt:
+            if interrupts.was_interrupted or isinstance(exc, click.Abort):
                 interrupts.report()
                 return Exit.INTERRUPTED
             if verbose and not isinstance(exc, click.UsageError):
@@ -263,10 +263,10 @@ def _explain(exc: BaseException) -> Failure:
     if isinstance(exc, click.UsageError):
         command = exc.ctx.command_path if exc.ctx else "corvane"
         return Failure(exc.format_message(), Exit.USAGE, f"`{command} --help` shows what there is, with examples.")
-    if isinstance(exc, interrupts.OutOfTime):
+    text, chain = str(exc) or type(exc).__name__, list(_chain(exc))
+    if any(isinstance(link, interrupts.OutOfTime) for link in chain):
         next_step = "Try again later, or with a longer --timeout SECONDS; nothing is lost."
         return Failure("The command has not finished in time.", Exit.TRY_AGAIN, next_step)
-    text, chain = str(exc) or type(exc).__name__, list(_chain(exc))
     if type(exc) is ConnectionError:  # the onboarding module's own text names no address and no reason
         text = [str(link) for link in chain if type(link) is ConnectionError][-1]
     if any("CERTIFICATE_VERIFY_FAILED" in str(link) for link in chain):  # to try again would not help

@@ -4,13 +4,16 @@ While a command works, both raise an exception, so that it tidies up. Before and
 ends, an exception could get lost or become a traceback: there Ctrl-C says its line and ends the process at once.
 """
 
+# Not signal, which first makes enumerations: Ctrl-C in that time would be a traceback.
+import _signal as signal  # type: ignore[import-not-found]
 import os
-import signal
 import sys
-from types import FrameType
 
 STATUS = 130
 NEXT_STEP = "Run it again; what was found or downloaded before is kept."
+
+was_interrupted = False
+"""Whether Ctrl-C has raised KeyboardInterrupt; tidying up after it may have raised something else instead."""
 
 _raises = False
 
@@ -64,16 +67,16 @@ def report() -> None:
         return  # nobody can be told; the exit status still says it
 
 
-def _interrupted(number: int, frame: FrameType | None) -> None:
-    global _raises
+def _interrupted(number: int, frame: object) -> None:
+    global _raises, was_interrupted
     if _raises:
-        _raises = False  # the second one does not wait for the tidying up
+        _raises, was_interrupted = False, True  # the second one does not wait for the tidying up
         raise KeyboardInterrupt
     report()
     os._exit(STATUS)
 
 
-def _out_of_time(number: int, frame: FrameType | None) -> None:
+def _out_of_time(number: int, frame: object) -> None:
     if _raises:
         raise OutOfTime
 

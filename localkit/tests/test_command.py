@@ -252,6 +252,28 @@ def test_ctrl_c_ends_with_one_line_at_every_moment(line, service, shell):
     assert outcomes.count(130) >= 4
 
 
+UNTIDY = """import os, signal, sys
+from corvane_cli import command, interrupts
+interrupts.begin()
+group = command.Group("corvane")
+
+@group.command(cls=command.Command)
+def untidy():
+    try:
+        os.kill(os.getpid(), signal.SIGINT)
+    finally:
+        os.close(99)
+
+sys.exit(group.run(["untidy"]))"""
+
+
+def test_ctrl_c_is_told_whatever_the_tidying_up_raises(shell):
+    catch = partial(signal.signal, signal.SIGINT, signal.SIG_DFL)
+    command = [sys.executable, "-BPc", UNTIDY]
+    done = subprocess.run(command, capture_output=True, text=True, env=shell.env, preexec_fn=catch, timeout=60)
+    assert (done.returncode, done.stderr.count("\n")) == (130, 1) and done.stderr.startswith("Interrupted. Next: ")
+
+
 CLOSED = "Standard output is closed."
 FULL = "cannot be written to standard output: No space left on device."
 OUTPUTS = {">/dev/full": FULL, ">&-": CLOSED, "<&- >&-": CLOSED, "| true": "Broken pipe."}
