@@ -33,8 +33,9 @@ TESTS = (
     ("corvane/sync.py", "service http command", "paths or spoilt or cut or kill_at or back_off or sync"),
     ("corvane/runtime_module_freshness.py", "search journey", ""),
     ("corvane/key_file.py", "command cli", "key or kill or disk or login"),
-    ("corvane/skills.py", "journey cli", "journey or help"),
+    ("corvane/skills.py", "search", "skills"),
     ("corvane/_runtime.py", "search journey", ""),
+    ("corvane/simulate_signal.py", "search command cli", "profit or takes or picture or a_day"),
     ("corvane/", "search", ""),
     ("corvane_cli/doctor.py", "doctor", ""),
     ("corvane_cli/display.py", "display", ""),
@@ -65,6 +66,7 @@ OPPOSITE: dict[type[ast.cmpop], type[ast.cmpop]] = {
 # File, what stands on the line, why the tests cannot notice.
 EXPLAINED = (
     ("corvane/_runtime.py", "slice(0, 1)", "any few days show whether an expression is well-formed"),
+    ("corvane/sync.py", "LOCK_SECONDS = ", "a second more or less of patience"),
     ("corvane/errors.py", "super().__init__(message)", "BaseException.__new__ has noted the message"),
     ("corvane/_http.py", "timeout=None, trust_env=False", "with a transport of its own the environment is not asked"),
     ("corvane/_http.py", "if (left := ", "the very nanosecond"),

@@ -13,6 +13,7 @@ from collections import Counter
 from contextlib import closing
 from importlib import resources, util
 from itertools import islice
+from pathlib import Path
 from types import SimpleNamespace
 
 import numpy as np
@@ -21,7 +22,7 @@ from hypothesis import given
 from hypothesis import strategies as st
 
 import corvane
-from corvane import _runtime, agent_onboarding, errors, search_templates
+from corvane import _runtime, agent_onboarding, errors, search_templates, skills
 from corvane._batch import Expression, FunctionRegistry, compute_search_plan
 from corvane._evaluation import Vault
 from corvane.runtime_module_freshness import is_runtime_module_kind, runtime_module_name_from_kind
@@ -291,7 +292,7 @@ def test_velocity_and_suggestions_are_counted(tmp_path, monkeypatch):
     tried = {"abs": 50, "log": 45, "rank": 5}
     tracker.note(run, 100, 9, {("function", name): count for name, count in tried.items()}, "finished")
     with closing(sqlite3.connect(tmp_path / "search.db", isolation_level=None)) as db:
-        for hours, rate in {0: 0.0, 2: 4.0}.items():
+        for hours, rate in {0: 0.0, 0.5: 16.0}.items():
             db.execute("UPDATE runs SET noted_at = started_at + ?", (hours * 3600,))
             signal = search_templates.FoundSignal(3, "p", "IBM", "log(IBM)", 0.1, 0.2, 0.7, 0.1, 0.7, 90, 0.0)
             for number in range(1, 8 if hours == 0 else 2):
@@ -302,3 +303,9 @@ def test_velocity_and_suggestions_are_counted(tmp_path, monkeypatch):
     assert found == [("promising", "log", 45, 8), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
     for values, changes in (([1] * 9 + [-1], True), ([1] * 9 + [0], False), ([-1] * 95 + [1] * 5, False)):
         assert search_templates._changes_side(memoryview(np.array(values, float))) is changes
+
+
+def test_the_skills_are_there():
+    names = [Path(path).parent.name for path in skills.list_skills()]
+    assert names == ["onboard-a-wallet", "read-the-heartbeat", "search-for-signals", "simulate-a-signal"]
+    assert all(Path(path).read_text().startswith("---\nname: ") for path in skills.list_skills())

@@ -412,13 +412,18 @@ def test_a_cut_download_is_resumed(start, tmp_path):
         with pytest.raises(ConnectionError, match="cannot be reached"):
             outcome.result()
     assert 100_000 <= part.stat().st_size < 1 << 26 and not (home / "manifest.json").exists()
-    with start() as service:
+    with start() as service, concurrent.futures.ThreadPoolExecutor() as pool:
         publish(service, files)
         with open(stored(service, files["runtime/big"]), "r+b") as file:
             file.write(b"?" * 100_000)  # what is held already; the rest alone is of use
         syncs = SyncManager(manager, home, service.url)
         assert syncs.request_for_sync() == ["era_config.json", "runtime/big"] and syncs.request_for_sync() == []
         assert syncs.get_manifest() == checked_manifest(home)
+        syncs.acquire()
+        waiting = pool.submit(syncs.request_for_sync)
+        assert not concurrent.futures.wait([waiting], 0.3).done
+        syncs.release()
+        assert waiting.result(20) == []
 
 
 @pytest.mark.parametrize("held", [b"", b"new", b"other", b"much longer than it"])
