@@ -399,7 +399,7 @@ def checked_manifest(home):
     return manifest
 
 
-def test_a_cut_download_is_resumed(start, tmp_path):
+def test_a_cut_download_is_resumed(start, tmp_path, capsys):
     home, files = tmp_path / "home", {"runtime/big": os.urandom(1 << 20) * 64, "era_config.json": b"{}"}
     part = home / "runtime/big.part"
     with start() as service, concurrent.futures.ThreadPoolExecutor() as pool:
@@ -419,6 +419,9 @@ def test_a_cut_download_is_resumed(start, tmp_path):
         syncs = SyncManager(manager, home, service.url)
         assert syncs.request_for_sync() == ["era_config.json", "runtime/big"] and syncs.request_for_sync() == []
         assert syncs.get_manifest() == checked_manifest(home)
+        capsys.readouterr()
+        SyncManager(manager, home, service.url, progress=True).sync()
+        assert capsys.readouterr().err == ""  # no bar where there is nothing to do
         syncs.acquire()
         waiting = pool.submit(syncs.request_for_sync)
         assert not concurrent.futures.wait([waiting], 0.3).done
@@ -496,6 +499,10 @@ def test_back_off_waits_as_asked_and_ends_when_told(planned, tmp_path):
             backoff.run(SyncManager(ANYBODY, tmp_path, url).sync)
         return type(info.value), len(planned.asked_at)
 
+    for wrong in ({"base": -1}, {"cap": -1}, {"attempts": 0}):
+        with pytest.raises(ValueError):
+            SyncBackoff(**wrong)
+    assert SyncBackoff(base=0, cap=0, attempts=1).run(lambda: 7) == 7
     patient = SyncBackoff(base=0.01, cap=2, attempts=3)
     assert outcome(patient, (503, "1"), (500, "junk"), (401, "")) == (auth.AuthError, 3)  # a refusal is final
     first, second, third = planned.asked_at
