@@ -20,7 +20,7 @@ from typing import NamedTuple
 import corvane
 from proof.workshop import Result, Workshop
 
-LINES, SEED, WANTED = 35, 20, 90.0  # of a file for each mutant, seed of the draw, per cent that must be noticed
+LINES, SEED, WANTED = 50, 20, 90.0  # of a file for each mutant, seed of the draw, per cent that must be noticed
 PACKAGES = "corvane", "corvane_cli", "corvane_local"
 PATIENCE, AT_LEAST = 4, 40.0  # how often the time of the tests without a change, and seconds, until a mutant has hung
 
