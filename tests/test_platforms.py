@@ -23,7 +23,10 @@ PRETEND = "import sys, sysconfig; sys.argv = ['check_python.py']; {}; exec(open(
         ("sys.maxsize = 2**31 - 1", "is a 32-bit build."),
         ("sysconfig.get_config_vars()['EXT_SUFFIX'] = '.cpython-312-x86_64-linux-musl.so'", "with musl."),
         ("sysconfig.get_config_vars()['EXT_SUFFIX'] = '.cpython-312-darwin.so'", "is for linux-"),
-        ("sysconfig.get_paths = lambda *_: {'include': '/nowhere'}", "is without its headers (/nowhere/Python.h)."),
+        (
+            "sysconfig.get_config_vars(); sysconfig.get_paths = lambda: {'include': '/nowhere'}",
+            "is without its headers (/nowhere/Python.h).",
+        ),
         ("pass", None),
     ],
 )
