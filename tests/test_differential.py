@@ -2,6 +2,7 @@
 
 import contextlib
 import functools
+import inspect
 import itertools
 import json
 import os
@@ -281,7 +282,7 @@ def names(module):
 def other_code(module, undo):
     """All functions do something else from now on, the one that is running as well."""
     for function in (f for f in map(vars(module).get, names(module)) if isinstance(f, types.FunctionType)):
-        if function.__module__ == module.__name__ and not function.__code__.co_freevars:
+        if function.__module__ == module.__name__ and not inspect.isgeneratorfunction(function):
             undo.callback(setattr, function, "__code__", function.__code__)
             function.__code__ = (lambda *args, **kwargs: "other code").__code__
 
