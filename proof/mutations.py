@@ -10,7 +10,7 @@ from typing import NamedTuple
 from proof.workshop import Result, Workshop, side_by_side
 
 EACH, SEED, WANTED = 8, 20, 95.0  # mutants of a file, seed of the draw, per cent that must be noticed
-ROOMS = {"eras": "eras", "runtime_loading": "runtime", "runtime_manifest": "runtime", "wallet_store": "key_file"}
+TESTS = {"eras": "eras", "runtime_loading": "runtime", "runtime_manifest": "runtime", "wallet_store": "key_file"}
 
 SELECTED = """#pragma once
 #include <cstdlib>
@@ -20,7 +20,7 @@ STEP = r"[a-z_]+(?:(?:\.|->)[a-z_]+)?\((?:(?!raise|throw|return|delete).)*\);"
 RULES = (
     # rule, what it looks for, what stands there instead; M is the selection
     ("message", r'(?<![\w"])("(?:[^"\\\n]|\\.)* (?:[^"\\\n]|\\.)*[^"\\ ])"(_n)?(?=[,)\]])', r'(M ? \1!"\2 : \1"\2)'),
-    ("except class", r'(?<=matches\(global\()("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
+    ("except class", r'(?<=in, caught, )("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
     ("except class", r'(?<=matches\(auth\()("\w+"_n)', r'(M ? "AuthManager"_n : \1)'),
     ("condition", r"(?<=\bif \()((?:(?! = ).)+)(?=\)(?: \[\[\w+\]\])?(?: \{)?(?: //.*)?$)", r"M != bool(\1)"),
     ("condition", r"(?<=\bwhile \()([^=\n]+)(?=\)$)", r"!M && (\1)"),
@@ -87,6 +87,7 @@ def build(workshop: Workshop) -> tuple[dict[str, str], list[Mutant]]:
     source = copy / "src" / "agent_onboarding"
     shutil.rmtree(copy, ignore_errors=True)
     shutil.copytree(workshop.root / "src", copy / "src", ignore=shutil.ignore_patterns("__pycache__"))
+    shutil.copytree(workshop.root / "tools", copy / "tools")
     shutil.copy(workshop.root / "CMakeLists.txt", copy)
     (copy / "mutant.hpp").write_text(SELECTED)
     for path in sorted([*source.glob("*.cpp"), *source.glob("py/*.[ch]pp")]):
@@ -107,7 +108,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
         """Whether the tests fail, or hang for five times what they take without a change."""
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
         variables = {"MUTANT": str(number), "LD_PRELOAD": "", **site}
-        tests = f"differential {ROOMS.get(file.removesuffix('.cpp'), 'surface runtime eras')}"
+        tests = f"differential {TESTS.get(file.removesuffix('.cpp'), 'surface runtime eras')}"
         return workshop.tests(tests, wrapper=("timeout", "150"), **variables) != []
 
     files = sorted({mutant.file for mutant in mutants})
