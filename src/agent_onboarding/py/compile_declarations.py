@@ -16,33 +16,28 @@ import warnings
 from pathlib import Path
 from types import CodeType
 
-NESTED = ast.FunctionDef | ast.Lambda
+Import = ast.Import | ast.ImportFrom
+Nested = ast.FunctionDef | ast.Lambda
 NATIVE_BODY = 'raise SystemError("native body not reached")'  # what the source shows
 
 
-def signature_line(text: str, name: str, module: str, homes: dict[str, str]) -> str:
-    """The name and `str(inspect.signature(...))`; a class that is not there while building is known by its home."""
-    names: dict[str, object] = {"__name__": module}
-    exec("from typing import List, Optional", names)
-    while True:
-        try:
-            exec(text, names)
-            return name + str(inspect.signature(names[name]))  # type: ignore[arg-type]
-        except NameError as missing:  # while the text is executed, or from 3.14 on while its annotations are evaluated
-            unknown = str(missing.name)
-            names[unknown] = type(unknown, (), {"__module__": homes.get(unknown, module)})
+def compiled(tree: ast.Module, file_name: str) -> CodeType:
+    return compile(tree, file_name, "exec", dont_inherit=True, optimize=0)
 
 
-def final_docstring(node: ast.FunctionDef, text: str, source: str, module: str) -> str:
-    """The docstring behind its signature line; `@signature("...")` fixes that line and keeps the text as written."""
-    for decorator in node.decorator_list:
-        if isinstance(decorator, ast.Call) and ast.unparse(decorator.func) == "signature":
-            # The blanks before the closing quotes are the source's indentation.
-            written = (ast.get_docstring(node, clean=False) or "").rstrip(" ")
-            return f"{ast.literal_eval(decorator.args[0])}\n{written}"
-    imports = [statement for statement in ast.parse(source).body if isinstance(statement, ast.ImportFrom)]
-    homes = {alias.name: str(statement.module) for statement in imports for alias in statement.names}
-    return f"{signature_line(text, node.name, module, homes)}\n{ast.get_docstring(node)}"
+def code_in(code: CodeType, name: str) -> CodeType:
+    """The code of the function of that name; from 3.14 on the code that evaluates its annotations lies beside it."""
+    return next(inner for inner in code.co_consts if isinstance(inner, CodeType) and inner.co_name == name)
+
+
+def functions_of(node: ast.stmt) -> list[ast.FunctionDef]:
+    """The function itself, or the methods of the class."""
+    statements = node.body if isinstance(node, ast.ClassDef) else [node]
+    return [statement for statement in statements if isinstance(statement, ast.FunctionDef)]
+
+
+def is_generator(node: ast.stmt) -> bool:
+    return isinstance(node, ast.FunctionDef) and any(isinstance(inner, ast.Yield) for inner in ast.walk(node))
 
 
 def native_text(node: ast.FunctionDef | ast.ClassDef, source: str) -> str:
@@ -56,141 +51,114 @@ def native_text(node: ast.FunctionDef | ast.ClassDef, source: str) -> str:
     return textwrap.dedent("\n".join(lines[first - 1 :])) + "\n"
 
 
-def functions_of(node: ast.stmt) -> list[ast.FunctionDef]:
-    """The function itself, or the methods of the class."""
-    statements = node.body if isinstance(node, ast.ClassDef) else [node]
-    return [statement for statement in statements if isinstance(statement, ast.FunctionDef)]
+def names_of_annotations(declarations: ast.Module, module: str) -> dict[str, object]:
+    """What annotations can name; a class that is not there while building is known by its home."""
+    homes: dict[str, str | None] = {}
+    for node in declarations.body:
+        if isinstance(node, ast.ClassDef):
+            homes[node.name] = module
+        elif isinstance(node, ast.ImportFrom):
+            homes.update((alias.name, node.module) for alias in node.names)
+    names: dict[str, object] = {name: type(name, (), {"__module__": home}) for name, home in homes.items()}
+    exec("from typing import List, Optional", names)
+    return names
 
 
-def is_generator(node: ast.FunctionDef) -> bool:
-    return any(isinstance(inner, ast.Yield) for inner in ast.walk(node))
+def final_docstring(written: ast.FunctionDef, function: ast.FunctionDef, names: dict[str, object]) -> str:
+    """The docstring behind its signature line; `@signature("...")` fixes that line and keeps the text as written."""
+    for decorator in written.decorator_list:
+        if isinstance(decorator, ast.Call) and ast.unparse(decorator.func) == "signature":
+            # The blanks before the closing quotes are the source's indentation.
+            text = (ast.get_docstring(written, clean=False) or "").rstrip(" ")
+            return f"{ast.literal_eval(decorator.args[0])}\n{text}"
+    made: dict[str, object] = {}
+    exec(ast.unparse(function), names, made)
+    return f"{function.name}{inspect.signature(made[function.name])}\n{ast.get_docstring(written)}"  # type: ignore[arg-type]
 
 
-def complete(function: ast.FunctionDef, doc: str) -> list[ast.Import | ast.ImportFrom]:
-    """Gives the function its final docstring and takes out its import statements, which it answers."""
-    summary = function.body[0]
-    if not isinstance(summary, ast.Expr) or not isinstance(summary.value, ast.Constant):
-        raise ValueError(f"{function.name} has no docstring")
-    summary.value.value = doc
-    imports = [statement for statement in function.body if isinstance(statement, ast.Import | ast.ImportFrom)]
-    function.body = [statement for statement in function.body if statement not in imports]
-    if is_generator(function):
-        return imports
+def take_imports(function: ast.FunctionDef, file_name: str) -> dict[str, CodeType]:
+    """Takes the import statements out of the function. Each becomes the code of a function that executes it and returns
+    what it binds, under the name `function.bound_name`; in a traceback it looks like the line that it is."""
+    codes = {}
+    for statement in [statement for statement in function.body if isinstance(statement, Import)]:
+        function.body.remove(statement)
+        [alias] = statement.names
+        if alias.asname is None and "." in alias.name:
+            raise ValueError(f"import {alias.name} binds a part of its name only; give it one with `as`")
+        bound = alias.asname or alias.name
+        if f"{function.name}.{bound}" in codes:
+            raise ValueError(f"{function.name} imports {bound} twice")
+        tree = ast.parse(f"def {function.name}(): return {bound}")
+        functions_of(tree.body[0])[0].body.insert(0, statement)
+        codes[f"{function.name}.{bound}"] = code_in(compiled(tree, file_name), function.name)
+    return codes
+
+
+def call_native_body(function: ast.FunctionDef) -> None:
+    """Ends the function with `return ...(a, b, c)`; at import the native body takes the place of the ellipsis."""
     for statement in function.body[1:-1]:
         # A function or lambda is made anew by the native body; anything else would never be executed.
-        if not isinstance(statement.value if isinstance(statement, ast.Expr) else statement, NESTED):
+        if not isinstance(statement.value if isinstance(statement, ast.Expr) else statement, Nested):
             raise ValueError(f"{function.name}, line {statement.lineno}: not a statement that a declaration can have")
-    function.body[-1] = call_of_native_body(function)
-    return imports
-
-
-def call_of_native_body(function: ast.FunctionDef) -> ast.Return:
-    """`return ...(a, b, c)` with all parameters; at import the native body takes the place of the ellipsis."""
     given = function.args
     parameters = [*given.posonlyargs, *given.args, *given.kwonlyargs, *filter(None, [given.vararg, given.kwarg])]
     values: list[ast.expr] = [ast.Name(parameter.arg, ast.Load()) for parameter in parameters]
-    statement = ast.Return(ast.Call(ast.Constant(...), values, []))
-    return ast.fix_missing_locations(ast.copy_location(statement, function))
-
-
-def bound_name(statement: ast.Import | ast.ImportFrom) -> str:
-    """The one name that the statement binds."""
-    [alias] = statement.names
-    if alias.asname is None and "." in alias.name:
-        raise ValueError(f"import {alias.name} binds a part of its name only; give it one with `as`")
-    return alias.asname or alias.name
-
-
-def code_in(code: CodeType, name: str) -> CodeType:
-    """The code of the function of that name; from 3.14 on the code that evaluates its annotations lies beside it."""
-    return next(inner for inner in code.co_consts if isinstance(inner, CodeType) and inner.co_name == name)
+    call = ast.Return(ast.Call(ast.Constant(...), values, []))
+    function.body[-1] = ast.fix_missing_locations(ast.copy_location(call, function))
 
 
 def with_docstrings(code: CodeType, docs: dict[str, str]) -> CodeType:
-    """The code with these docstrings of functions as they are given: from 3.13 on the compiler strips their indent."""
+    """The code with the docstrings of these functions as they are given, which a compiler would change from 3.13 on."""
     constants = [with_docstrings(c, docs) if isinstance(c, CodeType) else c for c in code.co_consts]
     if code.co_name in docs:
         if not isinstance(constants[0], str):
-            raise ValueError(f"{code.co_name} lost its docstring")
+            raise ValueError(f"{code.co_name} has no docstring")
         constants[0] = docs[code.co_name]
     return code.replace(co_consts=tuple(constants))
 
 
-def import_code(statement: ast.stmt, bound: str, function: str, file_name: str) -> CodeType:
-    """The code of a function which executes the statement and returns what it binds, with the name of another."""
-    tree = ast.parse(f"def {function}(): return {bound}")
-    assert isinstance(tree.body[0], ast.FunctionDef)
-    tree.body[0].body.insert(0, statement)
-    return code_in(compile(tree, file_name, "exec", dont_inherit=True, optimize=0), function)
-
-
-def declared(node: ast.FunctionDef | ast.ClassDef, source: str, module: str) -> tuple[str, dict[str, CodeType]]:
-    """The text of a function or a class, and its code objects by name.
-
-    The first is the code of a module that makes it; for a generator function (`@steps(...)`), whose body is run by the
-    interpreter, that of the function itself. An import statement inside a function has code of its own, under the name
-    `function.bound_name`, which looks in a traceback like the line of the function that it is.
-    """
-    text = native_text(node, source)
-    file_name = f"<{module}.{node.name}>"
+def declared(
+    node: ast.FunctionDef | ast.ClassDef, text: str, file_name: str, names: dict[str, object]
+) -> dict[str, CodeType]:
+    """The code objects of a function or a class, by name. The first is the code of a module that makes it; for a
+    generator function (`@steps(...)`), whose body is run by the interpreter, that of the function itself."""
     tree = ast.parse(text)
     codes, docs = {}, {}
     for written, function in zip(functions_of(node), functions_of(tree.body[0]), strict=True):
-        docs[function.name] = final_docstring(written, ast.unparse(function), source, module)
-        for statement in complete(function, docs[function.name]):
-            bound = bound_name(statement)
-            if f"{function.name}.{bound}" in codes:
-                raise ValueError(f"{function.name} imports {bound} twice")
-            codes[f"{function.name}.{bound}"] = import_code(statement, bound, function.name, file_name)
-    if isinstance(node, ast.FunctionDef) and is_generator(node):
+        docs[function.name] = final_docstring(written, function, names)
+        codes.update(take_imports(function, file_name))
+        if not is_generator(function):
+            call_native_body(function)
+    if is_generator(node):
         # The steps become free variables of the function, as if an outer function had them as parameters.
-        outer = ast.parse(f"def outer({', '.join(step_names(node))}): pass")
-        assert isinstance(outer.body[0], ast.FunctionDef)
-        outer.body[0].body = tree.body
-        code = compile(outer, file_name, "exec", dont_inherit=True, optimize=0)
-        codes[node.name] = code_in(code_in(code, "outer"), node.name).replace(co_qualname=node.name)
+        steps = ", ".join(ast.unparse(step) for d in node.decorator_list if isinstance(d, ast.Call) for step in d.args)
+        outer = ast.parse(f"def outer({steps}): pass")
+        functions_of(outer.body[0])[0].body = tree.body
+        code = code_in(code_in(compiled(outer, file_name), "outer"), node.name).replace(co_qualname=node.name)
     else:
-        codes[node.name] = compile(tree, file_name, "exec", dont_inherit=True, optimize=0)
-    codes[node.name] = with_docstrings(codes[node.name], docs)
-    return text, codes
-
-
-def step_names(node: ast.FunctionDef) -> list[str]:
-    """The declared functions that `@steps(...)` names."""
-    [decorator] = node.decorator_list
-    assert isinstance(decorator, ast.Call)
-    return [ast.unparse(step) for step in decorator.args]
-
-
-def is_statement(node: ast.stmt) -> bool:
-    """Whether it is declared as `@statement`: a function that the interpreter runs as it is."""
-    return isinstance(node, ast.FunctionDef) and [ast.unparse(mark) for mark in node.decorator_list] == ["statement"]
+        code = compiled(tree, file_name)
+    return {**codes, node.name: with_docstrings(code, docs)}
 
 
 def main(declarations: str, module: str, output: str) -> None:
     source = Path(declarations).read_text(encoding="utf-8")
-    codes: dict[str, CodeType] = {}
-    lines: dict[str, tuple[int, None, list[str], str]] = {}
-
-    def add(file_name: str, text: str, made: dict[str, CodeType]) -> None:
-        codes.update(made)
-        lines[file_name] = (len(text), None, text.splitlines(keepends=True), file_name)
-
-    imports = []
-    for node in ast.parse(source).body:
-        if isinstance(node, ast.Import | ast.ImportFrom):
-            imports.append(ast.get_source_segment(source, node))
-        elif isinstance(node, ast.FunctionDef) and is_statement(node):
-            node.decorator_list = []
-            code = compile(ast.Module([node], []), f"<{module}>", "exec", dont_inherit=True, optimize=0)
-            codes[node.name] = code_in(code, node.name)
+    tree = ast.parse(source)
+    names = names_of_annotations(tree, module)
+    imports = [node for node in tree.body if isinstance(node, Import)]
+    texts = {f"<{module}>": "".join(f"{ast.get_source_segment(source, node)}\n" for node in imports)}
+    codes = {"imports": compiled(ast.parse(texts[f"<{module}>"]), f"<{module}>")}
+    for node in tree.body:
+        if isinstance(node, ast.FunctionDef) and [ast.unparse(mark) for mark in node.decorator_list] == ["statement"]:
+            node.decorator_list = []  # the interpreter runs it as it is
+            codes[node.name] = code_in(compiled(ast.Module([node], []), f"<{module}>"), node.name)
         elif isinstance(node, ast.FunctionDef | ast.ClassDef):
-            add(f"<{module}.{node.name}>", *declared(node, source, module))
-        elif not isinstance(node, ast.Expr):
+            file_name = f"<{module}.{node.name}>"
+            texts[file_name] = native_text(node, source)
+            codes.update(declared(node, texts[file_name], file_name, names))
+        elif not isinstance(node, ast.Expr | Import):
             raise ValueError(f"line {node.lineno}: neither an import nor a function nor a class")
-    text = "\n".join(filter(None, imports)) + "\n"
-    add(f"<{module}>", text, {"imports": compile(text, f"<{module}>", "exec", dont_inherit=True, optimize=0)})
-
+    # As linecache keeps them: size, no time of change, lines, name.
+    lines = {name: (len(text), None, text.splitlines(keepends=True), name) for name, text in texts.items()}
     # Version 2 has no back references, whose use depends on reference counts: the same source gives the same bytes.
     data = marshal.dumps((codes, lines), 2)
     rows = [", ".join(map(str, data[i : i + 24])) for i in range(0, len(data), 24)]
