@@ -150,6 +150,37 @@ def test_the_traceback_of_an_endless_recursion_is_folded():
     run("uncaught_recursion", status=1, errors="Previous line repeated [0-9]+ more times")
 
 
+def test_words_of_the_interpreter_at_the_end_of_its_stack(monkeypatch):
+    monkeypatch.setattr(m, "os", types.SimpleNamespace(path=types.SimpleNamespace(exists=bool)))
+    monkeypatch.setattr(m, "open", "".format, raising=False)  # a text, which no `with` can enter
+
+    def deep(levels):
+        return deep(levels - 1) if levels else m._read_json_if_present("x")
+
+    seen = set()
+    for levels in range(sys.getrecursionlimit()):
+        try:
+            deep(levels)
+        except (TypeError, RecursionError) as exc:
+            seen.add(type(exc))
+    assert seen == {TypeError, RecursionError}
+
+
+def test_a_context_manager_that_is_completed_too_late(monkeypatch):
+    class Enter:
+        times = 0
+
+        def __get__(self, manager, owner):
+            self.times += 1
+            if self.times == 2:  # the first look-up found no way out, and the interpreter is asked to say so
+                owner.__exit__ = lambda *exception: None
+            return lambda: manager
+
+    monkeypatch.setattr(m, "open", lambda *path, encoding: type("Late", (), {"__enter__": Enter()})(), raising=False)
+    with pytest.raises(TypeError):
+        m._read_json_if_present(__file__)
+
+
 class Odd(Clash):
     """Stays itself, without blanks, too."""
 

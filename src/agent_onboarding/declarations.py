@@ -63,6 +63,16 @@ def unpack_four(value):
 
 
 @statement
+def raise_exception(value):
+    raise value
+
+
+@statement
+def raise_from(value, cause):
+    raise value from cause
+
+
+@statement
 def enter(value):
     with value:
         pass

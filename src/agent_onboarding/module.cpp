@@ -112,13 +112,7 @@ handle interpreter_dict() {
 }
 
 /// The module that an earlier import finished, or empty.
-object kept_module() {
-    object key = kept_as();
-    PyObject* finished = foreign_call(PyDict_GetItemWithError, interpreter_dict().ptr(), key.ptr());
-    if (finished == nullptr && PyErr_Occurred() != nullptr)
-        throw_error();
-    return object::borrow(finished);
-}
+object kept_module() { return find(interpreter_dict(), kept_as()); }
 
 /// One attempt to populate the module; undone unless it is said to be finished.
 class initialisation {

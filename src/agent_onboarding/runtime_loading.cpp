@@ -126,7 +126,7 @@ object prune_runtime_extension_copies(const frame& in, handle module_name, handl
     if (compare(global("len"_n)(candidates), Py_LE, max_copies))
         return none();
 
-    object keep = check(PySet_New(nullptr));
+    object keep = new_set();
     add_to(keep, keep_real);
     object newest_first =
         global("sorted"_n)(candidates, "key"_a = nested_function(in, "<lambda>"), "reverse"_a = true_value());

@@ -99,7 +99,8 @@ object runtime_module(const frame&, handle relative_path, handle file_info) {
 }
 
 object select_runtime_module_manifest_entry(const frame&, handle manifest, handle module_name) {
-    object aliases = new_set(module_name);
+    object aliases = new_set();
+    add_to(aliases, module_name);
     if (compare(module_name, Py_EQ, "era_data"_n))
         add_to(aliases, "vault"_n); // what older manifests call it
     object entry[3];

@@ -6,8 +6,6 @@
 
 namespace corvane::py {
 
-// -- Calls ----------------------------------------------------------------------------------------------------------
-
 namespace {
 /// Calls with the arguments as the interpreter wants them: all values in a row, then the names of the last of them.
 template <typename Function>
@@ -20,7 +18,8 @@ object call(location at, Function* function, handle target, handle self, std::in
     std::size_t count = 0;
     if (self)
         values[++count] = self.ptr();
-    const auto named = std::ranges::count_if(arguments, [](const argument& given) { return bool(given.name); });
+    const auto named =
+        std::ranges::count_if(arguments, [](const argument& given) { return static_cast<bool>(given.name); });
     const object names = named > 0 ? check(PyTuple_New(named), at) : object();
     Py_ssize_t next = 0;
     for (const argument& given : arguments) {
@@ -42,29 +41,26 @@ object detail::call_method(handle self, operand method, std::initializer_list<ar
     return call(method.at, PyObject_VectorcallMethod, method, self, arguments);
 }
 
-// -- Operations -----------------------------------------------------------------------------------------------------
-
 // A manifest can have 100,000 entries. Where an operation is the builtin one on a plain value, which nobody can see, it
 // is done directly; every call that somebody has put in its place, or that goes to another module, is made.
 
 object get(handle mapping, handle key, handle fallback, location at) {
     if (!PyDict_CheckExact(mapping.ptr()))
         return fallback ? invoke(mapping, {"get"_n, at}, key, fallback) : invoke(mapping, {"get"_n, at}, key);
-    PyObject* value = foreign_call(PyDict_GetItemWithError, mapping.ptr(), key.ptr());
+    object value = find(mapping, key, at);
+    return value ? value : object::borrow(fallback ? fallback : handle(Py_None));
+}
+
+object find(handle dictionary, handle key, location at) {
+    PyObject* value = foreign_call(PyDict_GetItemWithError, dictionary.ptr(), key.ptr());
     if (value == nullptr && PyErr_Occurred() != nullptr)
         throw_error(at);
-    return object::borrow(value != nullptr ? handle(value) : fallback ? fallback : handle(Py_None));
+    return object::borrow(value);
 }
 
 bool is_instance(handle value, name type, location at) {
     callee test = global("isinstance"_n, at);
     return is_true(test(value, global(type, at)), at);
-}
-
-object new_set(handle value, location at) {
-    object made = check(PySet_New(nullptr), at);
-    add_to(made, value, at);
-    return made;
 }
 
 void unpack(handle value, std::span<object> targets, location at) {
@@ -73,7 +69,7 @@ void unpack(handle value, std::span<object> targets, location at) {
         items = interpret_statement(targets.size() == 2   ? "unpack_two"_n
                                     : targets.size() == 3 ? "unpack_three"_n
                                                           : "unpack_four"_n,
-                                    value, at);
+                                    {value}, at);
     for (std::size_t i = 0; i < targets.size(); ++i)
         targets[i] = object::borrow(PyTuple_GET_ITEM(items.ptr(), static_cast<Py_ssize_t>(i)));
 }
@@ -92,12 +88,10 @@ object detail::joined(std::span<const object> texts, location at) {
     return whole;
 }
 
-// -- with -----------------------------------------------------------------------------------------------------------
-
 namespace {
 /// A special method, looked up on the type as the interpreter does; empty where the type has none.
 object special_method(handle self, handle name, location at) {
-    object found = object::borrow(_PyType_Lookup(Py_TYPE(self.ptr()), name.ptr()));
+    object found = object::borrow(foreign_call(_PyType_Lookup, Py_TYPE(self.ptr()), name.ptr()));
     descrgetfunc bind = found ? Py_TYPE(found.ptr())->tp_descr_get : nullptr;
     if (bind == nullptr)
         return found;
@@ -108,8 +102,10 @@ object special_method(handle self, handle name, location at) {
 std::pair<callee, object> enter_context(handle manager, location at) {
     object enter = special_method(manager, "__enter__"_n, at);
     object exit = enter ? special_method(manager, "__exit__"_n, at) : object();
-    if (!exit)
-        interpret_statement("enter"_n, manager, at); // raises
+    if (!exit) {
+        interpret_statement("enter"_n, {manager}, at);
+        throw_error(PyExc_TypeError, "a context manager changed while it was entered", at);
+    }
     object value = callee(enter, at)();
     return {callee(exit, at), value};
 }

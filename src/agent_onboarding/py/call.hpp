@@ -4,15 +4,12 @@
 
 #include "error.hpp"
 
-#include <initializer_list>
 #include <iterator>
 #include <span>
-#include <type_traits>
 
 namespace corvane::py {
 
-/// A value with the line it is used on, for what takes any number of operands, or is to be reported on its caller's
-/// line.
+/// A value with the line it is used on, for what takes any number of operands or is reported on its caller's line.
 struct operand : handle {
     location at;
     // NOLINTNEXTLINE(google-explicit-constructor): the value stands for itself
@@ -29,8 +26,6 @@ template <typename... Arguments> object invoke(handle self, operand method, cons
     return detail::call_method(self, method, {argument(arguments)...});
 }
 
-// -- Attributes, items, operators -----------------------------------------------------------------------------------
-
 inline callee handle::attr(handle name, location at) const {
     return {checked_call(at, PyObject_GetAttr, ptr(), name.ptr()), at};
 }
@@ -38,14 +33,22 @@ inline callee handle::attr(handle name, location at) const {
 inline void set_attr(handle self, handle name, handle value, location at = location::current()) {
     checked_call(at, PyObject_SetAttr, self.ptr(), name.ptr(), value.ptr());
 }
-/// `container[key]`
-inline object get_item(handle container, handle key, location at = location::current()) {
-    return checked_call(at, PyObject_GetItem, container.ptr(), key.ptr());
-}
+/// An operation of two values.
+template <auto Operator> struct binary {
+    object operator()(handle left, handle right, location at = location::current()) const {
+        return checked_call(at, Operator, left.ptr(), right.ptr());
+    }
+};
+inline constexpr binary<PyObject_GetItem> get_item; ///< `container[key]`
+inline constexpr binary<PyNumber_Add> add;
+inline constexpr binary<PyNumber_Or> bit_or;
+inline constexpr binary<PyNumber_And> bit_and;
 /// `container[key] = value`
 inline void set_item(handle container, handle key, handle value, location at = location::current()) {
     checked_call(at, PyObject_SetItem, container.ptr(), key.ptr(), value.ptr());
 }
+/// What a dict itself has for the key, or nothing.
+object find(handle dictionary, handle key, location at = location::current());
 /// `mapping.get(key)`, or `mapping.get(key, default)`
 object get(handle mapping, handle key, handle fallback = {}, location at = location::current());
 
@@ -75,19 +78,6 @@ template <typename... Items> bool is_one_of(operand item, const Items&... items)
 /// `isinstance(value, type)`
 bool is_instance(handle value, name type, location at = location::current());
 
-/// `left + right`, `left | right`, `left & right`
-inline object add(handle left, handle right, location at = location::current()) {
-    return checked_call(at, PyNumber_Add, left.ptr(), right.ptr());
-}
-inline object bit_or(handle left, handle right, location at = location::current()) {
-    return checked_call(at, PyNumber_Or, left.ptr(), right.ptr());
-}
-inline object bit_and(handle left, handle right, location at = location::current()) {
-    return checked_call(at, PyNumber_And, left.ptr(), right.ptr());
-}
-
-// -- New objects ----------------------------------------------------------------------------------------------------
-
 inline object integer(long value, location at = location::current()) { return check(PyLong_FromLong(value), at); }
 /// `(first, second, ...)`
 template <typename... Items> object tuple(operand first, const Items&... items) {
@@ -100,8 +90,8 @@ inline void append(const object& list, handle value, location at = location::cur
 }
 /// `{}`
 inline object new_dict(location at = location::current()) { return check(PyDict_New(), at); }
-/// `{value}` and `set.add(value)` on such a set
-object new_set(handle value, location at = location::current());
+/// `set()` and `set.add(value)` on such a set
+inline object new_set(location at = location::current()) { return check(PySet_New(nullptr), at); }
 inline void add_to(const object& set, handle value, location at = location::current()) {
     checked_call(at, PySet_Add, set.ptr(), value.ptr());
 }
@@ -138,8 +128,6 @@ inline object repr(handle value, location at = location::current()) {
     raise(type(concat({message, at})), at);
 }
 
-// -- Loops and blocks -----------------------------------------------------------------------------------------------
-
 /// A loop whose length the data decides asks now and then whether a signal handler, Ctrl-C above all, wants to run.
 inline void check_signals(location at = location::current()) { checked_call(at, PyErr_CheckSignals); }
 
@@ -148,34 +136,27 @@ class iterate {
   public:
     explicit iterate(handle iterable, location at = location::current())
         : iterator_(checked_call(at, PyObject_GetIter, iterable.ptr())), at_(at) {}
-
-    class position {
-      public:
-        explicit position(const iterate& range) : range_(range) { ++*this; }
-        const object& operator*() const noexcept { return item_; }
-        position& operator++() {
-            if (round_++ % rounds_between_checks == 0)
-                check_signals(range_.at_);
-            item_ = object(); // sooner than Python does, so that a loop over large items holds one at a time
-            item_ = object::steal(foreign_call(PyIter_Next, range_.iterator_.ptr()));
-            if (!item_ && PyErr_Occurred() != nullptr)
-                throw_error(range_.at_);
-            return *this;
-        }
-        bool operator==(std::default_sentinel_t) const noexcept { return !item_; }
-
-      private:
-        static constexpr unsigned rounds_between_checks = 64; // a check takes as long as a look-up
-        const iterate& range_;
-        object item_;
-        unsigned round_ = 0;
-    };
-    [[nodiscard]] position begin() const { return position(*this); }
+    // It is its own position; moved, so that nothing else holds an item.
+    iterate begin() { return std::move(++*this); }
     [[nodiscard]] static std::default_sentinel_t end() noexcept { return std::default_sentinel; }
+    const object& operator*() const noexcept { return item_; }
+    iterate& operator++() {
+        if (round_++ % rounds_between_checks == 0)
+            check_signals(at_);
+        item_ = object(); // sooner than Python does, so that a loop over large items holds one at a time
+        item_ = object::steal(foreign_call(PyIter_Next, iterator_.ptr()));
+        if (!item_ && PyErr_Occurred() != nullptr)
+            throw_error(at_);
+        return *this;
+    }
+    bool operator==(std::default_sentinel_t) const noexcept { return !item_; }
 
   private:
+    static constexpr unsigned rounds_between_checks = 64; // a check takes as long as a look-up
     object iterator_;
+    object item_;
     location at_;
+    unsigned round_ = 0;
 };
 
 /// `a, b, ... = value`, as many as wanted, with the interpreter's errors for any other number.

@@ -4,22 +4,18 @@
 
 namespace corvane::py {
 
-error::error(location at) noexcept : at_(at) {
+error::error(location raised_at) noexcept : at(raised_at) {
     if (PyErr_Occurred() == nullptr)
         PyErr_SetString(PyExc_SystemError, "error return without exception set");
     value_ = object::steal(PyErr_GetRaisedException());
 }
 
-bool error::matches(handle type, location at) const {
-    bool valid = true;
-    if (PyTuple_Check(type.ptr())) {
-        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(type.ptr()); ++i)
-            valid = valid && PyExceptionClass_Check(PyTuple_GET_ITEM(type.ptr(), i));
-    } else {
-        valid = PyExceptionClass_Check(type.ptr());
-    }
-    if (!valid)
-        throw_error(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed", at);
+bool error::matches(handle type, location line) const {
+    const bool several = PyTuple_Check(type.ptr());
+    for (Py_ssize_t i = 0; i < (several ? PyTuple_GET_SIZE(type.ptr()) : 1); ++i)
+        if (!PyExceptionClass_Check(several ? PyTuple_GET_ITEM(type.ptr(), i) : type.ptr()))
+            throw_error(PyExc_TypeError, "catching classes that do not inherit from BaseException is not allowed",
+                        line);
     return PyErr_GivenExceptionMatches(value_.ptr(), type.ptr()) != 0;
 }
 
@@ -30,19 +26,11 @@ void throw_error(PyObject* type, const char* message, location at) {
     throw error(at);
 }
 
-error raised(object exception, handle cause, location at) {
-    if (PyExceptionClass_Check(exception.ptr())) {
-        const object type = exception;
-        exception = callee(type, at)();
-        if (!PyExceptionInstance_Check(exception.ptr())) {
-            foreign_call(PyErr_Format, PyExc_TypeError,
-                         "calling %R should have returned an instance of BaseException, not %R", type.ptr(),
-                         Py_TYPE(exception.ptr()));
-            throw_error(at);
-        }
-    } else if (!PyExceptionInstance_Check(exception.ptr())) {
-        throw_error(PyExc_TypeError, "exceptions must derive from BaseException", at);
-    }
+error raised(handle exception, handle cause, location at) {
+    // The interpreter makes the exception of a class, and words the error for whatever else there is.
+    if (!PyExceptionInstance_Check(exception.ptr()))
+        cause ? interpret_statement("raise_from"_n, {exception, cause}, at)
+              : interpret_statement("raise_exception"_n, {exception}, at);
     if (cause)
         foreign_call(PyException_SetCause, exception.ptr(), object::borrow(cause).release());
     // Unlike PyErr_SetRaisedException, this sets `__context__` to the exception being handled. It asks the class

@@ -8,32 +8,29 @@
 
 namespace corvane::py {
 
-class frame;
+struct frame;
 
 /// A Python exception on its way through C++. It carries the exception object itself, out of the interpreter's hands
 /// while C++ unwinds, and the line that raised it.
 class error : public std::exception {
   public:
     /// Takes over the exception that the interpreter has set.
-    explicit error(location at) noexcept;
+    explicit error(location raised_at) noexcept;
 
     [[nodiscard]] handle value() const noexcept { return value_; }
-    [[nodiscard]] location at() const noexcept { return at_; }
     [[nodiscard]] const char* what() const noexcept override { return "a Python exception"; }
 
     /// `except type:`, which raises TypeError for anything that is not an exception class.
-    [[nodiscard]] bool matches(handle type, location at = location::current()) const;
+    [[nodiscard]] bool matches(handle type, location line = location::current()) const;
     /// Gives the exception back to the interpreter as it is: no new `__context__`, like a bare `raise`.
     void restore() noexcept { PyErr_SetRaisedException(value_.release()); }
 
+    location at;
     /// A frame adds one traceback entry to an exception, however often the exception is caught and raised again in it.
-    [[nodiscard]] bool traced() const noexcept { return traced_; }
-    void mark_traced() noexcept { traced_ = true; }
+    bool traced = false;
 
   private:
     object value_;
-    location at_;
-    bool traced_ = false;
 };
 
 /// Throws the error that the interpreter has set.
@@ -59,19 +56,18 @@ auto checked_call(location at, Function* function, Arguments... arguments) {
     return check(foreign_call(function, arguments...), at);
 }
 
-/// What `raise exception` or `raise exception from cause` lets go: an exception class is called first, and
-/// `__context__` is set.
-[[nodiscard, gnu::cold]] error raised(object exception, handle cause, location at);
+/// What `raise exception` or `raise exception from cause` lets go.
+[[nodiscard, gnu::cold]] error raised(handle exception, handle cause, location at);
 
 // Inlined by hand, for each C++ frame that an exception passes adds half a microsecond to a refused call.
 
 /// `raise exception`
-[[noreturn, gnu::always_inline]] inline void raise(object exception, location at = location::current()) {
-    throw raised(std::move(exception), {}, at);
+[[noreturn, gnu::always_inline]] inline void raise(handle exception, location at = location::current()) {
+    throw raised(exception, {}, at);
 }
 /// `raise exception from cause`
-[[noreturn]] inline void raise_from(object exception, handle cause, location at = location::current()) {
-    throw raised(std::move(exception), cause, at);
+[[noreturn]] inline void raise_from(handle exception, handle cause, location at = location::current()) {
+    throw raised(exception, cause, at);
 }
 
 /// A local variable that a swallowed exception may have left without a value.

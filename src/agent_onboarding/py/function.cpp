@@ -4,6 +4,7 @@
 #include <marshal.h>
 
 #include <cstdint>
+#include <utility>
 
 namespace corvane::py {
 
@@ -14,10 +15,8 @@ namespace {
 handle codes;
 constexpr std::int64_t nobody = -1;
 std::int64_t interpreter_of_codes = nobody;
-bool forgets_at_exit = false; // an exit function is called once and then forgotten
 
 vectorcallfunc interpreted = nullptr; // the vectorcall of every function that the interpreter makes
-body_node* first_body = nullptr;
 
 /// When the interpreter has ended its objects are gone, and another one may start in this process.
 void forget() noexcept {
@@ -25,46 +24,32 @@ void forget() noexcept {
     forget_namespace();
     codes = handle();
     interpreter_of_codes = nobody;
-    forgets_at_exit = false;
 }
 
 } // namespace
-
-body_node::body_node() noexcept : next(first_body) { first_body = this; }
 
 PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
     PyErr_Clear(); // no memory to bind: the interpreter comes to the same
     return foreign_call(interpreted, callable, arguments, flagged_count, keywords);
 }
 
-// -- Tracebacks -----------------------------------------------------------------------------------------------------
-
-namespace {
-/// A code object for a traceback entry. The interpreter folds repeated entries of one function, which it knows by the
-/// identity of two texts, so that these have to be the same objects each time.
-object entry_code(PyObject* function, location at) {
-    auto* code = PyCode_NewEmpty(at.file, "", static_cast<int>(at.line));
-    PyObject* file = code == nullptr ? nullptr : PyUnicode_InternFromString(at.file);
-    object made = object::steal(code);
-    if (file == nullptr)
-        return {};
-    Py_SETREF(code->co_filename, file);
-    Py_SETREF(code->co_name, Py_NewRef(function));
-    Py_SETREF(code->co_qualname, Py_NewRef(function));
-    return made;
-}
-} // namespace
-
 void frame::trace(error& raised) const noexcept {
-    if (raised.traced() || !module_namespace())
+    if (raised.traced || !module_namespace())
         return;
-    raised.mark_traced();
-    // An error in here may cost the entry, never the exception.
-    const object code = entry_code(code_ == nullptr ? "<module>"_n.ptr() : code_->co_name, raised.at());
+    raised.traced = true;
+    // An error in here may cost the entry, never the exception. The interpreter folds repeated entries of one function,
+    // which it knows by the identity of two texts, so that these have to be the same objects each time.
+    auto* line = PyCode_NewEmpty(raised.at.file, "", static_cast<int>(raised.at.line));
+    const object owner = object::steal(line);
+    PyObject* file = line == nullptr ? nullptr : PyUnicode_InternFromString(raised.at.file);
     object entry;
-    if (code)
-        entry = object::steal(PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject*>(code.ptr()),
-                                          module_namespace().ptr(), nullptr));
+    if (file != nullptr) {
+        PyObject* function = code == nullptr ? "<module>"_n.ptr() : code->co_name;
+        Py_SETREF(line->co_filename, file);
+        Py_SETREF(line->co_name, Py_NewRef(function));
+        Py_SETREF(line->co_qualname, Py_NewRef(function));
+        entry = object::steal(PyFrame_New(PyThreadState_Get(), line, module_namespace().ptr(), nullptr));
+    }
     PyErr_Clear();
     if (!entry)
         return;
@@ -73,22 +58,18 @@ void frame::trace(error& raised) const noexcept {
     PyErr_Clear();
 }
 
-// -- Declarations ---------------------------------------------------------------------------------------------------
-
 namespace {
 
 /// The code object of that name inside another one.
 PyCodeObject* nested_code(PyCodeObject* code, const char* name) {
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts); ++i) {
-        if (!PyCode_Check(PyTuple_GET_ITEM(code->co_consts, i)))
-            continue;
-        auto* nested = reinterpret_cast<PyCodeObject*>(PyTuple_GET_ITEM(code->co_consts, i));
-        if (PyUnicode_CompareWithASCIIString(nested->co_name, name) != 0)
-            nested = nested_code(nested, name);
-        if (nested != nullptr)
-            return nested;
-    }
-    return nullptr;
+    PyCodeObject* found = nullptr;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts) && found == nullptr; ++i)
+        if (PyObject* constant = PyTuple_GET_ITEM(code->co_consts, i); PyCode_Check(constant)) {
+            auto* nested = reinterpret_cast<PyCodeObject*>(constant);
+            const bool is_it = PyUnicode_CompareWithASCIIString(nested->co_name, name) == 0;
+            found = is_it ? nested : nested_code(nested, name);
+        }
+    return found;
 }
 
 /// CPython 3.12 gives a code object up twice where it cannot make the function of it. One more reference, never given
@@ -102,11 +83,10 @@ void keep_nested_codes(handle code) {
         }
 }
 
-object declared_code(const char* declaration) {
-    object key = check(PyUnicode_FromString(declaration));
-    object code = get_item(codes, key);
+object declared_code(handle declaration, location at = location::current()) {
+    object code = get_item(codes, declaration, at);
     if (!PyCode_Check(code.ptr()))
-        throw_error(PyExc_SystemError, "a declaration is not code");
+        throw_error(PyExc_SystemError, "a declaration is not code", at);
     return code;
 }
 
@@ -126,23 +106,21 @@ object new_function(handle code, std::span<const handle> enclosed) {
 
 /// Connects the declared code with its native body. The compiler of the declarations has left `...` in the place of
 /// what the code calls; the constants are this code object's alone, and nothing has run it yet.
-PyCodeObject* connect(handle declaration, const native_function& native) {
-    PyCodeObject* code = nested_code(reinterpret_cast<PyCodeObject*>(declaration.ptr()), native.name);
+PyCodeObject* connect(const char* declaration, const native_function& native) {
+    const object outer = declared_code(detail::text_of(declaration));
+    PyCodeObject* code = nested_code(reinterpret_cast<PyCodeObject*>(outer.ptr()), native.name);
     if (code == nullptr)
         throw_error(PyExc_SystemError, "a function is not among the declarations");
     const int declared = code->co_argcount + code->co_kwonlyargcount + ((code->co_flags & CO_VARKEYWORDS) != 0 ? 1 : 0);
-    if (static_cast<std::size_t>(declared) != native.parameters)
+    if (std::cmp_not_equal(declared, native.parameters))
         throw_error(PyExc_SystemError, "a native body has other parameters than its declaration");
     object callable = check(PyCFunction_New(native.interpreted, reinterpret_cast<PyObject*>(code)));
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts); ++i) {
-        PyObject* constant = PyTuple_GET_ITEM(code->co_consts, i);
-        if (constant != Py_Ellipsis)
-            continue;
-        PyTuple_SET_ITEM(code->co_consts, i, callable.release());
-        Py_DECREF(constant);
-        break;
-    }
-    native.node->code = code;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts); ++i)
+        if (PyTuple_GET_ITEM(code->co_consts, i) == Py_Ellipsis) {
+            Py_SETREF(PyTuple_GET_ITEM(code->co_consts, i), callable.release());
+            break;
+        }
+    *native.code = code;
     return code;
 }
 
@@ -152,38 +130,33 @@ void shorten(handle function, const native_function& native) {
     if (!function || !PyFunction_Check(function.ptr()))
         return;
     auto* made = reinterpret_cast<PyFunctionObject*>(function.ptr());
-    if (reinterpret_cast<PyCodeObject*>(made->func_code) != native.node->code)
+    if (reinterpret_cast<PyCodeObject*>(made->func_code) != *native.code || made->vectorcall == native.entry)
         return;
-    if (made->vectorcall == native.entry)
-        return; // kept by somebody from an initialisation that failed
     interpreted = made->vectorcall;
     PyFunction_SetVectorcall(made, native.entry);
 }
 
-/// Executes a declaration in the namespace; returns what it is bound to afterwards, or nothing.
-object execute(handle code, const char* name, location at = location::current()) {
-    checked_call(at, PyEval_EvalCode, code.ptr(), module_namespace().ptr(), module_namespace().ptr());
-    object key = check(PyUnicode_FromString(name));
+/// Executes a declaration in the namespace; returns what its name is bound to afterwards, or nothing.
+object execute(const char* declaration) {
+    const object key = detail::text_of(declaration);
+    const object code = declared_code(key);
+    checked_call(location::current(), PyEval_EvalCode, code.ptr(), module_namespace().ptr(), module_namespace().ptr());
     return get(module_namespace(), key);
 }
 
 } // namespace
 
 void start(handle module_namespace, std::span<const unsigned char> declarations) {
-    if (!forgets_at_exit && Py_AtExit(forget) < 0)
+    if (interpreter_of_codes == nobody && Py_AtExit(forget) < 0)
         throw_error(PyExc_SystemError, "the interpreter takes no more exit functions");
-    forgets_at_exit = true;
     if (!enter_recursion()) // the thread's stack is measured here, and for most programs not in the middle of a call
         throw_error();
-    leave_recursion();
+    Py_LeaveRecursiveCall();
     const std::int64_t running = PyInterpreterState_GetID(PyInterpreterState_Get());
-    if (interpreter_of_codes != running) {
-        // What another interpreter has left is not ours to give back.
-        forget_namespace();
-        codes = handle();
-        interpreter_of_codes = nobody;
-        intern_names();
-    }
+    if (interpreter_of_codes != running)
+        forget(); // what another interpreter has left is not ours to give back
+    interpreter_of_codes = running;
+    intern_names();
     object loaded = check(PyMarshal_ReadObjectFromString(reinterpret_cast<const char*>(declarations.data()),
                                                          static_cast<Py_ssize_t>(declarations.size())));
     object parts[2];
@@ -195,36 +168,28 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
         keep_nested_codes(handle(code));
     const object left = object::steal(codes.ptr()); // by an initialisation that failed
     codes = handle(object::borrow(made).release());
-    interpreter_of_codes = running;
     enter_namespace(module_namespace);
+    initialised = true;
     set_global("__builtins__"_n, handle(PyEval_GetBuiltins()));
-    interpret_statement("offer_sources"_n, sources);
+    interpret_statement("offer_sources"_n, {sources});
 }
 
-void stop() noexcept {
-    for (body_node* node = first_body; node != nullptr; node = node->next)
-        node->code = nullptr;
-}
-
-void run_imports() { execute(declared_code("imports"), "imports"); }
+void run_imports() { execute("imports"); }
 
 void define(const native_function& function) {
-    object code = declared_code(function.name);
-    connect(code, function);
-    shorten(execute(code, function.name), function);
+    connect(function.name, function);
+    shorten(execute(function.name), function);
 }
 
 void define_class(const char* name, std::initializer_list<native_function> methods) {
-    object code = declared_code(name);
     for (const native_function& method : methods)
-        connect(code, method);
-    object made = execute(code, name);
-    for (const native_function& method : methods) {
-        if (!PyType_Check(made.ptr()))
-            break;
-        object key = check(PyUnicode_FromString(method.name));
-        shorten(handle(_PyType_Lookup(reinterpret_cast<PyTypeObject*>(made.ptr()), key.ptr())), method);
-    }
+        connect(name, method);
+    const object made = execute(name);
+    for (const native_function& method : methods)
+        if (PyType_Check(made.ptr()))
+            shorten(
+                handle(_PyType_Lookup(reinterpret_cast<PyTypeObject*>(made.ptr()), detail::text_of(method.name).ptr())),
+                method);
 }
 
 void define_generator(const char* name, std::initializer_list<native_function> steps) {
@@ -232,51 +197,39 @@ void define_generator(const char* name, std::initializer_list<native_function> s
     handle enclosed[bound_arguments::most];
     std::size_t count = 0;
     for (const native_function& step : steps) {
-        made[count] = new_function(handle(connect(declared_code(step.name), step)), {});
+        made[count] = new_function(handle(connect(step.name, step)), {});
         shorten(made[count], step);
         enclosed[count] = made[count];
         ++count;
     }
-    object key = check(PyUnicode_FromString(name));
-    set_item(module_namespace(), key, new_function(declared_code(name), {enclosed, count}));
+    const object key = detail::text_of(name);
+    set_item(module_namespace(), key, new_function(declared_code(key), {enclosed, count}));
 }
 
 object nested_function(const frame& in, const char* name, std::initializer_list<handle> enclosed, location at) {
-    PyCodeObject* code = nested_code(in.code(), name);
+    PyCodeObject* code = nested_code(in.code, name);
     if (code == nullptr)
         throw_error(PyExc_SystemError, "a nested function is not among the declarations", at);
     return new_function(handle(code), {enclosed.begin(), enclosed.size()});
 }
 
-namespace {
-/// A function that is a declared statement.
-callee statement(name declaration, location at) {
-    object made = get_item(codes, declaration, at);
-    if (PyCode_Check(made.ptr())) { // the first time
-        made = new_function(made, {});
-        set_item(codes, declaration, made, at);
-    }
-    return {made, at};
-}
-} // namespace
-
 callee imported(name declaration, location at) {
-    callee import_statement = statement(declaration, at);
     try {
-        return {import_statement(), at};
+        return {callee(new_function(declared_code(declaration, at), {}), at)(), at};
     } catch (error& raised) {
-        raised.mark_traced();
+        raised.traced = true;
         throw;
     }
 }
 
-object interpret_statement(name declaration, handle value, location at) {
-    callee interpreted_statement = statement(declaration, at);
+object interpret_statement(name declaration, std::initializer_list<argument> values, location at) {
     try {
-        return interpreted_statement(value);
+        return callee(new_function(declared_code(declaration, at), {}), at)(values);
     } catch (error& raised) {
         object traceback = object::steal(PyException_GetTraceback(raised.value().ptr()));
-        PyObject* next = reinterpret_cast<PyObject*>(reinterpret_cast<PyTracebackObject*>(traceback.ptr())->tb_next);
+        if (!traceback)
+            throw; // the interpreter had no room for the frame
+        auto* next = reinterpret_cast<PyObject*>(reinterpret_cast<PyTracebackObject*>(traceback.ptr())->tb_next);
         check(PyException_SetTraceback(raised.value().ptr(), next == nullptr ? Py_None : next), at);
         throw;
     }

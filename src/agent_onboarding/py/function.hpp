@@ -12,40 +12,21 @@
 #include "stack.hpp"
 
 #include <new>
-#include <utility>
 
 namespace corvane::py {
 
 /// Where the traceback entries of a running body point.
-class frame {
-  public:
-    /// The body of a function. A frame of the interpreter's around it makes the entry for what leaves the body.
-    explicit frame(PyCodeObject* code, bool interpreted = false) noexcept : code_(code), interpreted_(interpreted) {}
-    /// The body of the module.
-    frame() noexcept = default;
-
-    [[nodiscard]] PyCodeObject* code() const noexcept { return code_; }
+struct frame {
+    PyCodeObject* code = nullptr; ///< none for the body of the module
+    bool interpreted = false;     ///< a frame of the interpreter's around the body traces what leaves it
     /// Adds this frame to the traceback, as the interpreter does where an exception is caught in a frame.
     void trace(error& raised) const noexcept;
-    /// The same where an exception leaves the frame.
-    void trace_on_leaving(error& raised) const noexcept {
-        if (!interpreted_)
-            trace(raised);
-    }
-
-  private:
-    PyCodeObject* code_ = nullptr;
-    bool interpreted_ = false;
 };
 
-/// The code object that the interpreter compiled for a body: a node of a list, so that all can be forgotten at once.
-struct body_node {
-    PyCodeObject* code = nullptr; ///< kept alive by the layer
-    body_node* next;
-
-    body_node() noexcept;
-};
-template <auto Body> inline body_node node_of_body;
+/// The code object that the interpreter compiled for a body, kept alive by the layer.
+template <auto Body> inline PyCodeObject* code_of = nullptr;
+/// Whether bodies can run: not after an initialisation that failed.
+inline bool initialised = false;
 
 template <typename... Parameters> constexpr std::size_t parameter_count(object (*)(const frame&, Parameters...)) {
     return sizeof...(Parameters);
@@ -55,8 +36,8 @@ template <typename... Parameters> constexpr std::size_t parameter_count(object (
 /// body for those that only it can bind.
 PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords);
 
-/// The body with its parameters; `nullptr` with the Python error set on failure. A template, so that the compiler can
-/// put the body into it: an exception is then thrown and caught in one C++ frame, at half the price.
+/// The body with its parameters. A template, so that the compiler can put the body into it: an exception is then thrown
+/// and caught in one C++ frame, at half the price.
 template <auto Body> PyObject* run_body(const frame& running, PyObject* const* values) {
     if (!enter_recursion())
         return nullptr;
@@ -68,12 +49,13 @@ template <auto Body> PyObject* run_body(const frame& running, PyObject* const* v
             }(std::make_index_sequence<parameter_count(Body)>())
                 .release();
     } catch (error& raised) {
-        running.trace_on_leaving(raised);
+        if (!running.interpreted)
+            running.trace(raised);
         raised.restore();
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     }
-    leave_recursion();
+    Py_LeaveRecursiveCall();
     return result;
 }
 
@@ -82,23 +64,24 @@ template <auto Body>
 PyObject* enter_native(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
     static_assert(parameter_count(Body) <= bound_arguments::most);
     auto* function = reinterpret_cast<PyFunctionObject*>(callable);
-    PyCodeObject* code = node_of_body<Body>.code;
-    if (reinterpret_cast<PyCodeObject*>(function->func_code) == code) { // or somebody gave it another `__code__`
-        const bound_arguments bound(function, code, arguments, flagged_count, keywords);
-        if (bound) [[likely]]
-            return run_body<Body>(frame(code), bound.values());
+    auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
+    if (code == code_of<Body> && initialised) { // or somebody gave it another `__code__`
+        bound_arguments bound;
+        if (bound.bind(function, code, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)),
+                       keywords)) [[likely]]
+            return run_body<Body>({code}, bound.values);
     }
     return interpret(callable, arguments, flagged_count, keywords);
 }
 
-/// What the interpreted body, that of `self`, calls with the parameters; with others only if somebody dug it out.
+/// What the interpreted body calls with the parameters; with others only if somebody dug it out.
 template <auto Body> PyObject* enter_interpreted(PyObject* self, PyObject* const* values, Py_ssize_t count) {
     auto* code = reinterpret_cast<PyCodeObject*>(self);
-    if (code != node_of_body<Body>.code || count != static_cast<Py_ssize_t>(parameter_count(Body))) {
+    if (code != code_of<Body> || !initialised || count != static_cast<Py_ssize_t>(parameter_count(Body))) {
         PyErr_SetString(PyExc_SystemError, "native body not reached");
         return nullptr;
     }
-    return run_body<Body>(frame(code, true), values);
+    return run_body<Body>({code, true}, values);
 }
 
 /// A name among the declarations, and the body that runs for it.
@@ -107,32 +90,32 @@ struct native_function {
     std::size_t parameters;
     vectorcallfunc entry;
     PyMethodDef* interpreted;
-    body_node* node;
+    PyCodeObject** code;
 };
 
+// NOLINTBEGIN(bugprone-casting-through-void): g++ warns of the direct way
 template <auto Body>
 inline PyMethodDef method_of{"native_body",
                              reinterpret_cast<PyCFunction>(reinterpret_cast<void*>(enter_interpreted<Body>)),
                              METH_FASTCALL, nullptr};
+// NOLINTEND(bugprone-casting-through-void)
 template <auto Body> constexpr native_function native(const char* name) {
-    return {name, parameter_count(Body), enter_native<Body>, &method_of<Body>, &node_of_body<Body>};
+    return {name, parameter_count(Body), enter_native<Body>, &method_of<Body>, &code_of<Body>};
 }
 
-/// Interns the names of the program, loads the declarations (as compile_declarations.py wrote them) and remembers the
-/// namespace in which functions look names up. Called at the start of an initialisation; what it stores stays until the
-/// interpreter is gone, because functions can outlive the module.
+/// Begins an initialisation: loads the declarations (as compile_declarations.py wrote them) and remembers the namespace
+/// in which functions look names up. All of it stays until the interpreter is gone, for functions outlive the module.
 void start(handle module_namespace, std::span<const unsigned char> declarations);
 /// The initialisation has failed: functions that somebody has kept say that their body is missing.
-void stop() noexcept;
+inline void stop() noexcept { initialised = false; }
 
-/// Executes the module's import statements in its namespace.
+// These work in the module's namespace.
 void run_imports();
-/// Defines the function in the module's namespace.
 void define(const native_function& function);
 template <auto Body> void define(const char* name) { define(native<Body>(name)); }
-/// Defines the class in the module's namespace; each of the methods named here gets a native body.
+/// Each of the methods named here gets a native body.
 void define_class(const char* name, std::initializer_list<native_function> methods = {});
-/// Defines a generator function: its declared body runs as it is, so that all the manners of a generator are the
+/// The declared body of a generator function runs as it is, so that all the manners of a generator are the
 /// interpreter's, and calls the steps, declared functions, which are its free variables in this order.
 void define_generator(const char* name, std::initializer_list<native_function> steps);
 
@@ -144,7 +127,7 @@ void define_generator(const char* name, std::initializer_list<native_function> s
 /// Executes an import statement declared inside a function, `function.bound_name`, and returns what it binds. Where it
 /// fails, its own frame is the function's entry in the traceback.
 [[nodiscard]] callee imported(name declaration, location at = location::current());
-/// Has the interpreter execute a declared statement with the value. Where it fails, its frame does not show.
-object interpret_statement(name declaration, handle value, location at = location::current());
+/// Has the interpreter execute a declared statement with the values. Where it fails, its frame does not show.
+object interpret_statement(name declaration, std::initializer_list<argument> values, location at = location::current());
 
 } // namespace corvane::py

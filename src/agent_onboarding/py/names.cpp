@@ -6,16 +6,16 @@ namespace corvane::py {
 
 // What a look-up finds is remembered until something changes in the module's namespace or in the builtins. Dictionary
 // watchers tell of a change before it happens, thus before a value that goes can run code of its own; a version number
-// would come too late, for the interpreter's specialised stores destroy the old value first. Without a watcher (there
-// are only a few in an interpreter) nothing is remembered.
+// would come too late, for the interpreter's specialised stores destroy the old value first.
 
 namespace {
 name_node* first_name = nullptr;
 
-handle globals;  // owned, and given back only for another namespace of the same interpreter
-handle builtins; // owned likewise
+// Owned, and given back only for another namespace of the same interpreter.
+handle globals;
+handle builtins;
 
-constexpr int no_watcher = -1;
+constexpr int no_watcher = -1; // of an interpreter there are only a few; nothing is remembered then
 int watcher = no_watcher;
 std::uint64_t changes = 1;
 
@@ -35,19 +35,16 @@ void watch(handle dictionary) {
 
 object look_up(name wanted, location at) {
     const std::uint64_t seen = changes; // read first: a key of the namespace may have an `__eq__` that changes it
-    PyObject* value = foreign_call(PyDict_GetItemWithError, globals.ptr(), wanted.ptr());
-    if (value == nullptr && PyErr_Occurred() == nullptr)
-        value = foreign_call(PyDict_GetItemWithError, builtins.ptr(), wanted.ptr());
-    object found = object::borrow(value);
-    if (!found) {
-        if (PyErr_Occurred() != nullptr)
-            throw_error(at);
+    object value = find(globals, wanted, at);
+    if (!value)
+        value = find(builtins, wanted, at);
+    if (!value) {
         object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), at);
         raise(callee(object::borrow(PyExc_NameError), at)(message, "name"_a = wanted), at);
     }
-    wanted.node->value = value;
+    wanted.node->value = value.ptr();
     wanted.node->change = watcher == no_watcher || interpreter_is_ending() ? 0 : seen;
-    return found;
+    return value;
 }
 } // namespace
 
@@ -65,8 +62,7 @@ void set_global(name changed, handle value, location at) {
 
 handle module_namespace() noexcept { return globals; }
 
-// Texts that an earlier initialisation has interned are not given back: it may have been another interpreter's, and
-// they are its own.
+// Texts that an earlier initialisation has interned are not given back: they may be another interpreter's.
 void intern_names() {
     for (name_node* node = first_name; node != nullptr; node = node->next) {
         PyObject* text = detail::text_of(node->text).release();

@@ -16,10 +16,8 @@ struct name_node {
     std::string_view text;
     name_node* next;
     PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
-    // What the name was last found to be, borrowed, and how many changes had been seen then; see names.cpp.
-    PyObject* value = nullptr;
-    std::uint64_t change = 0;
-
+    PyObject* value = nullptr;    ///< what the name was last found to be, borrowed
+    std::uint64_t change = 0;     ///< how many changes had been seen then
     explicit name_node(std::string_view literal) noexcept;
 };
 
@@ -79,7 +77,7 @@ class callee : public object {
 /// `global name; name = value`
 void set_global(name changed, handle value, location at = location::current());
 
-/// The dictionary in which all names are looked up; empty before the first initialisation.
+/// Empty before the first initialisation.
 [[nodiscard]] handle module_namespace() noexcept;
 /// Interns the names of the program for the interpreter that is running.
 void intern_names();

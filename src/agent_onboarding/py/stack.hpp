@@ -7,20 +7,18 @@
 
 namespace corvane::py {
 
-/// The part of a thread's stack in which a body may begin: from `limit` up to `top`. Both 0 until it was measured.
+/// The running thread's stack, all 0 until it was measured: a body may begin from `limit` up to `top`; what lies
+/// between `end` and `limit` is kept free for the deepest body and what it calls.
 struct stack_bounds {
-    std::uintptr_t limit;
-    std::uintptr_t top;
-    std::uintptr_t end; ///< below `limit` as much is kept free as the deepest body and what it calls may need
+    std::uintptr_t limit, top, end;
 };
-/// Of the running thread.
 extern constinit thread_local stack_bounds this_stack;
 
-/// What remains to be found out where an address is outside of the bounds; false with RecursionError set.
+/// What is to be found out outside of the bounds; false with RecursionError set.
 [[nodiscard]] bool may_begin_at(std::uintptr_t address);
 
-/// Py_EnterRecursiveCall for a native body. Before 3.14 that counts calls only, which says little of bodies that take
-/// more of the stack than a call of the interpreter's, and nothing of threads with small stacks.
+/// Py_EnterRecursiveCall for a native body. Before 3.14 that counts calls only, which says little of larger frames than
+/// the interpreter's, and nothing of threads with small stacks.
 [[nodiscard]] inline bool enter_recursion() {
     if constexpr (!interpreter_measures_stack) {
         const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
@@ -29,6 +27,5 @@ extern constinit thread_local stack_bounds this_stack;
     }
     return Py_EnterRecursiveCall("") == 0;
 }
-inline void leave_recursion() noexcept { Py_LeaveRecursiveCall(); }
 
 } // namespace corvane::py
