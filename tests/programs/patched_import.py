@@ -5,6 +5,7 @@ import dataclasses
 import functools
 import importlib
 import linecache
+import logging  # noqa: F401  which needs linecache itself
 import os
 import sys
 import types

@@ -185,11 +185,11 @@ void define_class(const char* name, std::initializer_list<native_function> metho
     for (const native_function& method : methods)
         connect(name, method);
     const object made = execute(name);
+    if (!PyType_Check(made.ptr()))
+        return;
+    auto* type = reinterpret_cast<PyTypeObject*>(made.ptr());
     for (const native_function& method : methods)
-        if (PyType_Check(made.ptr()))
-            shorten(
-                handle(_PyType_Lookup(reinterpret_cast<PyTypeObject*>(made.ptr()), detail::text_of(method.name).ptr())),
-                method);
+        shorten(handle(foreign_call(_PyType_Lookup, type, detail::text_of(method.name).ptr())), method);
 }
 
 void define_generator(const char* name, std::initializer_list<native_function> steps) {
