@@ -257,7 +257,8 @@ except ImportError as exc: print(exc)
 assert first._normalize_key("a") == "0xa"
 """, "corvane.agent_onboarding is already initialised"),
     "a failed import elsewhere leaves the module free": ("""
-import datetime  # of 3.12.1, which crashes where another interpreter has it first
+# with all of 3.12 that crashes where another interpreter has it first
+import urllib.request, secrets, shutil, dataclasses, typing
 import sys, corvane.auth, corvane.skills, corvane.sync, corvane.runtime_module_freshness
 from test.support import run_in_subinterp_with_config
 # without the real corvane.auth and corvane.sync: their libraries refuse other interpreters on their own
