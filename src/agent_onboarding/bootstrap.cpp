@@ -89,7 +89,7 @@ void add_graph_validator(const frame& in, handle kit, handle evaluator, handle v
     } catch (error& caught) {
         except_scope handling(in, caught, "Exception"_n);
         set_attr(kit, "_runtime"_n, none());
-        throw;
+        raise_again(caught);
     }
 }
 
@@ -120,9 +120,9 @@ object kit_or_local_runtime(const frame& in, handle am, handle strict) {
             throw_error(PyExc_UnboundLocalError, "local variable 'sync_backoff' referenced before assignment");
         }
         if (caught.matches(sync_backoff.attr("SyncBackoffCancelled"_n)))
-            throw; // the agent is being stopped, which is not a failure to hide
+            raise_again(caught); // the agent is being stopped, which is not a failure to hide
         if (!caught.matches(global("Exception"_n)))
-            throw;
+            raise_again(caught);
         warn("Failed to bootstrap corvane runtime: %s"_n, caught);
         if (is_true(strict))
             raise_with_detail(caught, "Corvane registration authenticated, but runtime data bootstrap failed");

@@ -39,7 +39,7 @@ object authenticate_for_register(const frame& in, handle key, handle invite_code
         }
         if (caught.matches(auth("InvalidKeyError"_n)))
             raise(global("ValueError"_n), invalid_key);
-        throw;
+        raise_again(caught);
     }
 }
 
@@ -59,7 +59,7 @@ object authenticate_for_login(const frame& in, handle key) {
             raise(global("ConnectionError"_n), unreachable);
         if (caught.matches(auth("AuthError"_n)))
             raise(auth("AuthError"_n), "Authentication failed. Verify your private key is correct.");
-        throw;
+        raise_again(caught);
     }
 }
 

@@ -92,7 +92,7 @@ object fetch_eras_payload(const frame& in, handle am) {
         object os_error = global("OSError"_n);
         object url_error = global("urllib"_n).attr("error"_n).attr("URLError"_n);
         if (!caught.matches(tuple(os_error, url_error, global("TimeoutError"_n))))
-            throw;
+            raise_again(caught);
         object failure = global("RuntimeError"_n)(concat("Registration bootstrap failed to fetch /eras."));
         raise_from(failure, caught.value());
     }
@@ -109,7 +109,7 @@ object fetch_eras_payload(const frame& in, handle am) {
         // except (UnicodeDecodeError, json.JSONDecodeError)
         object decode_error = global("UnicodeDecodeError"_n);
         if (!caught.matches(tuple(decode_error, global("json"_n).attr("JSONDecodeError"_n))))
-            throw;
+            raise_again(caught);
         object failure = global("RuntimeError"_n)(concat("Registration bootstrap received invalid /eras JSON."));
         raise_from(failure, caught.value());
     }

@@ -150,6 +150,10 @@ template <typename Result, typename Slot> Result slot(Result failed, Slot run) {
     return failed;
 }
 
+[[noreturn]] void refuse_another_interpreter() {
+    throw_error(PyExc_ImportError, "corvane.agent_onboarding can be loaded into only one interpreter per process");
+}
+
 PyObject* create(PyObject* spec, PyModuleDef*) {
     return slot<PyObject*>(nullptr, [spec] {
         if (object finished = kept_module())
@@ -157,10 +161,9 @@ PyObject* create(PyObject* spec, PyModuleDef*) {
         object name = check(foreign_call(PyObject_GetAttrString, spec, "name"));
         object made = check(PyModule_NewObject(name.ptr()));
         const std::int64_t interpreter = PyInterpreterState_GetID(PyInterpreterState_Get());
-        std::int64_t owner = nobody;
-        if (!owning_interpreter.compare_exchange_strong(owner, interpreter) && owner != interpreter)
-            throw_error(PyExc_ImportError,
-                        "corvane.agent_onboarding can be loaded into only one interpreter per process");
+        const std::int64_t owner = owning_interpreter;
+        if (owner != nobody && owner != interpreter)
+            refuse_another_interpreter();
         return made.release();
     });
 }
@@ -172,6 +175,11 @@ int execute(PyObject* module) {
             return 0;
         if (finished)
             throw_error(PyExc_ImportError, "corvane.agent_onboarding is already initialised");
+        // Only now: a module that was made and never executed must not keep the others out.
+        std::int64_t owner = nobody;
+        const std::int64_t interpreter = PyInterpreterState_GetID(PyInterpreterState_Get());
+        if (!owning_interpreter.compare_exchange_strong(owner, interpreter) && owner != interpreter)
+            refuse_another_interpreter();
         initialisation attempt;
         start(handle(PyModule_GetDict(module)), declarations);
         populate();

@@ -167,7 +167,7 @@ object load_extension_from_path(const frame& in, handle module_name, handle path
     } catch (error& caught) {
         except_scope handling(in, caught, "Exception"_n);
         restore_module_table(module_name, module, previous);
-        throw;
+        raise_again(caught);
     }
     return module;
 }

@@ -172,7 +172,7 @@ object write_wallet_key(const frame& in, handle data_dir, handle key_content) {
         except_scope handling(in, caught);
         object io_error = global("IOError"_n);
         if (!caught.matches(tuple(io_error, global("OSError"_n))))
-            throw;
+            raise_again(caught);
         raise_cannot_write(wallet_path); // also for the unsafe-wallet error of the descriptor check
     }
     return none();

@@ -100,9 +100,14 @@ object special_method(handle self, handle name, location at) {
 } // namespace
 
 std::pair<callee, object> enter_context(handle manager, location at) {
-    object enter = special_method(manager, "__enter__"_n, at);
-    object exit = enter ? special_method(manager, "__exit__"_n, at) : object();
-    if (!exit) {
+    object enter;
+    object exit;
+    object& first = exit_is_looked_up_first ? exit : enter;
+    object& second = exit_is_looked_up_first ? enter : exit;
+    first = special_method(manager, exit_is_looked_up_first ? "__exit__"_n : "__enter__"_n, at);
+    if (first)
+        second = special_method(manager, exit_is_looked_up_first ? "__enter__"_n : "__exit__"_n, at);
+    if (!second) {
         interpret_statement("enter"_n, {manager}, at);
         throw_error(PyExc_TypeError, "a context manager changed while it was entered", at);
     }

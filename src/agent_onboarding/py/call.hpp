@@ -175,7 +175,7 @@ template <typename Body> void with(const frame& in, handle manager, Body body, l
     } catch (error& caught) {
         except_scope handling(in, caught);
         if (!exit_context(exit, caught, at))
-            throw;
+            raise_again(caught);
         return;
     }
     exit(none(), none(), none());
@@ -189,7 +189,7 @@ template <typename Body, typename Cleanup> object try_finally(const frame& in, B
     } catch (error& caught) {
         except_scope handling(in, caught);
         cleanup();
-        throw;
+        raise_again(caught);
     }
     cleanup();
     return result;

@@ -58,7 +58,7 @@ except_scope::except_scope(const frame& in, error& caught) noexcept {
 // Once the first constructor is done, an exception in here runs the destructor.
 except_scope::except_scope(const frame& in, error& caught, name type, location at) : except_scope(in, caught) {
     if (!caught.matches(global(type, at), at))
-        throw;
+        raise_again(caught);
 }
 
 except_scope::~except_scope() {

@@ -3,6 +3,8 @@
 
 #include "names.hpp"
 
+#include <cxxabi.h>
+
 #include <concepts>
 #include <exception>
 
@@ -70,8 +72,27 @@ auto checked_call(location at, Function* function, Arguments... arguments) {
     throw raised(exception, cause, at);
 }
 
+/// A bare `raise` of what was caught. In an except clause `throw;` would look for it where it has been set aside.
+[[noreturn]] inline void raise_again(error& caught) { throw std::move(caught); }
+
 /// A local variable that a swallowed exception may have left without a value.
 handle local(const object& value, const char* variable, location at = location::current());
+
+/// While it lives, C++ does not count what the running handler has caught among the thread's caught exceptions. Code
+/// that is called from a handler may switch to another greenlet, whose handlers end in another order than they began:
+/// C++ would then take one's exception for the other's.
+class caught_set_aside {
+  public:
+    caught_set_aside() noexcept : list_(*caught_of_thread()) { *caught_of_thread() = nullptr; }
+    ~caught_set_aside() { *caught_of_thread() = list_; }
+    caught_set_aside(const caught_set_aside&) = delete;
+    caught_set_aside& operator=(const caught_set_aside&) = delete;
+
+  private:
+    /// The first member of what the C++ ABI keeps for each thread.
+    static void** caught_of_thread() noexcept { return reinterpret_cast<void**>(abi::__cxa_get_globals()); }
+    void* list_;
+};
 
 /// The body of an except clause, of a finally clause or of `__exit__`: while it lives, the caught exception is the one
 /// being handled, so that the interpreter itself sets `__context__` on whatever is raised inside, and callees see it in
@@ -86,6 +107,7 @@ class except_scope {
     except_scope& operator=(const except_scope&) = delete;
 
   private:
+    caught_set_aside set_aside_; // until the rest is undone, which can run code
     _PyErr_StackItem* slot_;
     object outer_;
 };

@@ -226,12 +226,13 @@ object interpret_statement(name declaration, std::initializer_list<argument> val
     try {
         return callee(new_function(declared_code(declaration, at), {}), at)(values);
     } catch (error& raised) {
+        const caught_set_aside calling_out;
         object traceback = object::steal(PyException_GetTraceback(raised.value().ptr()));
-        if (!traceback)
-            throw; // the interpreter had no room for the frame
-        auto* next = reinterpret_cast<PyObject*>(reinterpret_cast<PyTracebackObject*>(traceback.ptr())->tb_next);
-        check(PyException_SetTraceback(raised.value().ptr(), next == nullptr ? Py_None : next), at);
-        throw;
+        if (traceback) { // or the interpreter had no room for the frame
+            auto* next = reinterpret_cast<PyObject*>(reinterpret_cast<PyTracebackObject*>(traceback.ptr())->tb_next);
+            checked_call(at, PyException_SetTraceback, raised.value().ptr(), next == nullptr ? Py_None : next);
+        }
+        raise_again(raised);
     }
 }
 

@@ -4,37 +4,20 @@
 
 namespace corvane::py {
 
-// What a look-up finds is remembered until something changes in the module's namespace or in the builtins. Dictionary
-// watchers tell of a change before it happens, thus before a value that goes can run code of its own; a version number
-// would come too late, for the interpreter's specialised stores destroy the old value first.
-
 namespace {
 name_node* first_name = nullptr;
 
 // Owned, and given back only for another namespace of the same interpreter.
 handle globals;
 handle builtins;
+} // namespace
 
-constexpr int no_watcher = -1; // of an interpreter there are only a few; nothing is remembered then
-int watcher = no_watcher;
-std::uint64_t changes = 1;
+name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
 
-int count_change(PyDict_WatchEvent /*event*/, PyObject* /*dictionary*/, PyObject* /*key*/, PyObject* /*value*/) {
-    ++changes;
-    return 0;
-}
-
-void watch(handle dictionary) {
-    if (watcher == no_watcher)
-        watcher = PyDict_AddWatcher(count_change);
-    if (watcher != no_watcher && PyDict_Watch(watcher, dictionary.ptr()) < 0)
-        watcher = no_watcher;
-    if (watcher == no_watcher)
-        PyErr_Clear();
-}
-
-object look_up(name wanted, location at) {
-    const std::uint64_t seen = changes; // read first: a key of the namespace may have an `__eq__` that changes it
+// Nothing is remembered between look-ups. Whoever remembers must know of a change before the old value's destructor
+// runs; a dictionary's version comes after it, and a dictionary watcher's event comes before the new value is there, so
+// that another watcher can run code in between which finds, and would have us remember, the old one.
+callee global(name wanted, location at) {
     object value = find(globals, wanted, at);
     if (!value)
         value = find(builtins, wanted, at);
@@ -42,18 +25,7 @@ object look_up(name wanted, location at) {
         object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), at);
         raise(callee(object::borrow(PyExc_NameError), at)(message, "name"_a = wanted), at);
     }
-    wanted.node->value = value.ptr();
-    wanted.node->change = watcher == no_watcher || interpreter_is_ending() ? 0 : seen;
-    return value;
-}
-} // namespace
-
-name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
-
-callee global(name wanted, location at) {
-    if (wanted.node->change == changes) [[likely]]
-        return {object::borrow(wanted.node->value), at};
-    return {look_up(wanted, at), at};
+    return {std::move(value), at};
 }
 
 void set_global(name changed, handle value, location at) {
@@ -68,7 +40,6 @@ void intern_names() {
         PyObject* text = detail::text_of(node->text).release();
         PyUnicode_InternInPlace(&text);
         node->interned = text;
-        node->change = 0;
     }
 }
 
@@ -76,15 +47,11 @@ void enter_namespace(handle module_namespace) {
     const object left[] = {object::steal(globals.ptr()), object::steal(builtins.ptr())}; // by a failed initialisation
     globals = handle(object::borrow(module_namespace).release());
     builtins = handle(object::borrow(PyEval_GetBuiltins()).release());
-    ++changes;
-    watch(globals);
-    watch(builtins);
 }
 
 void forget_namespace() noexcept {
     globals = handle();
     builtins = handle();
-    watcher = no_watcher;
 }
 
 } // namespace corvane::py

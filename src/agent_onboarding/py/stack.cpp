@@ -25,10 +25,13 @@ constinit thread_local stack_bounds this_stack = {};
 namespace {
 // A body takes 2 KiB at the most. What it calls takes more: a search for a handler, a TLS handshake, dlopen. Threads
 // with less than 512 KiB keep a quarter free, which is enough for bodies but not for everything that they call.
-constexpr std::uintptr_t most_kept_free = 128 * 1024;
+constexpr std::uintptr_t kibibyte = 1024;
+constexpr std::uintptr_t most_kept_free = 128 * kibibyte;
 
 // Of the main thread's stack, whatever its limit: the kernel keeps twice as much free below its top for it to grow.
-constexpr std::uintptr_t most_of_main_stack = 64 * 1024 * 1024;
+constexpr std::uintptr_t most_of_main_stack = 64 * 1024 * kibibyte;
+// Its limit can change at any time, so that it is asked for again after this much more of it was used.
+constexpr std::uintptr_t main_stack_step = 64 * kibibyte;
 
 void set_bounds(std::uintptr_t end, std::uintptr_t top) {
     this_stack = {.limit = end + std::min(most_kept_free, (top - end) / 4), .top = top, .end = end};
@@ -37,16 +40,17 @@ void set_bounds(std::uintptr_t end, std::uintptr_t top) {
 /// The main thread's stack: it grows down from a top at which the kernel puts the program's name. The C library would
 /// read a file with a line for each library of the process to say the same.
 bool measure_main(std::uintptr_t here) {
-    const auto name = static_cast<std::uintptr_t>(getauxval(AT_EXECFN));
+    const auto* name = reinterpret_cast<const char*>(getauxval(AT_EXECFN)); // NOLINT(performance-no-int-to-ptr)
     rlimit limit{};
-    if (name == 0 || getrlimit(RLIMIT_STACK, &limit) != 0)
+    if (name == nullptr || getrlimit(RLIMIT_STACK, &limit) != 0)
         return false;
     const auto page = static_cast<std::uintptr_t>(getauxval(AT_PAGESZ));
-    const std::uintptr_t top = (name + std::strlen(reinterpret_cast<const char*>(name)) + page) / page * page;
+    const std::uintptr_t top = (reinterpret_cast<std::uintptr_t>(name) + std::strlen(name) + page) / page * page;
     const std::uintptr_t end = top - std::min<std::uintptr_t>(limit.rlim_cur, most_of_main_stack);
     if (here < end || here >= top)
         return false;
     set_bounds(end, top);
+    this_stack.limit = std::max(this_stack.limit, here - main_stack_step);
     return true;
 }
 
@@ -63,9 +67,9 @@ void measure(std::uintptr_t here) {
 } // namespace
 
 bool may_begin_at(std::uintptr_t address) {
-    if (this_stack.top == 0)
-        measure(address);
     // Outside of the thread's stack there is one that somebody else has allocated and knows the size of.
+    if (this_stack.top == 0 || (address >= this_stack.end && address < this_stack.limit))
+        measure(address);
     if (address < this_stack.end || address >= this_stack.limit)
         return true;
     PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");

@@ -13,13 +13,7 @@ namespace corvane::py {
 /// counts calls.
 inline constexpr bool interpreter_measures_stack = PY_VERSION_HEX >= 0x030E0000;
 
-/// Whether the interpreter is going away, and with it whoever would tell that a dictionary changes.
-[[nodiscard]] inline bool interpreter_is_ending() noexcept {
-#if PY_VERSION_HEX >= 0x030D0000
-    return Py_IsFinalizing() != 0;
-#else
-    return _Py_IsFinalizing() != 0;
-#endif
-}
+/// Which of its two special methods a with statement looks up first.
+inline constexpr bool exit_is_looked_up_first = PY_VERSION_HEX >= 0x030E0000;
 
 } // namespace corvane::py
