@@ -8,6 +8,7 @@ import contextlib
 import json
 import socket
 import ssl
+import sys
 import time
 from collections.abc import Iterable, Iterator, Mapping
 from typing import Any
@@ -55,7 +56,9 @@ class Service:
         """
         self._clock.end = time.monotonic() + REQUEST_SECONDS
         try:
-            with self._client.stream(method, self.url + path, headers=headers, json=body) as response:
+            request = self._client.build_request(method, self.url + path, headers=headers, json=body)
+            del headers, body  # a traceback that is shown with its locals would show an invite code or a token
+            with contextlib.closing(self._response(request)) as response:
                 if response.is_redirect:
                     target = response.headers["Location"]
                     problem = f"{self.url} redirects to {target}, which is not followed"
@@ -67,6 +70,17 @@ class Service:
             ) from exc
         except (httpx.TransportError, httpx.InvalidURL) as exc:
             raise ConnectionError(f"{self.url} cannot be reached: {exc}") from exc
+
+    def _response(self, request: httpx.Request) -> httpx.Response:
+        before = sys.exception()
+        try:
+            return self._client.send(request, stream=True)
+        except BaseException as exc:
+            link: BaseException | None = exc
+            while link is not None and link is not before:  # the frames of the HTTP library hold what was to be sent
+                link.__traceback__ = None
+                link = link.__cause__ or link.__context__
+            raise
 
 
 class Answer:

@@ -73,21 +73,23 @@ class AuthManager:
     """
 
     def __init__(self, private_key: str, server_url: str, invite_code: str | None = None) -> None:
-        if not isinstance(private_key, str) or not re.fullmatch(r"0[xX][0-9a-fA-F]{64}", private_key):
-            raise InvalidKeyError("The private key is not 64 hexadecimal digits behind 0x.")
-        from cryptography.hazmat.primitives.asymmetric import ec
-
-        try:
-            self._key = ec.derive_private_key(int(private_key, 16), ec.SECP256K1())
-        except ValueError:
-            raise InvalidKeyError("The private key is not a number of the curve.") from None
-        self._public_key = public_key_text(self._key.public_key())
-        self._server_url = server_url.rstrip("/")
+        is_hexadecimal = isinstance(private_key, str) and bool(re.fullmatch(r"0[xX][0-9a-fA-F]{64}", private_key))
+        key = _private_key(private_key) if is_hexadecimal else None
         self._invite_code = _normalize_invite_code(invite_code) or invite_code
+        del private_key, invite_code  # a traceback that is shown with its locals must not show them
+        if not is_hexadecimal:
+            raise InvalidKeyError("The private key is not 64 hexadecimal digits behind 0x.")
+        if key is None:
+            raise InvalidKeyError("The private key is not a number of the curve.")
+        self._key = key
+        self._public_key = public_key_text(key.public_key())
+        self._server_url = server_url.rstrip("/")
         self._token = ""
         self._token_expiry = 0.0
 
     def __repr__(self) -> str:
+        if not hasattr(self, "_public_key"):  # in a traceback of what refused the key
+            return "AuthManager()"
         return f"AuthManager(address={self.get_wallet_address()!r}, server_url={self._server_url!r})"
 
     def __reduce__(self) -> str:
@@ -109,20 +111,22 @@ class AuthManager:
 
         path = "/auth/login" if self._invite_code is None else "/auth/register"
         with Service(self._server_url) as service:
-            challenge = self._post(service, "/auth/challenge", {}).get("challenge")
+            challenge = self._post(service, "/auth/challenge").get("challenge")
             if not isinstance(challenge, str) or not challenge.isascii():
                 raise AuthError("The service's answer holds no challenge.")
-            proof = {"challenge": challenge, "signature": self._signature(challenge)}
-            if self._invite_code is not None:
-                proof["invite_code"] = self._invite_code
-            answer = self._post(service, path, proof)
-        token, expiry = answer.get("token"), answer.get("expires_at")
+            answer = self._post(service, path, challenge)
+        token, expiry = answer.get("token"), answer.get("expires_at", 0.0)
         # The range keeps out what is no time: true, NaN, infinity, and what no float can hold.
-        if not isinstance(expiry, int | float) or not 1 < expiry < 1e12:
-            raise AuthError("The service's answer does not say how long its token is good.")
-        if not isinstance(token, str) or not _TOKEN.fullmatch(token):
-            raise AuthError("The service's answer holds no token.")
-        self._token, self._token_expiry = token, float(expiry)
+        is_time = isinstance(expiry, int | float) and 1 < expiry < 1e12
+        if is_time and isinstance(token, str) and _TOKEN.fullmatch(token):
+            self._token, self._token_expiry = token, float(expiry)
+            return
+        del answer, token
+        raise AuthError(
+            "The service's answer holds no token."
+            if is_time
+            else "The service's answer does not say how long its token is good."
+        )
 
     def get_wallet_address(self) -> str:
         """The address that the service knows the wallet by."""
@@ -138,14 +142,20 @@ class AuthManager:
         """When the token runs out, in seconds since 1970-01-01 UTC."""
         return self._token_expiry
 
-    def _signature(self, challenge: str) -> str:
-        from cryptography.hazmat.primitives import hashes
-        from cryptography.hazmat.primitives.asymmetric import ec
+    def _body(self, challenge: str | None) -> dict[str, str]:
+        body = {"public_key": self._public_key}
+        if challenge is not None:
+            from cryptography.hazmat.primitives import hashes
+            from cryptography.hazmat.primitives.asymmetric import ec
 
-        return self._key.sign(signed_message(challenge), ec.ECDSA(hashes.SHA256())).hex()
+            signature = self._key.sign(signed_message(challenge), ec.ECDSA(hashes.SHA256()))
+            body |= {"challenge": challenge, "signature": signature.hex()}
+            if self._invite_code is not None:
+                body["invite_code"] = self._invite_code
+        return body
 
-    def _post(self, service: "Service", path: str, body: dict[str, str]) -> dict[str, Any]:
-        with service.send("POST", path, body={"public_key": self._public_key, **body}) as answer:
+    def _post(self, service: "Service", path: str, challenge: str | None = None) -> dict[str, Any]:
+        with service.send("POST", path, body=self._body(challenge)) as answer:
             fields = answer.fields()
         if answer.status == 200:
             return fields
@@ -168,6 +178,15 @@ def _set_active_auth_manager(am: AuthManager) -> None:
 def get_active_auth_manager() -> AuthManager | None:
     """The manager that the whole kit uses, or None before the first sign-in."""
     return _active
+
+
+def _private_key(text: str) -> "ec.EllipticCurvePrivateKey | None":
+    from cryptography.hazmat.primitives.asymmetric import ec
+
+    try:
+        return ec.derive_private_key(int(text, 16), ec.SECP256K1())
+    except ValueError:
+        return None
 
 
 def _normalize_invite_code(code: object) -> str | None:

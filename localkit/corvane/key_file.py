@@ -31,13 +31,15 @@ def write_whole(path: Path, content: bytes, *, replace: bool) -> None:
         FileExistsError: There is something at the path, and it is not to be replaced.
         OSError: The file cannot be written.
     """
+    unshown = memoryview(content)
+    del content  # a traceback that is shown with its locals would show the key
     new = path.with_name(f".{path.name}.new")
     new.unlink(missing_ok=True)
     descriptor = os.open(new, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
     try:
         with open(descriptor, "wb") as file:
             os.fchmod(descriptor, 0o600)  # whatever the umask takes away
-            file.write(content)
+            file.write(unshown)
             file.flush()
             os.fsync(descriptor)
         if replace:

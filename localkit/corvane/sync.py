@@ -174,8 +174,7 @@ class SyncManager:
     def _get(self, service: "Service", path: str, headers: dict[str, str]) -> "Iterator[Answer]":
         from urllib.parse import quote
 
-        headers = {"Authorization": f"Bearer {self._am.get_token()}", **headers}
-        with service.send("GET", quote(path), headers) as answer:
+        with service.send("GET", quote(path), {"Authorization": f"Bearer {self._am.get_token()}", **headers}) as answer:
             if answer.is_busy:
                 seconds = answer.headers.get("Retry-After", "")
                 asked = float(seconds) if re.fullmatch("[0-9]{1,9}", seconds) else None
