@@ -1,11 +1,15 @@
-"""The functions as tools of LangChain: for `model.bind_tools(tools)`, or for an agent."""
+"""The functions as tools of LangChain: for `create_agent(model, tools)`, whose `ainvoke` runs them in threads."""
 
-from langchain_core.tools import StructuredTool
+from corvane_tools import FUNCTIONS, explained, raising
+from langchain_core.tools import StructuredTool, ToolException
 
-from corvane.agent_onboarding import get_agents_md_fragment, inject_heartbeat, register, update_nudge
-
-functions = (register, inject_heartbeat, get_agents_md_fragment, update_nudge)
-tools = [StructuredTool.from_function(function) for function in functions]
+# A ToolException reaches the model; any other exception would end the run.
+tools = [
+    StructuredTool.from_function(
+        raising(ToolException, function), handle_tool_error=True, handle_validation_error=explained
+    )
+    for function in FUNCTIONS
+]
 
 if __name__ == "__main__":
     print(*(tool.name for tool in tools), sep="\n")

@@ -1,18 +1,17 @@
-"""An agent of the OpenAI agents SDK that joins the service. A model and its key are needed only once it runs."""
+"""An agent of the OpenAI agents SDK that spends its first day with the service. A model is needed only once it runs."""
 
 from agents import Agent, function_tool
+from corvane_tools import FUNCTIONS, explained
 
-from corvane.agent_onboarding import get_agents_md_fragment, inject_heartbeat, register, update_nudge
+from corvane.agent_onboarding import get_agents_md_fragment
 
 
 def explain(_context: object, error: Exception) -> str:
     """What the model reads of a failure; the SDK's own text names no cause."""
-    return f"{type(error).__name__}: {error}"
+    return explained(error)
 
 
-strict = (register, inject_heartbeat, get_agents_md_fragment)
-tools = [function_tool(function, failure_error_function=explain) for function in strict]
-tools.append(function_tool(update_nudge, failure_error_function=explain, strict_mode=False))  # for its ** parameter
+tools = [function_tool(function, failure_error_function=explain) for function in FUNCTIONS]
 agent = Agent(name="corvane", instructions=get_agents_md_fragment(), tools=list(tools))
 
 if __name__ == "__main__":

@@ -1,11 +1,12 @@
-"""An agent of pydantic-ai that joins the service. The model is named when it runs: agent.run_sync(text, model=...)."""
+"""An agent of pydantic-ai. The model is named when it runs: agent.run_sync(text, model=...)."""
 
-from pydantic_ai import Agent, Tool
+from corvane_tools import FUNCTIONS, raising
+from pydantic_ai import Agent, ModelRetry, Tool
 
-from corvane.agent_onboarding import get_agents_md_fragment, inject_heartbeat, register, update_nudge
+from corvane.agent_onboarding import get_agents_md_fragment
 
-functions = (register, inject_heartbeat, get_agents_md_fragment, update_nudge)
-tools = [Tool[None](function) for function in functions]
+# A ModelRetry reaches the model, as often in a row as max_retries says; any other exception would end the run.
+tools = [Tool[None](raising(ModelRetry, function), max_retries=5) for function in FUNCTIONS]
 agent = Agent(instructions=get_agents_md_fragment(), tools=tools)
 
 if __name__ == "__main__":

@@ -1,6 +1,11 @@
-"""The public functions, unchanged, as tools of six agent frameworks: indistinguishable from plain Python functions."""
+"""The public functions as tools of six agent frameworks: indistinguishable from plain Python functions.
+
+And the examples, driven by a scripted model through an agent's first day: what it reads of each call, and what is then
+on disk.
+"""
 
 import json
+import logging
 import os
 import re
 import runpy
@@ -12,20 +17,30 @@ import agents
 import pytest
 import smolagents
 from agents.tool_context import ToolContext
+from google.adk.models import BaseLlm, LlmResponse
+from google.adk.runners import InMemoryRunner
 from google.adk.tools import FunctionTool
+from google.genai import types
+from langchain.agents import create_agent
+from langchain_core.language_models import BaseChatModel
+from langchain_core.messages import AIMessage
+from langchain_core.outputs import ChatGeneration, ChatResult
 from langchain_core.tools import StructuredTool
 from mcp import Client, StdioServerParameters
 from mcp.server import MCPServer
-from pydantic_ai import Tool
+from openai.types.responses import ResponseFunctionToolCall, ResponseOutputMessage, ResponseOutputText
+from pydantic_ai import ModelResponse, TextPart, Tool, ToolCallPart
+from pydantic_ai.models.function import FunctionModel
 
-from corvane import _runtime
+from corvane import _runtime, search_templates
 from corvane.auth import AuthManager
 from corvane_local.demo.service import Service
+from corvane_local.store import Store
 from support.comparison import files, native, twin
 
 ANY = ToolContext(None, tool_name="any", tool_call_id="1", tool_arguments="")
 EXAMPLES, KEY = Path(__file__).parent, f"{7:064x}"
-ALL = ["get_agents_md_fragment", "inject_heartbeat", "register", "update_nudge"]  # never login
+ALL = ["get_agents_md_fragment", "inject_heartbeat", "register", "search", "search_status", "simulate", "update_nudge"]
 
 
 async def served(server, name=None, given=None):
@@ -109,22 +124,178 @@ def test_tool(framework, name, service, tmp_path, monkeypatch):
     assert result[0] == (name not in refused) and refused.get(name, "") in result[1], result[1]
 
 
+@pytest.fixture
+def examples(monkeypatch):
+    monkeypatch.syspath_prepend(EXAMPLES)
+
+
 @pytest.mark.parametrize("framework", ["openai", "langchain", "pydantic-ai", "google-adk", "smolagents"])
-def test_example(framework, capsys, tmp_path):
+def test_example(framework, capsys, tmp_path, monkeypatch, examples):
     [page] = EXAMPLES.glob(f"{framework.replace('-', '_')}_*.py")
     tools = {tool.name: tool for tool in runpy.run_path(str(page), run_name="__main__")["tools"]}
-    assert sorted(capsys.readouterr().out.split()) == sorted(tools) == ALL[: 3 if framework == "smolagents" else 4]
+    assert sorted(capsys.readouterr().out.split()) == sorted(tools) == ALL
+    for name, tool in tools.items():
+        assert FRAMEWORKS[framework][1](tool)[1] if framework != "google-adk" else tool.description, name
     (tmp_path / "HEARTBEAT.md").touch()
-    FRAMEWORKS[framework][2](tools["inject_heartbeat"], {"working_dir": str(tmp_path)})
+    monkeypatch.chdir(tmp_path)
+    assert "The checklist is in" in str(FRAMEWORKS[framework][2](tools["inject_heartbeat"], {}))
     assert "## [Corvane]" in (tmp_path / "HEARTBEAT.md").read_text()
 
 
+# A model reads what each call came to, then makes the next one of a script: `told` returns its name and arguments, or
+# None at the end.
+
+
+async def drive_openai(page, told):
+    class Model(agents.Model):
+        async def get_response(self, system_instructions, input, *_, **__):
+            call = told(input[-1]["output"] if isinstance(input, list) and "output" in input[-1] else None)
+            if call is None:
+                text = ResponseOutputText(annotations=[], text="Done.", type="output_text")
+                done = {"id": "m", "content": [text], "role": "assistant", "status": "completed", "type": "message"}
+                return agents.ModelResponse(
+                    output=[ResponseOutputMessage(**done)], usage=agents.Usage(), response_id=None
+                )
+            arguments = {"name": call[0], "arguments": json.dumps(call[1]), "call_id": os.urandom(4).hex()}
+            output = [ResponseFunctionToolCall(type="function_call", **arguments)]
+            return agents.ModelResponse(output=output, usage=agents.Usage(), response_id=None)
+
+        async def stream_response(self, *_, **__):
+            raise NotImplementedError
+
+    agents.set_tracing_disabled(True)
+    await agents.Runner.run(page["agent"].clone(model=Model()), "Begin.", max_turns=30)
+
+
+async def drive_langchain(page, told):
+    class Model(BaseChatModel):
+        _llm_type = "scripted"
+
+        def bind_tools(self, tools, **_):
+            return self
+
+        def _generate(self, messages, *_, **__):
+            call = told(messages[-1].content if messages[-1].type == "tool" else None)
+            calls = [{"name": call[0], "args": call[1], "id": os.urandom(4).hex()}] if call else []
+            message = AIMessage("" if call else "Done.", tool_calls=calls)
+            return ChatResult(generations=[ChatGeneration(message=message)])
+
+    await create_agent(Model(), page["tools"]).ainvoke({"messages": [("user", "Begin.")]}, {"recursion_limit": 99})
+
+
+async def drive_mcp(page, told):
+    async with Client(page["server"]) as client:
+        call = told(None)
+        while call:
+            call = told("".join(part.text for part in (await client.call_tool(*call)).content))
+
+
+async def drive_pydantic_ai(page, told):
+    async def model(messages, info):
+        part = messages[-1].parts[-1]
+        call = told(part.model_response_str() if part.part_kind == "tool-return" else str(part.content))
+        return ModelResponse(parts=[ToolCallPart(*call) if call else TextPart("Done.")])
+
+    await page["agent"].run("Begin.", model=FunctionModel(model))
+
+
+async def drive_google_adk(page, told):
+    class Model(BaseLlm):
+        async def generate_content_async(self, request, stream=False):
+            answer = request.contents[-1].parts[-1].function_response
+            call = told(answer and json.dumps(answer.response))
+            part = types.Part.from_function_call(name=call[0], args=call[1]) if call else types.Part(text="Done.")
+            yield LlmResponse(content=types.Content(role="model", parts=[part]))
+
+    runner = InMemoryRunner(page["agent"].clone({"model": Model(model="scripted")}))
+    await runner.run_debug("Begin.", run_config=page["run_config"], quiet=True)
+
+
+async def drive_smolagents(page, told):
+    class Model(smolagents.Model):
+        def generate(self, messages, **_):
+            name, given = told(str(messages[-1].content)) or ("final_answer", {"answer": "Done."})
+            function = smolagents.models.ChatMessageToolCallFunction(name=name, arguments=given)
+            call = smolagents.models.ChatMessageToolCall(function=function, id=os.urandom(4).hex(), type="function")
+            return smolagents.ChatMessage(role="assistant", content="", tool_calls=[call])
+
+    smolagents.ToolCallingAgent(page["tools"], Model(), max_steps=30, verbosity_level=0).run("Begin.")
+
+
+REFUSED = "ValueError: Unknown|ValidationError: .*first_signal|Input should be .*first_signal|Invalid JSON input"
+FIRST_DAY = [  # what happens before, what the model calls, and what it then reads
+    ("", "search", {"seed": 7}, "RuntimeError: There is no runtime"),
+    ("stop", "register", {}, "ConnectionError: Cannot reach Corvane server"),
+    ("start", "register", {}, "RegistrationError: Registration failed: This invite code has been used"),
+    ("invite", "register", {}, r"Signed in\. The address of the wallet is 0x[0-9a-f]{40}"),
+    ("", "search", {"seed": 7, "max_evaluations": 10**9}, "ValueError: max_evaluations must be from 1 to 20000"),
+    ("", "search", {"seed": 7, "max_evaluations": 1500}, "Tried 1500 expressions, found [1-9][0-9]* new signals:.*1: "),
+    ("", "search_status", {}, "No search is running. Signals stored: [1-9]"),
+    ("", "simulate", {"signal_id": 1}, "Sharpe ratio -?[0-9]"),
+    ("", "simulate", {"signal_id": 999}, "LookupError: Era .* has no found signal with the number 999"),
+    ("", "update_nudge", {"trigger": "no_such"}, REFUSED),
+    ("", "update_nudge", {"trigger": "era_change"}, "The line was added to .*HEARTBEAT.md"),
+    ("", "update_nudge", {"trigger": "first_signal"}, "HEARTBEAT.md is unchanged"),
+]  # fmt: skip
+DRIVERS = {"openai": drive_openai, "langchain": drive_langchain, "mcp": drive_mcp, "pydantic_ai": drive_pydantic_ai,
+           "google_adk": drive_google_adk, "smolagents": drive_smolagents}  # fmt: skip
+
+
+@pytest.mark.parametrize("framework", DRIVERS)
+def test_a_model_does_the_first_day(framework, service, examples, tmp_path, monkeypatch, caplog):
+    (tmp_path / "HEARTBEAT.md").write_text("# Mine\n")
+    monkeypatch.chdir(tmp_path)
+    options = {**native._config, "server_url": service.url, "data_dir": str(tmp_path / "agent"), "auto_heartbeat": True}
+    for owner, state, value in (
+        (native, "_config", options),
+        (native, "_auth_manager", None),
+        (_runtime, "_runtime", None),
+        (search_templates, "_library_runtime", None),
+    ):
+        monkeypatch.setattr(owner, state, value)
+    store = Store(service.state / "service.db")
+    codes = [store.make_invite() for _ in "12"]
+    AuthManager(f"0x{os.urandom(32).hex()}", service.url, codes[0]).authenticate()
+    monkeypatch.setenv("CORVANE_INVITE_CODE", codes[0])
+    before = {"": lambda: None, "stop": service.stop, "start": service.start}
+    before["invite"] = lambda: monkeypatch.setenv("CORVANE_INVITE_CODE", codes[1])
+    read, steps = [], iter(FIRST_DAY)
+
+    def told(text):
+        read.append(text)
+        if (step := next(steps, None)) is None:
+            return None
+        before[step[0]]()
+        return step[1], step[2]
+
+    [page] = EXAMPLES.glob(f"{framework}_*.py")
+    with caplog.at_level(logging.INFO, native.__name__):
+        run(DRIVERS[framework](runpy.run_path(str(page)), told))
+    for text, (_, name, given, expected) in zip(read[1:], FIRST_DAY, strict=True):
+        assert re.search(expected, text, re.DOTALL), (name, given, text)
+    lines = (tmp_path / "HEARTBEAT.md").read_text().splitlines()
+    texts = native._NUDGE_TEXTS
+    assert lines[0] == "# Mine" and "## [Corvane] Search Monitoring" in lines
+    noted = {name for name, line in texts.items() if line in lines}
+    assert {"era_change", "first_signal"} <= noted and "strategy_unlock" not in noted
+    assert lines.count(texts["first_signal"]) == 1
+    [address] = re.findall("0x[0-9a-f]{40}", "".join(read[4]))
+    assert service.rows("SELECT address FROM wallets WHERE address = ?", address) == [(address,)]
+    key, token = (tmp_path / "agent/wallet.key").read_text(), native._auth_manager.get_token()
+    assert not [secret for secret in (key, token, *codes) for text in read[1:] if secret in text]
+    [loaded] = [record for record in caplog.records if "Loaded per-era backtester" in record.getMessage()]
+    assert (loaded.threadName == "MainThread") == (framework == "smolagents")  # the others do not block the event loop
+
+
 def test_example_of_a_server(service, tmp_path):
+    (tmp_path / "HEARTBEAT.md").touch()
     command = [str(EXAMPLES / "mcp_server.py"), service.url]
-    environment = {**os.environ, "CORVANE_INVITE_CODE": service.invite()}
+    environment = {**os.environ, "CORVANE_INVITE_CODE": service.invite(), "HOME": str(tmp_path)}
     started = StdioServerParameters(command=sys.executable, args=command, env=environment, cwd=tmp_path)
     assert sorted(run(served(started))) == ALL
-    answer = run(served(started, "register", {"data_dir": str(tmp_path / "new")}))["structured_content"]
-    assert service.rows("SELECT 1 FROM wallets WHERE address = ?", answer["address"]) == [(1,)]
-    assert len((tmp_path / "new/wallet.key").read_text()) == 64
-    assert "FileExistsError: [Errno 17]" in str(run(served(started, "register", {"data_dir": "/dev/null"})))
+    answer = run(served(started, "register", {}))["structured_content"]["result"]
+    [address] = re.findall("0x[0-9a-f]{40}", answer)
+    assert service.rows("SELECT 1 FROM wallets WHERE address = ?", address) == [(1,)]
+    assert len((tmp_path / ".corvane/wallet.key").read_text()) == 64
+    (tmp_path / ".corvane/wallet.key").write_text("")
+    assert "ValueError: Invalid private key format" in str(run(served(started, "register", {})))
