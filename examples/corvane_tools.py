@@ -7,6 +7,7 @@ to two minutes for a search: let the framework run them in threads.
 
 import functools
 import os
+import threading
 from collections.abc import Callable
 from pathlib import Path
 from typing import Literal, get_args
@@ -18,6 +19,7 @@ from corvane.search_templates import start_search
 from corvane.search_tracking import FoundSignal
 
 Trigger = Literal["discovery_rate_declining", "era_change", "first_signal", "10_signals", "strategy_unlock"]
+_one_at_a_time = threading.Lock()  # the module has no lock of its own, and a model may call several tools at once
 MOST_EVALUATIONS, MOST_SECONDS, MOST_SHOWN = 20_000, 120, 10
 
 
@@ -31,8 +33,9 @@ def register() -> str:
         The address of the wallet.
     """
     # The code goes in as argument: a wallet.key that the service has not heard of needs it, too.
-    code = os.environ.get("CORVANE_INVITE_CODE")
-    address = agent_onboarding.register(code, bootstrap_runtime=True).address
+    code = os.environ.get("CORVANE_INVITE_CODE") or None
+    with _one_at_a_time:
+        address = agent_onboarding.register(code, bootstrap_runtime=True).address
     return f"Signed in. The address of the wallet is {address}."
 
 
@@ -95,7 +98,8 @@ def inject_heartbeat() -> str:
     Returns:
         Where the checklist is.
     """
-    agent_onboarding.inject_heartbeat()
+    with _one_at_a_time:
+        agent_onboarding.inject_heartbeat()
     path = _heartbeat()
     if "## [Corvane]" not in path.read_text(encoding="utf-8"):
         raise RuntimeError(f"The checklist was not added to {path}: it is switched off or failed, see the log.")
@@ -114,9 +118,11 @@ def update_nudge(trigger: Trigger) -> str:
     if trigger not in get_args(Trigger):
         raise ValueError(f"Unknown trigger {trigger!r}. Triggers: {', '.join(get_args(Trigger))}")
     path = _heartbeat()
-    before = path.read_bytes()
-    agent_onboarding.update_nudge(trigger)
-    if path.read_bytes() != before:
+    with _one_at_a_time:
+        before = path.read_bytes()
+        agent_onboarding.update_nudge(trigger)
+        was_added = path.read_bytes() != before
+    if was_added:
         return f"The line was added to {path}."
     return f"{path} is unchanged: the line is there already, or writing is switched off or failed (see the log)."
 

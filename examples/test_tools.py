@@ -4,6 +4,7 @@ And the examples, driven by a scripted model through an agent's first day: what 
 on disk.
 """
 
+import asyncio
 import json
 import logging
 import os
@@ -67,7 +68,8 @@ FRAMEWORKS = {  # what makes a tool, what a model is told of it, what calls it; 
     "langchain": (StructuredTool.from_function, lambda t: (t.name, t.description, t.get_input_jsonschema()),
                   StructuredTool.invoke, {"configure": "Unknown configuration option: 'kwargs'"}),
     "mcp": (lambda f: (server := MCPServer("corvane"), server.add_tool(f))[0], lambda t: run(served(t)),
-            lambda t, given: run(served(t, *run(served(t)), given)), {"configure": "Error executing tool configure"}),
+            lambda t, given: run(served(t, *run(served(t)), given)),
+            dict.fromkeys(["configure", "update_nudge"], "Error executing tool")),
     "pydantic-ai": (Tool, lambda t: (t.tool_def, t.function_schema.return_schema), lambda t, given: run(
         t.function_schema.call(t.function_schema.validator.validate_python(given), None)), {}),
     "google-adk": (FunctionTool, lambda t: t._get_declaration().model_dump(), lambda t, given: run(
@@ -107,7 +109,7 @@ def test_tool(framework, name, service, tmp_path, monkeypatch):
         try:
             told = tell(tool := make(function))
             given = {"kwargs": given} if "'kwargs': {" in repr(told) else given
-            text = str(call(tool, {**given, "context": {}} if "'context': {" in repr(told) else given))
+            text = str(call(tool, given))
         except Exception as error:
             text = f"{type(error).__name__}: {error}"
         tree, token = files(), m._auth_manager.get_token() if m._auth_manager else KEY
@@ -122,6 +124,18 @@ def test_tool(framework, name, service, tmp_path, monkeypatch):
     result = observe(native, ours)
     assert result == observe(twin, same) and Path(native.__file__).is_relative_to(sys.prefix)
     assert result[0] == (name not in refused) and refused.get(name, "") in result[1], result[1]
+
+
+def test_the_page_says_which_functions_are_tools_as_they_are():
+    names = {"OpenAI agents SDK": "openai", "MCP Python SDK": "mcp"}
+    lines = (EXAMPLES.parent / "docs/agents.md").read_text().partition("unwrapped\n")[2].splitlines()
+    head, _, *rows = [line.strip("| ").split(" | ") for line in lines if line.startswith("|")]
+    said = {names.get(row[0], row[0].lower()): dict(zip(head[1:], row[1:], strict=True)) for row in rows}
+    assert said.keys() == FRAMEWORKS.keys() - {"openai, open"}
+    for framework, cells in said.items():
+        for functions, cell in cells.items():
+            works = {name not in FRAMEWORKS[framework][3] for name in re.findall("`(.*?)`", functions)}
+            assert works == {cell == "yes"}, (framework, functions)
 
 
 @pytest.fixture
@@ -299,3 +313,20 @@ def test_example_of_a_server(service, tmp_path):
     assert len((tmp_path / ".corvane/wallet.key").read_text()) == 64
     (tmp_path / ".corvane/wallet.key").write_text("")
     assert "ValueError: Invalid private key format" in str(run(served(started, "register", {})))
+
+
+def test_a_call_goes_on_after_a_cancel(service, tmp_path, monkeypatch):
+    (tmp_path / "HEARTBEAT.md").touch()
+    monkeypatch.chdir(tmp_path)
+    options = {**native._config, "server_url": service.url, "data_dir": str(tmp_path / "agent"), "auto_heartbeat": True}
+    monkeypatch.setattr(native, "_config", options)
+    monkeypatch.setattr(native, "_auth_manager", None)
+    code = Store(service.state / "service.db").make_invite()
+
+    async def cancelled():
+        with pytest.raises(TimeoutError):
+            await asyncio.wait_for(asyncio.to_thread(native.register, code), 0.001)
+        assert (tmp_path / "HEARTBEAT.md").read_text() == ""
+
+    run(cancelled())  # which waits for the thread at its end
+    assert (tmp_path / "agent/wallet.key").exists() and "## [Corvane]" in (tmp_path / "HEARTBEAT.md").read_text()
