@@ -13,6 +13,7 @@ import runpy
 import sys
 from asyncio import run
 from pathlib import Path
+from typing import get_args
 
 import agents
 import pytest
@@ -148,6 +149,7 @@ def test_example(framework, capsys, tmp_path, monkeypatch, examples):
     [page] = EXAMPLES.glob(f"{framework.replace('-', '_')}_*.py")
     tools = {tool.name: tool for tool in runpy.run_path(str(page), run_name="__main__")["tools"]}
     assert sorted(capsys.readouterr().out.split()) == sorted(tools) == ALL
+    assert set(get_args(sys.modules["corvane_tools"].Trigger)) == set(native._NUDGE_TEXTS)
     for name, tool in tools.items():
         assert FRAMEWORKS[framework][1](tool)[1] if framework != "google-adk" else tool.description, name
     (tmp_path / "HEARTBEAT.md").touch()

@@ -8,6 +8,7 @@ import pytest
 from corvane import agent_onboarding, key_file
 from corvane._http import Service
 from corvane.auth import AuthManager
+from corvane.sync import SyncManager
 from localkit.tests.conftest import http
 
 KEY, CODE, TOKEN = f"{0xC0FFEE:064x}", "CORV-KEPT-FRMN-SEEN", "a-token-for-nobody-else"
@@ -36,6 +37,15 @@ def send_more_than_is_read(server, home):
             raise AssertionError("unreachable")
 
 
+class SignedIn:
+    def get_token(self):
+        return TOKEN
+
+
+def sync(server, home):
+    SyncManager(SignedIn(), str(home), server.url).sync()
+
+
 def make_a_second_key(server, home):
     (home / "wallet.key").write_text("")
     key_file.write_whole(home / "wallet.key", KEY.encode(), replace=False)
@@ -48,6 +58,8 @@ CALLS = {  # what is called, what the service answers, and the exception
     "no HTTP": (sign_in, [CHALLENGE, b"220 mail.example ESMTP\r\n"], ConnectionError),
     "login refused": (login, [CHALLENGE, http({"error": "unknown"}, 404)], Exception),
     "no expiry": (sign_in, [CHALLENGE, http({"token": TOKEN})], Exception),
+    "a refused token": (sync, [http(status=401)], Exception),
+    "a manifest that breaks off": (sync, [b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{"], ConnectionError),
     "a request that is not read": (send_more_than_is_read, [(time.sleep(20) for _ in "1")], ConnectionError),
     "not hexadecimal": (lambda *_: AuthManager(KEY, "https://h", CODE), None, Exception),
     "not a key": (lambda *_: AuthManager("0x" + "f" * 60 + KEY[-6:-2], "https://h", CODE), None, Exception),
