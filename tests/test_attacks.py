@@ -72,6 +72,19 @@ def test_a_thread_that_waits_while_the_interpreter_ends_sleeps_on(where):
     assert run("exit_in_thread", where, status=7) == ""
 
 
+AROUND = {
+    "greenlets": "each its own",
+    "another_watcher": "the new value",
+    "lowered_stack": "RecursionError",
+    "traceback_taken": "not enough values to unpack (expected 3, got 2)",
+}
+
+
+@pytest.mark.parametrize("program", AROUND)
+def test_what_is_around_a_call_may_change_in_the_middle_of_it(program):
+    assert run(program) == AROUND[program]
+
+
 class Lying(str):
     """A keyword that notes each comparison: it gives each answer once, then the truth; a class is raised."""
 
