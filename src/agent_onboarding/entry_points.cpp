@@ -73,32 +73,6 @@ object checked_named_universe(handle value) {
     return name;
 }
 
-/// Checks one option and stores it.
-void configure_option(handle key, object value) {
-    if (!contains(global("_VALID_OPTIONS"_n), key)) {
-        object names = global("sorted"_n)(global("_VALID_OPTIONS"_n));
-        object valid = invoke(", "_n, "join"_n, names);
-        callee value_error = global("ValueError"_n);
-        raise(value_error(concat("Unknown configuration option: '", key, "'. Valid options: ", valid)));
-    }
-    object expected = get_item(global("_VALID_OPTIONS"_n), key);
-    // A subclass passes; an int does not pass for a bool.
-    if (!is_true(global("isinstance"_n)(value, expected))) {
-        callee value_error = global("ValueError"_n);
-        object expected_name = expected.attr("__name__"_n);
-        object given_name = global("type"_n)(value).attr("__name__"_n);
-        raise(value_error(concat("Option '", key, "' expects ", expected_name, ", got ", given_name, ".")));
-    }
-    // The other options may be empty; the service's address and the universe are cleaned as well.
-    if (compare(key, Py_EQ, "data_dir"_n) && compare(value, Py_EQ, ""_n))
-        raise(global("ValueError"_n), "data_dir cannot be empty.");
-    if (compare(key, Py_EQ, "server_url"_n))
-        value = auth("_validate_server_url"_n)(value);
-    if (compare(key, Py_EQ, "named_universe"_n))
-        value = checked_named_universe(value);
-    set_item(global("_config"_n), key, value);
-}
-
 } // namespace
 
 object exception_chain_detail(const frame&, handle exc) {
@@ -205,12 +179,40 @@ object login(const frame& in, handle private_key, handle bootstrap_runtime) {
     return auth_token("token"_a = token, "expires_at"_a = expires_at);
 }
 
+// for key, value in kwargs.items(), without the view and its iterator, which take as long as the rest of a call.
 object configure(const frame&, handle kwargs) {
-    object option[2];
-    // for key, value in kwargs.items()
-    for (const object& item : iterate(invoke(kwargs, "items"_n))) {
-        unpack(item, option);
-        configure_option(option[0], option[1]);
+    const Py_ssize_t size = check(PyDict_Size(kwargs.ptr()));
+    PyObject* key = nullptr;
+    PyObject* value = nullptr;
+    for (Py_ssize_t position = 0; PyDict_Next(kwargs.ptr(), &position, &key, &value) != 0;) {
+        // Owned before anything else runs: a signal handler can find the dict, and empty it.
+        object option = object::borrow(key);
+        object setting = object::borrow(value);
+        check_signals();
+        if (!contains(global("_VALID_OPTIONS"_n), option)) {
+            object names = global("sorted"_n)(global("_VALID_OPTIONS"_n));
+            object valid = invoke(", "_n, "join"_n, names);
+            callee value_error = global("ValueError"_n);
+            raise(value_error(concat("Unknown configuration option: '", option, "'. Valid options: ", valid)));
+        }
+        object expected = get_item(global("_VALID_OPTIONS"_n), option);
+        // A subclass passes; an int does not pass for a bool.
+        if (!is_true(global("isinstance"_n)(setting, expected))) {
+            callee value_error = global("ValueError"_n);
+            object expected_name = expected.attr("__name__"_n);
+            object given_name = global("type"_n)(setting).attr("__name__"_n);
+            raise(value_error(concat("Option '", option, "' expects ", expected_name, ", got ", given_name, ".")));
+        }
+        // The other options may be empty; the service's address and the universe are cleaned as well.
+        if (compare(option, Py_EQ, "data_dir"_n) && compare(setting, Py_EQ, ""_n))
+            raise(global("ValueError"_n), "data_dir cannot be empty.");
+        if (compare(option, Py_EQ, "server_url"_n))
+            setting = auth("_validate_server_url"_n)(setting);
+        if (compare(option, Py_EQ, "named_universe"_n))
+            setting = checked_named_universe(setting);
+        set_item(global("_config"_n), option, setting);
+        if (PyDict_GET_SIZE(kwargs.ptr()) != size)
+            throw_error(PyExc_RuntimeError, "dictionary changed size during iteration");
     }
     return none();
 }

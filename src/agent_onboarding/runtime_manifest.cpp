@@ -5,14 +5,6 @@ namespace corvane::onboarding {
 
 namespace {
 
-/// Whether a function is `sorted` of the builtins, not what somebody has put in its place.
-bool is_builtin_sorted(handle function) {
-    const auto* made = reinterpret_cast<PyCFunctionObject*>(function.ptr());
-    return PyCFunction_CheckExact(function.ptr()) && std::string_view(made->m_ml->ml_name) == "sorted" &&
-           made->m_module != nullptr && PyUnicode_CheckExact(made->m_module) &&
-           PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0;
-}
-
 /// `str(value)`
 object text_form(object value) {
     callee type = global("str"_n);
@@ -77,7 +69,7 @@ object manifest_files(const frame&, handle manifest) {
 object sorted_files(const frame&, handle manifest) {
     callee sort = global("sorted"_n);
     object files = global("_manifest_files"_n)(manifest);
-    if (is_builtin_sorted(sort) && PyDict_CheckExact(files.ptr())) {
+    if (is_builtin(sort, "sorted") && PyDict_CheckExact(files.ptr())) {
         if (object pairs = pairs_by_key(files))
             return pairs;
     }

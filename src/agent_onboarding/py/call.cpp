@@ -58,9 +58,20 @@ object find(handle dictionary, handle key, location at) {
     return object::borrow(value);
 }
 
+bool is_builtin(handle function, std::string_view wanted) noexcept {
+    const auto* made = reinterpret_cast<PyCFunctionObject*>(function.ptr());
+    return PyCFunction_CheckExact(function.ptr()) && wanted == made->m_ml->ml_name && made->m_module != nullptr &&
+           PyUnicode_CheckExact(made->m_module) && PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0;
+}
+
 bool is_instance(handle value, name type, location at) {
     callee test = global("isinstance"_n, at);
-    return is_true(test(value, global(type, at)), at);
+    callee class_or_tuple = global(type, at);
+    if (!is_builtin(test, "isinstance"))
+        return is_true(test(value, class_or_tuple), at);
+    if (handle(Py_TYPE(value.ptr())).is(class_or_tuple))
+        return true; // what PyObject_IsInstance looks at first
+    return checked_call(at, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
 }
 
 void unpack(handle value, std::span<object> targets, location at) {

@@ -75,6 +75,8 @@ template <typename... Items> bool is_one_of(operand item, const Items&... items)
     return (equal(items) || ...);
 }
 
+/// Whether a function is the one of that name in the builtins, not what somebody has put in its place.
+bool is_builtin(handle function, std::string_view wanted) noexcept;
 /// `isinstance(value, type)`
 bool is_instance(handle value, name type, location at = location::current());
 

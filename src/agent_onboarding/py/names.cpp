@@ -4,20 +4,40 @@
 
 namespace corvane::py {
 
+// What a look-up finds is remembered until something changes in the module's namespace or in the builtins. Dictionary
+// watchers tell of a change before it happens, thus before a value that goes can run code of its own; a version number
+// would come too late, for the interpreter's specialised stores destroy the old value first. But another watcher can
+// run code before the change is made, too, which finds the old value: with others beside ours nothing is remembered.
+
 namespace {
 name_node* first_name = nullptr;
 
 // Owned, and given back only for another namespace of the same interpreter.
 handle globals;
 handle builtins;
-} // namespace
 
-name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
+constexpr int no_watcher = -1; // of an interpreter there are only a few; nothing is remembered then
+int watcher = no_watcher;
+std::uint64_t changes = 1;
 
-// Nothing is remembered between look-ups. Whoever remembers must know of a change before the old value's destructor
-// runs; a dictionary's version comes after it, and a dictionary watcher's event comes before the new value is there, so
-// that another watcher can run code in between which finds, and would have us remember, the old one.
-callee global(name wanted, location at) {
+int count_change(PyDict_WatchEvent /*event*/, PyObject* /*dictionary*/, PyObject* /*key*/, PyObject* /*value*/) {
+    ++changes;
+    return 0;
+}
+
+void watch(handle dictionary) {
+    if (watcher == no_watcher)
+        watcher = PyDict_AddWatcher(count_change);
+    if (watcher != no_watcher && PyDict_Watch(watcher, dictionary.ptr()) < 0)
+        watcher = no_watcher;
+    if (watcher == no_watcher)
+        PyErr_Clear();
+}
+
+object look_up(name wanted, location at) {
+    const std::uint64_t seen = changes; // read first: a key of the namespace may have an `__eq__` that changes it
+    const bool alone = watcher != no_watcher && watchers_of(globals.ptr()) == watchers_of(builtins.ptr()) &&
+                       watchers_of(globals.ptr()) == 1U << static_cast<unsigned>(watcher) && !interpreter_is_ending();
     object value = find(globals, wanted, at);
     if (!value)
         value = find(builtins, wanted, at);
@@ -25,7 +45,18 @@ callee global(name wanted, location at) {
         object message = check(PyUnicode_FromFormat("name '%.200U' is not defined", wanted.ptr()), at);
         raise(callee(object::borrow(PyExc_NameError), at)(message, "name"_a = wanted), at);
     }
-    return {std::move(value), at};
+    wanted.node->value = value.ptr();
+    wanted.node->change = alone ? seen : 0;
+    return value;
+}
+} // namespace
+
+name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
+
+callee global(name wanted, location at) {
+    if (wanted.node->change == changes) [[likely]]
+        return {object::borrow(wanted.node->value), at};
+    return {look_up(wanted, at), at};
 }
 
 void set_global(name changed, handle value, location at) {
@@ -40,6 +71,7 @@ void intern_names() {
         PyObject* text = detail::text_of(node->text).release();
         PyUnicode_InternInPlace(&text);
         node->interned = text;
+        node->change = 0;
     }
 }
 
@@ -47,11 +79,15 @@ void enter_namespace(handle module_namespace) {
     const object left[] = {object::steal(globals.ptr()), object::steal(builtins.ptr())}; // by a failed initialisation
     globals = handle(object::borrow(module_namespace).release());
     builtins = handle(object::borrow(PyEval_GetBuiltins()).release());
+    ++changes;
+    watch(globals);
+    watch(builtins);
 }
 
 void forget_namespace() noexcept {
     globals = handle();
     builtins = handle();
+    watcher = no_watcher;
 }
 
 } // namespace corvane::py

@@ -4,6 +4,7 @@
 #include "object.hpp"
 
 #include <cstddef>
+#include <cstdint>
 #include <initializer_list>
 #include <string_view>
 
@@ -15,12 +16,16 @@ struct name_node {
     std::string_view text;
     name_node* next;
     PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
+    PyObject* value = nullptr;    ///< what the name was last found to be, borrowed
+    std::uint64_t change = 0;     ///< how many changes had been seen then
     explicit name_node(std::string_view literal) noexcept;
 };
 
-/// An interned text, borrowed for the life of the interpreter.
-struct name : handle {};
-[[nodiscard]] inline name interned(const name_node& node) noexcept { return {handle(node.interned)}; }
+/// An interned text, borrowed for the life of the interpreter. It brings along what it was last found to be.
+struct name : handle {
+    name_node* node;
+};
+[[nodiscard]] inline name interned(name_node& node) noexcept { return {handle(node.interned), &node}; }
 
 /// A string literal as a template argument.
 template <std::size_t Size> struct literal {

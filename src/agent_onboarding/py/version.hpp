@@ -13,6 +13,29 @@ namespace corvane::py {
 /// counts calls.
 inline constexpr bool interpreter_measures_stack = PY_VERSION_HEX >= 0x030E0000;
 
+/// Whether the interpreter is going away, and with it whoever would tell that a dictionary changes.
+[[nodiscard]] inline bool interpreter_is_ending() noexcept {
+#if PY_VERSION_HEX >= 0x030D0000
+    return Py_IsFinalizing() != 0;
+#else
+    return _Py_IsFinalizing() != 0;
+#endif
+}
+
+/// The watchers of a dictionary, a bit each, without the two of 3.13 and later's own, which run no other code.
+[[nodiscard]] inline unsigned watchers_of(PyObject* dictionary) noexcept {
+#if PY_VERSION_HEX >= 0x030E0000
+    const auto tag = reinterpret_cast<PyDictObject*>(dictionary)->_ma_watcher_tag;
+#else
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    const auto tag = reinterpret_cast<PyDictObject*>(dictionary)->ma_version_tag;
+#pragma GCC diagnostic pop
+#endif
+    constexpr unsigned foreign = PY_VERSION_HEX >= 0x030D0000 ? 0xFC : 0xFF;
+    return static_cast<unsigned>(tag) & foreign;
+}
+
 /// Which of its two special methods a with statement looks up first.
 inline constexpr bool exit_is_looked_up_first = PY_VERSION_HEX >= 0x030E0000;
 
