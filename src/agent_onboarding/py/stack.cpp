@@ -26,12 +26,12 @@ namespace {
 // A body takes 2 KiB at the most. What it calls takes more: a search for a handler, a TLS handshake, dlopen. Threads
 // with less than 512 KiB keep a quarter free, which is enough for bodies but not for everything that they call.
 constexpr std::uintptr_t kibibyte = 1024;
-constexpr std::uintptr_t most_kept_free = 128 * kibibyte;
+constexpr std::uintptr_t most_kept_free = kibibyte * 128;
 
 // Of the main thread's stack, whatever its limit: the kernel keeps twice as much free below its top for it to grow.
-constexpr std::uintptr_t most_of_main_stack = 64 * 1024 * kibibyte;
+constexpr std::uintptr_t most_of_main_stack = kibibyte * 1024 * 64;
 // Its limit can change at any time, so that it is asked for again after this much more of it was used.
-constexpr std::uintptr_t main_stack_step = 64 * kibibyte;
+constexpr std::uintptr_t main_stack_step = kibibyte * 64;
 
 void set_bounds(std::uintptr_t end, std::uintptr_t top) {
     this_stack = {.limit = end + std::min(most_kept_free, (top - end) / 4), .top = top, .end = end};
