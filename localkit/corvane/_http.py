@@ -16,10 +16,11 @@ from typing import Any
 import httpcore
 import httpx
 
-from corvane.auth import NotTheServiceError
+from corvane.auth import NotTheServiceError, PortalError
 
 REQUEST_SECONDS = 15.0  # for a request and its whole answer
 SLOWEST = 1024  # bytes a second that a download must bring, on average over REQUEST_SECONDS
+_REDIRECTS = (301, 302, 303, 307, 308)
 LARGEST_ANSWER = 16 * 2**20  # bytes; a manifest of 100,000 files
 
 
@@ -36,7 +37,11 @@ class Service:
         transport = httpx.HTTPTransport(verify=context, trust_env=False)
         transport._pool = httpcore.ConnectionPool(ssl_context=context, network_backend=_Backend(self._clock))
         headers = {"Accept-Encoding": "identity"}  # a range counts these bytes; and nothing swells when it is unpacked
-        self._client = httpx.Client(transport=transport, headers=headers, timeout=None, trust_env=False)
+        # A hook sees a redirect before the client does, which takes an unusable target for a broken connection.
+        hooks = {"response": [self._refuse_redirect]}
+        self._client = httpx.Client(
+            transport=transport, headers=headers, timeout=None, trust_env=False, event_hooks=hooks
+        )
 
     def __enter__(self) -> "Service":
         return self
@@ -51,7 +56,7 @@ class Service:
         """Sends a request; the answer's body arrives as it is read.
 
         Raises:
-            corvane.auth.NotTheServiceError: The answer is a redirect.
+            corvane.auth.PortalError: The answer is a redirect.
             ConnectionError: The service cannot be reached, or has not answered in time.
         """
         self._clock.end = time.monotonic() + REQUEST_SECONDS
@@ -59,10 +64,6 @@ class Service:
             request = self._client.build_request(method, self.url + path, headers=headers, json=body)
             del headers, body  # a traceback that is shown with its locals would show an invite code or a token
             with contextlib.closing(self._response(request)) as response:
-                if response.is_redirect:
-                    target = response.headers["Location"]
-                    problem = f"{self.url} redirects to {target}, which is not followed"
-                    raise NotTheServiceError(f"{problem}: the address has moved, or a captive portal answers.")
                 yield Answer(self, response)
         except httpx.TimeoutException as exc:
             raise ConnectionError(
@@ -81,6 +82,12 @@ class Service:
                 link.__traceback__ = None
                 link = link.__cause__ or link.__context__
             raise
+
+    def _refuse_redirect(self, response: httpx.Response) -> None:
+        target = response.headers.get("Location") if 300 <= response.status_code < 400 else None
+        if target or response.status_code in _REDIRECTS:
+            where = f"to {target}, which is not followed" if target else "without saying where"
+            raise PortalError(f"{self.url} redirects {where}: the address has moved, or a captive portal answers.")
 
 
 class Answer:
@@ -111,17 +118,31 @@ class Answer:
         """The JSON object in the body; of a busy service, which may not get as far as JSON, perhaps an empty one.
 
         Raises:
-            corvane.auth.NotTheServiceError: There is no JSON object.
+            corvane.auth.NotTheServiceError: There is no JSON object, or it is a refusal without a reason.
+            corvane.auth.PortalError: There is a web page instead.
         """
-        body = self.read()
+        body, fields = self.read(), None
         with contextlib.suppress(ValueError, RecursionError):
             if isinstance(value := json.loads(body), dict):
-                return value
+                fields = value
         if self.is_busy:
-            return {}
+            return fields or {}
+        if self.status != 200 and not self.reason(fields or {}):  # the service gives one whenever it refuses something
+            path = self._response.request.url.path
+            problem = f"There seems to be no Corvane service at {self._service.url}"
+            raise NotTheServiceError(f"{problem}: {path} is answered with HTTP {self.status} and without a reason.")
+        if fields is not None:
+            return fields
         is_page = "html" in self.headers.get("Content-Type", "") or body.lstrip()[:1] == b"<"
-        what = "a web page, as a captive portal or a proxy does" if is_page else "something that is not a JSON object"
-        raise NotTheServiceError(f"{self._service.url} answers with {what} (HTTP {self.status}).")
+        if is_page:
+            raise PortalError(f"{self._service.url} answers with a web page, as a captive portal or a proxy does.")
+        raise NotTheServiceError(f"{self._service.url} answers with something that is not a JSON object.")
+
+    @staticmethod
+    def reason(fields: Mapping[str, Any]) -> str:
+        """Why the service refuses, in its own words; empty if it does not say."""
+        error = fields.get("error")
+        return error.strip() if isinstance(error, str) else ""
 
 
 class _Clock:

@@ -33,7 +33,11 @@ class AuthBusyError(AuthError):
 
 
 class NotTheServiceError(AuthError):
-    """Something else answers at the service's address: a redirect, a captive portal, a proxy."""
+    """What answers at the service's address is not a Corvane service."""
+
+
+class PortalError(NotTheServiceError):
+    """A redirect or a web page answers, as in a network that asks for a sign-in of its own first."""
 
 
 class InvalidKeyError(AuthError):
@@ -103,7 +107,7 @@ class AuthManager:
                 trusted.
             RegistrationError: The service refuses the invite code of a new wallet.
             AuthBusyError: The service is away or busy, or the wallet has failed too often.
-            NotTheServiceError: Something else answers at its address.
+            NotTheServiceError: Something else answers at its address; PortalError if it may be a captive portal.
             AuthError: The service refuses the wallet (also a new one without an invite code), or its answer makes no
                 sense.
         """
@@ -159,11 +163,11 @@ class AuthManager:
             fields = answer.fields()
         if answer.status == 200:
             return fields
-        message = str(fields.get("error", f"The service is away or busy (HTTP {answer.status})."))[:_LONGEST_REASON]
+        reason = answer.reason(fields)[:_LONGEST_REASON]
         if answer.is_busy:
-            raise AuthBusyError(message)
+            raise AuthBusyError(reason or f"The service is away or busy (HTTP {answer.status}).")
         kind = RegistrationError if fields.get("code") in ("bad_invite", "unknown_invite", "used_invite") else AuthError
-        raise kind(message)
+        raise kind(reason)
 
 
 _active: AuthManager | None = None

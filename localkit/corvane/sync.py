@@ -180,7 +180,7 @@ class SyncManager:
                 asked = float(seconds) if re.fullmatch("[0-9]{1,9}", seconds) else None
                 raise ServiceBusy(f"The service is away or busy (HTTP {answer.status}).", asked)
             if answer.status not in (200, 206):
-                raise AuthError(f"The service refuses {path} (HTTP {answer.status}).")
+                raise AuthError(f"The service refuses {path} (HTTP {answer.status}): {answer.reason(answer.fields())}")
             yield answer
 
     def _download(self, service: "Service", entries: "dict[str, FileEntry]") -> None:

@@ -15,7 +15,7 @@ import click
 from click.core import ParameterSource
 from click.shell_completion import shell_complete
 
-from corvane.auth import AuthBusyError, AuthError, InvalidKeyError, NotTheServiceError, RegistrationError
+from corvane.auth import AuthBusyError, AuthError, InvalidKeyError, NotTheServiceError, PortalError, RegistrationError
 from corvane.errors import RuntimeModuleError
 from corvane_cli import display, interrupts
 from corvane_cli.identity import Agent
@@ -41,7 +41,10 @@ class Exit(IntEnum):
     NOT_LOGGED_IN = 3, "not logged in: no key, or no session"
     REFUSED = 4, "the service refuses the key or the invite code, or the key is malformed"
     TRY_AGAIN = 5, "the service is away or busy, or another command is at work: try again later"
-    MACHINE = 6, "something on this machine must be put right first: a file, a permission, a certificate"
+    MACHINE = (
+        6,
+        "something on this machine must be put right first: a file, a permission, a certificate, an address",
+    )
     SPOILT = 7, "downloaded files are not what the manifest says"
     WARNINGS = 8, "`corvane doctor` has found warnings and no errors"
     ERRORS = 9, "`corvane doctor` has found errors"
@@ -50,6 +53,10 @@ class Exit(IntEnum):
 
 _ADDRESS = "Check the address that `corvane status` shows (--server-url sets it), then run it again; nothing is lost."
 _PORTAL = "Sign in to the network in a browser, or correct the address (--server-url); then run it again."
+_NOT_CORVANE = (
+    "Correct the address (--server-url); `corvane status` shows it. If it is right, ask the operator what stands in "
+    "front of the service."
+)
 _UNKNOWN = "`corvane register --invite-code CODE` signs up a wallet that is new to the service; else check the address."
 _NEW_CODE = "Ask the operator for another code: `corvane register --invite-code CODE` uses the stored key again."
 
@@ -57,7 +64,8 @@ _NEW_CODE = "Ask the operator for another code: `corvane register --invite-code 
 # more than what it was wrapped in.
 _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((AuthBusyError, BlockingIOError), Exit.TRY_AGAIN, "Wait a minute, then run the command again."),
-    ((NotTheServiceError,), Exit.TRY_AGAIN, _PORTAL),
+    ((PortalError,), Exit.TRY_AGAIN, _PORTAL),
+    ((NotTheServiceError,), Exit.MACHINE, _NOT_CORVANE),
     ((ConnectionError, TimeoutError), Exit.TRY_AGAIN, _ADDRESS),
     ((RuntimeModuleError,), Exit.SPOILT, "`corvane sync` downloads what is spoilt; `corvane doctor` says more."),
     ((RegistrationError,), Exit.REFUSED, _NEW_CODE),

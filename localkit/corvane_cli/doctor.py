@@ -21,7 +21,15 @@ from shlex import quote
 from typing import Any
 
 import corvane
-from corvane.auth import AuthBusyError, AuthError, InvalidKeyError, _is_loopback, _validate_server_url
+from corvane.auth import (
+    AuthBusyError,
+    AuthError,
+    InvalidKeyError,
+    NotTheServiceError,
+    PortalError,
+    _is_loopback,
+    _validate_server_url,
+)
 from corvane.sync import _checked_manifest, _digest
 from corvane_cli.display import one_line
 from corvane_cli.identity import KEY_VARIABLE, Agent, KeyFile
@@ -479,7 +487,6 @@ def _trust(agent: Agent) -> str:
 def check_service(agent: Agent) -> Iterator[Finding | Looked]:
     """Whether the service answers at its address itself, and agrees with our clock."""
     from corvane._http import Service
-    from corvane.auth import NotTheServiceError
 
     url, began = agent.server_url, time.time()
     if not url:
@@ -495,7 +502,9 @@ def check_service(agent: Agent) -> Iterator[Finding | Looked]:
         with Service(url) as service, service.send("GET", "/health") as answer:
             fields, busy, date = answer.fields(), answer.is_busy, answer.headers.get("Date", "")
     except NotTheServiceError as exc:
-        next_step = f"If this network asks for a sign-in, open a browser; if not, correct the address: {other}."
+        next_step = f"Correct the address: {other}."
+        if isinstance(exc, PortalError):
+            next_step = f"If this network asks for a sign-in, open a browser; if not, correct the address: {other}."
         yield Finding("service", ERROR, str(exc), "the kit takes its tokens nowhere else", next_step)
         return
     except ConnectionError as exc:
@@ -589,6 +598,9 @@ def check_sign_in(agent: Agent) -> Iterator[Finding | Looked]:
     except (AuthBusyError, ConnectionError) as exc:
         next_step = f"Try again later: `{_command('corvane doctor', agent)}`."
         yield Finding("sign-in", WARNING, f"Nobody can sign in now: {exc}", "the service is away or busy", next_step)
+    except NotTheServiceError as exc:
+        next_step = f"Correct the address: `{_set('CORVANE_SERVER_URL', '--server-url', 'URL')}`."
+        yield Finding("sign-in", ERROR, str(exc), "nobody can sign in there", next_step)
     except AuthError as exc:
         problem = f"{agent.server_url} refuses {manager.get_wallet_address()}: {exc}"
         again = _command("corvane register --invite-code CODE", agent)

@@ -299,11 +299,19 @@ WRONG = {
     "503": (http(PAGE, 503), 5, "away or busy"),
     "429": (http({"error": "slower"}, 429), 5, "slower"),
     "redirect": (http(PAGE, 302, Location="https://a.example/x"), 5, "redirects to https://a.example/x"),
+    "redirect to nonsense": (http(PAGE, 302, Location="http://h:x/"), 5, "redirects to http://h:x/"),
+    "redirect to nowhere": (http(PAGE, 302), 5, "redirects without saying where"),
     "portal": (http(PAGE, 200, Content_Type="text/html"), 5, "captive portal"),
+    "400": (http({}, 400), 6, "no Corvane service"),
+    "404": (http({"detail": "Not Found"}, 404), 6, "HTTP 404"),
+    "404 page": (http(PAGE, 404), 6, "HTTP 404"),
+    "418": (http([], 418), 6, "HTTP 418"),
+    "200": (http([]), 6, "not a JSON object"),
     "foreign": (http({"error": FOREIGN}, 403), 4, "1b[2J"),
     "busy, foreign": (http({"error": FOREIGN}, 503), 5, "1b[2J"),
     "echo": (http({"error": f"what is {KEY.upper()}?"}, 403), 4, "<hidden>"),
 }
+PORTALS = ("redirect", "portal")
 
 
 @pytest.mark.parametrize("wrong", WRONG)
@@ -314,6 +322,7 @@ def test_what_answers_is_named_and_cannot_forge_a_line(wrong, shell, scripted):
         said = shell(line + verbose, KEY, expect=status, env={"CORVANE_SERVER_URL": scripted.url}).stderr
         *logged, error, next_step = said.splitlines() if "--json" not in line else [*said.splitlines(), "Next: "]
         assert text in error and next_step.startswith("Next: ") and (bool(logged) <= bool(verbose))
+        assert ("away or busy" in said) <= (status == 5) and ("browser" in said) == (wrong.split()[0] in PORTALS)
         assert KEY not in said.lower() and said.replace("\n", "").isprintable()
         assert not any(line.startswith("Next: rm") for line in said.splitlines())
 

@@ -27,6 +27,7 @@ from corvane_cli import display, doctor
 from corvane_cli.command import Exit
 from corvane_cli.identity import Agent
 from corvane_local import certificates
+from localkit.tests.conftest import http as http_answer
 
 FIRST, SECOND = f"{21:064x}", f"{22:064x}"
 BACKUP = "wallet.key.backup-20260101T000000.000000Z"
@@ -406,6 +407,8 @@ ANSWERS = [
     (200, {}, b" " + HTML, "error", "a web page", "CORVANE_SERVER_URL=URL"),
     (200, {}, b"[]", "error", "not a JSON object", "CORVANE_SERVER_URL=URL"),
     (200, {}, b'{"status": "well"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
+    (404, {}, HTML, "error", "no Corvane service", "Correct the address"),
+    (404, {}, b'{"status": "ok"}', "error", "no Corvane service", "CORVANE_SERVER_URL=URL"),
     (404, {}, b'{"error": "unknown"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
     (302, {"Location": "https://hotel.example/"}, b"", "error", "redirects to https://hotel", "CORVANE_SERVER_URL=URL"),
     (502, {"Content-Type": "text/html"}, HTML, "warning", "away or busy", "corvane doctor"),
@@ -437,6 +440,13 @@ def test_a_key_is_used_only_where_it_has_signed_in(patient, planned, service):
     planned.plan = [(200, {}, b'{"status": "ok"}')]
     [found] = patient.examine().findings  # it knows no POST, and says so with a 501
     assert (found.check, found.severity) == ("sign-in", "warning") and "`corvane doctor`" in found.next_step
+
+
+def test_a_sign_in_that_no_service_answers_is_not_a_refused_wallet(patient, scripted):
+    patient.run(f"export CORVANE_SERVER_URL={scripted.url}; sed -i 's,https://127.0.0.1:[0-9]*,{scripted.url},' *.json")
+    scripted.script = iter([http_answer({"status": "ok"}), http_answer({}, 404)])
+    [found] = patient.examine().findings
+    assert "HTTP 404" in found.problem and "refuses" not in found.problem and "CODE" not in found.next_step
 
 
 def test_foreign_text_and_secrets_stay_out_of_the_report(patient):
