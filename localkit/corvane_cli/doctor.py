@@ -31,6 +31,7 @@ from corvane.auth import (
     _validate_server_url,
 )
 from corvane.sync import _checked_manifest, _digest
+from corvane_cli import interrupts
 from corvane_cli.display import one_line
 from corvane_cli.identity import KEY_VARIABLE, Agent, KeyFile
 
@@ -652,19 +653,39 @@ def examine(agent: Agent, *checks: Check) -> list[Finding]:
 
 
 def diagnose(agent: Agent, online: bool) -> Report:
-    """All that there is to find. Where one thing is the cause of others, it alone is told."""
-    report, root = Report(), agent.data_dir
-    for check in CHECKS:
-        is_last = _examine(agent, check, report) and check is check_directory and os.path.lexists(root)
-        if is_last and not (root.is_dir() and os.access(root, os.R_OK | os.X_OK)):
-            return report
-    if online and not any(finding.check == "trust" for finding in report.findings):
-        _examine(agent, check_service, report) or _examine(agent, check_sign_in, report)
+    """All that there is to find until the command's time is up. Of causes and effects the cause alone is told."""
+    report, check = Report(), CHECKS[0]
+    try:
+        for check in _due(agent, online, report):
+            _examine(agent, check, report)
+    except interrupts.OutOfTime:
+        interrupts.disarm()  # it would come again
+        name = check.__name__.removeprefix("check_").replace("_", " ")
+        problem = f"Not everything was examined in time; the check that was under way: {name}."
+        again = _command("corvane doctor --timeout 300", agent)
+        next_step = f"`{again}` waits longer; with --offline the service is not asked."
+        report.findings.append(Finding("time", ERROR, problem, "what was not examined may be wrong, too", next_step))
     return report
 
 
-def _examine(agent: Agent, check: Check, report: Report) -> list[Finding]:
-    """What one check finds; what it cannot read is a finding, too."""
+def _due(agent: Agent, online: bool, report: Report) -> Iterator[Check]:
+    """The checks that make sense after what the report holds so far."""
+    root = agent.data_dir
+    for check in CHECKS:
+        known = len(report.findings)
+        yield check
+        is_last = len(report.findings) > known and check is check_directory and os.path.lexists(root)
+        if is_last and not (root.is_dir() and os.access(root, os.R_OK | os.X_OK)):
+            return
+    if online and not any(finding.check == "trust" for finding in report.findings):
+        known = len(report.findings)
+        yield check_service
+        if len(report.findings) == known:
+            yield check_sign_in
+
+
+def _examine(agent: Agent, check: Check, report: Report) -> None:
+    """Notes what one check finds, even if it comes to no end; what it cannot read is a finding, too."""
     found, looked = list[Finding](), list[Looked]()
     try:
         for one in check(agent):
@@ -673,6 +694,6 @@ def _examine(agent: Agent, check: Check, report: Report) -> list[Finding]:
         reason = "what cannot be read cannot be examined"
         next_step = f"`chmod u+rwX {quote(str(exc.filename))}`, or remove it."
         found.append(Finding("files", ERROR, f"{exc.filename}: {exc.strerror}.", reason, next_step))
-    report.findings += found
-    report.looked_at += [] if found else looked
-    return found
+    finally:
+        report.findings += found
+        report.looked_at += [] if found else looked

@@ -183,7 +183,7 @@ def test_a_planted_key_is_refused_at_once(service, shell):
     assert real.read_text() == shell.secrets[0]
 
 
-@pytest.mark.parametrize("line", ["login", "register", "status --online", "doctor", "sync"])
+@pytest.mark.parametrize("line", ["login", "register", "status --online", "sync"])
 def test_a_service_that_drips_ends_with_the_deadline(line, service, shell, scripted):
     service.sign_up(int(shell.secrets[0], 16))
     shell("login", shell.secrets[0])

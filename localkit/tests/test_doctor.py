@@ -28,6 +28,7 @@ from corvane_cli.command import Exit
 from corvane_cli.identity import Agent
 from corvane_local import certificates
 from localkit.tests.conftest import http as http_answer
+from localkit.tests.conftest import slowly
 
 FIRST, SECOND = f"{21:064x}", f"{22:064x}"
 BACKUP = "wallet.key.backup-20260101T000000.000000Z"
@@ -447,6 +448,19 @@ def test_a_sign_in_that_no_service_answers_is_not_a_refused_wallet(patient, scri
     scripted.script = iter([http_answer({"status": "ok"}), http_answer({}, 404)])
     [found] = patient.examine().findings
     assert "HTTP 404" in found.problem and "refuses" not in found.problem and "CODE" not in found.next_step
+
+
+@pytest.mark.parametrize("more", ["", " --json"])
+def test_out_of_time_it_still_says_what_it_has_found(patient, scripted, more):
+    patient.run(f"export CORVANE_SERVER_URL={scripted.url}; mkdir session.json.new")
+    scripted.script = iter([slowly(http_answer({"status": "ok"}))] * 2)
+    command = ["corvane", "doctor", "--timeout", "2.5", *more.split()]
+    done = subprocess.run(command, env=patient.env, stdout=-1, stderr=-1, text=True, timeout=60)
+    assert (done.returncode, done.stderr) == (Exit.ERRORS, "")
+    for part in ("session.json.new is a directory", "under way: service", "`corvane doctor --timeout 300"):
+        assert part in done.stdout
+    if more:
+        assert [one["check"] for one in json.loads(done.stdout)["findings"]] == ["names", "session", "time"]
 
 
 def test_foreign_text_and_secrets_stay_out_of_the_report(patient):
