@@ -203,8 +203,14 @@ def whoami(agent: Agent) -> Result:
         raise Failure(f"There is no wallet key at {key.path}.", Exit.NOT_LOGGED_IN, agent.next_step())
     accepted = None if agent.env_key else agent.is_logged_in()
     data = {"address": address, "server_url": agent.server_url, "accepted": accepted}
-    said = {None: "not known: `corvane status --online` asks", True: "yes", False: f"no. Next: {agent.next_step()}"}
-    return Result(data, table([*list(data.items())[:2], ("accepted", said[accepted])]))
+    said = {None: "not known: `corvane status --online` asks", True: "yes"}.get(accepted)
+    if said is None:
+        why = "there is no session of this key with this service"
+        if agent.is_pending():
+            why = "the service has not accepted this key yet"
+        data["next_step"] = agent.next_step()
+        said = f"no, {why}. Next: {agent.next_step()}"
+    return Result(data, table([*list(data.items())[:2], ("accepted", said)]))
 
 
 @_command("status", "status", "status --online --json")

@@ -376,16 +376,19 @@ def test_next_steps_lead_on_after_a_refused_invite(service, shell):
     for line, status in {"status": 3, "sync": 3, "whoami": 0}.items():
         done = shell(line, expect=status)
         assert "`corvane register --invite-code CODE` signs" in done.stdout + done.stderr
+    assert "has not accepted this key yet" in " ".join(shell("whoami").stdout.split())
+    said = shell.json("whoami")
+    assert said["accepted"] is False and "`corvane register --invite-code CODE` signs" in said["next_step"]
     code = service.invite()
     assert " up, " in shell.json(f"register --invite-code {code} --dry-run")["would"][0]
-    assert shell.json("whoami")["accepted"] is False
     made = shell.json("register --invite-code -", f" {code.lower()}\n")
     assert made["reused"] and (shell.home / "wallet.key").read_text() == key
     assert shell.json("whoami") == {"address": made["address"], "server_url": service.url, "accepted": True}
     assert " in at " in shell.json(f"register --invite-code {code} --dry-run")["would"][0]
     assert "malformed" in shell("register", expect=2, env={"CORVANE_INVITE_CODE": "CORV-O000-0000-0000"}).stderr
     (shell.home / "session.json").unlink()
-    assert "with --invite-code CODE also one" in shell("whoami").stdout
+    said = " ".join(shell("whoami").stdout.split())
+    assert "no session of this key" in said and "with --invite-code CODE also one" in said and " yet" not in said
     shell("register --invite-code -", expect=2)
 
 
