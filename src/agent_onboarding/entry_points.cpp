@@ -211,8 +211,7 @@ object configure(const frame&, handle kwargs) {
         if (compare(option, Py_EQ, "named_universe"_n))
             setting = checked_named_universe(setting);
         set_item(global("_config"_n), option, setting);
-        if (PyDict_GET_SIZE(kwargs.ptr()) != size)
-            throw_error(PyExc_RuntimeError, "dictionary changed size during iteration");
+        check_size(kwargs, size);
     }
     return none();
 }

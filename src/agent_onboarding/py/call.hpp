@@ -130,6 +130,11 @@ inline object repr(handle value, location at = location::current()) {
     raise(type(concat({message, at})), at);
 }
 
+/// What a loop over a dict does between two steps.
+inline void check_size(handle dict, Py_ssize_t at_the_start, location at = location::current()) {
+    if (PyDict_GET_SIZE(dict.ptr()) != at_the_start)
+        throw_error(PyExc_RuntimeError, "dictionary changed size during iteration", at);
+}
 /// A loop whose length the data decides asks now and then whether a signal handler, Ctrl-C above all, wants to run.
 inline void check_signals(location at = location::current()) { checked_call(at, PyErr_CheckSignals); }
 
