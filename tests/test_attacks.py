@@ -82,6 +82,8 @@ AROUND = {
 
 @pytest.mark.parametrize("program", AROUND)
 def test_what_is_around_a_call_may_change_in_the_middle_of_it(program):
+    if program == "lowered_stack" and sys.version_info >= (3, 14):
+        pytest.skip("3.14 measures the stack itself, once, and falls in plain Python, too")
     assert run(program) == AROUND[program]
 
 

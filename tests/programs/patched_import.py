@@ -9,11 +9,13 @@ import logging  # noqa: F401  which needs linecache itself
 import os
 import sys
 import types
+import warnings
 from collections import UserDict
 
 from corvane import auth, runtime_module_freshness, skills, sync  # noqa: F401
 
 NAME = "corvane.agent_onboarding"
+warnings.simplefilter("ignore", FutureWarning)  # of 3.13 for a partial in a class
 RECORD = types.SimpleNamespace(expires_at=7)
 NEIGHBOURS = ["text".upper for _ in range(1000)]  # in memory, too; whoever takes one for a function hits the next
 dataclass, build_class = dataclasses.dataclass, builtins.__build_class__
