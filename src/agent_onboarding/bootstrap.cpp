@@ -110,8 +110,8 @@ object local_runtime(const frame& in, handle am) {
 object kit_or_local_runtime(const frame& in, handle am, handle strict) {
     object sync_backoff;
     try {
-        sync_backoff = imported("_propagate_auth.sync_backoff"_n);
-        callee bootstrap = imported("_propagate_auth._runtime"_n).attr("bootstrap_runtime"_n);
+        sync_backoff = inner_statement("_propagate_auth.sync_backoff"_n);
+        callee bootstrap = inner_statement("_propagate_auth._runtime"_n).attr("bootstrap_runtime"_n);
         object config = global("_config"_n);
         return bootstrap(am, config, global("_load_per_era_backtester"_n));
     } catch (error& caught) {
@@ -133,7 +133,7 @@ object kit_or_local_runtime(const frame& in, handle am, handle strict) {
 /// Gives the search templates the runtime, if there is one; `statement` imports them.
 void inject_into_search(const frame& in, name statement, handle runtime, handle strict, name failure_text) {
     try {
-        object search_templates = imported(statement);
+        object search_templates = inner_statement(statement);
         if (!runtime.is_none())
             set_attr(search_templates, "_library_runtime"_n, runtime);
     } catch (error& caught) {
@@ -147,7 +147,7 @@ void inject_into_search(const frame& in, name statement, handle runtime, handle 
 /// The import of the module `corvane.simulate_signal` has put it where the package offers the function of that name.
 void restore_export(const frame& in, handle simulation, handle strict) {
     try {
-        object package = imported("_propagate_auth.corvane"_n);
+        object package = inner_statement("_propagate_auth.corvane"_n);
         set_attr(package, "simulate_signal"_n, simulation.attr("_simulate_signal_export"_n));
     } catch (error& caught) {
         except_scope handling(in, caught, "Exception"_n);
@@ -251,8 +251,8 @@ object bootstrap_local_runtime_from_config(const frame& in, handle am) {
         return none();
 
     // Only now: nothing else in this module needs the search runtime to be there.
-    object kit = imported("_bootstrap_local_runtime_from_config._runtime"_n);
-    callee tracker_class = imported("_bootstrap_local_runtime_from_config.SearchTracker"_n);
+    object kit = inner_statement("_bootstrap_local_runtime_from_config._runtime"_n);
+    callee tracker_class = inner_statement("_bootstrap_local_runtime_from_config.SearchTracker"_n);
     object freshness_guard = global("create_runtime_freshness_guard"_n)(data_dir);
     object manifest_data = global("_read_manifest"_n)(data_dir);
     object manifest_path = join_path(data_dir, "manifest.json"_n);
@@ -356,7 +356,7 @@ object ensure_runtime_bootstrapped(const frame& in, handle strict) {
         raise(auth("AuthError"_n), "No wallet initialized. Call register() or login() first.");
     }
     // A runtime that is there is used again; only the search templates may have been imported since.
-    object runtime = imported("ensure_runtime_bootstrapped._runtime"_n).attr("get_runtime"_n)();
+    object runtime = inner_statement("ensure_runtime_bootstrapped._runtime"_n).attr("get_runtime"_n)();
     if (!runtime.is_none()) {
         inject_into_search(in, "ensure_runtime_bootstrapped.search_templates"_n, runtime, strict,
                            "Failed to inject existing runtime into search_templates: %s"_n);

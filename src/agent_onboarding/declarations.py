@@ -98,7 +98,7 @@ def _content_addressed_extension_path(module_name, path, digest):
 
 def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
     """Deletes all copies of the module but the one at keep_path and the newest others."""
-    lambda item: item[0]
+    by_time = lambda item: item[0]
 
 
 def _load_extension_from_path(module_name, path):
@@ -141,9 +141,12 @@ def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None
 
 def _load_runtime_modules_from_manifest(data_dir, manifest):
     """Loads all runtime modules of the manifest, the era data first; a dict by import name."""
-    lambda item: (0 if item[0] == "era_data" else 1, item[0], item[1])
+    era_data_first = lambda item: (0 if item[0] == "era_data" else 1, item[0], item[1])
 
 
+@signature(
+    "create_runtime_freshness_guard(data_dir: str) -> corvane.runtime_module_freshness.RuntimeFreshnessGuard"
+)
 def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
     """Make a guard that reloads runtime modules of a data directory when their manifest entry changes.
 
@@ -190,7 +193,7 @@ class AuthToken:
 # -- Workspace ------------------------------------------------------------------------------------------------------
 
 
-@signature("_find_heartbeat(working_dir=None)")
+@indented("_find_heartbeat(working_dir=None)")
 def _find_heartbeat(working_dir=None):
     """Search for HEARTBEAT.md in cwd + up to 3 parent directories.
 
@@ -319,6 +322,10 @@ def _resolve_optional_invite_code(invite_code):
     """The canonical invite code, or None."""
 
 
+@signature(
+    "register(invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False)"
+    " -> corvane.agent_onboarding.WalletRegistration"
+)
 def register(
     invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False
 ) -> WalletRegistration:
@@ -350,6 +357,7 @@ def register(
     """
 
 
+@signature("login(private_key: str, bootstrap_runtime: bool = False) -> corvane.agent_onboarding.AuthToken")
 def login(private_key: str, bootstrap_runtime: bool = False) -> AuthToken:
     """Adopt a private key that the caller holds, and sign in with it.
 
@@ -387,13 +395,14 @@ def configure(**kwargs: object) -> None:
     """
 
 
+@signature("ensure_runtime_bootstrapped(strict: bool = True) -> object")
 def ensure_runtime_bootstrapped(strict: bool = True) -> object:
     """Bootstrap the shared SDK runtime from cached register/login auth."""
     from corvane import _runtime
     import corvane.search_templates as search_templates
 
 
-@signature("inject_heartbeat(working_dir: str = None) -> None")
+@indented("inject_heartbeat(working_dir: str = None) -> None")
 def inject_heartbeat(working_dir: Optional[str] = None) -> None:
     """Called by register() and search_templates during search startup.
 
@@ -403,7 +412,7 @@ def inject_heartbeat(working_dir: Optional[str] = None) -> None:
     """
 
 
-@signature("update_nudge(trigger: str, **context) -> None")
+@indented("update_nudge(trigger: str, **context) -> None")
 def update_nudge(trigger: str, **context: object) -> None:
     """Called by search_templates when nudge trigger conditions are met.
 

@@ -19,7 +19,7 @@ constexpr unsigned char declarations[] = {
 /// The body of the module.
 void populate() {
     set_global("__doc__"_n, concat(module_doc));
-    run_imports();
+    define("imports");
     set_global("logger"_n, global("logging"_n).attr("getLogger"_n)("corvane.agent_onboarding"_n));
     define<exception_chain_detail>("_exception_chain_detail");
 
@@ -31,8 +31,8 @@ void populate() {
 
     define<read_manifest>("_read_manifest");
     define<manifest_files>("_manifest_files");
-    define_generator("_runtime_module_manifest_entries",
-                     {native<runtime_module>("runtime_module"), native<sorted_files>("sorted_files")});
+    define_generator("_runtime_module_manifest_entries", native<runtime_module>("runtime_module"),
+                     native<sorted_files>("sorted_files"));
     define<select_runtime_module_manifest_entry>("_select_runtime_module_manifest_entry");
 
     define<load_manifest_runtime_module>("_load_manifest_runtime_module");
@@ -41,8 +41,8 @@ void populate() {
     define<load_per_era_backtester>("_load_per_era_backtester");
 
     // Annotations of the functions below name the records.
-    define_class("WalletRegistration");
-    define_class("AuthToken", {native<auth_token_repr>("__repr__")});
+    define("WalletRegistration");
+    define("AuthToken", {native<auth_token_repr>("__repr__")});
     set_global("_HEARTBEAT_STATIC_SECTION"_n, heartbeat_static_section());
     set_global("_NUDGE_TEXTS"_n, nudge_texts());
     set_global("_AGENTS_MD_FRAGMENT"_n, agents_md_fragment());
@@ -67,12 +67,12 @@ void populate() {
     define<read_wallet_key>("_read_wallet_key");
     define<write_wallet_key>("_write_wallet_key");
 
-    define_class("_LocalRuntimeSyncManager",
-                 {native<sync_manager_init>("__init__"), native<sync_manager_get_manifest>("get_manifest"),
-                  native<sync_manager_acquire>("acquire"), native<sync_manager_release>("release"),
-                  native<sync_manager_request_for_sync>("request_for_sync"),
-                  native<sync_manager_register_era_callback>("register_era_callback"),
-                  native<sync_manager_unregister_era_callback>("unregister_era_callback")});
+    define("_LocalRuntimeSyncManager",
+           {native<sync_manager_init>("__init__"), native<sync_manager_get_manifest>("get_manifest"),
+            native<sync_manager_acquire>("acquire"), native<sync_manager_release>("release"),
+            native<sync_manager_request_for_sync>("request_for_sync"),
+            native<sync_manager_register_era_callback>("register_era_callback"),
+            native<sync_manager_unregister_era_callback>("unregister_era_callback")});
     define<read_json_if_present>("_read_json_if_present");
     define<local_vocabulary_path>("_local_vocabulary_path");
     define<bootstrap_local_runtime_from_config>("_bootstrap_local_runtime_from_config");

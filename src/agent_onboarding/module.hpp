@@ -16,6 +16,12 @@ namespace corvane::onboarding {
 using namespace py; // NOLINT(google-build-using-namespace): the layer's vocabulary is this module's language
 
 // from shared.cpp: what more than one file writes
+/// Whether a function is the one of that name in the builtins, not what somebody has put in its place.
+bool is_builtin(handle function, std::string_view wanted) noexcept;
+/// `isinstance(value, type)`
+bool is_instance(operand value, name type);
+/// `mapping.get(key)`, or `mapping.get(key, default)`
+object get(operand mapping, handle key, handle fallback = {});
 /// `os.path.exists(path)`, `os.path.join(directory, name)`, `os.path.realpath(path)`
 bool path_exists(operand path);
 object join_path(operand directory, handle name);

@@ -128,8 +128,9 @@ object prune_runtime_extension_copies(const frame& in, handle module_name, handl
 
     object keep = new_set();
     add_to(keep, keep_real);
-    object newest_first =
-        global("sorted"_n)(candidates, "key"_a = nested_function(in, "<lambda>"), "reverse"_a = true_value());
+    callee sort = global("sorted"_n);
+    object by_time = inner_statement("_prune_runtime_extension_copies.by_time"_n);
+    object newest_first = sort(candidates, "key"_a = by_time, "reverse"_a = true_value());
     for (const object& candidate : iterate(newest_first)) {
         if (compare(global("len"_n)(keep), Py_GE, max_copies))
             break;
@@ -229,12 +230,14 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
     return module;
 }
 
-object load_runtime_modules_from_manifest(const frame& in, handle data_dir, handle manifest) {
+object load_runtime_modules_from_manifest(const frame&, handle data_dir, handle manifest) {
     object loaded = new_dict();
     callee list_of = global("list"_n);
     // The era data first, for the other modules are initialised with it.
     object entries = list_of(global("_runtime_module_manifest_entries"_n)(manifest));
-    invoke(entries, "sort"_n, "key"_a = nested_function(in, "<lambda>"));
+    callee sort = entries.attr("sort"_n);
+    object era_data_first = inner_statement("_load_runtime_modules_from_manifest.era_data_first"_n);
+    sort("key"_a = era_data_first);
     object entry[3];
     for (const object& item : iterate(entries)) {
         unpack(item, entry);
@@ -247,8 +250,8 @@ object load_runtime_modules_from_manifest(const frame& in, handle data_dir, hand
     return loaded;
 }
 
-object create_runtime_freshness_guard(const frame& in, handle data_dir) {
-    object load = nested_function(in, "_load", {data_dir});
+object create_runtime_freshness_guard(const frame&, handle data_dir) {
+    object load = inner_statement("create_runtime_freshness_guard._load"_n, {data_dir});
     return global("RuntimeFreshnessGuard"_n)("data_dir"_a = data_dir, "module_loader"_a = load);
 }
 

@@ -1,7 +1,35 @@
-// What more than one file of the module writes: paths, the kit's authentication, warnings.
+// What more than one file of the module writes: tests and look-ups, paths, the kit's authentication, warnings.
 #include "module.hpp"
 
 namespace corvane::onboarding {
+
+// A manifest can have 100,000 entries. Where an operation is the builtin one on a plain value, which nobody can see, it
+// is done directly; every call that somebody has put in its place, or that goes to another module, is made.
+
+bool is_builtin(handle function, std::string_view wanted) noexcept {
+    const auto* made = reinterpret_cast<PyCFunctionObject*>(function.ptr());
+    return PyCFunction_CheckExact(function.ptr()) && wanted == made->m_ml->ml_name && made->m_module != nullptr &&
+           PyUnicode_CheckExact(made->m_module) && PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0;
+}
+
+bool is_instance(operand value, name type) {
+    const location at = value.at;
+    callee test = global("isinstance"_n, at);
+    callee class_or_tuple = global(type, at);
+    if (!is_builtin(test, "isinstance"))
+        return is_true(test(value, class_or_tuple), at);
+    if (handle(Py_TYPE(value.ptr())).is(class_or_tuple))
+        return true; // what PyObject_IsInstance looks at first
+    return checked_call(at, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
+}
+
+object get(operand mapping, handle key, handle fallback) {
+    const location at = mapping.at;
+    if (!PyDict_CheckExact(mapping.ptr()))
+        return fallback ? invoke(mapping, {"get"_n, at}, key, fallback) : invoke(mapping, {"get"_n, at}, key);
+    object value = find(mapping, key, at);
+    return value ? value : object::borrow(fallback ? fallback : handle(Py_None));
+}
 
 bool path_exists(operand path) {
     const location at = path.at;
@@ -26,7 +54,8 @@ callee auth(name wanted, location at) { return global("auth"_n, at).attr(wanted,
 
 bool leaves_segment(operand value) {
     const location at = value.at;
-    return is_one_of({value, at}, "."_n, ".."_n) || contains(value, "/"_n, at) || contains(value, "\\"_n, at) ||
+    object dots = tuple({"."_n, at}, ".."_n);
+    return contains(dots, value, at) || contains(value, "/"_n, at) || contains(value, "\\"_n, at) ||
            contains(value, "\0"_n, at);
 }
 

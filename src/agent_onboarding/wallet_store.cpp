@@ -56,6 +56,20 @@ object with_no_follow(object flags) {
     raise(io_error(concat({"Cannot write wallet to ", at}, wallet_path, ". Check directory permissions.")), at);
 }
 
+/// `try: return body()`, `finally: cleanup()`. A clean-up that can raise is no destructor.
+template <typename Body, typename Cleanup> object try_finally(const frame& in, Body body, Cleanup cleanup) {
+    object result;
+    try {
+        result = body();
+    } catch (error& caught) {
+        except_scope handling(in, caught);
+        cleanup();
+        raise_again(caught);
+    }
+    cleanup();
+    return result;
+}
+
 /// Opens, checks, writes and closes the key file.
 void write_key_file(const frame& in, handle wallet_path, handle key_content) {
     object write_only = global("os"_n).attr("O_WRONLY"_n);

@@ -41,37 +41,11 @@ object detail::call_method(handle self, operand method, std::initializer_list<ar
     return call(method.at, PyObject_VectorcallMethod, method, self, arguments);
 }
 
-// A manifest can have 100,000 entries. Where an operation is the builtin one on a plain value, which nobody can see, it
-// is done directly; every call that somebody has put in its place, or that goes to another module, is made.
-
-object get(handle mapping, handle key, handle fallback, location at) {
-    if (!PyDict_CheckExact(mapping.ptr()))
-        return fallback ? invoke(mapping, {"get"_n, at}, key, fallback) : invoke(mapping, {"get"_n, at}, key);
-    object value = find(mapping, key, at);
-    return value ? value : object::borrow(fallback ? fallback : handle(Py_None));
-}
-
 object find(handle dictionary, handle key, location at) {
     PyObject* value = foreign_call(PyDict_GetItemWithError, dictionary.ptr(), key.ptr());
     if (value == nullptr && PyErr_Occurred() != nullptr)
         throw_error(at);
     return object::borrow(value);
-}
-
-bool is_builtin(handle function, std::string_view wanted) noexcept {
-    const auto* made = reinterpret_cast<PyCFunctionObject*>(function.ptr());
-    return PyCFunction_CheckExact(function.ptr()) && wanted == made->m_ml->ml_name && made->m_module != nullptr &&
-           PyUnicode_CheckExact(made->m_module) && PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0;
-}
-
-bool is_instance(handle value, name type, location at) {
-    callee test = global("isinstance"_n, at);
-    callee class_or_tuple = global(type, at);
-    if (!is_builtin(test, "isinstance"))
-        return is_true(test(value, class_or_tuple), at);
-    if (handle(Py_TYPE(value.ptr())).is(class_or_tuple))
-        return true; // what PyObject_IsInstance looks at first
-    return checked_call(at, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
 }
 
 void unpack(handle value, std::span<object> targets, location at) {
@@ -86,17 +60,10 @@ void unpack(handle value, std::span<object> targets, location at) {
 }
 
 object detail::joined(std::span<const object> texts, location at) {
-    Py_ssize_t length = 0;
-    Py_UCS4 widest = 0;
-    for (const object& text : texts) {
-        length += PyUnicode_GET_LENGTH(text.ptr());
-        widest = std::max(widest, PyUnicode_MAX_CHAR_VALUE(text.ptr()));
-    }
-    object whole = check(PyUnicode_New(length, widest), at);
-    Py_ssize_t end = 0;
-    for (const object& text : texts)
-        end += check(PyUnicode_CopyCharacters(whole.ptr(), end, text.ptr(), 0, PyUnicode_GET_LENGTH(text.ptr())), at);
-    return whole;
+    object row = check(PyTuple_New(std::ssize(texts)), at);
+    for (std::size_t i = 0; i < texts.size(); ++i)
+        PyTuple_SET_ITEM(row.ptr(), static_cast<Py_ssize_t>(i), Py_NewRef(texts[i].ptr()));
+    return check(PyUnicode_Join(""_n.ptr(), row.ptr()), at);
 }
 
 namespace {
@@ -113,14 +80,13 @@ object special_method(handle self, handle name, location at) {
 std::pair<callee, object> enter_context(handle manager, location at) {
     object enter;
     object exit;
-    object& first = exit_is_looked_up_first ? exit : enter;
-    object& second = exit_is_looked_up_first ? enter : exit;
-    first = special_method(manager, exit_is_looked_up_first ? "__exit__"_n : "__enter__"_n, at);
-    if (first)
-        second = special_method(manager, exit_is_looked_up_first ? "__enter__"_n : "__exit__"_n, at);
-    if (!second) {
-        interpret_statement("enter"_n, {manager}, at);
-        throw_error(PyExc_TypeError, "a context manager changed while it was entered", at);
+    for (const bool exiting : {exit_is_looked_up_first, !exit_is_looked_up_first}) {
+        object& method = exiting ? exit : enter;
+        method = special_method(manager, exiting ? "__exit__"_n : "__enter__"_n, at);
+        if (!method) {
+            interpret_statement("enter"_n, {manager}, at);
+            throw_error(PyExc_TypeError, "a context manager changed while it was entered", at);
+        }
     }
     object value = callee(enter, at)();
     return {callee(exit, at), value};

@@ -49,8 +49,6 @@ inline void set_item(handle container, handle key, handle value, location at = l
 }
 /// What a dict itself has for the key, or nothing.
 object find(handle dictionary, handle key, location at = location::current());
-/// `mapping.get(key)`, or `mapping.get(key, default)`
-object get(handle mapping, handle key, handle fallback = {}, location at = location::current());
 
 /// `if value`
 inline bool is_true(handle value, location at = location::current()) {
@@ -66,19 +64,6 @@ inline bool compare(handle left, int operation, handle right, location at = loca
 inline bool contains(handle container, handle item, location at = location::current()) {
     return checked_call(at, PySequence_Contains, container.ptr(), item.ptr()) != 0;
 }
-
-/// `item in (first, second, ...)`
-template <typename... Items> bool is_one_of(operand item, const Items&... items) {
-    const auto equal = [item](handle other) {
-        return checked_call(item.at, PyObject_RichCompareBool, other.ptr(), item.ptr(), Py_EQ) != 0;
-    };
-    return (equal(items) || ...);
-}
-
-/// Whether a function is the one of that name in the builtins, not what somebody has put in its place.
-bool is_builtin(handle function, std::string_view wanted) noexcept;
-/// `isinstance(value, type)`
-bool is_instance(handle value, name type, location at = location::current());
 
 inline object integer(long value, location at = location::current()) { return check(PyLong_FromLong(value), at); }
 /// `(first, second, ...)`
@@ -186,20 +171,6 @@ template <typename Body> void with(const frame& in, handle manager, Body body, l
         return;
     }
     exit(none(), none(), none());
-}
-
-/// `try: return body()`, `finally: cleanup()`. A clean-up that can raise is no destructor.
-template <typename Body, typename Cleanup> object try_finally(const frame& in, Body body, Cleanup cleanup) {
-    object result;
-    try {
-        result = body();
-    } catch (error& caught) {
-        except_scope handling(in, caught);
-        cleanup();
-        raise_again(caught);
-    }
-    cleanup();
-    return result;
 }
 
 } // namespace corvane::py

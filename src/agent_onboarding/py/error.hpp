@@ -6,7 +6,6 @@
 #include <cxxabi.h>
 
 #include <concepts>
-#include <exception>
 
 namespace corvane::py {
 
@@ -14,13 +13,12 @@ struct frame;
 
 /// A Python exception on its way through C++. It carries the exception object itself, out of the interpreter's hands
 /// while C++ unwinds, and the line that raised it.
-class error : public std::exception {
+class error {
   public:
     /// Takes over the exception that the interpreter has set.
     explicit error(location raised_at) noexcept;
 
     [[nodiscard]] handle value() const noexcept { return value_; }
-    [[nodiscard]] const char* what() const noexcept override { return "a Python exception"; }
 
     /// `except type:`, which raises TypeError for anything that is not an exception class.
     [[nodiscard]] bool matches(handle type, location line = location::current()) const;

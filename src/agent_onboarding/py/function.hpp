@@ -32,9 +32,9 @@ template <typename... Parameters> constexpr std::size_t parameter_count(object (
     return sizeof...(Parameters);
 }
 
-/// The interpreter's own way to call the function: raises its TypeError for arguments that do not fit, and runs the
-/// body for those that only it can bind.
-PyObject* interpret(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords);
+/// The interpreter's own way to call a function: raises its TypeError for arguments that do not fit, and runs the body
+/// for those that only it can bind.
+inline vectorcallfunc interpreted = nullptr;
 
 /// The body with its parameters. A template, so that the compiler can put the body into it: an exception is then thrown
 /// and caught in one C++ frame, at half the price.
@@ -62,16 +62,16 @@ template <auto Body> PyObject* run_body(const frame& running, PyObject* const* v
 /// The vectorcall of a function of ours.
 template <auto Body>
 PyObject* enter_native(PyObject* callable, PyObject* const* arguments, std::size_t flagged_count, PyObject* keywords) {
-    static_assert(parameter_count(Body) <= bound_arguments::most);
+    static_assert(parameter_count(Body) < bound_arguments::most);
     auto* function = reinterpret_cast<PyFunctionObject*>(callable);
     auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
     if (code == code_of<Body> && initialised) { // or somebody gave it another `__code__`
         bound_arguments bound;
-        if (bound.bind(function, code, arguments, static_cast<std::size_t>(PyVectorcall_NARGS(flagged_count)),
-                       keywords)) [[likely]]
+        if (bound.bind(function, arguments, PyVectorcall_NARGS(flagged_count), keywords)) [[likely]]
             return run_body<Body>({code}, bound.values);
     }
-    return interpret(callable, arguments, flagged_count, keywords);
+    PyErr_Clear(); // no memory to bind: the interpreter comes to the same
+    return foreign_call(interpreted, callable, arguments, flagged_count, keywords);
 }
 
 /// What the interpreted body calls with the parameters; with others only if somebody dug it out.
@@ -110,23 +110,18 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
 inline void stop() noexcept { initialised = false; }
 
 // These work in the module's namespace.
-void run_imports();
-void define(const native_function& function);
-template <auto Body> void define(const char* name) { define(native<Body>(name)); }
-/// Each of the methods named here gets a native body.
-void define_class(const char* name, std::initializer_list<native_function> methods = {});
+/// Executes a declaration: the imports, a function, or a class of which each method named here gets a native body.
+void define(const char* name, std::initializer_list<native_function> bodies = {});
+template <auto Body> void define(const char* name) { define(name, {native<Body>(name)}); }
 /// The declared body of a generator function runs as it is, so that all the manners of a generator are the
-/// interpreter's, and calls the steps, declared functions, which are its free variables in this order.
-void define_generator(const char* name, std::initializer_list<native_function> steps);
+/// interpreter's, and calls two steps, declared functions, in the order in which it names them.
+void define_generator(const char* name, const native_function& first_step, const native_function& second_step);
 
-/// A function or lambda declared inside the running one, made anew with the enclosed values, in the order of
-/// `__closure__`. Its declared body runs as it is.
-[[nodiscard]] object nested_function(const frame& in, const char* name, std::initializer_list<handle> enclosed = {},
+/// Has the interpreter execute an import or make a function or lambda, declared inside of one of ours and known as
+/// `function.name`, with the enclosed values; returns what it binds. Where that fails, its own frame is the function's
+/// entry in the traceback.
+[[nodiscard]] callee inner_statement(name declaration, std::initializer_list<argument> enclosed = {},
                                      location at = location::current());
-
-/// Executes an import statement declared inside a function, `function.bound_name`, and returns what it binds. Where it
-/// fails, its own frame is the function's entry in the traceback.
-[[nodiscard]] callee imported(name declaration, location at = location::current());
 /// Has the interpreter execute a declared statement with the values. Where it fails, its frame does not show.
 object interpret_statement(name declaration, std::initializer_list<argument> values, location at = location::current());
 

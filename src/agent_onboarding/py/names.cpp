@@ -25,15 +25,6 @@ int count_change(PyDict_WatchEvent /*event*/, PyObject* /*dictionary*/, PyObject
     return 0;
 }
 
-void watch(handle dictionary) {
-    if (watcher == no_watcher)
-        watcher = PyDict_AddWatcher(count_change);
-    if (watcher != no_watcher && PyDict_Watch(watcher, dictionary.ptr()) < 0)
-        watcher = no_watcher;
-    if (watcher == no_watcher)
-        PyErr_Clear();
-}
-
 object look_up(name wanted, location at) {
     const std::uint64_t seen = changes; // read first: a key of the namespace may have an `__eq__` that changes it
     const bool alone = watcher != no_watcher && watchers_of(globals.ptr()) == watchers_of(builtins.ptr()) &&
@@ -80,8 +71,12 @@ void enter_namespace(handle module_namespace) {
     globals = handle(object::borrow(module_namespace).release());
     builtins = handle(object::borrow(PyEval_GetBuiltins()).release());
     ++changes;
-    watch(globals);
-    watch(builtins);
+    if (watcher == no_watcher)
+        watcher = PyDict_AddWatcher(count_change);
+    if (watcher < 0 || PyDict_Watch(watcher, globals.ptr()) < 0 || PyDict_Watch(watcher, builtins.ptr()) < 0) {
+        watcher = no_watcher;
+        PyErr_Clear();
+    }
 }
 
 void forget_namespace() noexcept {

@@ -51,11 +51,9 @@ struct argument_name : handle {
     argument operator=(handle value) const noexcept { return {*this, value}; }
 };
 
-inline namespace literals {
 /// An interned text: a name to look up, or a constant of the program.
 template <literal Text> [[nodiscard]] name operator""_n() noexcept { return interned(node_of<Text>); }
 template <literal Text> [[nodiscard]] argument_name operator""_a() noexcept { return {interned(node_of<Text>)}; }
-} // namespace literals
 
 /// A value that was just looked up; a call of it is reported on the line of the look-up.
 class callee : public object {

@@ -55,9 +55,7 @@ template <typename Function, typename... Arguments> auto foreign_call(Function* 
 [[gnu::noipa]]
 #endif
 [[gnu::noinline]] inline void deallocate(PyObject* owned) {
-    thread_end_guard guard;
-    Py_DECREF(owned);
-    guard.returned = true;
+    foreign_call(Py_DecRef, owned);
 }
 
 /// Gives a reference back.
@@ -108,9 +106,6 @@ class object : public handle {
     [[nodiscard]] static object borrow(handle other) noexcept { return borrow(other.ptr()); }
     /// Takes over the caller's reference.
     [[nodiscard]] static object steal(PyObject* pointer) noexcept { return object(pointer); }
-    template <typename Struct> [[nodiscard]] static object steal(Struct* pointer) noexcept {
-        return object(reinterpret_cast<PyObject*>(pointer));
-    }
     /// Hands the reference to the caller and leaves this empty.
     [[nodiscard]] PyObject* release() noexcept {
         PyObject* pointer = ptr();

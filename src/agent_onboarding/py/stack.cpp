@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 // The oldest versions that the C library offers of these functions: the newer ones, the same code under another
@@ -20,21 +21,24 @@ __asm__(".symver pthread_attr_getstack, pthread_attr_getstack@GLIBC_2.17");
 
 namespace corvane::py {
 
-constinit thread_local stack_bounds this_stack = {};
-
 namespace {
 // A body takes 2 KiB at the most. What it calls takes more: a search for a handler, a TLS handshake, dlopen. Threads
 // with less than 512 KiB keep a quarter free, which is enough for bodies but not for everything that they call.
 constexpr std::uintptr_t kibibyte = 1024;
 constexpr std::uintptr_t most_kept_free = kibibyte * 128;
-
 // Of the main thread's stack, whatever its limit: the kernel keeps twice as much free below its top for it to grow.
 constexpr std::uintptr_t most_of_main_stack = kibibyte * 1024 * 64;
 // Its limit can change at any time, so that it is asked for again after this much more of it was used.
 constexpr std::uintptr_t main_stack_step = kibibyte * 64;
 
+/// The running thread's stack, all 0 until it was measured: a body may begin from `limit` up to `top`; what lies
+/// between `end` and `limit` is kept free for the deepest body and what it calls.
+constinit thread_local struct {
+    std::uintptr_t limit, top, end;
+} bounds = {};
+
 void set_bounds(std::uintptr_t end, std::uintptr_t top) {
-    this_stack = {.limit = end + std::min(most_kept_free, (top - end) / 4), .top = top, .end = end};
+    bounds = {.limit = end + std::min(most_kept_free, (top - end) / 4), .top = top, .end = end};
 }
 
 /// The main thread's stack: it grows down from a top at which the kernel puts the program's name. The C library would
@@ -50,7 +54,7 @@ bool measure_main(std::uintptr_t here) {
     if (here < end || here >= top)
         return false;
     set_bounds(end, top);
-    this_stack.limit = std::max(this_stack.limit, here - main_stack_step);
+    bounds.limit = std::max(bounds.limit, here - main_stack_step);
     return true;
 }
 
@@ -64,14 +68,20 @@ void measure(std::uintptr_t here) {
         set_bounds(reinterpret_cast<std::uintptr_t>(end), reinterpret_cast<std::uintptr_t>(end) + size);
     pthread_attr_destroy(&attributes);
 }
+
+/// Whether a body may begin at an address outside of the bounds. Outside of the thread's stack altogether there is one
+/// that somebody else has allocated and knows the size of.
+bool may_begin_at(std::uintptr_t here) {
+    if (bounds.top == 0 || (here >= bounds.end && here < bounds.limit))
+        measure(here);
+    return here < bounds.end || here >= bounds.limit;
+}
 } // namespace
 
-bool may_begin_at(std::uintptr_t address) {
-    // Outside of the thread's stack there is one that somebody else has allocated and knows the size of.
-    if (this_stack.top == 0 || (address >= this_stack.end && address < this_stack.limit))
-        measure(address);
-    if (address < this_stack.end || address >= this_stack.limit)
-        return true;
+bool enter_recursion() {
+    const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+    if (interpreter_measures_stack || (here >= bounds.limit && here < bounds.top) || may_begin_at(here)) [[likely]]
+        return Py_EnterRecursiveCall("") == 0;
     PyErr_SetString(PyExc_RecursionError, "maximum recursion depth exceeded");
     return false;
 }

@@ -14,13 +14,11 @@ namespace corvane::py {
 inline constexpr bool interpreter_measures_stack = PY_VERSION_HEX >= 0x030E0000;
 
 /// Whether the interpreter is going away, and with it whoever would tell that a dictionary changes.
-[[nodiscard]] inline bool interpreter_is_ending() noexcept {
 #if PY_VERSION_HEX >= 0x030D0000
-    return Py_IsFinalizing() != 0;
+inline constexpr auto* interpreter_is_ending = Py_IsFinalizing;
 #else
-    return _Py_IsFinalizing() != 0;
+inline constexpr auto* interpreter_is_ending = _Py_IsFinalizing;
 #endif
-}
 
 /// The watchers of a dictionary, a bit each, without the two of 3.13 and later's own, which run no other code.
 [[nodiscard]] inline unsigned watchers_of(PyObject* dictionary) noexcept {
