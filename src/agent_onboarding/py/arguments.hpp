@@ -11,8 +11,7 @@ struct bound_arguments {
     PyObject* values[most] = {};
 
     bound_arguments() = default;
-    bound_arguments(const bound_arguments&) = delete;
-    bound_arguments& operator=(const bound_arguments&) = delete;
+    bound_arguments(bound_arguments&&) = delete;
     ~bound_arguments() {
         for (PyObject* value : values)
             drop(value);

@@ -92,10 +92,4 @@ std::pair<callee, object> enter_context(handle manager, location at) {
     return {callee(exit, at), value};
 }
 
-bool exit_context(const callee& exit, const error& caught, location at) {
-    object traceback = object::steal(PyException_GetTraceback(caught.value().ptr()));
-    object swallow = exit(handle(Py_TYPE(caught.value().ptr())), caught.value(), traceback ? traceback : none());
-    return is_true(swallow, at);
-}
-
 } // namespace corvane::py

@@ -29,31 +29,28 @@ template <typename... Arguments> object invoke(handle self, operand method, cons
 inline callee handle::attr(handle name, location at) const {
     return {checked_call(at, PyObject_GetAttr, ptr(), name.ptr()), at};
 }
-/// `self.name = value`
-inline void set_attr(handle self, handle name, handle value, location at = location::current()) {
-    checked_call(at, PyObject_SetAttr, self.ptr(), name.ptr(), value.ptr());
-}
-/// An operation of two values.
-template <auto Operator> struct binary {
-    object operator()(handle left, handle right, location at = location::current()) const {
-        return checked_call(at, Operator, left.ptr(), right.ptr());
+/// An operation of two or three values.
+template <auto Function> struct operation {
+    auto operator()(handle left, handle right, location at = location::current()) const {
+        return checked_call(at, Function, left.ptr(), right.ptr());
+    }
+    auto operator()(handle self, handle key, handle value, location at = location::current()) const {
+        return checked_call(at, Function, self.ptr(), key.ptr(), value.ptr());
     }
 };
-inline constexpr binary<PyObject_GetItem> get_item; ///< `container[key]`
-inline constexpr binary<PyNumber_Add> add;
-inline constexpr binary<PyNumber_Or> bit_or;
-inline constexpr binary<PyNumber_And> bit_and;
-/// `container[key] = value`
-inline void set_item(handle container, handle key, handle value, location at = location::current()) {
-    checked_call(at, PyObject_SetItem, container.ptr(), key.ptr(), value.ptr());
-}
+inline constexpr operation<PyObject_SetAttr> set_attr; ///< `self.name = value`
+inline constexpr operation<PyObject_GetItem> get_item; ///< `container[key]`
+inline constexpr operation<PyObject_SetItem> set_item; ///< `container[key] = value`
+inline constexpr operation<PyNumber_Add> add;
+inline constexpr operation<PyNumber_Or> bit_or;
+inline constexpr operation<PyNumber_And> bit_and;
+inline constexpr operation<PyList_Append> append; ///< `list.append(value)` on a list of ours
+inline constexpr operation<PySet_Add> add_to;     ///< `set.add(value)` on a set of ours
 /// What a dict itself has for the key, or nothing.
 object find(handle dictionary, handle key, location at = location::current());
 
 /// `if value`
 inline bool is_true(handle value, location at = location::current()) {
-    if (value.ptr() == Py_True || value.ptr() == Py_False || value.is_none())
-        return value.ptr() == Py_True;
     return checked_call(at, PyObject_IsTrue, value.ptr()) != 0;
 }
 /// `left == right`, `left != right`, `left < right`, ... as a condition: what the operator returns is tested for truth.
@@ -70,18 +67,11 @@ inline object integer(long value, location at = location::current()) { return ch
 template <typename... Items> object tuple(operand first, const Items&... items) {
     return check(PyTuple_Pack(1 + sizeof...(Items), first.ptr(), handle(items).ptr()...), first.at);
 }
-/// `[]` and `list.append(value)` on such a list
+/// `[]`, `{}`, `set()`
 inline object new_list(location at = location::current()) { return check(PyList_New(0), at); }
-inline void append(const object& list, handle value, location at = location::current()) {
-    check(PyList_Append(list.ptr(), value.ptr()), at);
-}
-/// `{}`
 inline object new_dict(location at = location::current()) { return check(PyDict_New(), at); }
-/// `set()` and `set.add(value)` on such a set
 inline object new_set(location at = location::current()) { return check(PySet_New(nullptr), at); }
-inline void add_to(const object& set, handle value, location at = location::current()) {
-    checked_call(at, PySet_Add, set.ptr(), value.ptr());
-}
+
 /// The literal that a message begins with; it brings the line along, which a variadic function cannot.
 struct opening {
     std::string_view text;
@@ -99,8 +89,7 @@ object joined(std::span<const object> texts, location at);
 } // namespace detail
 
 /// `f"..."`: literals and the text forms of values, from left to right. Not inlined: an exception searches the table of
-/// all calls of the C++ frame that raises it, and most messages are made to be raised (a refused call is a tenth
-/// faster).
+/// all calls of the C++ frame that raises it (a refused call is a tenth faster).
 template <typename... Parts> [[gnu::noinline]] object concat(opening first, const Parts&... parts) {
     const object texts[] = {detail::text_of(first.text, first.at), detail::text_of(parts, first.at)...};
     return detail::joined(texts, first.at);
@@ -156,8 +145,6 @@ void unpack(handle value, std::span<object> targets, location at = location::cur
 
 /// Enters a context manager; returns its `__exit__` and the value that `__enter__` gave.
 std::pair<callee, object> enter_context(handle manager, location at);
-/// `__exit__` with an exception; whether it swallows it.
-bool exit_context(const callee& exit, const error& caught, location at);
 
 /// `with manager as value: body(value)`. A true result of `__exit__` swallows the exception.
 template <typename Body> void with(const frame& in, handle manager, Body body, location at = location::current()) {
@@ -166,7 +153,9 @@ template <typename Body> void with(const frame& in, handle manager, Body body, l
         body(handle(value));
     } catch (error& caught) {
         except_scope handling(in, caught);
-        if (!exit_context(exit, caught, at))
+        object traceback = object::steal(PyException_GetTraceback(caught.value().ptr()));
+        object swallow = exit(handle(Py_TYPE(caught.value().ptr())), caught.value(), traceback ? traceback : none());
+        if (!is_true(swallow, at))
             raise_again(caught);
         return;
     }

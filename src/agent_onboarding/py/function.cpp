@@ -24,34 +24,6 @@ void forget() noexcept {
     interpreter_of_codes = nobody;
 }
 
-} // namespace
-
-void frame::trace(error& raised) const noexcept {
-    if (raised.traced || !module_namespace())
-        return;
-    raised.traced = true;
-    // An error in here may cost the entry, never the exception. The interpreter folds repeated entries of one function,
-    // which it knows by the identity of two texts, so that these have to be the same objects each time.
-    const char* function = code == nullptr ? "<module>" : PyUnicode_AsUTF8(code->co_name);
-    auto* line =
-        function == nullptr ? nullptr : PyCode_NewEmpty(raised.at.file, function, static_cast<int>(raised.at.line));
-    const object owner = object::steal(handle(line).ptr());
-    object entry;
-    if (line != nullptr) {
-        for (PyObject** text : {&line->co_filename, &line->co_name, &line->co_qualname})
-            PyUnicode_InternInPlace(text);
-        entry = object::steal(handle(PyFrame_New(PyThreadState_Get(), line, module_namespace().ptr(), nullptr)).ptr());
-    }
-    PyErr_Clear();
-    if (!entry)
-        return;
-    PyErr_SetRaisedException(object::borrow(raised.value()).release());
-    (void)PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(entry.ptr()));
-    PyErr_Clear();
-}
-
-namespace {
-
 /// All code objects inside another one.
 template <typename Visit> void visit_nested(PyCodeObject* code, Visit visit) {
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(code->co_consts); ++i)
@@ -65,7 +37,7 @@ PyCodeObject* code_named(handle declaration, location at = location::current()) 
     object code = get_item(codes, declaration, at);
     if (!PyCode_Check(code.ptr()))
         throw_error(PyExc_SystemError, "a declaration is not code", at);
-    return reinterpret_cast<PyCodeObject*>(code.ptr()); // which `codes` keeps
+    return reinterpret_cast<PyCodeObject*>(code.ptr());
 }
 
 /// A function over the module's namespace.
@@ -109,6 +81,30 @@ void shorten(handle function, const native_function& native) {
 
 } // namespace
 
+void frame::trace(error& raised) const noexcept {
+    if (raised.traced || !module_namespace())
+        return;
+    raised.traced = true;
+    // An error in here may cost the entry, never the exception. The interpreter folds repeated entries of one function,
+    // which it knows by the identity of two texts, so that these have to be the same objects each time.
+    const char* function = code == nullptr ? "<module>" : PyUnicode_AsUTF8(code->co_name);
+    auto* line =
+        function == nullptr ? nullptr : PyCode_NewEmpty(raised.at.file, function, static_cast<int>(raised.at.line));
+    const object owner = object::steal(handle(line).ptr());
+    object entry;
+    if (line != nullptr) {
+        for (PyObject** text : {&line->co_filename, &line->co_name, &line->co_qualname})
+            PyUnicode_InternInPlace(text);
+        entry = object::steal(handle(PyFrame_New(PyThreadState_Get(), line, module_namespace().ptr(), nullptr)).ptr());
+    }
+    PyErr_Clear();
+    if (!entry)
+        return;
+    PyErr_SetRaisedException(object::borrow(raised.value()).release());
+    (void)PyTraceBack_Here(reinterpret_cast<PyFrameObject*>(entry.ptr()));
+    PyErr_Clear();
+}
+
 void start(handle module_namespace, std::span<const unsigned char> declarations) {
     if (interpreter_of_codes == nobody && Py_AtExit(forget) < 0)
         throw_error(PyExc_SystemError, "the interpreter takes no more exit functions");
@@ -125,8 +121,8 @@ void start(handle module_namespace, std::span<const unsigned char> declarations)
     PyObject* key = nullptr;
     PyObject* code = nullptr;
     // CPython 3.12 gives a code object up twice where it cannot make the function of it. One more reference, never
-    // given back, keeps a failed import from ending in a crash.
-    for (Py_ssize_t position = 0; PyDict_Next(made.ptr(), &position, &key, &code) != 0;)
+    // given back, keeps a failed import from ending in a crash, and a code alive whatever becomes of `codes`.
+    for (Py_ssize_t position = 0; PyDict_Next(made.ptr(), &position, &key, &code) != 0; Py_INCREF(code))
         visit_nested(reinterpret_cast<PyCodeObject*>(code), [](PyCodeObject* nested) { Py_INCREF(nested); });
     const object left = object::steal(codes.ptr()); // by an initialisation that failed
     codes = handle(object::borrow(made).release());

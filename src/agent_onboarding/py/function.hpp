@@ -1,10 +1,7 @@
-// Real function objects with native bodies.
-//
-// The declaration of each function is compiled by the interpreter (while the extension is built), so signature,
-// defaults, annotations, binding as a method, pickling and every word of an argument error are its own. What is
-// compiled as its body passes the parameters on to the native one: wherever the code object ends up, the body goes with
-// it. The function's vectorcall (PyFunction_SetVectorcall) is a shorter way to the same body, without a frame of the
-// interpreter's.
+// Real function objects with native bodies. The interpreter compiles the declaration of each function, while the
+// extension is built: signature, defaults, annotations, pickling and every word of an argument error are its own. The
+// compiled body passes the parameters on to the native one: wherever the code object ends up, the body goes with it.
+// The function's vectorcall is a shorter way to the same body, without a frame of the interpreter's.
 #pragma once
 
 #include "arguments.hpp"
@@ -93,12 +90,8 @@ struct native_function {
     PyCodeObject** code;
 };
 
-// NOLINTBEGIN(bugprone-casting-through-void): g++ warns of the direct way
 template <auto Body>
-inline PyMethodDef method_of{"native_body",
-                             reinterpret_cast<PyCFunction>(reinterpret_cast<void*>(enter_interpreted<Body>)),
-                             METH_FASTCALL, nullptr};
-// NOLINTEND(bugprone-casting-through-void)
+inline PyMethodDef method_of{"native_body", _PyCFunction_CAST(enter_interpreted<Body>), METH_FASTCALL, nullptr};
 template <auto Body> constexpr native_function native(const char* name) {
     return {name, parameter_count(Body), enter_native<Body>, &method_of<Body>, &code_of<Body>};
 }

@@ -10,8 +10,6 @@ namespace corvane::py {
 // run code before the change is made, too, which finds the old value: with others beside ours nothing is remembered.
 
 namespace {
-name_node* first_name = nullptr;
-
 // Owned, and given back only for another namespace of the same interpreter.
 handle globals;
 handle builtins;
@@ -42,8 +40,6 @@ object look_up(name wanted, location at) {
 }
 } // namespace
 
-name_node::name_node(std::string_view literal) noexcept : text(literal), next(first_name) { first_name = this; }
-
 callee global(name wanted, location at) {
     if (wanted.node->change == changes) [[likely]]
         return {object::borrow(wanted.node->value), at};
@@ -58,7 +54,7 @@ handle module_namespace() noexcept { return globals; }
 
 // Texts that an earlier initialisation has interned are not given back: they may be another interpreter's.
 void intern_names() {
-    for (name_node* node = first_name; node != nullptr; node = node->next) {
+    for (name_node* node = name_node::first; node != nullptr; node = node->next) {
         PyObject* text = detail::text_of(node->text).release();
         PyUnicode_InternInPlace(&text);
         node->interned = text;

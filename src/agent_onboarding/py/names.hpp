@@ -18,7 +18,8 @@ struct name_node {
     PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
     PyObject* value = nullptr;    ///< what the name was last found to be, borrowed
     std::uint64_t change = 0;     ///< how many changes had been seen then
-    explicit name_node(std::string_view literal) noexcept;
+    explicit name_node(std::string_view literal) noexcept : text(literal), next(std::exchange(first, this)) {}
+    static inline name_node* first = nullptr;
 };
 
 /// An interned text, borrowed for the life of the interpreter. It brings along what it was last found to be.

@@ -60,11 +60,9 @@ template <typename Function, typename... Arguments> auto foreign_call(Function* 
 
 /// Gives a reference back.
 inline void drop(PyObject* owned) noexcept {
-    if (owned == nullptr)
-        return;
-    if (Py_REFCNT(owned) > 1)
+    if (owned != nullptr && Py_REFCNT(owned) > 1)
         Py_DECREF(owned);
-    else
+    else if (owned != nullptr)
         deallocate(owned);
 }
 

@@ -34,34 +34,28 @@ constexpr std::uintptr_t main_stack_step = kibibyte * 64;
 /// The running thread's stack, all 0 until it was measured: a body may begin from `limit` up to `top`; what lies
 /// between `end` and `limit` is kept free for the deepest body and what it calls.
 constinit thread_local struct {
-    std::uintptr_t limit, top, end;
+    std::uintptr_t end, top, limit;
 } bounds = {};
 
-void set_bounds(std::uintptr_t end, std::uintptr_t top) {
-    bounds = {.limit = end + std::min(most_kept_free, (top - end) / 4), .top = top, .end = end};
-}
-
-/// The main thread's stack: it grows down from a top at which the kernel puts the program's name. The C library would
-/// read a file with a line for each library of the process to say the same.
-bool measure_main(std::uintptr_t here) {
-    const auto* name = reinterpret_cast<const char*>(getauxval(AT_EXECFN)); // NOLINT(performance-no-int-to-ptr)
-    rlimit limit{};
-    if (name == nullptr || getrlimit(RLIMIT_STACK, &limit) != 0)
-        return false;
-    const auto page = static_cast<std::uintptr_t>(getauxval(AT_PAGESZ));
-    const std::uintptr_t top = (reinterpret_cast<std::uintptr_t>(name) + std::strlen(name) + page) / page * page;
-    const std::uintptr_t end = top - std::min<std::uintptr_t>(limit.rlim_cur, most_of_main_stack);
-    if (here < end || here >= top)
-        return false;
-    set_bounds(end, top);
-    bounds.limit = std::max(bounds.limit, here - main_stack_step);
-    return true;
+void set_bounds(std::uintptr_t end, std::uintptr_t top, std::uintptr_t asked_again_at = 0) {
+    bounds = {end, top, std::max(asked_again_at, end + std::min(most_kept_free, (top - end) / 4))};
 }
 
 void measure(std::uintptr_t here) {
+    // The main thread's stack grows down from a top at which the kernel puts the program's name. The C library would
+    // read a file with a line for each library of the process to say the same.
+    const auto* name = reinterpret_cast<const char*>(getauxval(AT_EXECFN)); // NOLINT(performance-no-int-to-ptr)
+    rlimit limit{};
+    if (name != nullptr && getrlimit(RLIMIT_STACK, &limit) == 0) {
+        const auto page = static_cast<std::uintptr_t>(getauxval(AT_PAGESZ));
+        const std::uintptr_t top = (reinterpret_cast<std::uintptr_t>(name) + std::strlen(name) + page) / page * page;
+        const std::uintptr_t end = top - std::min<std::uintptr_t>(limit.rlim_cur, most_of_main_stack);
+        if (here >= end && here < top)
+            return set_bounds(end, top, here - main_stack_step);
+    }
     pthread_attr_t attributes;
-    if (measure_main(here) || pthread_getattr_np(pthread_self(), &attributes) != 0)
-        return; // or there is no memory: the next call tries again
+    if (pthread_getattr_np(pthread_self(), &attributes) != 0)
+        return; // no memory: the next call tries again
     void* end = nullptr;
     std::size_t size = 0;
     if (pthread_attr_getstack(&attributes, &end, &size) == 0)
