@@ -37,7 +37,7 @@ TESTS = (
     ("corvane/_runtime.py", "search journey", ""),
     ("corvane/simulate_signal.py", "search command cli", "profit or takes or picture or a_day"),
     ("corvane/", "search", ""),
-    ("corvane_cli/doctor.py", "doctor", ""),
+    ("corvane_cli/doctor", "doctor", ""),
     ("corvane_cli/display.py", "display", ""),
     ("corvane_cli/interrupts.py", "command", "ctrl or drips or output"),
     ("corvane_cli/identity.py", "cli command", "login or environment or planted or stored or refused or spends"),
@@ -70,7 +70,7 @@ EXPLAINED = (
     ("corvane/errors.py", "super().__init__(message)", "BaseException.__new__ has noted the message"),
     ("corvane/_http.py", "timeout=None, trust_env=False", "with a transport of its own the environment is not asked"),
     ("corvane/_http.py", "if (left := ", "the very nanosecond"),
-    ("corvane_cli/doctor.py", "include_url=False", "what is left out is not shown either"),
+    ("corvane_cli/doctor_directory.py", "include_url=False", "what is left out is not shown either"),
     ("corvane_local/certificates.py", "os.fsync", "matters after a power cut"),
     ("corvane_local/certificates.py", "lasts = ", "the very microsecond"),
     (

@@ -1,0 +1,110 @@
+"""Downloading the era, searching it, and what a signal would have earned."""
+
+from dataclasses import asdict
+from typing import Any
+
+import click
+
+from corvane_cli.command import Exit, Failure, Result, table
+from corvane_cli.identity import Agent
+from corvane_cli.shared import (
+    bootstrap_runtime,
+    command,
+    download_step,
+    dry_run_option,
+    heartbeat_file,
+    heartbeat_option,
+    paragraphs,
+    plan,
+    progress_option,
+    sign_in,
+    sync_files,
+    value_lines,
+)
+
+
+@command("sync", "sync", "sync --check    # compares what is there with the manifest; nothing is sent")
+@click.option("--check", is_flag=True, help="Only verify what was downloaded.")
+@click.option("--wait", default=0.0, type=click.FloatRange(0), metavar="SECONDS", help="For another sync to end.")
+@progress_option
+@dry_run_option
+def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run: bool) -> Result:
+    """Download what has changed of the active era, and replace what is damaged."""
+    from corvane_cli.doctor_directory import check_copies, check_files
+    from corvane_cli.doctor_findings import examine
+
+    changed: list[str] = []
+    if check and not (agent.data_dir / "manifest.json").exists():
+        raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "`corvane sync` downloads the era.")
+    if not check:
+        sign_in(agent, dry_run)
+        if dry_run:
+            spoilt = [f"repair: {f.problem}" for f in examine(agent, check_files)]
+            return plan([*spoilt, download_step(agent)])
+        changed = sync_files(agent, progress, wait)
+    # A sync has verified the files, and does not repair the copies of native modules.
+    files = [check_files] if check else []
+    findings = examine(agent, *files, check_copies)
+    lines = [*changed, *paragraphs(findings)] or ["All files are what the manifest says."]
+    data = {"changed_files": changed, "intact": not findings, "findings": [asdict(finding) for finding in findings]}
+    return Result(data, lines, Exit.SPOILT if findings else Exit.OK)
+
+
+@command("search", "search --max-evaluations 5000", "search --seconds 60 --jobs 2 --json")
+@click.option("--seed", type=click.IntRange(0), show_default="the number of searches so far")
+@click.option("--max-evaluations", default=2000, type=click.IntRange(1), help="How many to try.")
+@click.option("--seconds", type=click.FloatRange(0, min_open=True), help="How long at most.")
+@click.option("--jobs", "n_jobs", default=1, type=click.IntRange(1), help="How many threads.")
+@heartbeat_option
+@progress_option
+@dry_run_option
+def search(
+    agent: Agent, seed: int | None, heartbeat: bool, progress: bool | None, dry_run: bool, **limits: Any
+) -> Result:
+    """Search the active era for signals. What was found is kept, also after Ctrl-C."""
+    sign_in(agent, dry_run)
+    if dry_run:
+        file = heartbeat_file(agent.onboarding(), heartbeat)
+        steps = [download_step(agent), f"try {limits['max_evaluations']} expressions"]
+        return plan(steps + [f"see to the checklist in {file}"] * bool(file))
+    from corvane.search_templates import search_status, start_search
+
+    before = search_status()
+    if before.running:
+        raise Failure("A search is running in this directory.", Exit.TRY_AGAIN, "Wait for its end.")
+    if seed is None:
+        seed = before.run.id if before.run else 0
+    bootstrap_runtime(agent, progress)
+    agent.onboarding(heartbeat)
+    found = start_search(seed=seed, progress=progress, **limits)
+    counts = f"{len(found.signals)} signals of {found.candidates} candidates in {found.evaluations} expressions"
+    rows = [(s.id, s.instrument, s.pool, f"{s.rest_sharpe:.2f}", s.expression) for s in found.signals]
+    signals = table([("number", "traded", "pool", "Sharpe", "expression"), *rows]) if rows else []
+    lines = [f"{counts}, seed {seed}", *signals, "A found signal is a reason to look closer, never one to trade."]
+    return Result({**asdict(found), "seed": seed}, lines)
+
+
+@command("simulate", "simulate 4 --picture signal-4.png", 'simulate "zscore(IBM, 20)" --instrument MSFT')
+@click.argument("signal")
+@click.option("--instrument", help="What is traded.", show_default="the one of the signal")
+@click.option("--picture", type=click.Path(dir_okay=False), help="Draw the growth of the capital: FILE.png or .svg.")
+@progress_option
+@dry_run_option
+def simulate(
+    agent: Agent, signal: str, instrument: str | None, picture: str | None, progress: bool | None, dry_run: bool
+) -> Result:
+    """Say what trading a found signal (its number) or an expression would have earned, after costs."""
+    from corvane.simulate_signal import _simulate_signal_export, check_picture
+
+    if picture:
+        check_picture(picture, agent.data_dir)
+    sign_in(agent, dry_run)
+    if dry_run:
+        return plan([download_step(agent), f"simulate {signal}"] + [f"draw {picture}"] * bool(picture))
+    bootstrap_runtime(agent, progress)
+    number_or_text = int(signal) if signal.isdecimal() else signal
+    simulation = _simulate_signal_export(number_or_text, instrument=instrument, picture=picture)
+    names = ("expression", "instrument", "sharpe", "train_sharpe", "rest_sharpe", "max_drawdown", "total_return")
+    values = {name: getattr(simulation, name) for name in names}
+    data = {name: None if value != value else value for name, value in values.items()}  # JSON has no NaN
+    return Result({**data, "picture": picture}, value_lines(values))
