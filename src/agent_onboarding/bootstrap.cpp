@@ -240,6 +240,7 @@ object local_vocabulary_path(const frame&, handle data_dir, handle named_univers
 object bootstrap_local_runtime_from_config(const frame& in, handle am) {
     object data_dir = configured_data_dir();
     object era_config = configured("era_config"_n);
+    // Not a failure: without an era or a vocabulary there is nothing to build, and callers say so in their own words.
     if (!is_instance(era_config, "dict"_n))
         return none();
     object named_universe = configured("named_universe"_n);

@@ -127,6 +127,7 @@ object resolve_optional_invite_code(const frame&, handle invite_code) {
 }
 
 object register_wallet(const frame& in, handle invite_code, handle data_dir, handle bootstrap_runtime) {
+    // The directory is set before anything can fail, so that the next call, without arguments, finds the key there.
     object selected = object::borrow(data_dir);
     if (selected.is_none())
         selected = get_item(global("_config"_n), "data_dir"_n);
@@ -144,6 +145,7 @@ object register_wallet(const frame& in, handle invite_code, handle data_dir, han
         // The wallet is known already, so a code is not needed, and the environment is not asked for one.
         code = global("_resolve_optional_invite_code"_n)(invite_code);
     }
+    // The stored text stays as it is; only the service's module wants the prefix.
     object key_for_auth = global("_normalize_key"_n)(private_key);
     object manager = authenticate_for_register(in, key_for_auth, code);
     // Accepted: what follows can fail, but the wallet stays signed in.
@@ -153,6 +155,7 @@ object register_wallet(const frame& in, handle invite_code, handle data_dir, han
         global("_propagate_auth"_n)(manager, "strict"_a = true_value());
     }
     activate(in, manager, handle(Py_False));
+    // The address as the service has it, not as a computation of our own would write it.
     object address = invoke(manager, "get_wallet_address"_n);
     if (is_true(invoke(global("_config"_n), "get"_n, "auto_heartbeat"_n, true_value())))
         global("inject_heartbeat"_n)();
@@ -166,6 +169,7 @@ object login(const frame& in, handle private_key, handle bootstrap_runtime) {
     callee canonical_data_dir = global("_canonical_data_dir"_n);
     object data_dir = canonical_data_dir(get_item(global("_config"_n), "data_dir"_n));
     adopt_data_dir(data_dir);
+    // Stored before the service sees it, as in register(): a wallet that signs in has its key on disk.
     global("_write_wallet_key"_n)(data_dir, private_key);
     object key_for_auth = global("_normalize_key"_n)(private_key);
     object manager = authenticate_for_login(in, key_for_auth);
@@ -189,6 +193,7 @@ object configure(const frame&, handle kwargs) {
         object option = object::borrow(key);
         object setting = object::borrow(value);
         check_signals();
+        // Names are looked up in every round, as a loop in Python does: what a callback replaces counts at once.
         if (!contains(global("_VALID_OPTIONS"_n), option)) {
             object names = global("sorted"_n)(global("_VALID_OPTIONS"_n));
             object valid = invoke(", "_n, "join"_n, names);

@@ -69,6 +69,7 @@ object fetch_eras_payload(const frame& in, handle am) {
     object token = invoke(am, "get_token"_n);
     if (!is_true(token))
         raise(global("RuntimeError"_n), "Registration bootstrap could not fetch /eras without an auth token.");
+    // The address may have been set with or without a slash at its end.
     object base = invoke(get_item(global("_config"_n), "server_url"_n), "rstrip"_n, "/"_n);
     object url = add(base, "/eras"_n);
     callee request_class = global("urllib"_n).attr("request"_n).attr("Request"_n);
@@ -96,12 +97,14 @@ object fetch_eras_payload(const frame& in, handle am) {
         object failure = global("RuntimeError"_n)(concat("Registration bootstrap failed to fetch /eras."));
         raise_from(failure, caught.value());
     }
+    // urlopen raises an error status, but an opener that somebody has installed may hand it over.
     if (compare(local(status, "status"), Py_NE, integer(200))) {
         callee runtime_error = global("RuntimeError"_n);
         raise(runtime_error(concat("Registration bootstrap failed to fetch /eras: HTTP ", status)));
     }
     object payload;
     try {
+        // Decoded here: JSON between machines is UTF-8 (RFC 8259), whatever character set the header names.
         callee loads = global("json"_n).attr("loads"_n);
         payload = loads(invoke(local(body, "body"), "decode"_n, "utf-8"_n));
     } catch (error& caught) {
@@ -114,6 +117,7 @@ object fetch_eras_payload(const frame& in, handle am) {
         raise_from(failure, caught.value());
     }
     if (!is_instance(payload, "dict"_n))
+        // A list or a text would only fail later, with an error that says nothing of the service.
         raise(global("RuntimeError"_n), "Registration bootstrap received invalid /eras payload.");
     return payload;
 }
@@ -122,6 +126,7 @@ object fetch_eras_payload(const frame& in, handle am) {
 object safe_named_universe(const frame&, handle value) {
     if (value.is_none())
         return none();
+    // Numbers count in their text form: a service may call its universes 1 and 2.
     object text = is_instance(value, "str"_n) ? object::borrow(value) : global("str"_n)(value);
     text = invoke(text, "strip"_n);
     if (!is_true(text) || leaves_segment(text))
@@ -192,6 +197,7 @@ object first_allowed_named_universe_from_era_config(const frame&, handle era_con
     }
     if (object usable = first_usable(get(era_config, "allowed_named_universes"_n)))
         return usable;
+    // None is not a failure: a runtime can be built for an era that names no universe.
     callee safe = global("_safe_named_universe"_n);
     return safe(get(era_config, "named_universe"_n));
 }
@@ -199,6 +205,7 @@ object first_allowed_named_universe_from_era_config(const frame&, handle era_con
 object resolve_active_named_universe(const frame&, handle am) {
     callee safe = global("_safe_named_universe"_n);
     object configured = safe(get(global("_config"_n), "named_universe"_n));
+    // What the owner has configured is cleaned but not questioned, and the service is not asked.
     if (is_true(configured)) {
         set_item(global("_config"_n), "named_universe"_n, configured);
         return configured;
@@ -208,6 +215,7 @@ object resolve_active_named_universe(const frame&, handle am) {
     object eras = get(payload, "eras"_n);
     if (!is_instance(eras, "list"_n))
         raise(global("RuntimeError"_n), "Registration bootstrap /eras payload is missing eras list.");
+    // Entries that are not dicts are skipped: a later service may list other things beside eras.
     object active_eras = new_list();
     for (const object& era : iterate(eras)) {
         if (is_active(era))

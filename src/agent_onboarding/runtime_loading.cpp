@@ -27,18 +27,21 @@ object expanded_on_path(handle data_dir) {
     callee expand = global("os"_n).attr("path"_n).attr("expanduser"_n);
     object expanded = expand(is_true(data_dir) ? data_dir : interned(node_of<default_data_dir>));
     object runtime_root = real_path(expanded);
+    // First, so that a module that imports another one finds the build beside it before any that is installed.
     if (!contains(global("sys"_n).attr("path"_n), runtime_root))
         invoke(global("sys"_n).attr("path"_n), "insert"_n, integer(0), runtime_root);
     return expanded;
 }
 
-/// The very build: imported from the copy for these bytes, and stamped with their digest.
+/// The very build: imported from the copy for these bytes, and stamped with their digest. The path alone would accept
+/// a module whose execution failed, the digest alone one that was imported from another data directory.
 bool is_same_build(handle module, handle runtime_path, handle digest) {
     return !module.is_none() && compare(get_attribute(module, "__file__"_n, none()), Py_EQ, runtime_path) &&
            compare(get_attribute(module, "_corvane_module_sha256"_n, none()), Py_EQ, digest);
 }
 
-/// Puts the module table back, unless the module or something else has changed the entry itself.
+/// Puts the module table back, unless the module or something else has changed the entry itself: a module may replace
+/// itself there while it is executed, and whoever does so knows better.
 void restore_module_table(handle module_name, handle module, handle previous) {
     object current = invoke(global("sys"_n).attr("modules"_n), "get"_n, module_name);
     if (!current.is(module))
@@ -49,7 +52,8 @@ void restore_module_table(handle module_name, handle module, handle previous) {
         set_item(global("sys"_n).attr("modules"_n), module_name, previous);
 }
 
-/// One copy callee by pruning: (modification time in nanoseconds, path). Empty if it cannot be examined.
+/// A copy that may be pruned, as (modification time in nanoseconds, path). Empty if it cannot be examined: another
+/// process may have pruned it since the directory was listed.
 object modified_and_path(const frame& in, handle path) {
     try {
         object status = global("os"_n).attr("stat"_n)(path);
@@ -60,6 +64,7 @@ object modified_and_path(const frame& in, handle path) {
     }
 }
 
+/// A copy that cannot be deleted, on a read-only file system for instance, takes space and does no other harm.
 void unlink_if_possible(const frame& in, handle path) {
     try {
         global("os"_n).attr("unlink"_n)(path);
@@ -73,6 +78,7 @@ void unlink_if_possible(const frame& in, handle path) {
 object sha256_file(const frame& in, handle path) {
     object digest = global("hashlib"_n).attr("sha256"_n)();
     with(in, global("open"_n)(path, "rb"_n), [&](handle file) {
+        // Block by block: the memory in use does not grow with the file, and Ctrl-C is noticed between two blocks.
         object size = integer(block_size);
         for (;;) {
             check_signals();
@@ -92,13 +98,16 @@ object content_addressed_extension_path(const frame& in, handle module_name, han
     object start_of_digest = first_digits(digest);
     // f".corvane-runtime-{module_name}-{digest[:16]}.so"
     object runtime_path = join_paths(root, concat("", beginning, start_of_digest, ".so"));
+    // The name tells the bytes; a copy that is there already was made of the same ones.
     if (path_exists(runtime_path))
         return runtime_path;
     try {
+        // A link takes no space, and keeps the bytes when a sync puts a new file in the place of the old one.
         global("os"_n).attr("link"_n)(path, runtime_path);
     } catch (error& caught) {
         // Another file system, or one without hard links.
         except_scope handling(in, caught, "OSError"_n);
+        // copy2 keeps the time of modification, by which copies are pruned.
         global("shutil"_n).attr("copy2"_n)(path, runtime_path);
     }
     return runtime_path;
@@ -109,6 +118,7 @@ object prune_runtime_extension_copies(const frame& in, handle module_name, handl
     object prefix = concat(".corvane-runtime-", module_name, "-");
     object keep_real = real_path(keep_path);
     object candidates = new_list();
+    // A directory that cannot be listed keeps its copies; the module is loaded by now.
     object names;
     try {
         names = global("os"_n).attr("listdir"_n)(root);
@@ -146,6 +156,8 @@ object prune_runtime_extension_copies(const frame& in, handle module_name, handl
 }
 
 object load_extension_from_path(const frame& in, handle module_name, handle path) {
+    // Hashed here although callers compare digests, too: the file can be replaced in between, and the copy is named
+    // for the bytes that are imported.
     object digest = global("_sha256_file"_n)(path);
     object runtime_path = global("_content_addressed_extension_path"_n)(module_name, path, digest);
     object previous = invoke(global("sys"_n).attr("modules"_n), "get"_n, module_name);
@@ -161,6 +173,7 @@ object load_extension_from_path(const frame& in, handle module_name, handle path
     object module = global("importlib"_n).attr("util"_n).attr("module_from_spec"_n)(spec);
     set_item(global("sys"_n).attr("modules"_n), module_name, module);
     try {
+        // The stamps come last: a module that fails half-way is never taken for a build that can be used.
         spec.attr("loader"_n).attr("exec_module"_n)(module);
         set_attr(module, "_corvane_module_sha256"_n, digest);
         set_attr(module, "_corvane_module_source_path"_n, real_path(path));
@@ -191,6 +204,8 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
     object expected =
         is_true(expected_sha256) ? object::borrow(expected_sha256) : invoke(file_info, "get"_n, "sha256"_n);
     // The digest that the caller insists on wins over the manifest's.
+    // A file that is missing means a sync that has not finished, which another sync repairs; it is told apart from
+    // bytes that are wrong.
     object candidate = join_path(expanded, relative_path);
     if (!path_exists(candidate)) {
         callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
@@ -199,6 +214,7 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
                          "expected_sha256"_a = expected));
     }
     object actual = global("_sha256_file"_n)(candidate);
+    // Before anything is imported: native code runs with all the rights of the process.
     if (is_true(expected) && compare(actual, Py_NE, expected)) {
         callee mismatch = global("RuntimeModuleHashMismatch"_n);
         raise(mismatch(concat("Runtime module ", repr(module_name), " hash mismatch at ", candidate, ": expected ",
@@ -251,6 +267,7 @@ object load_runtime_modules_from_manifest(const frame&, handle data_dir, handle 
 }
 
 object create_runtime_freshness_guard(const frame&, handle data_dir) {
+    // The guard calls it from wherever the kit evaluates signals, with the directory that it was made for.
     object load = inner_statement("create_runtime_freshness_guard._load"_n, {data_dir});
     return global("RuntimeFreshnessGuard"_n)("data_dir"_a = data_dir, "module_loader"_a = load);
 }
@@ -263,6 +280,7 @@ object load_per_era_backtester(const frame& in, handle data_dir) {
     } catch (error& caught) {
         except_scope handling(in, caught, "RuntimeModuleDownloadIncomplete"_n);
         callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
+        // What the caller has to do is the same, whatever was missing: sync. What is known of it goes along.
         object relative_path = get_attribute(caught.value(), "relative_path"_n, "manifest.json"_n);
         object expected = get_attribute(caught.value(), "expected_sha256"_n, none());
         object actual = get_attribute(caught.value(), "actual_sha256"_n, none());

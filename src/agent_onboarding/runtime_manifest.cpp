@@ -52,6 +52,7 @@ object read_manifest(const frame& in, handle data_dir) {
     callee record = global("SimpleNamespace"_n);
     object era_id = invoke(local(data, "data"), "get"_n, "era_id"_n);
     object version = invoke(data, "get"_n, "version"_n);
+    // A manifest without files is valid: nothing has been published for the era yet.
     object no_files = new_dict();
     object files = invoke(data, "get"_n, "files"_n, no_files);
     return record("era_id"_a = era_id, "version"_a = version, "files"_a = files);
@@ -61,6 +62,7 @@ object manifest_files(const frame&, handle manifest) {
     object none_listed = new_dict();
     if (manifest.is_none())
         return none_listed;
+    // The JSON object itself, or the record that is made of it; anything but a dict in there lists nothing.
     object files = is_instance(manifest, "dict"_n) ? get(manifest, "files"_n, none_listed)
                                                    : get_attribute(manifest, "files"_n, none_listed);
     return is_instance(files, "dict"_n) ? files : new_dict();
@@ -77,6 +79,7 @@ object sorted_files(const frame&, handle manifest) {
 }
 
 object runtime_module(const frame&, handle relative_path, handle file_info) {
+    // The manifest was only parsed so far: an entry can be any JSON value.
     if (!is_instance(file_info, "dict"_n))
         return none();
     object kind = text_form(get(file_info, "kind"_n, ""_n));
@@ -96,6 +99,7 @@ object select_runtime_module_manifest_entry(const frame&, handle manifest, handl
     if (compare(module_name, Py_EQ, "era_data"_n))
         add_to(aliases, "vault"_n); // what older manifests call it
     object entry[3];
+    // The first one wins. Entries come by path, so that it is the same one on every machine.
     for (const object& item : iterate(global("_runtime_module_manifest_entries"_n)(manifest))) {
         unpack(item, entry);
         const auto& [candidate, relative_path, file_info] = entry;

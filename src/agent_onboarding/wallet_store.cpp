@@ -13,6 +13,7 @@ constexpr long group_and_others = 0077;
 
 /// `hasattr(os, "getuid") and st.st_uid != os.getuid()`
 bool is_foreign(handle status) {
+    // A platform whose users have no numbers has no getuid; its access rules have to do.
     object os = global("os"_n);
     if (!is_true(global("hasattr"_n)(os, "getuid"_n)))
         return false;
@@ -35,6 +36,7 @@ bool is_regular(handle status) {
 /// Refuses what lies at the path if it is a link, is not a regular file, or is somebody else's.
 void refuse_unsafe_path(handle wallet_path, handle status) {
     callee is_link = global("_stat"_n).attr("S_ISLNK"_n);
+    // The tests are apart so that the line in the traceback says which of them refused the file.
     if (is_true(is_link(status.attr("st_mode"_n))) || !is_regular(status))
         raise_unsafe(wallet_path);
     if (is_foreign(status))
@@ -56,7 +58,7 @@ object with_no_follow(object flags) {
     raise(io_error(concat({"Cannot write wallet to ", at}, wallet_path, ". Check directory permissions.")), at);
 }
 
-/// `try: return body()`, `finally: cleanup()`. A clean-up that can raise is no destructor.
+/// `try: return body()`, `finally: cleanup()`. A clean-up that can raise cannot be a destructor.
 template <typename Body, typename Cleanup> object try_finally(const frame& in, Body body, Cleanup cleanup) {
     object result;
     try {
@@ -96,6 +98,7 @@ void write_key_file(const frame& in, handle wallet_path, handle key_content) {
 object canonical_data_dir(const frame&, handle data_dir) {
     // data_dir or the default, before `os` is looked up
     handle directory = is_true(data_dir) ? data_dir : interned(node_of<default_data_dir>);
+    // Links are resolved once: one that is changed later cannot lead two steps of a call to two wallets.
     callee realpath = global("os"_n).attr("path"_n).attr("realpath"_n);
     return realpath(global("os"_n).attr("path"_n).attr("expanduser"_n)(directory));
 }
@@ -117,6 +120,7 @@ object check_wallet_fd(const frame&, handle wallet_path, handle fd) {
         raise_unsafe(wallet_path);
     if (is_foreign(status))
         raise_unsafe(wallet_path);
+    // Only now: the permission bits of somebody else's file are not ours to change.
     object mode = status.attr("st_mode"_n);
     if (is_true(bit_and(mode, integer(group_and_others)))) {
         callee fchmod = global("os"_n).attr("fchmod"_n);
@@ -126,6 +130,7 @@ object check_wallet_fd(const frame&, handle wallet_path, handle fd) {
 }
 
 object read_wallet_key(const frame& in, handle data_dir) {
+    // A link that leads nowhere counts as no key here; O_NOFOLLOW keeps a new key from being written through it.
     object wallet_path = global("_wallet_key_path"_n)(data_dir);
     if (!path_exists(wallet_path))
         return none();
@@ -166,6 +171,7 @@ object read_wallet_key(const frame& in, handle data_dir) {
 }
 
 object write_wallet_key(const frame& in, handle data_dir, handle key_content) {
+    // Made here as well, for the directory can have gone since the caller made it.
     object directory = global("_canonical_data_dir"_n)(data_dir);
     global("os"_n).attr("makedirs"_n)(directory, "exist_ok"_a = true_value());
     object wallet_path = global("_wallet_key_path"_n)(directory);

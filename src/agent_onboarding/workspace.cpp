@@ -33,6 +33,7 @@ void append_nudge(const frame& in, handle nudge_text) {
     if (path.is_none())
         return;
     object content = read_text(in, path);
+    // The whole line is the mark, so that each trigger adds its line once, and again after somebody removed it.
     if (contains(local(content, "content"), nudge_text))
         return;
     if (!ends_with_line_feed(content))
@@ -70,6 +71,7 @@ object inject_heartbeat(const frame& in, handle working_dir) {
         content = read_text(in, path);
     } catch (error& caught) {
         except_scope handling(in, caught, "Exception"_n);
+        // Only a warning: the wallet is signed in by now, and no checklist is worth losing that.
         global("logger"_n).attr("warning"_n)("Failed to read HEARTBEAT.md at %s: %s"_n, path, caught.value());
         return none();
     }
