@@ -144,9 +144,7 @@ def _load_runtime_modules_from_manifest(data_dir, manifest):
     era_data_first = lambda item: (0 if item[0] == "era_data" else 1, item[0], item[1])
 
 
-@signature(
-    "create_runtime_freshness_guard(data_dir: str) -> corvane.runtime_module_freshness.RuntimeFreshnessGuard"
-)
+@signature("create_runtime_freshness_guard(data_dir: str) -> corvane.runtime_module_freshness.RuntimeFreshnessGuard")
 def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
     """Make a guard that reloads runtime modules of a data directory when their manifest entry changes.
 

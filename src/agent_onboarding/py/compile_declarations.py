@@ -71,8 +71,8 @@ def maker(name: str, parameters: list[str], statement: ast.stmt, made: str, file
 
 def take_statements(function: ast.FunctionDef, file_name: str) -> dict[str, CodeType]:
     """Ends the function with `return ...(a, b, c)`; at import the native body takes the place of the ellipsis. What
-    stands before it, imports, functions and lambdas, becomes the code of functions of its own, `function.name` by name, which
-    are given the parameters that it mentions and look in a traceback like the line that it is."""
+    stands before it, imports, functions and lambdas, becomes the code of functions of its own, `function.name` by
+    name, which are given the parameters that it mentions and look in a traceback like the line that it is."""
     given = function.args
     parameters = [*given.posonlyargs, *given.args, *given.kwonlyargs, *filter(None, [given.vararg, given.kwarg])]
     codes = {}
