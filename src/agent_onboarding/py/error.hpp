@@ -6,6 +6,7 @@
 #include <cxxabi.h>
 
 #include <concepts>
+#include <exception>
 
 namespace corvane::py {
 
@@ -13,7 +14,7 @@ struct frame;
 
 /// A Python exception on its way through C++. It carries the exception object itself, out of the interpreter's hands
 /// while C++ unwinds, and the line that raised it.
-class error {
+class error : public std::exception {
   public:
     /// Takes over the exception that the interpreter has set.
     explicit error(location raised_at) noexcept;
