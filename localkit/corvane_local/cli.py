@@ -7,6 +7,7 @@ import signal
 import socket
 import sqlite3
 import sys
+from collections.abc import Iterator
 from dataclasses import asdict
 from datetime import UTC, datetime
 from pathlib import Path
@@ -14,13 +15,8 @@ from types import FrameType
 from typing import Any
 
 import click
-import uvicorn
 
 from corvane import __version__
-from corvane_local.app import create_app
-from corvane_local.certificates import ensure_certificates
-from corvane_local.connections import MAX_HEAD, Connection
-from corvane_local.releases import publish
 from corvane_local.store import CHALLENGE_SECONDS, TOKEN_SECONDS, Store
 
 FILES = "files"  # the directory of what is published, below the state
@@ -37,17 +33,36 @@ def _open_store(state: Path, **seconds: float) -> Store:
     return Store(state / "service.db", **seconds)
 
 
-class Group(click.Group):
-    """Commands that end in one line where a file or the database lets them down."""
+@contextlib.contextmanager
+def _one_line() -> Iterator[None]:
+    if sys.stdout is None:
+        raise click.ClickException("Standard output is closed.")
+    try:
+        yield
+    except OSError as exc:
+        raise click.ClickException(f"{exc.filename}: {exc.strerror}." if exc.filename else str(exc)) from exc
+    except sqlite3.DatabaseError as exc:
+        raise click.ClickException(f"The database cannot be used: {exc}.") from exc
+
+
+class Prints(click.Command):
+    """What ends in one line where a file, its output or the database lets it down."""
+
+    def make_context(self, *args: Any, **options: Any) -> click.Context:
+        """Parses the arguments, and may print help."""
+        with _one_line():
+            return super().make_context(*args, **options)
 
     def invoke(self, ctx: click.Context) -> Any:
-        """Runs one of them."""
-        try:
+        """Runs it."""
+        with _one_line():
             return super().invoke(ctx)
-        except OSError as exc:
-            raise click.ClickException(f"{exc.filename}: {exc.strerror}." if exc.filename else str(exc)) from exc
-        except sqlite3.DatabaseError as exc:
-            raise click.ClickException(f"The database cannot be used: {exc}.") from exc
+
+
+class Group(Prints, click.Group):
+    """The commands."""
+
+    command_class = Prints
 
 
 @click.group(cls=Group, context_settings={"help_option_names": ["-h", "--help"]})
@@ -78,6 +93,13 @@ def serve(
     The first line printed is the address, once it can be reached; the second says which certificate authority clients
     must trust.
     """
+    import uvicorn  # here, like what needs it: the other commands would wait for it
+
+    from corvane_local.app import create_app
+    from corvane_local.certificates import ensure_certificates
+    from corvane_local.connections import MAX_HEAD, Connection
+    from corvane_local.releases import publish
+
     store = _open_store(state, challenge_seconds=challenge_seconds, token_seconds=token_seconds)
     publish(store, state / FILES)
     authority, certificate, key = ensure_certificates(state)
@@ -88,12 +110,17 @@ def serve(
     except OSError as exc:
         raise click.ClickException(f"cannot listen on 127.0.0.1:{port}: {exc.strerror}. Try --port 0.") from exc
 
+    unannounced = list[OSError]()
+
     class AnnouncingServer(uvicorn.Server):
         async def startup(self, sockets: list[socket.socket] | None = None) -> None:
             await super().startup(sockets)
-            click.echo(f"https://127.0.0.1:{listener.getsockname()[1]}")
-            click.echo(f"export SSL_CERT_FILE={authority.resolve()}")
-            sys.stdout.flush()
+            try:
+                click.echo(f"https://127.0.0.1:{listener.getsockname()[1]}")
+                click.echo(f"export SSL_CERT_FILE={authority.resolve()}")
+            except OSError as exc:  # raised from here, it would be logged as a broken application
+                unannounced.append(exc)
+                self.should_exit = True
 
     def stop(number: int, frame: FrameType | None) -> None:
         sys.exit(0)
@@ -119,6 +146,8 @@ def serve(
     )
     with contextlib.closing(listener):
         AnnouncingServer(config).run(sockets=[listener])
+    if unannounced:
+        raise unannounced[0]
 
 
 @main.command()
@@ -136,6 +165,8 @@ def invite(state: Path, count: int) -> None:
 @click.option("--backtester", required=True, type=click.Choice(["1", "2"]), help="The build that agents get.")
 def publish_command(state: Path, backtester: str) -> None:
     """Publish a build of the backtester and print the version. The service may be running or not."""
+    from corvane_local.releases import publish
+
     click.echo(publish(_open_store(state), state / FILES, backtester))
 
 

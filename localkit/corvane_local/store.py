@@ -13,8 +13,10 @@ from collections.abc import Iterator
 from contextlib import contextmanager, suppress
 from dataclasses import dataclass
 from pathlib import Path
+from typing import TYPE_CHECKING
 
-from corvane.manifest import FileEntry
+if TYPE_CHECKING:
+    from corvane.manifest import FileEntry
 
 _SCHEMA = """
 CREATE TABLE IF NOT EXISTS invites
@@ -62,7 +64,7 @@ class Release:
 
     version: int
     backtester: str
-    files: dict[str, FileEntry]
+    files: "dict[str, FileEntry]"
 
 
 @dataclass(frozen=True)
@@ -202,7 +204,7 @@ class Store:
         shown = [(code if used_by else f"CORV-****-****-{code[-4:]}", made, used_by) for code, made, used_by in invites]
         return Contents([Invite(*row) for row in shown], [Member(*row) for row in wallets], [Build(*b) for b in builds])
 
-    def publish(self, backtester: str, files: dict[str, FileEntry]) -> int:
+    def publish(self, backtester: str, files: "dict[str, FileEntry]") -> int:
         """The version that is published now: a new one if the files differ from those published before."""
         with self._transaction() as db:
             current = self._release(db)

@@ -6,6 +6,7 @@ import functools
 import json
 import os
 import pickle
+import re
 import shutil
 import signal
 import socket
@@ -379,6 +380,9 @@ def test_the_operator_sees_everything_but_secrets(start, tmp_path):
     for name in ("list", "invite", "serve"):
         spoilt = subprocess.run([*COMMAND, name, "--state", tmp_path], capture_output=True, text=True, timeout=30)
         assert (spoilt.returncode, spoilt.stderr.count("\n")) == (1, 1) and "database" in spoilt.stderr
+    for line in ("serve --help >/dev/full", f"serve --port 0 --state {tmp_path}/new >/dev/full", "--version >&-"):
+        full = subprocess.run(["sh", "-c", " ".join([*COMMAND, line])], capture_output=True, text=True, timeout=30)
+        assert (full.returncode, full.stderr.count("\n")) == (1, 1) and re.search("No space|is closed", full.stderr)
 
 
 def stored(service, content):
