@@ -39,7 +39,8 @@ def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> 
     if missing and not dry_run:
         onboarding.inject_heartbeat(workspace)
         if _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8"):
-            raise Failure(f"{found} cannot be written.", Exit.MACHINE, f"Make it writable: chmod u+w {quote(found)}")
+            next_step = f"The line above says why: `chmod u+w {quote(found)}` makes it writable, or free some space."
+            raise Failure(f"{found} cannot be written.", Exit.MACHINE, next_step)
     lines = [f"{found}: {'to be added' if dry_run else 'added'}", *checklist.splitlines()]
     lines = lines if missing else [f"{found} has the checklist."]
     return Result({"path": found, "added": checklist if missing else "", "dry_run": dry_run}, lines)
