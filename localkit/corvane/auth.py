@@ -40,6 +40,10 @@ class PortalError(NotTheServiceError):
     """A redirect or a web page answers, as in a network that asks for a sign-in of its own first."""
 
 
+class RequestRefusedError(AuthError):
+    """The service has signed the wallet in, and refuses what it asks for then."""
+
+
 class InvalidKeyError(AuthError):
     """The key is not the hexadecimal text of a secp256k1 private key."""
 

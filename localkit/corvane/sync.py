@@ -21,7 +21,7 @@ from hashlib import file_digest, sha256
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, BinaryIO, NoReturn
 
-from corvane.auth import AuthError, AuthManager
+from corvane.auth import AuthManager, NotTheServiceError, RequestRefusedError
 from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch
 from corvane.sync_backoff import ServiceBusy
 
@@ -35,6 +35,8 @@ if TYPE_CHECKING:
 _HERE = os.uname()
 CURRENT_PLATFORM = f"{_HERE.sysname}-{_HERE.machine}".lower()
 """The platform tag of the running process, such as `linux-x86_64`."""
+
+_LONGEST_REASON = 300  # characters
 
 LOCK_SECONDS = 60.0
 """How long a sync waits for one of another process, unless told otherwise."""
@@ -106,8 +108,10 @@ class SyncManager:
             ConnectionError: The service cannot be reached, is busy, or sends too slowly. What has arrived is kept; call
                 again.
             BlockingIOError: Another process syncs this directory.
+            corvane.auth.RequestRefusedError: The service refuses to hand out the manifest or a file.
+            corvane.auth.NotTheServiceError: The manifest is a web page, say, or names a path that is none of its
+                business.
             corvane.auth.AuthError: The service refuses the wallet, or its answer makes no sense.
-            ValueError: The service's manifest is malformed, or names a path that is none of its business.
             corvane.errors.RuntimeModuleError: A file is not what the manifest says, or a changed module cannot be
                 reloaded by the freshness guard.
             OSError: A file cannot be written.
@@ -122,7 +126,7 @@ class SyncManager:
             old = self._manifest
             with Service(self._server_url) as service:
                 with self._get(service, "/runtime/manifest", {}) as answer:
-                    new = _checked_manifest(answer.read())
+                    new = self._received_manifest(answer.fields())
                 changed = {p: e for p, e in sorted(new["files"].items()) if _digest(self._root / p) != e["sha256"]}
                 self._download(service, changed)
             if old is None:
@@ -146,6 +150,16 @@ class SyncManager:
 
                     logging.getLogger(__name__).exception("A callback for a new era failed")
         return new, list(changed)
+
+    def _received_manifest(self, fields: dict[str, Any]) -> "Manifest":
+        from pydantic import ValidationError
+
+        try:
+            return _checked_manifest(fields)
+        except ValidationError as exc:
+            wrong = exc.errors(include_url=False, include_input=False)[0]
+            what = f"{' '.join(map(str, wrong['loc']))}: {wrong['msg']}"[:_LONGEST_REASON]
+            raise NotTheServiceError(f"{self._server_url} sends a manifest that makes no sense: {what}.") from None
 
     def _load(self) -> None:
         self._manifest, self._vocabulary = None, {}
@@ -180,7 +194,8 @@ class SyncManager:
                 asked = float(seconds) if re.fullmatch("[0-9]{1,9}", seconds) else None
                 raise ServiceBusy(f"The service is away or busy (HTTP {answer.status}).", asked)
             if answer.status not in (200, 206):
-                raise AuthError(f"The service refuses {path} (HTTP {answer.status}): {answer.reason(answer.fields())}")
+                reason = answer.reason(answer.fields())
+                raise RequestRefusedError(f"The service refuses {path} (HTTP {answer.status}): {reason}")
             yield answer
 
     def _download(self, service: "Service", entries: "dict[str, FileEntry]") -> None:
@@ -228,11 +243,14 @@ class SyncManager:
         raise RuntimeModuleHashMismatch(message, relative_path=path, expected_sha256=expected, actual_sha256=actual)
 
 
-def _checked_manifest(text: bytes) -> "Manifest":
+def _checked_manifest(received: bytes | dict[str, Any]) -> "Manifest":
     """The manifest, with the files for this platform only."""
     from corvane.manifest import MANIFEST
 
-    manifest = MANIFEST.validate_json(text, strict=True)
+    if isinstance(received, bytes):
+        manifest = MANIFEST.validate_json(received, strict=True)
+    else:
+        manifest = MANIFEST.validate_python(received, strict=True)
     here = {p: e for p, e in manifest["files"].items() if e.get("platform") in (None, "", CURRENT_PLATFORM)}
     return {**manifest, "files": here}
 

@@ -15,13 +15,22 @@ import click
 from click.core import ParameterSource
 from click.shell_completion import shell_complete
 
-from corvane.auth import AuthBusyError, AuthError, InvalidKeyError, NotTheServiceError, PortalError, RegistrationError
+from corvane import __version__
+from corvane.auth import (
+    AuthBusyError,
+    AuthError,
+    InvalidKeyError,
+    NotTheServiceError,
+    PortalError,
+    RegistrationError,
+    RequestRefusedError,
+)
 from corvane.errors import RuntimeModuleError
 from corvane_cli import display, interrupts
 from corvane_cli.identity import Agent
 
 COMPLETION_VARIABLE = "_CORVANE_COMPLETE"
-_SECONDS = 60.0  # for a command that downloads nothing
+SECONDS = 60.0  # for a command that downloads nothing
 
 
 class Exit(IntEnum):
@@ -58,6 +67,8 @@ _NOT_CORVANE = (
     "front of the service."
 )
 _UNKNOWN = "`corvane register --invite-code CODE` signs up a wallet that is new to the service; else check the address."
+_REFUSED = "Run it again; if that changes nothing, ask the operator why. The wallet is signed in, and nothing is lost."
+_SPOILT = "`corvane sync` downloads what is spoilt. If the service sends it spoilt again, tell the operator."
 _NEW_CODE = "Ask the operator for another code: `corvane register --invite-code CODE` uses the stored key again."
 
 # What an exception means. The first line counts that fits anything in the chain of causes: what is behind an error says
@@ -67,12 +78,13 @@ _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((PortalError,), Exit.TRY_AGAIN, _PORTAL),
     ((NotTheServiceError,), Exit.MACHINE, _NOT_CORVANE),
     ((ConnectionError, TimeoutError), Exit.TRY_AGAIN, _ADDRESS),
-    ((RuntimeModuleError,), Exit.SPOILT, "`corvane sync` downloads what is spoilt; `corvane doctor` says more."),
+    ((RuntimeModuleError,), Exit.SPOILT, _SPOILT),
     ((RegistrationError,), Exit.REFUSED, _NEW_CODE),
     ((InvalidKeyError,), Exit.REFUSED, "Pass the key as 64 hexadecimal digits, with or without 0x in front."),
+    ((RequestRefusedError,), Exit.REFUSED, _REFUSED),
     ((AuthError,), Exit.REFUSED, _UNKNOWN),
     ((ImportError,), Exit.MACHINE, "`corvane doctor` says what cannot be loaded, and why."),
-    ((OSError,), Exit.MACHINE, "Put the file or its permissions right; `corvane doctor` says more."),
+    ((OSError,), Exit.MACHINE, "Put the file, its permissions or the disk right; `corvane doctor` says more."),
 ]
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
 
@@ -134,7 +146,7 @@ class Command(_Prints):
                     shared[name] = ctx.parent.params[str(name)]
             ctx.params["agent"] = Agent(shared["data_dir"], shared["server_url"])
             downloads = "progress" in ctx.params and ctx.params.get("bootstrap", True)
-            interrupts.arm(shared["timeout"] or (None if downloads else _SECONDS))
+            interrupts.arm(shared["timeout"] or (None if downloads else SECONDS))
         else:
             interrupts.arm(None)
         return super().invoke(ctx)
@@ -203,11 +215,28 @@ _LOCATIONS = [
         ["--timeout"],
         type=click.FloatRange(0, min_open=True),
         metavar="SECONDS",
-        show_default=f"{_SECONDS:g}; none for downloads, which end when nothing arrives",
+        show_default=f"{SECONDS:g}; none for downloads, which end when nothing arrives",
         help="How long the command may take.",
     ),
 ]
+
+
+def _print_version(ctx: click.Context, parameter: click.Parameter, wanted: bool) -> None:
+    if wanted and not ctx.resilient_parsing:
+        in_json = "--json" in sys.argv
+        click.echo(display.as_json({"version": __version__}, 1) if in_json else f"corvane, version {__version__}")
+        ctx.exit()
+
+
 _OUTPUT = [
+    _option(
+        ["--version"],
+        is_flag=True,
+        is_eager=True,
+        expose_value=False,
+        callback=_print_version,
+        help="Show the version.",
+    ),
     _option(["--json"], is_flag=True, expose_value=False, help="Print the result as JSON on stdout."),
     _option(["--verbose"], is_flag=True, expose_value=False, help="Log to stderr; show where an error came from."),
 ]
@@ -281,12 +310,17 @@ def _explain(exc: BaseException) -> Failure:
         return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
     if any(isinstance(link, OSError) and link.errno in _NO_SPACE for link in chain):
         return Failure(f"There is no space: {text}", Exit.MACHINE, "Free some space, then run the command again.")
+    import sqlite3
     from urllib.error import URLError  # of the onboarding module's requests; here, because it takes a while
 
     from corvane.sync_backoff import SyncBackoffCancelled
 
+    late: dict[type[BaseException], tuple[type[BaseException], ...]] = {
+        ConnectionError: (URLError, SyncBackoffCancelled),
+        OSError: (sqlite3.DatabaseError,),
+    }
     for kinds, status, next_step in _CAUSES:
-        kinds = (*kinds, URLError, SyncBackoffCancelled) if ConnectionError in kinds else kinds
+        kinds = (*kinds, *late.get(kinds[0], ()))
         if any(isinstance(link, kinds) for link in chain):
             return Failure(text, status, next_step)
     if type(exc) in (ValueError, LookupError):

@@ -35,12 +35,16 @@ def begin() -> None:
 
 
 def arm(seconds: float | None) -> None:
-    """From now on Ctrl-C raises KeyboardInterrupt, once, and after so many seconds OutOfTime is raised."""
+    """From now on Ctrl-C raises KeyboardInterrupt, once, and OutOfTime is raised after so many seconds or never."""
     global _raises
-    if seconds is not None:
-        signal.signal(signal.SIGALRM, _out_of_time)
-        signal.setitimer(signal.ITIMER_REAL, seconds, 1.0)  # again, should it get lost in a destructor
+    signal.signal(signal.SIGALRM, _out_of_time)
+    signal.setitimer(signal.ITIMER_REAL, seconds or 0, 1.0)  # again, should it get lost in a destructor
     _raises = True
+
+
+def has_deadline() -> bool:
+    """Whether OutOfTime will be raised some time."""
+    return bool(signal.getitimer(signal.ITIMER_REAL)[0])
 
 
 def disarm() -> None:

@@ -1,25 +1,14 @@
 """The command `corvane` and the list of its commands."""
 
-import sys
-
 import click
 from click.shell_completion import get_completion_class
 
 # What takes long to import is imported where it is used, so that the rest is quick: see `make bench`.
-from corvane import __version__
 from corvane_cli.command import COMPLETION_VARIABLE, Group, Result
-from corvane_cli.display import as_json
 from corvane_cli.machine_commands import agents_md, demo, doctor, heartbeat
 from corvane_cli.search_commands import search, simulate, sync
 from corvane_cli.shared import command
 from corvane_cli.wallet_commands import login, logout, register, status, whoami
-
-
-def _print_version(ctx: click.Context, parameter: click.Parameter, wanted: bool) -> None:
-    if wanted and not ctx.resilient_parsing:
-        in_json = "--json" in sys.argv
-        click.echo(as_json({"version": __version__}, 1) if in_json else f"corvane, version {__version__}")
-        ctx.exit()
 
 
 @click.group(
@@ -31,9 +20,6 @@ Examples:
   corvane login < wallet.key.backup
   corvane status --json
   eval "$(corvane completion bash)"    # zsh and fish likewise""",
-)
-@click.option(
-    "--version", is_flag=True, is_eager=True, expose_value=False, callback=_print_version, help="Show the version."
 )
 def main(**_: object) -> None:
     """Join the Corvane signal-search service, and keep the wallet of this machine's agent.

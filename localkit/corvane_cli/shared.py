@@ -7,7 +7,8 @@ from typing import TYPE_CHECKING, Any
 import click
 
 from corvane import auth
-from corvane_cli.command import Command, Exit, Failure, Result, table
+from corvane_cli import interrupts
+from corvane_cli.command import SECONDS, Command, Exit, Failure, Result, table
 from corvane_cli.display import one_line
 from corvane_cli.identity import Agent, KeyFile
 
@@ -112,5 +113,10 @@ def sync_files(agent: Agent, progress: bool | None, wait: float = 0.0) -> list[s
 def bootstrap_runtime(agent: Agent, progress: bool | None) -> list[str]:
     """Builds the search runtime of this process; what was downloaded for it."""
     changed = sync_files(agent, progress)  # before the kit does, which takes no word about progress bars
+    endless = not interrupts.has_deadline()
+    if endless:  # but a request of the onboarding module, which may last while a byte arrives now and then
+        interrupts.arm(SECONDS)
     agent.onboarding().ensure_runtime_bootstrapped()
+    if endless:
+        interrupts.arm(None)
     return changed

@@ -22,17 +22,21 @@ class Shell:
 
     command = (sys.executable, "-BP", "-m", "corvane_cli")
 
-    def __init__(self, url, work):
-        self.work, self.home = work, work / "home"
+    def __init__(self, url, work, forks):
+        self.work, self.home, self.forks = work, work / "home", forks
         self.secrets = [f"{number:064x}" for number in (11, 12, 13)]
         self.env = {k: v for k, v in os.environ.items() if not k.startswith("CORVANE_")}
         self.env |= {"HOME": str(work), "PATH": f"{work}:/usr/bin:/bin", "PYTHONPATH": str(work)}
         self.env |= {"CORVANE_SERVER_URL": url, "CORVANE_DATA_DIR": str(self.home)}
 
     def __call__(self, line, text="", expect=0, env=(), **options):
-        options = options if "stdin" in options else {"input": text} | options
-        options |= {"cwd": self.work, "env": {**self.env, **dict(env)}, "timeout": 60}
-        done = subprocess.run([*self.command, *line.split(" ")], capture_output=True, text=True, **options)
+        env = {**self.env, **dict(env)}
+        if options or self.command != Shell.command:
+            options = options if "stdin" in options else {"input": text} | options
+            options |= {"cwd": self.work, "env": env, "timeout": 60, "capture_output": True, "text": True}
+            done = subprocess.run([*self.command, *line.split(" ")], **options)
+        else:
+            done = self.forks(line.split(" "), text, env, self.work)
         assert done.returncode == expect, done.stdout + done.stderr
         assert not any(secret in done.stdout + done.stderr for secret in self.secrets)
         if 0 < expect < 7 and "status" not in line:
@@ -47,9 +51,9 @@ class Shell:
 
 
 @pytest.fixture
-def corvane(service, tmp_path):
+def corvane(service, tmp_path, forks):
     """A shell with three keys, of which the service knows two."""
-    shell = Shell(service.url, tmp_path)
+    shell = Shell(service.url, tmp_path, forks)
     shell.addresses = [service.sign_up(int(key, 16)).get_wallet_address() for key in shell.secrets[:2]]
     return shell
 
@@ -80,6 +84,9 @@ def test_a_day_with_the_command(service, corvane):
     table = corvane("search --max-evaluations 1000 --seed 9 --no-heartbeat").stdout
     assert re.search(r"^number +traded +pool +Sharpe +expression$\n^\d+ +[A-Z]+ +", table, re.M)
     corvane("simulate nonsense(", expect=2)
+    corvane.command = ("prlimit", "--fsize=0", *Shell.command)
+    assert "disk I/O error" in corvane("search --no-heartbeat", expect=6).stderr
+    corvane.command = Shell.command
     private = [home / name for name in ("wallet.key", "session.json", "search.db")]
     assert [path.stat().st_mode & 0o777 for path in (home, *private)] == [0o700, 0o600, 0o600, 0o600]
     command = [*corvane.command, "search", "--max-evaluations", "9999999", "--progress"]

@@ -404,16 +404,12 @@ def test_a_certificate_of_another_host_means_the_address(patient, far_off):
 HTML = b"<html><body>Welcome to the hotel</body></html>"
 ANSWERS = [
     (200, {"Content-Type": "text/html"}, HTML, "error", "a web page", "CORVANE_SERVER_URL=URL"),
-    (200, {"Content-Type": "text/html"}, b"Welcome", "error", "a web page", "CORVANE_SERVER_URL=URL"),
-    (200, {}, b" " + HTML, "error", "a web page", "CORVANE_SERVER_URL=URL"),
     (200, {}, b"[]", "error", "not a JSON object", "CORVANE_SERVER_URL=URL"),
     (200, {}, b'{"status": "well"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
     (404, {}, HTML, "error", "no Corvane service", "Correct the address"),
-    (404, {}, b'{"status": "ok"}', "error", "no Corvane service", "CORVANE_SERVER_URL=URL"),
     (404, {}, b'{"error": "unknown"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
     (302, {"Location": "https://hotel.example/"}, b"", "error", "redirects to https://hotel", "CORVANE_SERVER_URL=URL"),
     (502, {"Content-Type": "text/html"}, HTML, "warning", "away or busy", "corvane doctor"),
-    (429, {}, b"{}", "warning", "away or busy", "corvane doctor"),
 ]
 
 
