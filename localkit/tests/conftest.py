@@ -11,7 +11,6 @@ import sys
 import tempfile
 import threading
 import time
-from http.server import BaseHTTPRequestHandler, HTTPServer
 from pathlib import Path
 from unittest import mock
 
@@ -93,27 +92,6 @@ def start(tmp_path):
     return lambda *options: serving(tmp_path, *options)
 
 
-@pytest.fixture
-def planned():
-    """A plain HTTP server that gives the answers of its plan in turn: status, headers, body."""
-
-    class Handler(BaseHTTPRequestHandler):
-        def do_GET(self):
-            server.asked_at.append(time.monotonic())
-            status, headers, body = server.plan.pop(0)
-            self.send_response(status)
-            for header in headers.items():
-                self.send_header(*header)
-            self.end_headers()
-            self.wfile.write(body)
-
-    with HTTPServer(("127.0.0.1", 0), Handler) as server:
-        server.asked_at, server.url = [], f"http://127.0.0.1:{server.server_port}"
-        threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
-        yield server
-        server.shutdown()
-
-
 def http(body=b"", status=200, **headers):
     content = body if isinstance(body, bytes) else json.dumps(body).encode()
     lines = [f"HTTP/1.1 {status} Said", f"Content-Length: {len(content)}", "Connection: close"]
@@ -134,6 +112,7 @@ def scripted():
         def handle(self):
             request = b"".join(iter(self.rfile.readline, b"\r\n"))
             server.requests.append(request.decode())
+            server.asked_at.append(time.monotonic())
             answer = next(server.script)
             try:
                 for piece in [answer] if isinstance(answer, bytes) else answer:
@@ -146,7 +125,7 @@ def scripted():
         block_on_close = False
 
     with Server(("127.0.0.1", 0), Handler) as server:
-        server.requests, server.url = [], f"http://127.0.0.1:{server.server_address[1]}"
+        server.requests, server.asked_at, server.url = [], [], f"http://127.0.0.1:{server.server_address[1]}"
         threading.Thread(target=server.serve_forever, args=(0.05,), daemon=True).start()
         yield server
         server.shutdown()

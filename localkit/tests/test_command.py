@@ -46,7 +46,7 @@ def limited(shell, size, line, *arguments, **options):
 # -- Nothing is lost --------------------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("size", [0, 10, 32, 63, 100])  # a key has 64 bytes, a session about 130
+@pytest.mark.parametrize("size", [0, 32, 63, 100])  # a key has 64 bytes, a session about 130
 def test_a_full_disk_spends_no_invite_and_leaves_no_half_key(size, service, shell):
     code = service.invite()
     wallets = service.rows("SELECT count(*) FROM wallets")

@@ -1,6 +1,5 @@
 """The doctor: what is wrong is found, and the step that it gives, typed to the letter, puts it right."""
 
-import http.server
 import ipaddress
 import json
 import os
@@ -16,6 +15,7 @@ import traceback
 from contextlib import closing
 from datetime import UTC, datetime, timedelta
 from email.utils import format_datetime
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
@@ -27,8 +27,7 @@ from corvane_cli import display, doctor
 from corvane_cli.command import Exit
 from corvane_cli.identity import Agent
 from corvane_local import certificates
-from localkit.tests.conftest import http as http_answer
-from localkit.tests.conftest import slowly
+from localkit.tests.conftest import http, slowly
 
 FIRST, SECOND = f"{21:064x}", f"{22:064x}"
 BACKUP = "wallet.key.backup-20260101T000000.000000Z"
@@ -122,12 +121,7 @@ REPAIRED = [
     ("directory", "chmod 777 ..", "can be written by everybody", "chmod go-w"),
     ("directory", "chmod 770 ..", "can be written by its group", "chmod go-w"),
     ("directory", "chmod 750 .", "can be read by other users", "chmod 700"),
-    (
-        "directory",
-        "export CORVANE_DATA_DIR=$PWD/wallet.key",
-        "wallet.key is not a directory",
-        "export CORVANE_DATA_DIR",
-    ),
+    ("directory", "export CORVANE_DATA_DIR=$PWD/wallet.key", "key is not a directory", "export CORVANE_DATA_DIR"),
     ("names", "ln -sf /etc/passwd wallet.lock", "wallet.lock is a symbolic link", "mv .*" + ASIDE),
     ("names", "rm -f sync.lock; ln -s nowhere sync.lock", "sync.lock is a symbolic link", "mv .*" + ASIDE),
     ("names", "mkdir session.json.new", "session.json.new is a directory", "mv .*" + ASIDE),
@@ -154,12 +148,7 @@ REPAIRED = [
     ("key", f"cp wallet.key {BACKUP}; chmod 640 {BACKUP}", f"{BACKUP} is open to other users", "chmod 600"),
     ("key", "export CORVANE_PRIVATE_KEY=abc", "CORVANE_PRIVATE_KEY holds no key", "unset CORVANE_PRIVATE_KEY"),
     ("session", "rm session.json", "There is no session", "register"),
-    (
-        "session",
-        'sed -i \'s/"signed_in_at":[^}]*/"signed_in_at": null/\' session.json',
-        "not accepted",
-        "invite-code CODE",
-    ),
+    ("session", 'sed -i \'s/"signed_in_at":[^}]*/"signed_in_at": null/\' session.json', "not accepted", "-code CODE"),
     ("session", "echo '{' >session.json", "is not a session", "register"),
     ("session", "sed -i 's/\"signed_in_at\":/&1e30/' session.json", "is not a session", "register"),
     ("session", f"echo {SECOND} >wallet.key", f"The session is of {ADDRESS}", "register"),
@@ -181,12 +170,7 @@ REPAIRED = [
     ("service", "unset SSL_CERT_FILE", "CERTIFICATE_VERIFY_FAILED", "export SSL_CERT_FILE=CA"),
     ("service session", "export CORVANE_SERVER_URL=https://127.0.0.1:1", "Connection refused", "SERVER_URL=URL"),
     ("service session", "export CORVANE_SERVER_URL=http://a.example", "must use https", "SERVER_URL=URL"),
-    (
-        "sign-in",
-        f"{LOST} $(dirname $SSL_CERT_FILE)/service.db 'DELETE FROM wallets'",
-        "refuses 0x",
-        "register --invite",
-    ),
+    ("sign-in", f"{LOST} $(dirname $SSL_CERT_FILE)/service.db 'DELETE FROM wallets'", "refuses 0x", "register --inv"),
 ]
 
 
@@ -321,7 +305,7 @@ def far_off(tmp_path, monkeypatch):
     now, state = datetime.now(UTC), tmp_path / "far-off"
     state.mkdir(mode=0o700)
 
-    class Handler(http.server.BaseHTTPRequestHandler):
+    class Handler(BaseHTTPRequestHandler):
         def do_GET(self):
             self.send_response_only(200)
             self.send_header("Date", format_datetime(server.date, usegmt=True))
@@ -331,7 +315,7 @@ def far_off(tmp_path, monkeypatch):
         def log_message(self, *args):
             pass
 
-    with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+    with ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
 
         def arrange(begins, lasts, off, address=None):
             """A certificate that begins so many days from now, and a clock that is off by so many."""
@@ -401,47 +385,46 @@ def test_a_certificate_of_another_host_means_the_address(patient, far_off):
     assert patient.examine().findings == []
 
 
-HTML = b"<html><body>Welcome to the hotel</body></html>"
 ANSWERS = [
-    (200, {"Content-Type": "text/html"}, HTML, "error", "a web page", "CORVANE_SERVER_URL=URL"),
-    (200, {}, b"[]", "error", "not a JSON object", "CORVANE_SERVER_URL=URL"),
-    (200, {}, b'{"status": "well"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
-    (404, {}, HTML, "error", "no Corvane service", "Correct the address"),
-    (404, {}, b'{"error": "unknown"}', "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
-    (302, {"Location": "https://hotel.example/"}, b"", "error", "redirects to https://hotel", "CORVANE_SERVER_URL=URL"),
-    (502, {"Content-Type": "text/html"}, HTML, "warning", "away or busy", "corvane doctor"),
+    (http(b"<html>Welcome to the hotel", Content_Type="text/html"), "error", "a web page", "CORVANE_SERVER_URL=URL"),
+    (http([]), "error", "not a JSON object", "CORVANE_SERVER_URL=URL"),
+    (http({"status": "well"}), "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
+    (http(b"<html>", 404), "error", "no Corvane service", "Correct the address"),
+    (http({"error": "unknown"}, 404), "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
+    (http(b"", 302, Location="https://h.example/"), "error", "redirects to https://h", "CORVANE_SERVER_URL=URL"),
+    (http(b"<html>", 502, Content_Type="text/html"), "warning", "away or busy", "corvane doctor"),
 ]
 
 
-@pytest.mark.parametrize(("status", "headers", "body", "severity", "problem", "step"), ANSWERS)
-def test_what_answers_is_looked_at(patient, planned, status, headers, body, severity, problem, step):
-    planned.plan = [(status, headers, body)]
-    patient.env["CORVANE_SERVER_URL"] = planned.url
+@pytest.mark.parametrize(("answer", "severity", "problem", "step"), ANSWERS)
+def test_what_answers_is_looked_at(patient, scripted, answer, severity, problem, step):
+    scripted.script = iter([answer])
+    patient.env["CORVANE_SERVER_URL"] = scripted.url
     [session, found] = patient.examine().findings
     assert (session.check, found.check, found.severity) == ("session", "service", severity)
-    assert problem in found.problem and step in found.next_step and planned.plan == []
+    assert problem in found.problem and step in found.next_step and len(scripted.requests) == 1
     if severity == "error":
         patient.follow(found)
         assert patient.examine().findings == []
 
 
-def test_a_key_is_used_only_where_it_has_signed_in(patient, planned, service):
-    planned.plan = [(200, {}, b'{"status": "ok"}')]
-    patient.env["CORVANE_SERVER_URL"], ask = planned.url, socket.getaddrinfo
+def test_a_key_is_used_only_where_it_has_signed_in(patient, scripted, service):
+    scripted.script = iter([http({"status": "ok"}), http({"status": "ok"}), http(b"", 501)])
+    patient.env["CORVANE_SERVER_URL"], ask = scripted.url, socket.getaddrinfo
     with mock.patch.object(
         socket, "getaddrinfo", lambda *of, **how: ask("127.0.0.9", *of[1:], **how) + ask(*of, **how)
     ):
         report = patient.examine()  # at the second address of that name
     assert [one.check for one in report.findings] == ["session"]  # and nothing but /health was asked for
-    patient.run(f"sed -i 's,https://127.0.0.1:[0-9]*,{planned.url},' session.json")
-    planned.plan = [(200, {}, b'{"status": "ok"}')]
-    [found] = patient.examine().findings  # it knows no POST, and says so with a 501
+    patient.run(f"sed -i 's,https://127.0.0.1:[0-9]*,{scripted.url},' session.json")
+    [found] = patient.examine().findings
     assert (found.check, found.severity) == ("sign-in", "warning") and "`corvane doctor`" in found.next_step
+    assert [request.split()[1] for request in scripted.requests] == ["/health", "/health", "/auth/challenge"]
 
 
 def test_a_sign_in_that_no_service_answers_is_not_a_refused_wallet(patient, scripted):
     patient.run(f"export CORVANE_SERVER_URL={scripted.url}; sed -i 's,https://127.0.0.1:[0-9]*,{scripted.url},' *.json")
-    scripted.script = iter([http_answer({"status": "ok"}), http_answer({}, 404)])
+    scripted.script = iter([http({"status": "ok"}), http({}, 404)])
     [found] = patient.examine().findings
     assert "HTTP 404" in found.problem and "refuses" not in found.problem and "CODE" not in found.next_step
 
@@ -449,7 +432,7 @@ def test_a_sign_in_that_no_service_answers_is_not_a_refused_wallet(patient, scri
 @pytest.mark.parametrize("more", ["", " --json"])
 def test_out_of_time_it_still_says_what_it_has_found(patient, scripted, more):
     patient.run(f"export CORVANE_SERVER_URL={scripted.url}; mkdir session.json.new")
-    scripted.script = iter([slowly(http_answer({"status": "ok"}))] * 2)
+    scripted.script = iter([slowly(http({"status": "ok"}))] * 2)
     command = ["corvane", "doctor", "--timeout", "2.5", *more.split()]
     done = subprocess.run(command, env=patient.env, stdout=-1, stderr=-1, text=True, timeout=60)
     assert (done.returncode, done.stderr) == (Exit.ERRORS, "")

@@ -32,6 +32,7 @@ from corvane.sync_backoff import ServiceBusy, SyncBackoff, SyncBackoffCancelled
 from corvane_local import certificates
 from corvane_local.failures import FailureLimit
 from corvane_local.store import Proof, Store
+from localkit.tests.conftest import http
 
 COMMAND = [sys.executable, "-P", "-m", "corvane_local"]
 
@@ -483,7 +484,7 @@ def test_a_kill_at_any_step_leaves_a_true_manifest(service, tmp_path):
     assert checked_manifest(home)["version"] == version and not list(home.rglob("*.part"))
 
 
-def test_paths_out_of_place_are_refused(planned, tmp_path):
+def test_paths_out_of_place_are_refused(scripted, tmp_path):
     entry = {"kind": "", "sha256": "0" * 64, "size": 0}
     manifests = [
         ({}, "era_id: Field required"),
@@ -493,19 +494,19 @@ def test_paths_out_of_place_are_refused(planned, tmp_path):
         files = {"runtime/fine": entry, path: entry}
         manifests.append(({"era_id": 3, "version": 1, "files": files}, "is not allowed"))
     for manifest, reason in manifests:
-        planned.plan = [(200, {}, json.dumps(manifest).encode())]
+        scripted.script = iter([http(manifest)])
         with pytest.raises(auth.NotTheServiceError, match=f"a manifest that makes no sense: .*{reason}"):
-            SyncManager(ANYBODY, tmp_path, planned.url).sync()
+            SyncManager(ANYBODY, tmp_path, scripted.url).sync()
     assert [p.name for p in tmp_path.iterdir()] == ["sync.lock"]
 
 
-def test_back_off_waits_as_asked_and_ends_when_told(planned, tmp_path):
-    def outcome(backoff, *plan, url=planned.url):
-        refusal = b'{"error": "not today"}'
-        planned.plan, planned.asked_at[:] = [(status, {"Retry-After": wait}, refusal) for status, wait in plan], []
+def test_back_off_waits_as_asked_and_ends_when_told(scripted, tmp_path):
+    def outcome(backoff, *plan, url=scripted.url):
+        scripted.asked_at.clear()
+        scripted.script = iter([http({"error": "not today"}, status, Retry_After=wait) for status, wait in plan])
         with pytest.raises((auth.AuthError, ConnectionError, SyncBackoffCancelled)) as info:
             backoff.run(SyncManager(ANYBODY, tmp_path, url).sync)
-        return type(info.value), len(planned.asked_at)
+        return type(info.value), len(scripted.asked_at)
 
     for wrong in ({"base": -1}, {"cap": -1}, {"attempts": 0}):
         with pytest.raises(ValueError):
@@ -513,7 +514,7 @@ def test_back_off_waits_as_asked_and_ends_when_told(planned, tmp_path):
     assert SyncBackoff(base=0, cap=0, attempts=1).run(lambda: 7) == 7
     patient = SyncBackoff(base=0.01, cap=2, attempts=3)
     assert outcome(patient, (503, "1"), (500, "junk"), (401, "")) == (auth.RequestRefusedError, 3)  # a refusal is final
-    first, second, third = planned.asked_at
+    first, second, third = scripted.asked_at
     assert 1 <= second - first < 1.8 and third - second < 0.8
     assert outcome(patient, (429, "60")) == (ServiceBusy, 1)  # longer than we would wait
     called_off, began = SyncBackoff(cap=60), time.monotonic()
