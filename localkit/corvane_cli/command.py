@@ -288,6 +288,8 @@ def _say(text: str) -> None:
 def _printing() -> Iterator[None]:
     try:
         yield
+    except FileNotFoundError:  # of an argument: a directory that is gone
+        raise
     except OSError as exc:
         os.dup2(os.open(os.devnull, os.O_WRONLY), 1)  # Python must not try again when it ends
         message = f"The result cannot be written to standard output: {exc.strerror}."
@@ -306,6 +308,8 @@ def _explain(exc: BaseException) -> Failure:
         return Failure("The command has not finished in time.", Exit.TRY_AGAIN, next_step)
     if type(exc) is ConnectionError:  # the onboarding module's own text names no address and no reason
         text = [str(link) for link in chain if type(link) is ConnectionError][-1]
+    if isinstance(exc, FileNotFoundError) and exc.filename is None:
+        return Failure("The working directory does not exist any more.", Exit.MACHINE, "Change to one that exists: cd.")
     if any("CERTIFICATE_VERIFY_FAILED" in str(link) for link in chain):  # to try again would not help
         return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
     if any(isinstance(link, OSError) and link.errno in _NO_SPACE for link in chain):
@@ -323,7 +327,7 @@ def _explain(exc: BaseException) -> Failure:
         kinds = (*kinds, *late.get(kinds[0], ()))
         if any(isinstance(link, kinds) for link in chain):
             return Failure(text, status, next_step)
-    if type(exc) in (ValueError, LookupError):
+    if type(exc) in (ValueError, LookupError, OverflowError):
         return Failure(text, Exit.USAGE, "Correct the input; --help shows examples.")
     return Failure(f"{type(exc).__name__}: {text}", Exit.FAILED, "Run it again with --verbose.")
 

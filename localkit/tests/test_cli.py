@@ -135,7 +135,8 @@ def test_login_never_loses_a_wallet(corvane):
     with open(corvane.home / "wallet.lock") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         corvane("login --replace", second, expect=5)
-    for line in ("login --prompt", "login --key-fd 77", f"login {first}", "--bogus"):
+    odd = "login --key-fd 99999999999", "--timeout 1e300 status"
+    for line in ("login --prompt", "login --key-fd 77", f"login {first}", "--bogus", *odd):
         corvane(line, first, expect=2)
     assert corvane.tree() == before
     assert corvane.json("login", "0x" + first)["stored"] is False and path.read_text() == first

@@ -304,6 +304,13 @@ def test_a_full_or_closed_output_is_one_error(line, output, shell):
     assert OUTPUTS[output] in error and next_step.startswith("Next: ") and status == "6"
 
 
+@pytest.mark.parametrize("line", ["heartbeat", "register --dry-run"])
+def test_a_working_directory_that_is_gone_is_named(line, shell):
+    script = f"mkdir gone; cd gone; rmdir ../gone; exec {' '.join(Shell.command)} {line}"
+    done = subprocess.run(["sh", "-c", script], cwd=shell.work, env=shell.env, stderr=-1, text=True, timeout=60)
+    assert done.returncode == 6 and done.stderr.startswith("Error: The working directory does not exist any more.")
+
+
 # -- Nothing misleads -------------------------------------------------------------------------------------------------
 
 PAGE = b"<html>Bad gateway \x1b[2J"
