@@ -49,8 +49,9 @@ def test_sign_up_and_in(service, monkeypatch):
     assert len(service.rows("SELECT * FROM invites WHERE used_by IS NULL")) == 1
     assert token not in str(service.rows("SELECT * FROM tokens"))
     for wrong, message in ((code, "has been used"), ("CORV-2222-2222-2222", "unknown"), ("junk!", "malformed: invite")):
-        with pytest.raises(auth.RegistrationError, match=message):
+        with pytest.raises(auth.RegistrationError, match=message) as refused:
             service.sign_in(2, wrong)
+        assert wrong not in str(refused.value)
     with pytest.raises(auth.AuthError, match="not registered"):
         service.sign_in(2)
     for header in ("", "Bearer", "Bearer x", "Bearer \xff", token, "Basic " + token):
