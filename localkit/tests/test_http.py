@@ -133,9 +133,15 @@ def test_the_token_goes_nowhere_else(scripted, tmp_path, monkeypatch, caplog):
     assert TOKEN not in caplog.text + repr(manager) and f"{7:064x}" not in caplog.text
 
 
-ADDRESSES = {"https://h.example": True, "http://localhost:1": True, "http://127.0.0.1": True, "http://[::1]:80/": True}
+ADDRESSES = {
+    "https://a.example:8443/b//": True,
+    "http://localhost:1": True,
+    "http://127.0.0.1": True,
+    "http://[::1]:80/": True,
+}
 for bad in ("localhost.evil", "localhost@h.example", "127.0.0.1.h.example", "127.0.0.1@h", "h.example", "0.0.0.0"):
     ADDRESSES[f"http://{bad}"] = False
+ADDRESSES |= dict.fromkeys(("", "ftp://a", "https://", "https://u@a", "https://a?", "https://a b"), False)
 
 
 @pytest.mark.parametrize("url", ADDRESSES)
