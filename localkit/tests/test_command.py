@@ -10,16 +10,14 @@ import subprocess
 import sys
 import time
 from functools import partial
-from hashlib import sha256
 from pathlib import Path
 
 import pytest
 
 from corvane import auth
-from corvane.errors import RuntimeModuleHashMismatch
 from corvane.sync import SyncManager
 from localkit.tests.conftest import http, slowly
-from localkit.tests.test_cli import Shell
+from localkit.tests.test_cli import Shell, hurried
 
 KEY = "ab" * 32
 
@@ -199,11 +197,8 @@ def test_a_service_that_drips_ends_with_the_deadline(line, session_at, shell, sc
     assert "--timeout" in json.loads(failed.stderr)["next_step"] and time.monotonic() - began < 40
 
 
-HURRIED = "from corvane_cli import shared; shared.SECONDS = 1.0; from corvane_cli.__main__ import run; run()"
-
-
 def test_a_runtime_whose_service_drips_ends_with_a_deadline_of_its_own(session_at, shell, scripted):
-    shell.command = (sys.executable, "-BPc", HURRIED)
+    shell.command = hurried("shared.SECONDS")
     manifest = http({"era_id": 1, "version": 1, "files": {}})
     scripted.script = itertools.chain([*GOOD, manifest], (slowly(http(bytes(5_000))) for _ in itertools.count()))
     assert "--timeout" in shell("search", expect=5).stderr
@@ -438,34 +433,6 @@ def test_no_word_is_broken_on_a_narrow_terminal(shell):
 
 
 # -- The kit's sync ---------------------------------------------------------------------------------------------------
-
-
-def release(era, **files):
-    """The answers of a service for a sync: the manifest, then the files; one named `bad` has other bytes."""
-    entries = {f"runtime/{n}": {"kind": "k", "sha256": sha256(c).hexdigest(), "size": len(c)} for n, c in files.items()}
-    bodies = [content if name != "bad" else content[::-1] for name, content in sorted(files.items())]
-    return [http({"era_id": era, "version": era, "files": entries}), *map(http, bodies)]
-
-
-class Anybody:
-    def get_token(self):
-        return "token"
-
-
-def test_eras_are_not_mixed(scripted, tmp_path):
-    syncs = SyncManager(Anybody(), tmp_path, scripted.url)
-    first = {"a": b"first a", "b": b"first b"}
-    scripted.script = iter(release(1, **first))
-    assert syncs.request_for_sync() == ["runtime/a", "runtime/b"]
-    answers = release(2, a=b"second a", b=b"second b", bad=b"second bad")
-    scripted.script = iter(answers)
-    with pytest.raises(RuntimeModuleHashMismatch):
-        syncs.sync()
-    assert {name: (tmp_path / "runtime" / name).read_bytes() for name in first} == first
-    assert SyncManager(Anybody(), tmp_path, scripted.url).get_manifest()["era_id"] == 1
-    scripted.script = iter([*release(2, a=b"second a", b=b"second b")])
-    assert syncs.request_for_sync() == ["runtime/a", "runtime/b"] and syncs.get_manifest()["era_id"] == 2
-    assert (tmp_path / "runtime/a").read_bytes() == b"second a"
 
 
 def test_a_vocabulary_is_taken_only_if_it_is_the_one_of_the_manifest(service, shell, tmp_path):

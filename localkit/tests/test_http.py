@@ -98,10 +98,10 @@ def test_a_service_that_drips_is_given_up(slow, scripted, tmp_path, monkeypatch)
 
 
 def test_a_download_that_goes_on_may_take_its_time(scripted, tmp_path, monkeypatch):
-    monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 3.0)
+    monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 1.5)
     content = bytes(9_000)
     entry = {"kind": "k", "sha256": sha256(content).hexdigest(), "size": len(content)}
-    pieces = (time.sleep(0.6) or piece for piece in [http(content)[:-9_000], *[bytes(1_500)] * 6])
+    pieces = (time.sleep(0.3) or piece for piece in [http(content)[:-9_000], *[bytes(1_500)] * 6])
     manifest = http({"era_id": 1, "version": 1, "files": {"runtime/x": entry}})
     assert sync(scripted, tmp_path, manifest, pieces) == ["runtime/x"]
 
