@@ -16,6 +16,7 @@ from typing import Any
 
 from benchmarks.imports import import_rows
 from benchmarks.measure import Row, compare, seconds
+from benchmarks.screening import screening_rows
 from corvane import agent_onboarding as native
 from corvane.sync import CURRENT_PLATFORM
 from support import twin
@@ -243,4 +244,5 @@ def all_rows(home: Path) -> Iterator[Row]:
     yield from eras()
     yield from hashing(home)
     yield from manifests(home)
+    yield from screening_rows()
     yield from bootstraps(home)

@@ -2,19 +2,23 @@
 
 import random
 import re
-from collections.abc import Callable, Iterable, Iterator, Mapping
-from concurrent.futures import ThreadPoolExecutor
+from collections import deque
+from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
+from concurrent.futures import Future, ThreadPoolExecutor
 from dataclasses import dataclass, field
 from functools import cached_property
 from itertools import batched
 from types import ModuleType
 from typing import ClassVar
 
+Screened = tuple[memoryview, memoryview] | None
+"""The values of an expression and their correlations; None if it is not worth a closer look."""
+
 _NAME = r"(?<![\w.])[A-Za-z_]\w*\b"  # the e of 1e5 is none
 _FUNCTION = re.compile(_NAME + r"(?=\s*\()", re.ASCII)
 _INPUT = re.compile(_NAME + r"(?!\s*\()", re.ASCII)
 _WINDOW = re.compile(r",\s*([0-9]+)\s*\)")  # the last argument of a function, where it is one
-_BATCH = 64  # expressions; what an interrupted search waits for
+_BATCH = 32  # expressions; what an interrupted search waits for
 
 
 @dataclass(frozen=True)
@@ -101,20 +105,31 @@ def evaluate_expression(
 
 
 class BatchOrchestrator:
-    """Evaluates expressions on several threads; what comes out is in the order of what went in.
+    """Examines expressions on several threads; what comes out is in the order of what went in.
 
     Args:
-        n_jobs: Threads. The backtester computes in one of them at a time.
+        n_jobs: Threads. They compute at the same time, for the backtester needs Python's lock only between batches.
     """
 
-    evaluate: ClassVar[Callable[[Expression], memoryview]]
+    examine: ClassVar[Callable[[Sequence[Expression]], Sequence[Screened]]]
     """The evaluator's, in the class that its `make_batch_orchestrator_cls` makes."""
 
     def __init__(self, n_jobs: int = 1) -> None:
         self._n_jobs = n_jobs
 
-    def run(self, plan: Iterable[Expression]) -> Iterator[tuple[Expression, memoryview]]:
-        """Each expression of the plan with its values."""
+    def run(self, plan: Iterable[Expression]) -> Iterator[tuple[Expression, Screened]]:
+        """Each expression of the plan with what was found out about it."""
+        waiting = deque[tuple[Sequence[Expression], Future[Sequence[Screened]]]]()
         with ThreadPoolExecutor(self._n_jobs, thread_name_prefix="corvane-batch") as pool:
             for batch in batched(plan, _BATCH):
-                yield from zip(batch, pool.map(type(self).evaluate, batch), strict=True)
+                waiting.append((batch, pool.submit(type(self).examine, batch)))
+                if len(waiting) > 2 * self._n_jobs:  # so that no thread waits for whoever uses the results
+                    yield from _results(*waiting.popleft())
+            while waiting:
+                yield from _results(*waiting.popleft())
+
+
+def _results(
+    batch: Sequence[Expression], examined: "Future[Sequence[Screened]]"
+) -> Iterator[tuple[Expression, Screened]]:
+    return zip(batch, examined.result(), strict=True)

@@ -1,6 +1,6 @@
 """The days of an era, and what evaluates expressions over them."""
 
-from collections.abc import Callable, Iterator, Mapping
+from collections.abc import Callable, Iterator, Mapping, Sequence
 from dataclasses import replace
 from types import ModuleType
 from typing import Any
@@ -8,13 +8,15 @@ from typing import Any
 import numpy as np
 from numpy.typing import NDArray
 
-from corvane._batch import BatchOrchestrator, Expression, FunctionRegistry, evaluate_expression
+from corvane._batch import BatchOrchestrator, Expression, FunctionRegistry, Screened, evaluate_expression
 from corvane.auth import AuthManager
 from corvane.errors import RuntimeModuleReloadFailed
 from corvane.runtime_module_freshness import RuntimeFreshnessGuard
 from corvane.search_tracking import SearchTracker
 
 Series = NDArray[np.float64]
+
+_LEAST_ON_A_SIDE = 0.1  # share of the days; a signal that hardly changes its side is a holding
 
 
 class Vault(Mapping[str, memoryview]):
@@ -33,23 +35,6 @@ class Vault(Mapping[str, memoryview]):
 
     def __len__(self) -> int:
         return len(self._series)
-
-
-def daily_profit(signal: memoryview, prices: memoryview, direction: float, cost: float) -> Series:
-    """What one signal earns each day, as a share of the capital.
-
-    The position of a day has the sign that the signal had the day before, and is none where the signal is NaN.
-
-    Args:
-        signal: One value a day.
-        prices: Closing prices of the same days.
-        direction: 1 to hold what the signal says, -1 to hold the opposite.
-        cost: Share of the value traded that a change of the position costs.
-    """
-    known, price = np.asarray(signal)[:-1], np.asarray(prices)
-    position = direction * (np.where(known > 0, 1.0, 0.0) - np.where(known < 0, 1.0, 0.0))
-    traded = np.abs(np.diff(position, prepend=0.0))
-    return np.concatenate([[0.0], position * (price[1:] / price[:-1] - 1) - cost * traded])
 
 
 class RuntimeEvaluationAdapter:
@@ -95,6 +80,7 @@ class RuntimeEvaluationAdapter:
             pool["id"]: -1.0 if pool["name"].casefold() == "reversal" else 1.0 for pool in era_config["signal_pools"]
         }
         self.raw_backtester = raw_backtester
+        self._least_correlation: float = era_config["thresholds"]["correlation"]
         self._targets = {(name, part.start): self._target(name, part) for name in vault for part in self._parts}
 
     @property
@@ -127,13 +113,22 @@ class RuntimeEvaluationAdapter:
         self, expression: Expression | str, days: slice = slice(None), inputs: Mapping[str, memoryview] | None = None
     ) -> memoryview:
         """One value for each of the days, NaN where a window is not full yet; ValueError if it is malformed."""
-        if inputs is None:
-            inputs = {name: series[days] for name, series in self.vault.items()}
-        return self._evaluate(expression, self._backtester, inputs)
+        return self._evaluate(expression, self._backtester, self._inputs(days) if inputs is None else inputs)
 
-    def evaluate_for_search(self, expression: Expression) -> memoryview:
-        """The values of the training days, from nothing but the training days."""
-        return self.evaluate(expression, self.train)
+    def _inputs(self, days: slice) -> dict[str, memoryview]:
+        return {name: series[days] for name, series in self.vault.items()}
+
+    def screen(self, expressions: Sequence[Expression]) -> list[Screened]:
+        """From nothing but the training days: the values of what changes its side and is related to any return.
+
+        The correlations are those with the return of each instrument, in the order of the vault.
+        """
+        targets = tuple(self._targets[name, self.train.start] for name in self.vault)
+        texts = tuple(expression.text for expression in expressions)
+        screened: list[Screened] = self._backtester.screen(
+            texts, self._inputs(self.train), targets, self._least_correlation, _LEAST_ON_A_SIDE
+        )
+        return screened
 
     def compute_search_plan(self, seed: int) -> Iterator[Expression]:
         """Random expressions of the era's vocabulary without end; the same ones for the same seed."""
@@ -142,12 +137,10 @@ class RuntimeEvaluationAdapter:
         return self._plan(self.registry, seed)
 
     def make_batch_orchestrator_cls(self) -> type[BatchOrchestrator]:
-        """A class whose instances evaluate expressions for this era's search on several threads."""
+        """A class whose instances screen expressions for this era's search on several threads."""
         if self._orchestrator_cls is None:
             raise RuntimeError("This runtime was built without batch evaluation and cannot search.")
-        return type(
-            "BatchOrchestrator", (self._orchestrator_cls,), {"evaluate": staticmethod(self.evaluate_for_search)}
-        )
+        return type("BatchOrchestrator", (self._orchestrator_cls,), {"examine": staticmethod(self.screen)})
 
     def correlate_per_pool(self, values: memoryview, instrument: str, part: slice | None = None) -> dict[str, float]:
         """By pool, the correlation with what the instrument returns over the horizon, as the pool trades it.
@@ -172,8 +165,17 @@ class RuntimeEvaluationAdapter:
         return ratio
 
     def profit(self, values: memoryview, instrument: str, direction: float = 1.0) -> Series:
-        """What a signal earns each day by trading one instrument, after costs; see `daily_profit`."""
-        return daily_profit(values, self.vault[instrument][: len(values)], direction, self.era_config["cost"])
+        """What a signal earns each day by trading one instrument, as a share of the capital, after costs.
+
+        The position of a day has the sign that the signal had the day before, and is none where the signal is NaN.
+
+        Args:
+            values: A signal, one value for each of the first days.
+            instrument: Name of a series.
+            direction: 1 to hold what the signal says, -1 to hold the opposite.
+        """
+        prices = self.vault[instrument][: len(values)]
+        return np.asarray(self._backtester.profit(values, prices, direction, self.era_config["cost"]))
 
     def load_found_signal_pnl(self, signal_id: int) -> Series:
         """What a found signal of this era earns each day; LookupError if there is none with this id."""

@@ -12,11 +12,10 @@ from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from typing import NoReturn
 
-import numpy as np
 from tqdm import tqdm
 
 from corvane import agent_onboarding
-from corvane._batch import Expression
+from corvane._batch import Expression, Screened
 from corvane._evaluation import RuntimeEvaluationAdapter
 from corvane._runtime import LibraryRuntime, get_runtime
 from corvane.search_tracking import FoundSignal, Run, SearchTracker, Use
@@ -28,7 +27,6 @@ TEMPLATES: dict[str, Callable[[RuntimeEvaluationAdapter, int], Iterator[Expressi
 }
 _MILESTONES = {1: "first_signal", 10: "10_signals", 100: "strategy_unlock"}
 _NOTE_SECONDS = 1.0  # between two notes in the tracker; what a kill loses of the counters
-_LEAST_ON_A_SIDE = 0.1  # share of the days; a signal that hardly changes its side is a holding
 _GREATEST_LIKENESS = 0.7  # correlation of profits; above it a signal is a variation of one that is known
 _LEAST_FOR_A_TREND = 8  # signals
 
@@ -149,10 +147,10 @@ class _Search:
         outcome = "interrupted"
         try:
             plan = itertools.islice(self._plan, max_evaluations)
-            for expression, values in self._evaluator.make_batch_orchestrator_cls()(n_jobs).run(plan):
+            for expression, screened in self._evaluator.make_batch_orchestrator_cls()(n_jobs).run(plan):
                 self._evaluations += 1
                 self._tried.update(_uses(expression))
-                self._examine(expression, values)
+                self._examine(expression, screened)
                 bar.update()
                 now = time.monotonic()
                 if now - noted > _NOTE_SECONDS:
@@ -178,24 +176,21 @@ class _Search:
         self._noted.update(e=evaluations, c=candidates)
         self._tried.clear()
 
-    def _examine(self, expression: Expression, values: memoryview) -> None:
-        evaluator, limits = self._evaluator, self._limits
-        related = [
-            (instrument, pool, correlation)
-            for instrument in evaluator.vault
-            for pool, correlation in evaluator.correlate_per_pool(values, instrument).items()
-            if correlation >= limits.correlation  # and not NaN
-        ]
-        if not related or not _changes_side(values):
+    def _examine(self, expression: Expression, screened: Screened) -> None:
+        if screened is None:
             return
-        for instrument, pool, correlation in related:
-            information = evaluator.compute_mi_per_pool(values, instrument)[pool]
-            if not information >= limits.mutual_information:
-                continue
-            sharpe = evaluator.sharpe(evaluator.profit(values, instrument, evaluator.directions[pool]))
-            if sharpe >= limits.sharpe:
-                self._candidates += 1
-                self._confirm(expression, instrument, pool, (correlation, information, sharpe))
+        evaluator, limits, (values, correlations) = self._evaluator, self._limits, screened
+        for instrument, correlation in zip(evaluator.vault, correlations, strict=True):
+            for pool, direction in evaluator.directions.items():
+                if not direction * correlation >= limits.correlation:  # or NaN
+                    continue
+                sharpe = evaluator.sharpe(evaluator.profit(values, instrument, direction))
+                if not sharpe >= limits.sharpe:
+                    continue
+                information = evaluator.compute_mi_per_pool(values, instrument)[pool]  # last: it takes the longest
+                if information >= limits.mutual_information:
+                    self._candidates += 1
+                    self._confirm(expression, instrument, pool, (direction * correlation, information, sharpe))
 
     def _confirm(
         self, expression: Expression, instrument: str, pool: str, on_training: tuple[float, float, float]
@@ -274,9 +269,3 @@ def _trend(tracker: SearchTracker) -> str:
 def _uses(expression: Expression) -> list[tuple[str, str]]:
     kinds = {"function": expression.functions, "input": expression.inputs}
     return [(kind, name) for kind, names in kinds.items() for name in sorted(names)]
-
-
-def _changes_side(values: memoryview) -> bool:
-    signal = np.asarray(values)
-    sides = np.count_nonzero(signal > 0), np.count_nonzero(signal < 0)
-    return bool(min(sides) >= _LEAST_ON_A_SIDE * len(values))

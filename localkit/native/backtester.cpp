@@ -3,10 +3,12 @@
 #include "expression.hpp"
 #include "python.hpp"
 
+#include <array>
 #include <bit>
 #include <cstdint>
 #include <cstring>
 #include <numeric>
+#include <optional>
 
 namespace {
 
@@ -34,16 +36,61 @@ std::pair<series, series> finite_pairs(window left, window right) {
     return kept;
 }
 
-double correlation(window left, window right) {
-    const auto [a, b] = finite_pairs(left, right);
-    const double mean_a = mean(a);
-    const double mean_b = mean(b);
-    const double spread = deviation(a) * deviation(b);
-    double sum = 0;
-    for (std::size_t i = 0; i < a.size(); ++i)
-        sum += (a[i] - mean_a) * (b[i] - mean_b);
-    // Clamped, for rounding must not lead beyond 1.
-    return spread > 0 ? std::clamp(sum / static_cast<double>(a.size()) / spread, -1.0, 1.0) : undefined;
+constexpr std::size_t lanes = 4;
+using lane_sums = std::array<double, lanes>;
+
+/// Pearson's of one series with each of four others, each pair over the days on which both are finite. Four at once
+/// take little longer than one, whose sums would wait for one another.
+lane_sums correlations(window a, const std::array<window, lanes>& others) {
+    const auto paired = [&](std::size_t i, std::size_t lane) {
+        return std::isfinite(a[i]) && std::isfinite(others[lane][i]);
+    };
+    lane_sums base_a{};
+    lane_sums base_b{};
+    for (std::size_t lane = 0; lane < lanes; ++lane) {
+        demand(a.size() == others[lane].size(), "the series differ in length");
+        for (std::size_t i = 0; i < a.size(); ++i) {
+            if (paired(i, lane)) {
+                base_a[lane] = a[i];
+                base_b[lane] = others[lane][i];
+                break;
+            }
+        }
+    }
+    lane_sums days{};
+    lane_sums mean_a{};
+    lane_sums mean_b{};
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        for (std::size_t lane = 0; lane < lanes; ++lane) {
+            const bool kept = paired(i, lane);
+            days[lane] += kept ? 1 : 0;
+            mean_a[lane] += kept ? a[i] - base_a[lane] : 0;
+            mean_b[lane] += kept ? others[lane][i] - base_b[lane] : 0;
+        }
+    }
+    for (std::size_t lane = 0; lane < lanes; ++lane) {
+        mean_a[lane] = base_a[lane] + mean_a[lane] / days[lane];
+        mean_b[lane] = base_b[lane] + mean_b[lane] / days[lane];
+    }
+    lane_sums both{};
+    lane_sums squares_a{};
+    lane_sums squares_b{};
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        for (std::size_t lane = 0; lane < lanes; ++lane) {
+            const bool kept = paired(i, lane);
+            const double off_a = kept ? a[i] - mean_a[lane] : 0;
+            const double off_b = kept ? others[lane][i] - mean_b[lane] : 0;
+            both[lane] += off_a * off_b;
+            squares_a[lane] += off_a * off_a;
+            squares_b[lane] += off_b * off_b;
+        }
+    }
+    for (std::size_t lane = 0; lane < lanes; ++lane) {
+        const double spread = std::sqrt(squares_a[lane] / days[lane]) * std::sqrt(squares_b[lane] / days[lane]);
+        // Clamped, for rounding must not lead beyond 1.
+        both[lane] = spread > 0 ? std::clamp(both[lane] / days[lane] / spread, -1.0, 1.0) : undefined;
+    }
+    return both;
 }
 
 /// The bin of each value, so that all bins hold about equally many. Equal values share one: told apart by their days,
@@ -90,6 +137,52 @@ double sharpe(window returns, double periods_per_year) {
     return spread > 0 ? mean(kept) / spread * std::sqrt(periods_per_year) : undefined;
 }
 
+/// What holding the sign that the signal had the day before earns, less what changing the position costs.
+series profit(window signal, window prices, double direction, double cost) {
+    demand(signal.size() == prices.size(), "the series differ in length");
+    series earned(signal.size());
+    double held = 0;
+    for (std::size_t day = 1; day < signal.size(); ++day) {
+        const double side = static_cast<double>(signal[day - 1] > 0) - static_cast<double>(signal[day - 1] < 0);
+        const double position = direction * side;
+        earned[day] = position * (prices[day] / prices[day - 1] - 1) - cost * std::fabs(position - held);
+        held = position;
+    }
+    return earned;
+}
+
+/// A signal worth a closer look, and its correlation with each target.
+struct candidate {
+    series values;
+    series correlations;
+};
+
+struct limits {
+    double correlation; ///< in either direction, with any target
+    double on_a_side;   ///< share of the days on which the signal is positive, and negative
+};
+
+std::optional<candidate> screened(series values, const std::vector<window>& targets, const limits& least) {
+    const auto days = static_cast<double>(values.size());
+    const auto above = std::ranges::count_if(values, [](double x) { return x > 0; });
+    const auto below = std::ranges::count_if(values, [](double x) { return x < 0; });
+    if (!(static_cast<double>(std::min(above, below)) >= least.on_a_side * days))
+        return std::nullopt; // most signals end here, after the cheapest test
+    series found;
+    for (std::size_t first = 0; first < targets.size(); first += lanes) {
+        std::array<window, lanes> some;
+        for (std::size_t lane = 0; lane < lanes; ++lane)
+            some[lane] = targets[std::min(first + lane, targets.size() - 1)];
+        const auto group = correlations(values, some);
+        found.insert(found.end(), group.begin(),
+                     group.begin() + std::min<std::ptrdiff_t>(
+                                         std::ssize(group), std::ssize(targets) - static_cast<std::ptrdiff_t>(first)));
+    }
+    if (std::ranges::none_of(found, [&](double r) { return std::fabs(r) >= least.correlation; }))
+        return std::nullopt;
+    return candidate{std::move(values), std::move(found)};
+}
+
 // -- Python ---------------------------------------------------------------------------------------------------------
 
 /// A series in the memory of a Python object, which the memoryview keeps.
@@ -112,32 +205,93 @@ void parse(PyObject* arguments, const char* format, auto*... targets) {
     python::require(PyArg_ParseTuple(arguments, format, targets...) != 0);
 }
 
+/// The series of a dictionary, which must stay alive.
+struct lent_inputs {
+    explicit lent_inputs(PyObject* given) {
+        const object items = owned(PyDict_Items(given));
+        demand(PyList_GET_SIZE(items.get()) > 0, "there must be at least one input");
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+            const char* name = nullptr;
+            PyObject* values = nullptr;
+            parse(PyList_GET_ITEM(items.get(), i), "sO:inputs", &name, &values);
+            lent.push_back(lend(values));
+            demand(lent.back().values.size() == days(), "the series differ in length");
+            named.emplace(name, lent.back().values);
+        }
+    }
+    [[nodiscard]] std::size_t days() const { return lent.front().values.size(); }
+
+    std::vector<lent_series> lent;
+    inputs named;
+};
+
+object given_away(const series& values) {
+    const auto size = static_cast<Py_ssize_t>(values.size() * sizeof(double));
+    return python::cast(owned(PyByteArray_FromStringAndSize(reinterpret_cast<const char*>(values.data()), size)), "d");
+}
+
 object evaluate_expression(PyObject* arguments) {
     const char* text = nullptr;
     PyObject* given = nullptr;
     parse(arguments, "sO!:evaluate", &text, &PyDict_Type, &given);
-    const object items = owned(PyDict_Items(given));
-    demand(PyList_GET_SIZE(items.get()) > 0, "there must be at least one input");
+    const lent_inputs series_of(given);
+    return given_away(reader(text, series_of.named, series_of.days()).evaluate());
+}
+
+object screen(PyObject* arguments) {
+    PyObject* texts = nullptr;
+    PyObject* given = nullptr;
+    PyObject* others = nullptr;
+    limits least{};
+    parse(arguments, "O!O!O!dd:screen", &PyTuple_Type, &texts, &PyDict_Type, &given, &PyTuple_Type, &others,
+          &least.correlation, &least.on_a_side);
+    const lent_inputs series_of(given);
     std::vector<lent_series> lent;
-    inputs named;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
-        const char* name = nullptr;
-        PyObject* values = nullptr;
-        parse(PyList_GET_ITEM(items.get(), i), "sO:inputs", &name, &values);
-        lent.push_back(lend(values));
-        demand(lent.back().values.size() == lent.front().values.size(), "the series differ in length");
-        named.emplace(name, lent.back().values);
+    std::vector<window> targets;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(others); ++i) {
+        lent.push_back(lend(PyTuple_GET_ITEM(others, i)));
+        targets.push_back(lent.back().values);
     }
-    const series result = reader(text, named, lent.front().values.size()).evaluate();
-    const auto size = static_cast<Py_ssize_t>(result.size() * sizeof(double));
-    return python::cast(owned(PyByteArray_FromStringAndSize(reinterpret_cast<const char*>(result.data()), size)), "d");
+    std::vector<const char*> expressions;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(texts); ++i) {
+        const char* text = PyUnicode_AsUTF8(PyTuple_GET_ITEM(texts, i));
+        python::require(text != nullptr);
+        expressions.push_back(text);
+    }
+    std::vector<std::optional<candidate>> results;
+    python::without_lock([&] { // all that is read here is held by the arguments, and nobody writes it
+        for (const char* text : expressions)
+            results.push_back(screened(reader(text, series_of.named, series_of.days()).evaluate(), targets, least));
+    });
+    object listed = owned(PyList_New(std::ssize(results)));
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        object item(Py_NewRef(Py_None));
+        if (const auto& found = results[i]) {
+            const object values = given_away(found->values);
+            const object correlations = given_away(found->correlations);
+            item = owned(PyTuple_Pack(2, values.get(), correlations.get()));
+        }
+        PyList_SET_ITEM(listed.get(), static_cast<Py_ssize_t>(i), item.release());
+    }
+    return listed;
+}
+
+object profit_of(PyObject* arguments) {
+    PyObject* signal = nullptr;
+    PyObject* prices = nullptr;
+    double direction = 0;
+    double cost = 0;
+    parse(arguments, "OOdd:profit", &signal, &prices, &direction, &cost);
+    return given_away(profit(lend(signal).values, lend(prices).values, direction, cost));
 }
 
 object correlation_of(PyObject* arguments) {
     PyObject* a = nullptr;
     PyObject* b = nullptr;
     parse(arguments, "OO:correlation", &a, &b);
-    return owned(PyFloat_FromDouble(correlation(lend(a).values, lend(b).values)));
+    const lent_series other = lend(b);
+    return owned(PyFloat_FromDouble(
+        correlations(lend(a).values, {other.values, other.values, other.values, other.values}).front()));
 }
 
 object mutual_information_of(PyObject* arguments) {
@@ -197,6 +351,12 @@ PyMethodDef methods[] = {
     {"evaluate", guarded<evaluate_expression>, METH_VARARGS,
      "evaluate(expression, inputs, /)\n--\n\nThe value of each day; NaN where a window is not full yet.\n\n"
      "Raises ValueError with the column for what is no expression, or for series of different lengths."},
+    {"screen", guarded<screen>, METH_VARARGS,
+     "screen(expressions, inputs, targets, least_correlation, least_on_a_side, /)\n--\n\n"
+     "For each expression (values, correlations with the targets), or None if it is not worth a closer look.\n\n"
+     "Other threads run meanwhile. Raises what evaluate raises."},
+    {"profit", guarded<profit_of>, METH_VARARGS,
+     "profit(signal, prices, direction, cost, /)\n--\n\nWhat the signal earns each day, as a share of the capital."},
     {"correlation", guarded<correlation_of>, METH_VARARGS,
      "correlation(a, b, /)\n--\n\nPearson's, over the days on which both are finite; NaN if one does not vary."},
     {"mutual_information", guarded<mutual_information_of>, METH_VARARGS,

@@ -39,41 +39,103 @@ inline double deviation(window w) {
     return std::sqrt(sum / static_cast<double>(w.size()));
 }
 
-inline bool has_nan(window w) {
-    return std::ranges::any_of(w, [](double x) { return std::isnan(x); });
+// -- Functions of all windows of a column at once ---------------------------------------------------------------------
+// `out[i]` is the value of the `length` days from day i on. The days are in the inner loops: what is computed of one
+// day does not wait for another, so that the processor works on several. Each sum still has the order of `mean`.
+
+inline void means(window x, std::size_t length, std::span<double> out) {
+    series base(x.begin(), x.begin() + std::ssize(out));
+    std::ranges::replace_if(base, [](double value) { return !std::isfinite(value); }, 0.0);
+    std::ranges::fill(out, 0.0);
+    for (std::size_t k = 0; k < length; ++k)
+        for (std::size_t i = 0; i < out.size(); ++i)
+            out[i] += x[i + k] - base[i];
+    for (std::size_t i = 0; i < out.size(); ++i)
+        out[i] = base[i] + out[i] / static_cast<double>(length);
 }
 
-inline double rank(window w) {
-    if (has_nan(w))
-        return undefined;
-    double below = 0;
-    for (double x : w)
-        below += x < w.back() ? 1.0 : x == w.back() ? 0.5 : 0.0;
-    return w.size() == 1 ? 0.5 : (below - 0.5) / static_cast<double>(w.size() - 1);
+inline void deviations(window x, std::size_t length, std::span<double> out) {
+    series middle(out.size());
+    means(x, length, middle);
+    std::ranges::fill(out, 0.0);
+    for (std::size_t k = 0; k < length; ++k)
+        for (std::size_t i = 0; i < out.size(); ++i)
+            out[i] += (x[i + k] - middle[i]) * (x[i + k] - middle[i]);
+    for (double& sum : out)
+        sum = std::sqrt(sum / static_cast<double>(length));
+}
+
+inline void zscores(window x, std::size_t length, std::span<double> out) {
+    series middle(out.size());
+    means(x, length, middle);
+    deviations(x, length, out);
+    for (std::size_t i = 0; i < out.size(); ++i)
+        out[i] = (x[i + length - 1] - middle[i]) / out[i];
+}
+
+/// For functions that compare values, which no comparison with NaN would spoil.
+inline void spoil_where_nan(window x, std::size_t length, std::span<double> out) {
+    std::size_t spoilt = 0; // windows that begin before it hold a NaN
+    for (std::size_t last = 0; last < x.size(); ++last) {
+        if (std::isnan(x[last]))
+            spoilt = last + 1;
+        if (last + 1 >= length && last + 1 - length < spoilt)
+            out[last + 1 - length] = undefined;
+    }
+}
+
+inline void ranks(window x, std::size_t length, std::span<double> out) {
+    std::ranges::fill(out, 0.0);
+    for (std::size_t k = 0; k < length; ++k)
+        for (std::size_t i = 0; i < out.size(); ++i)
+            out[i] += (x[i + k] < x[i + length - 1] ? 0.5 : 0.0) + (x[i + k] <= x[i + length - 1] ? 0.5 : 0.0);
+    for (double& below : out)
+        below = length == 1 ? 0.5 : (below - 0.5) / static_cast<double>(length - 1);
+    spoil_where_nan(x, length, out);
+}
+
+template <typename Before> void extremes(window x, std::size_t length, std::span<double> out) {
+    std::ranges::copy(x.first(out.size()), out.begin());
+    for (std::size_t k = 1; k < length; ++k)
+        for (std::size_t i = 0; i < out.size(); ++i)
+            out[i] = Before()(x[i + k], out[i]) ? x[i + k] : out[i];
+    spoil_where_nan(x, length, out);
+}
+
+inline void earliest(window x, std::size_t, std::span<double> out) {
+    std::ranges::copy(x.first(out.size()), out.begin());
+}
+
+inline void differences(window x, std::size_t, std::span<double> out) {
+    std::ranges::transform(x.last(out.size()), x.first(out.size()), out.begin(), std::minus());
+}
+
+template <auto Of> void each(window x, std::size_t, std::span<double> out) {
+    std::ranges::transform(x, out.begin(), Of);
 }
 
 /// A function of a window of days that ends with the day's own, or of that day alone.
 struct function {
     const char* name;
-    double (*of)(window);
+    void (*of)(window, std::size_t length, std::span<double> out);
     bool takes_window;
     std::size_t days_before; ///< that the window holds beside the days asked for
 };
 constexpr function functions[] = {
-    {"abs", [](window w) { return std::fabs(w[0]); }, false, 0},
-    {"log", [](window w) { return std::log(w[0]); }, false, 0},
-    {"sign", [](window w) { return has_nan(w) ? undefined : static_cast<double>((w[0] > 0) - (w[0] < 0)); }, false, 0},
-    {"delay", [](window w) { return w.front(); }, true, 1},
-    {"delta", [](window w) { return w.back() - w.front(); }, true, 1},
-    {"mean", mean, true, 0},
-    {"std", deviation, true, 0},
-    {"zscore", [](window w) { return (w.back() - mean(w)) / deviation(w); }, true, 0},
-    {"rank", rank, true, 0},
-    {"min", [](window w) { return has_nan(w) ? undefined : std::ranges::min(w); }, true, 0},
-    {"max", [](window w) { return has_nan(w) ? undefined : std::ranges::max(w); }, true, 0},
+    {"abs", each<[](double x) { return std::fabs(x); }>, false, 0},
+    {"log", each<[](double x) { return std::log(x); }>, false, 0},
+    {"sign", each<[](double x) { return std::isnan(x) ? x : static_cast<double>((x > 0) - (x < 0)); }>, false, 0},
+    {"delay", earliest, true, 1},
+    {"delta", differences, true, 1},
+    {"mean", means, true, 0},
+    {"std", deviations, true, 0},
+    {"zscore", zscores, true, 0},
+    {"rank", ranks, true, 0},
+    {"min", extremes<std::less<>>, true, 0},
+    {"max", extremes<std::greater<>>, true, 0},
 };
 
-/// Evaluates by recursive descent; each rule answers the values of what it has read.
+/// Evaluates by recursive descent; each rule returns the values of what it has read.
 class reader {
   public:
     /// All inputs have that many days.
@@ -154,8 +216,8 @@ class reader {
         }
         require(')');
         series result(days_, undefined);
-        for (std::size_t last = length - 1; last < days_; ++last)
-            result[last] = called.of(window(argument).subspan(last + 1 - length, length));
+        if (length <= days_)
+            called.of(argument, length, std::span(result).subspan(length - 1));
         return result;
     }
     template <typename Number> Number number(Number least, Number most, const std::string& what) {

@@ -45,6 +45,21 @@ template <typename Answer> Answer guarded(Answer failed, auto body) {
     return failed;
 }
 
+/// Runs what touches nothing of Python, while other threads run. No destructor takes the lock again: as the interpreter
+/// ends, that can end the thread, which no destructor may.
+void without_lock(auto body) {
+    std::exception_ptr failure;
+    PyThreadState* const state = PyEval_SaveThread();
+    try {
+        body();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    PyEval_RestoreThread(state);
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
 inline void add(PyObject* module, const char* name, const object& value) {
     require(PyModule_AddObjectRef(module, name, value.get()) == 0);
 }

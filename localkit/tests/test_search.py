@@ -96,8 +96,13 @@ def test_what_is_refused():
     for text, column in columns.items():
         with pytest.raises(ValueError, match=f"^column {column}: "):
             B.evaluate(text, {"x": X, "y": Y})
+    with pytest.raises(ValueError, match=r"^column 4: "):
+        B.screen(("x", "x +"), {"x": X}, (Y,), 0.1, 0.1)
     for none in (X[1:], memoryview(bytearray(81))[1:].cast("d"), memoryview(X)[::2], array("f", [1]), [1.0]):
-        for function, arguments in ((B.evaluate, ("x", {"x": none, "y": Y})), (B.correlation, (X, none))):
+        for function, arguments in (
+            (B.evaluate, ("x", {"x": none, "y": Y})), (B.correlation, (X, none)), (B.profit, (X, none, 1, 0)),
+            (B.screen, (("x", "y"), {"x": X, "y": -X}, (X, none), 0.1, 0.1)),
+        ):  # fmt: skip
             with pytest.raises((ValueError, TypeError)):
                 function(*arguments)
 
@@ -116,6 +121,22 @@ def test_measures():
     for bins in (1, 4, 16):
         assert B.mutual_information(X, Y, bins) == pytest.approx(mutual_information(x, y, bins))
     assert all(map(math.isnan, (B.sharpe(SAME), B.correlation(X, SAME), B.sharpe(array("d")))))
+
+
+@pytest.mark.parametrize(("least", "side"), [(0.0, 0.0), (0.2, 0.1), (0.05, 0.5)])
+def test_a_first_look_is_what_the_plain_measures_give(least, side):
+    targets = (X, -Y, Y, SAME, RANDOM.normal(size=DAYS), X * Y)  # more than are taken at once
+    texts = tuple(text for text in TEXTS if "90" not in text)
+    looks = B.screen(texts, {"x": X, "y": Y}, targets, least, side)
+    for text, look in zip(texts, looks, strict=True):
+        values = np.asarray(B.evaluate(text, {"x": X, "y": Y}))
+        sides = min(np.count_nonzero(values > 0), np.count_nonzero(values < 0))
+        correlations = [B.correlation(values, target) for target in targets]
+        if sides >= side * DAYS and any(abs(one) >= least for one in correlations):
+            np.testing.assert_equal([list(part) for part in look], [list(values), correlations], text)
+        else:
+            assert look is None, text
+    assert None in looks or least == 0
 
 
 SEARCHER = """import sys; from corvane import agent_onboarding, search_templates
@@ -301,8 +322,6 @@ def test_velocity_and_suggestions_are_counted(tmp_path, monkeypatch):
             assert corvane.get_search_velocity() == search_templates.SearchVelocity(rate, trend)
     found = [(one.reason, one.use.name, one.use.tried, one.use.found) for one in corvane.get_suggestions()]
     assert found == [("promising", "log", 45, 8), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
-    for values, changes in (([1] * 9 + [-1], True), ([1] * 9 + [0], False), ([-1] * 95 + [1] * 5, False)):
-        assert search_templates._changes_side(memoryview(np.array(values, float))) is changes
 
 
 def test_the_skills_are_there():
