@@ -36,7 +36,7 @@ test-arm: $(VENV)/.run ## Test the aarch64 wheels of dist/ (make wheels) under q
 
 test-agents: ## Test that the functions are tools of six agent frameworks (in an environment of their own: .venv-agents)
 	@$(MAKE) --no-print-directory VENV=.venv-agents LOCK=agents install
-	@.venv-agents/bin/mypy $(filter-out examples/test_tools.py examples/fleet.py,$(wildcard examples/*.py))
+	@.venv-agents/bin/mypy $(filter-out examples/test_tools.py examples/fleet.py examples/fleet_nursery.py,$(wildcard examples/*.py))
 	@.venv-agents/bin/python -P -m pytest examples $(TEST_OPTIONS) && echo "make test-agents: passed" \
 	 || { echo "make test-agents: FAILED"; exit 1; }
 
@@ -48,7 +48,7 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py src/corvane_agent_onboarding_pyinstaller tools docs/draw_architecture.py examples/fleet.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py src/corvane_agent_onboarding_pyinstaller tools docs/draw_architecture.py examples/fleet.py examples/fleet_nursery.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@sed -n '/^```python/,/^```/{/^```/d;p;}' README.md >build/readme_example.py
 	@cd build && $(CURDIR)/$(VENV)/bin/mypy --strict readme_example.py ../tests/typing_example.py

@@ -95,12 +95,12 @@ def make_locks(agents: list[Agent], base: Path) -> None:
     os.umask(0o077)  # for Ray's own files, too: its token, its logs
     try:
         (base / LOCKS).mkdir(parents=True, exist_ok=True)
+        if base.stat().st_mode & 0o077:
+            raise click.ClickException(f"{base} is open to other users; choose another directory, or chmod 700 it.")
         for agent in agents:
             open(base / LOCKS / agent.name, "a").close()  # whose time stays: an old note must not look like a new one
     except OSError as exc:
         raise click.ClickException(f"{base} cannot be used: {exc.strerror}: {exc.filename}") from exc
-    if base.stat().st_mode & 0o077:
-        raise click.ClickException(f"{base} is open to other users; choose another directory, or chmod 700 it.")
 
 
 def noted(agents: list[Agent], base: Path, server_url: str) -> dict[str, Outcome]:
@@ -108,7 +108,7 @@ def noted(agents: list[Agent], base: Path, server_url: str) -> dict[str, Outcome
     found = {}
     for agent in agents:
         lock, key = base / LOCKS / agent.name, base / agent.name / "wallet.key"
-        with contextlib.suppress(FileNotFoundError):
+        with contextlib.suppress(OSError, ValueError):  # whatever is wrong there, the agent's process says it
             kept = key.stat()
             if kept.st_size and kept.st_ctime <= lock.stat().st_mtime:
                 url, _, address = lock.read_text().rstrip("\n").partition(" ")
@@ -134,8 +134,10 @@ def wait_for_processes(agents: list[Agent], base: Path, seconds: float = 10.0) -
 
 
 def batch(program: str, job: dict[str, Any]) -> Iterator[tuple[str, bool, str]]:
-    """The names and outcomes of a batch, as its agents are done. Ray's processes have threads, so that they cannot fork
-    themselves."""
+    """The names and outcomes of a batch, as its agents are done.
+
+    Ray's own process has threads, and so must not fork: another one does.
+    """
     command = [sys.executable, "-P", "-c", program]
     with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as nursery:
         assert nursery.stdin is not None and nursery.stdout is not None
@@ -189,6 +191,7 @@ def onboard(agents: list[Agent], at_once: int, ray_address: str, job: dict[str, 
         contextlib.redirect_stdout(sys.stderr),
         ray.init(ray_address, logging_level="error", log_to_driver=False, **options),
     ):
+        signal.signal(signal.SIGTERM, signal.default_int_handler)  # as Ctrl-C; Ray's handler would abort
         # Not tried again by Ray, which would begin the whole batch anew.
         task = ray.remote(num_returns="streaming", max_retries=0, num_cpus=1, scheduling_strategy="SPREAD")(batch)
         program = NURSERY.read_text()  # goes with the batch: other machines need not have it

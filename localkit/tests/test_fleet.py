@@ -1,10 +1,14 @@
-"""examples/fleet.py with Ray: services that go away, processes that are killed, bad invites, and the run after that."""
+"""examples/fleet.py: services that go away, processes that are killed, bad invites, Ctrl-C, and the run after that."""
 
 import contextlib
+import csv
+import fcntl
+import json
 import os
 import signal
 import subprocess
 import sys
+import time
 from pathlib import Path
 
 import pytest
@@ -12,18 +16,19 @@ import pytest
 from corvane import auth
 from corvane_local.store import Store
 
-pytestmark = pytest.mark.fleet
-COMMAND = [sys.executable, "-P", Path(__file__).parents[2] / "examples/fleet.py"]
+EXAMPLES = Path(__file__).parents[2] / "examples"
+COMMAND = [sys.executable, "-P", EXAMPLES / "fleet.py"]
 AGENTS = int(os.environ.get("FLEET_AGENTS", "12"))
 AT_ONCE = max(4, AGENTS // 12)
 REFUSED = ("is unknow", "has been ", "required.")  # what follows "invite code", by kind of bad code
 
 
-def fleet(agents, base, url):
+def fleet(agents, base, url, *options, **environment):
     agents_file = base.with_suffix(".txt")
     agents_file.write_text("".join(f"{name},{code}\n" for name, code in agents.items()))
-    command = [*COMMAND, agents_file, base, "--server-url", url, "--at-once", str(AT_ONCE)]
-    return subprocess.Popen(command, stdout=-1, stderr=-1, text=True)
+    command = [*COMMAND, agents_file, base, "--server-url", url, "--at-once", str(AT_ONCE), *options]
+    env = os.environ | environment
+    return subprocess.Popen(command, stdout=-1, stderr=-1, text=True, env=env, start_new_session=True)
 
 
 def outcomes(process, status):
@@ -33,19 +38,36 @@ def outcomes(process, status):
     return dict(line.split(maxsplit=1) for line in out.splitlines())
 
 
-def at_work(base, driver):
-    """The processes that have the lock file of an agent open, while the example runs."""
-    assert driver.poll() is None, driver.communicate()[1]
+def at_work(base):
+    """The processes that have the lock file of an agent open."""
     found = set()
     for descriptor in Path("/proc").glob("[0-9]*/fd/*"):
         with contextlib.suppress(OSError):
             if os.readlink(descriptor).startswith(f"{base}/.locks/"):
                 found.add(int(descriptor.parts[2]))
-    return found - {driver.pid}
+    return found
 
 
+def private_kilobytes(process):
+    with contextlib.suppress(OSError):
+        lines = Path(f"/proc/{process}/smaps_rollup").read_text().splitlines()
+        return sum(int(line.split()[1]) for line in lines if line.startswith("Private_"))
+    return 0
+
+
+def kill_at_work(base, generation):
+    """Kills a process at work, the one that forks, or Ray's: an agent's own, its parent or its grandparent."""
+    while True:
+        with contextlib.suppress(IndexError, OSError):
+            victim = sorted(at_work(base))[0]
+            for _ in range(generation):
+                victim = int(Path(f"/proc/{victim}/stat").read_text().rpartition(")")[2].split()[1])
+            return os.kill(victim, signal.SIGKILL)
+
+
+@pytest.mark.fleet
 def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
-    base, killed, most = tmp_path / "agents", set(), 0
+    base, most, largest = tmp_path / "agents", 0, 0
     with contextlib.ExitStack() as stack:
         service = stack.enter_context(start())
         stores = Store(tmp_path / "elsewhere.db"), Store(tmp_path / "service.db")
@@ -57,20 +79,21 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
         used = dict(service.rows("SELECT code, used_by FROM invites WHERE used_by IS NOT NULL"))
         good = {f"agent-{number}": service.invite() for number in range(AGENTS)}
         process = fleet(good | bad, base, service.url)
-        for wanted in range(2, AGENTS // 2, 6):
+        for generation, wanted in enumerate(range(2, AGENTS // 2, max(1, AGENTS // 36))):
             while len(service.rows("SELECT * FROM wallets")) < len(used) + wanted:
-                most = max(most, len(at_work(base, process)))
+                working = at_work(base) - {process.pid}
+                most, largest = max(most, len(working)), max([largest, *map(private_kilobytes, working)])
             service.process.kill()
-            while not (working := at_work(base, process) - killed):
-                pass
-            killed.add(victim := working.pop())
-            os.kill(victim, signal.SIGKILL)
+            assert process.poll() is None, process.communicate()[1]
+            kill_at_work(base, generation % 3)
             service = stack.enter_context(start("--port", service.url.rpartition(":")[2]))
         first = outcomes(process, 1)
         assert [first.pop(name).partition("nvite code ")[2][:9] for name in bad] == [*REFUSED * AGENTS][: len(bad)]
-        second = outcomes(fleet(good, base, service.url), 0)
+        two = [fleet(good, base, service.url) for _ in range(2)]
+        second, other = (outcomes(process, 0) for process in two)
         service.process.kill()
-        assert outcomes(fleet(good, base, service.url), 0) == second  # without anybody that would miss the service
+        (tmp_path / "ray.py").write_text("raise RuntimeError('was imported')")  # nor is there a service to be missed
+        assert outcomes(fleet(good, base, service.url, PYTHONPATH=str(tmp_path)), 0) == second == other
         assert len(second) == AGENTS and second | first == second
         for name, address in second.items():
             key = base / name / "wallet.key"
@@ -79,12 +102,78 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
         used |= {good[name]: address for name, address in second.items()}
         assert dict(service.rows("SELECT code, used_by FROM invites")) == used
         assert sorted(service.rows("SELECT address FROM wallets")) == sorted((address,) for address in used.values())
-    assert 1 < most <= AT_ONCE and killed
+    assert 1 < most <= AT_ONCE and 1000 < largest < 25_000
 
 
-@pytest.mark.parametrize("text", ["a,CORV-1\nb,corv-1", "a,x\na,y", "../a,x", ",x\n.locks,y", "a/b,x"])
-def test_bad_lists_start_nothing(text, tmp_path):
-    (tmp_path / "list").write_text(text)
-    command = [*COMMAND, tmp_path / "list", tmp_path / "base", "--server-url", "https://127.0.0.1:1"]
+@pytest.mark.fleet
+@pytest.mark.parametrize(("send", "number"), [(os.killpg, signal.SIGINT), (os.kill, signal.SIGTERM)])
+def test_an_interruption_ends_all_processes_and_says_what_is_done(send, number, service, tmp_path):
+    base, agents = tmp_path / "agents", {f"a{number}": service.invite() for number in range(10 * AT_ONCE)}
+    process = fleet(agents, base, service.url, "--json")
+    while not any(lock.stat().st_size for lock in base.glob(".locks/*")):
+        assert process.poll() is None, process.communicate()[1]
+        time.sleep(0.01)
+    send(process.pid, number)
+    out, err = process.communicate()
+    assert process.returncode == 130 and "Interrupted: " in err and not at_work(base)
+    done = {lock.name: lock.read_text().split()[1] for lock in base.glob(".locks/*") if lock.stat().st_size}
+    table = {row["name"]: row["address"] for row in json.loads(out)}
+    assert table == dict.fromkeys(agents) | done and 0 < len(done) < len(agents)
+    out, err = fleet(agents, base, service.url, "--csv").communicate()
+    table = {row["name"]: row["address"] for row in csv.DictReader(out.splitlines())}
+    assert table.keys() == agents.keys() and all(table.values()) and table | done == table
+
+
+def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
+    agents = {name: service.invite() for name in ("good", "no lock", "held", "killed")} | {"bad": "junk"}
+    base, job = tmp_path / "agents", {"agents": list(agents.items()), "locks": "", "at_once": 5, "attempts": 1}
+    base.mkdir()
+    with contextlib.ExitStack() as held:
+        for name in agents.keys() - {"no lock"}:
+            lock = held.enter_context(open(tmp_path / name, "w"))
+            if name in ("held", "killed"):
+                fcntl.lockf(lock, fcntl.LOCK_EX)
+        job |= {"locks": "..", "base": str(base), "server_url": service.url, "time_limit": 3, "parent": os.getpid()}
+        job |= {"certificates": os.environ["SSL_CERT_FILE"]}
+        command = [sys.executable, "-P", EXAMPLES / "fleet_nursery.py"]
+        with subprocess.Popen(command, stdin=-1, stdout=-1, text=True) as nursery:
+            nursery.stdin.write(json.dumps(job))
+            nursery.stdin.close()
+            killed = set()
+            while len(killed) < 4:
+                for descriptor in Path("/proc").glob("[0-9]*/fd/*"):
+                    process = int(descriptor.parts[2])
+                    with contextlib.suppress(OSError):
+                        if os.readlink(descriptor) == f"{tmp_path}/killed" and process not in {os.getpid(), *killed}:
+                            os.kill(process, signal.SIGKILL)
+                            killed.add(process)
+            told = {name: (onboarded, text) for name, onboarded, text in map(json.loads, nursery.stdout)}
+    address = service.rows("SELECT used_by FROM invites WHERE code = ?", agents["good"])[0][0]
+    assert told.pop("good") == (True, address) and (tmp_path / "good").read_text() == f"{service.url} {address}\n"
+    assert {name: text.partition(":")[0] for name, (_, text) in told.items()} == {
+        "no lock": "FileNotFoundError", "held": "TimeoutError", "killed": "ChildProcessError", "bad": "ValueError",
+    }  # fmt: skip
+    assert nursery.returncode == 0 and [*base.glob("*/wallet.key")] == [base / "good/wallet.key"]
+
+
+URL = "https://127.0.0.1:1"
+BAD = [
+    (b"a,CORV-1\nb,corv-1", URL, "base", "line 2: this invite code is on line 1"),
+    (b"a,x\na,y", URL, "base", "line 2: there is an agent 'a' on an earlier line"),
+    (b"../a,x", URL, "base", "line 1: '../a' cannot be the name of a directory"),
+    (b",x\n.locks,y", URL, "base", "line 2: '.locks' cannot"),
+    (b"# \xc3\xa4\na/b,x", URL, "base", "line 2: 'a/b' cannot"),
+    (b"a,x\nb,\n", URL, "base", "line 2: there is no invite code behind 'b'"),
+    (b"\x7fELF\xff\n", URL, "base", "not UTF-8 text"),
+    (b"a,x", "http://service.example", "base", "must use https"),
+    (b"a,x", URL, "list/base", "cannot be used: Not a directory"),
+]
+
+
+@pytest.mark.parametrize(("text", "url", "base", "reason"), BAD)
+def test_bad_input_starts_nothing(text, url, base, reason, tmp_path):
+    (tmp_path / "list").write_bytes(text)
+    command = [*COMMAND, tmp_path / "list", tmp_path / base, "--server-url", url]
     done = subprocess.run(command, capture_output=True, text=True)
-    assert done.returncode == 2 and "line " in done.stderr and not (tmp_path / "base").exists()
+    said = " ".join(done.stderr.replace("\n", " ").split())
+    assert done.returncode in (1, 2) and reason in said and "Traceback" not in said and not (tmp_path / base).exists()
