@@ -17,7 +17,7 @@ from corvane import auth
 from corvane_local.store import Store
 
 EXAMPLES = Path(__file__).parents[2] / "examples"
-COMMAND = [sys.executable, "-P", EXAMPLES / "fleet.py"]
+COMMAND, NURSERY = ([sys.executable, "-P", EXAMPLES / name] for name in ("fleet.py", "fleet_nursery.py"))
 AGENTS = int(os.environ.get("FLEET_AGENTS", "12"))
 AT_ONCE = max(4, AGENTS // 12)
 REFUSED = ("is unknow", "has been ", "required.")  # what follows "invite code", by kind of bad code
@@ -135,12 +135,12 @@ def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
                 fcntl.lockf(lock, fcntl.LOCK_EX)
         job |= {"locks": "..", "base": str(base), "server_url": service.url, "time_limit": 3, "parent": os.getpid()}
         job |= {"certificates": os.environ["SSL_CERT_FILE"]}
-        command = [sys.executable, "-P", EXAMPLES / "fleet_nursery.py"]
-        with subprocess.Popen(command, stdin=-1, stdout=-1, text=True) as nursery:
-            nursery.stdin.write(json.dumps(job))
+        with subprocess.Popen(NURSERY, stdin=-1, stdout=-1, text=True) as nursery:
+            json.dump(job, nursery.stdin)
             nursery.stdin.close()
             killed = set()
             while len(killed) < 4:
+                assert nursery.poll() is None
                 for descriptor in Path("/proc").glob("[0-9]*/fd/*"):
                     process = int(descriptor.parts[2])
                     with contextlib.suppress(OSError):
@@ -154,6 +154,23 @@ def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
         "no lock": "FileNotFoundError", "held": "TimeoutError", "killed": "ChildProcessError", "bad": "ValueError",
     }  # fmt: skip
     assert nursery.returncode == 0 and [*base.glob("*/wallet.key")] == [base / "good/wallet.key"]
+
+
+def test_no_process_outlives_the_one_that_started_it(tmp_path):
+    (tmp_path / ".locks").mkdir()
+    job = {"agents": [("a", "CODE")], "base": str(tmp_path), "locks": ".locks", "at_once": 1, "time_limit": 60}
+    job |= {"server_url": URL, "attempts": 1, "certificates": None}
+    with open(tmp_path / ".locks/a", "w") as lock:
+        fcntl.lockf(lock, fcntl.LOCK_EX)  # so that the agent's process waits
+        with subprocess.Popen(["sh", "-c", '"$@"; :', "sh", *NURSERY], stdin=-1, text=True) as parent:
+            json.dump(job | {"parent": parent.pid}, parent.stdin)
+            parent.stdin.close()
+            while at_work(tmp_path) == {os.getpid()}:
+                assert parent.poll() is None
+            parent.kill()
+        end = time.monotonic() + 20
+        while at_work(tmp_path) != {os.getpid()}:
+            assert time.monotonic() < end
 
 
 URL = "https://127.0.0.1:1"
