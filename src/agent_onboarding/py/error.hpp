@@ -8,6 +8,13 @@
 #include <concepts>
 #include <exception>
 
+#ifdef _LIBCPP_VERSION // libc++ has it and does not declare it
+namespace __cxxabiv1 {
+struct __cxa_eh_globals;
+extern "C" __cxa_eh_globals* __cxa_get_globals();
+} // namespace __cxxabiv1
+#endif
+
 namespace corvane::py {
 
 struct frame;
