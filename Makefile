@@ -73,7 +73,8 @@ wheel wheels: export SOURCE_DATE_EPOCH := 1767225600
 wheel wheels: export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
 wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for every Linux that is as old as auditwheel says
 	@rm -rf dist build/wheel && mkdir -p build
-	@$(PY) -P -m build --no-isolation --outdir build/wheel . >build/wheel.log 2>&1 || { cat build/wheel.log; exit 1; }
+	@CXX=$$(tools/check-compiler) && export CXX && $(PY) -P -m build --no-isolation --outdir build/wheel . >build/wheel.log 2>&1 \
+	 || { cat build/wheel.log; exit 1; }
 	@$(PY) -P -m auditwheel repair --plat auto --wheel-dir dist build/wheel/*.whl >build/wheel.log 2>&1 || { cat build/wheel.log; exit 1; }
 	@mv build/wheel/*.tar.gz dist && ls -l dist
 
@@ -100,7 +101,7 @@ endif
 .PHONY: anew
 
 $(PY):
-	@tools/check-compiler
+	@tools/check-compiler >/dev/null
 	@python=$$(tools/find-python) && echo "Setting up $(VENV) (once) with $$python." && "$$python" -m venv --clear $(VENV)
 
 $(LOCKED): $(VENV)/.%: requirements/%.txt $(PY)
@@ -116,7 +117,6 @@ $(VENV)/.data: requirements/data.txt $(PY)
 
 # Without build isolation, so that the locked build tools are the ones used; --no-index because nothing else is needed.
 $(VENV)/.installed: $(VENV)/.$(LOCK) $(VENV)/.data $(EXTENSION) $(KIT)
-	@tools/check-compiler
 	@echo "Building and installing the extension and the local kit."
-	@PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(PIP) --no-build-isolation --no-deps --no-index --force-reinstall . ./localkit
+	@CXX=$$(tools/check-compiler) && export CXX && PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(PIP) --no-build-isolation --no-deps --no-index --force-reinstall . ./localkit
 	@touch $@

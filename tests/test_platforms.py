@@ -59,6 +59,13 @@ def test_make_says_what_is_missing(tmp_path, surroundings, said, sets_up):
     assert (tmp_path / "venv").exists() is sets_up
 
 
+def test_a_compiler_that_does_not_work_is_passed_over(tmp_path):
+    (tmp_path / "c++").symlink_to("/bin/false")
+    surroundings = os.environ | {"PATH": f"{tmp_path}:{os.environ['PATH']}", "CXX": ""}
+    done = subprocess.run(["tools/check-compiler"], cwd=ROOT, env=surroundings, stdout=subprocess.PIPE, text=True)
+    assert done.stdout in ("g++\n", "clang++\n")
+
+
 def test_docstrings_are_as_they_are_written():
     """Hosts read them to the letter; from 3.13 on a compiler strips the indent of what it compiles."""
     assert m.update_nudge.__doc__.endswith(

@@ -42,7 +42,7 @@ def main(interpreters: list[str]) -> None:
     for processor in PROCESSORS:
         compiler = f"{processor}-linux-gnu-g++"
         if processor == platform.machine():
-            builders[processor] = {}
+            builders[processor] = {"CXX": run(ROOT / "tools" / "check-compiler")}
         elif shutil.which(compiler):
             builders[processor] = other_processor(processor, compiler)
         else:
