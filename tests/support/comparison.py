@@ -86,9 +86,9 @@ def left_open(before):
     """What was opened since. A test's server closes its end of a connection a moment after the client has gone."""
     for _ in range(200):
         leaked = descriptors() - before
-        links = [os.path.realpath(f"/proc/self/fd/{fd}") for fd in leaked]
-        if not any("socket:" in link or "/fd/" in link for link in links):  # the latter is closed by now
-            break
+        with contextlib.suppress(FileNotFoundError):  # closed by now
+            if not any("socket:" in os.readlink(f"/proc/self/fd/{fd}") for fd in leaked):
+                break
         time.sleep(0.005)
     return leaked
 
