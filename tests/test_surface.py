@@ -29,6 +29,8 @@ FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionTyp
 PUBLIC = [name for name in FUNCTIONS if not name.startswith("_")]
 FIXED_SIGNATURE_LINES = {
     "inject_heartbeat": "inject_heartbeat(working_dir: str = None) -> None",
+    "register": "register(invite_code: Optional[str] = None, data_dir: Optional[str] = None,"  # 3.14 writes str | None
+    " bootstrap_runtime: bool = False) -> corvane.agent_onboarding.WalletRegistration",
     "update_nudge": "update_nudge(trigger: str, **context) -> None",
 }
 
