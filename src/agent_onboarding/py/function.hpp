@@ -6,7 +6,6 @@
 
 #include "arguments.hpp"
 #include "call.hpp"
-#include "stack.hpp"
 
 #include <new>
 
@@ -32,6 +31,10 @@ template <typename... Parameters> constexpr std::size_t parameter_count(object (
 /// The interpreter's own way to call a function: raises its TypeError for arguments that do not fit, and runs the body
 /// for those that only it can bind.
 inline vectorcallfunc interpreted = nullptr;
+
+/// Py_EnterRecursiveCall for a native body; false with RecursionError set. Before 3.14 that counts calls only, which
+/// says little of larger frames than the interpreter's, and nothing of threads with small stacks.
+[[nodiscard]] bool enter_recursion();
 
 /// The body with its parameters. A template, so that the compiler can put the body into it: an exception is then thrown
 /// and caught in one C++ frame, at half the price.

@@ -1,4 +1,5 @@
-#include "stack.hpp"
+// The depth of calls: RecursionError before the thread's stack ends.
+#include "function.hpp"
 
 #include <pthread.h>
 #include <sys/auxv.h>
