@@ -2,9 +2,6 @@
 
 import math
 import os
-import re
-import secrets
-import stat
 from collections.abc import Callable, Mapping
 from dataclasses import dataclass, field
 from datetime import datetime
@@ -16,6 +13,7 @@ import numpy as np
 from corvane._batch import BatchOrchestrator, Expression
 from corvane._evaluation import RuntimeEvaluationAdapter, Series, Vault
 from corvane.auth import AuthManager
+from corvane.output_file import check_target, replacing
 from corvane.runtime_module_freshness import RuntimeFreshnessGuard
 from corvane.search_tracking import SearchTracker
 
@@ -26,7 +24,8 @@ class Simulation:
 
     Sharpe ratios are annualised, NaN if the profit never differs; `train_sharpe` is that of the days on which signals
     are searched, and so no surprise, `rest_sharpe` that of the days behind them. The greatest fall from a peak and the
-    total return are shares of the capital; `profit` is that of each day, `days` are numbers of the form YYYYMMDD.
+    total return are shares of the capital; `profit` is that of each day, `days` are numbers of the form YYYYMMDD, of
+    which the first `train_days` are those of the search.
     """
 
     expression: str
@@ -38,6 +37,7 @@ class Simulation:
     total_return: float
     days: memoryview = field(repr=False)
     profit: Series = field(repr=False, compare=False)
+    train_days: int = field(repr=False)
 
 
 @dataclass(frozen=True, kw_only=True)
@@ -63,8 +63,7 @@ class _Context:
     runtime_freshness_guard: RuntimeFreshnessGuard
 
 
-_BEGINNING = 4096  # bytes that tell a picture
-_MAGIC = {".png": rb"\x89PNG\r\n\x1a\n", ".svg": rb"(?s)(\xef\xbb\xbf)?\s*(<\?xml.*?|<!--.*?|<!DOCTYPE.*?)?<svg\b"}
+_PICTURES = {".png": rb"\x89PNG\r\n\x1a\n", ".svg": rb"(?s)(\xef\xbb\xbf)?\s*(<\?xml.*?|<!--.*?|<!DOCTYPE.*?)?<svg\b"}
 
 _context: _Context | None = None
 
@@ -126,10 +125,10 @@ def _simulate_signal_export(
     capital = np.cumprod(1 + profit)
     whole, train, rest = (evaluator.sharpe(profit[part]) for part in (slice(None), evaluator.train, evaluator.rest))
     fall = float(np.max(1 - capital / np.maximum.accumulate(capital)))
-    growth, days = float(capital[-1]) - 1, context.vault.dates
-    simulation = Simulation(expression.text, instrument, whole, train, rest, fall, growth, days, profit)
+    growth, days, split = float(capital[-1]) - 1, context.vault.dates, evaluator.train.stop
+    simulation = Simulation(expression.text, instrument, whole, train, rest, fall, growth, days, profit, split)
     if picture is not None:
-        _draw(simulation, capital, evaluator.train.stop, Path(picture))
+        _draw(simulation, capital, Path(picture))
     return simulation
 
 
@@ -141,52 +140,25 @@ def check_picture(path: str | os.PathLike[str], data_dir: str | os.PathLike[str]
             regular PNG or SVG file, such as a link; or the directory is, or lies in, that of an identity.
         OSError: What is there cannot be read.
     """
-    target = Path(path)
-    if target.suffix.lower() not in _MAGIC or target.name.startswith("wallet.key"):
-        raise ValueError(f"The picture must be a file NAME.png or NAME.svg, and not {target.name!r}.")
-    place = Path(os.path.realpath(target.parent))
-    for directory in (place, *place.parents):
-        if directory == Path(os.path.realpath(data_dir)) or os.path.lexists(directory / "wallet.key"):
-            raise ValueError(f"No picture is drawn into {directory}, which belongs to a wallet.")
-    try:
-        descriptor = os.open(target, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
-    except FileNotFoundError:
-        if place.is_dir():
-            return
-        raise
-    except OSError:
-        if not target.is_symlink():
-            raise
-        raise ValueError(f"{target} is a link, and was not replaced.") from None
-    with open(descriptor, "rb", buffering=0) as file:
-        is_regular = stat.S_ISREG(os.fstat(descriptor).st_mode)
-        beginning = (file.read(_BEGINNING) or b"") if is_regular else b""
-    if not any(re.match(magic, beginning) for magic in _MAGIC.values()):
-        raise ValueError(f"{target} is not a PNG or SVG picture, and was not replaced.")
+    check_target(path, _PICTURES, "PNG or SVG picture", [data_dir])
 
 
-def _draw(simulation: Simulation, capital: Series, train_days: int, path: Path) -> None:
+def _draw(simulation: Simulation, capital: Series, path: Path) -> None:
     from matplotlib.figure import Figure  # takes longer to import than all the rest; a figure of its own has no state
 
     dates = [datetime.strptime(str(day), "%Y%m%d") for day in simulation.days]
     figure = Figure(figsize=(9, 4.5), layout="constrained")
     axes = figure.add_subplot()
     axes.plot(dates, capital, linewidth=1)  # type: ignore[arg-type]
-    axes.axvline(dates[train_days], color="grey", linestyle="--", linewidth=1)  # type: ignore[arg-type]
+    axes.axvline(dates[simulation.train_days], color="grey", linestyle="--", linewidth=1)  # type: ignore[arg-type]
     axes.set_title(f"{simulation.expression} on {simulation.instrument}", fontsize=9)
     axes.set_ylabel("capital (begins with 1)")
     axes.set_xlabel(
         f"Sharpe ratio {_short(simulation.train_sharpe)} on the days of the search, "
         f"{_short(simulation.rest_sharpe)} behind the line"
     )
-    new = path.with_name(f".{secrets.token_hex(8)}{path.suffix}")
-    descriptor = os.open(new, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_NOFOLLOW | os.O_CLOEXEC, 0o666)
-    try:
-        with open(descriptor, "wb") as file:
-            figure.savefig(file, format=path.suffix[1:].lower(), dpi=100)
-        os.replace(new, path)
-    finally:
-        new.unlink(missing_ok=True)
+    with replacing(path) as file:
+        figure.savefig(file, format=path.suffix[1:].lower(), dpi=100)
 
 
 def _short(ratio: float) -> str:
