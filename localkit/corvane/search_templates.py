@@ -28,7 +28,6 @@ TEMPLATES: dict[str, Callable[[RuntimeEvaluationAdapter, int], Iterator[Expressi
 _MILESTONES = {1: "first_signal", 10: "10_signals", 100: "strategy_unlock"}
 _NOTE_SECONDS = 1.0  # between two notes in the tracker; what a kill loses of the counters
 _GREATEST_LIKENESS = 0.7  # correlation of profits; above it a signal is a variation of one that is known
-_LEAST_FOR_A_TREND = 8  # signals
 
 
 @dataclass(frozen=True)
@@ -165,7 +164,7 @@ class _Search:
             raise
         finally:
             self._note(outcome)
-        if _trend(self._tracker) == "down":
+        if self._tracker.record().trend() == "down":
             agent_onboarding.update_nudge("discovery_rate_declining")
         elapsed = time.monotonic() - began
         return SearchResult(self._evaluations, self._candidates, tuple(self._found), elapsed)
@@ -231,9 +230,8 @@ def search_status() -> SearchStatus:
 
 def get_search_velocity() -> SearchVelocity:
     """How many signals an hour of searching gives."""
-    tracker = _tracker()
-    hours = sum(run.noted_at - run.started_at for run in tracker.runs()) / 3600
-    return SearchVelocity(len(tracker.signals()) / hours if hours > 0 else 0.0, _trend(tracker))
+    record = _tracker().record()
+    return SearchVelocity(record.per_hour(), record.trend())
 
 
 def get_suggestions() -> list[Suggestion]:
@@ -255,15 +253,6 @@ def get_suggestions() -> list[Suggestion]:
 def _tracker() -> SearchTracker:
     runtime = _library_runtime or get_runtime()
     return runtime.search_tracker if runtime else SearchTracker(vars(agent_onboarding)["_config"]["data_dir"])
-
-
-def _trend(tracker: SearchTracker) -> str:
-    """The newest quarter of the evaluations compared with all: a half more or less is a trend."""
-    signals, evaluations = tracker.signals(), sum(run.evaluations for run in tracker.runs())
-    if len(signals) < _LEAST_FOR_A_TREND:
-        return "unknown"
-    share = sum(signal.evaluation > 0.75 * evaluations for signal in signals) / len(signals)
-    return "down" if share < 0.125 else "up" if share > 0.375 else "stable"
 
 
 def _uses(expression: Expression) -> list[tuple[str, str]]:

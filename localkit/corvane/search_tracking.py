@@ -1,13 +1,16 @@
 """What searches have found and how far they have come, in one SQLite file of the data directory."""
 
 import fcntl
+import math
 import os
 import sqlite3
 import time
+from bisect import bisect_right
 from collections.abc import Iterable, Iterator, Mapping
-from contextlib import contextmanager
+from contextlib import closing, contextmanager
 from dataclasses import astuple, dataclass, fields, replace
 from pathlib import Path
+from typing import get_type_hints
 
 _SCHEMA = """
 CREATE TABLE IF NOT EXISTS runs
@@ -22,6 +25,7 @@ CREATE TABLE IF NOT EXISTS uses
     (kind TEXT, name TEXT, tried INTEGER NOT NULL, found INTEGER NOT NULL, PRIMARY KEY (kind, name)) STRICT;
 """
 _BUSY_TIMEOUT = 10.0  # seconds
+_LEAST_FOR_A_TREND = 8  # signals
 
 
 @dataclass(frozen=True)
@@ -69,6 +73,110 @@ class Use:
     name: str
     tried: int
     found: int
+
+
+@dataclass(frozen=True)
+class Record:
+    """All searches and all found signals of a data directory, oldest first, and whether a search runs now."""
+
+    runs: list[Run]
+    signals: list[FoundSignal]
+    running: bool = False
+
+    def found_by(self) -> dict[int, int]:
+        """How many signals each run has found, by its number."""
+        found_at, found, evaluations = sorted(signal.evaluation for signal in self.signals), dict[int, int](), 0
+        for run in self.runs:
+            before, evaluations = evaluations, evaluations + run.evaluations
+            found[run.id] = bisect_right(found_at, evaluations) - bisect_right(found_at, before)
+        return found
+
+    def outcome(self, run: Run) -> str:
+        """How a run has ended: "finished", "interrupted", an error, "killed"; or that it is "running"."""
+        return run.outcome or ("running" if self.running and run == self.runs[-1] else "killed")
+
+    def per_hour(self) -> float:
+        """How many signals an hour of searching has given."""
+        hours = sum(run.noted_at - run.started_at for run in self.runs) / 3600
+        return len(self.signals) / hours if hours > 0 else 0.0
+
+    def trend(self) -> str:
+        """The newest quarter of the evaluations compared with all: a half more or less is a trend."""
+        evaluations = sum(run.evaluations for run in self.runs)
+        if len(self.signals) < _LEAST_FOR_A_TREND:
+            return "unknown"
+        share = sum(signal.evaluation > 0.75 * evaluations for signal in self.signals) / len(self.signals)
+        return "down" if share < 0.125 else "up" if share > 0.375 else "stable"
+
+
+def read_record(data_dir: str | os.PathLike[str]) -> Record:
+    """What the searches of a data directory have done. Makes and changes nothing; without a file, nothing was done.
+
+    Raises:
+        ValueError: The file is not a record of searches, or is spoilt.
+        OSError: It cannot be read.
+    """
+    path = Path(data_dir) / "search.db"
+    if path.is_symlink() or (path.exists() and not path.is_file()):
+        raise ValueError(f"{path} is not a regular file.")
+    try:
+        os.close(os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_CLOEXEC))  # SQLite would not say why it cannot
+    except FileNotFoundError:
+        return Record([], [])
+    try:
+        with closing(connect_to_read(path, _BUSY_TIMEOUT)) as db:
+            db.execute("BEGIN")  # both as they are at one moment
+            runs = _checked(Run, db.execute(f"SELECT {_names(Run)} FROM runs ORDER BY id"))
+            signals = _checked(FoundSignal, db.execute(f"SELECT {_names(FoundSignal)} FROM signals ORDER BY id"))
+    except sqlite3.DatabaseError as exc:
+        if "locked" in str(exc):
+            raise BlockingIOError(f"{path} is in use by another command.") from exc
+        raise ValueError(f"{path} is spoilt, or not a record of searches: {exc}.") from exc
+    except ValueError as exc:
+        raise ValueError(f"{path} is spoilt: {exc}.") from exc
+    return Record(runs, signals, _is_locked(path.with_name("search.lock")))
+
+
+def connect_to_read(path: Path, timeout: float) -> sqlite3.Connection:
+    """A connection that changes nothing, and leaves no file behind."""
+    # Without shared memory nobody has it open, and then it can be read without the one that would be made for it.
+    how = "mode=ro" if Path(f"{path}-shm").exists() else "mode=ro&immutable=1"
+    return sqlite3.connect(f"{path.absolute().as_uri()}?{how}", uri=True, timeout=timeout, isolation_level=None)
+
+
+def _names(kind: type[Run | FoundSignal]) -> str:
+    return ", ".join(field.name for field in fields(kind))
+
+
+def _checked[T: Run | FoundSignal](kind: type[T], rows: Iterable[tuple[object, ...]]) -> list[T]:
+    """The rows as records. Another program can have made the tables, with anything in them."""
+    hints = list(get_type_hints(kind).items())
+
+    def fits(name: str, hint: object, value: object) -> bool:
+        if not isinstance(value, hint):  # type: ignore[arg-type]
+            return False
+        if isinstance(value, float) and not math.isfinite(value):
+            return False
+        return not name.endswith("_at") or (isinstance(value, float) and 0 <= value < 1e11)
+
+    records = []
+    for row in rows:
+        for (name, hint), value in zip(hints, row, strict=True):
+            if not fits(name, hint, value):
+                raise ValueError(f"{name} cannot be {str(value)[:40]!r}")
+        records.append(kind(*row))  # type: ignore[arg-type]
+    return records
+
+
+def _is_locked(lock: Path) -> bool:
+    try:
+        with open(lock, "rb") as file:
+            fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
+    except BlockingIOError:
+        return True
+    except OSError:
+        return False
+    return False
 
 
 class SearchTracker:
@@ -120,12 +228,7 @@ class SearchTracker:
 
     def is_searching(self) -> bool:
         """Whether a search runs now, in this or in another process."""
-        with open(self._lock, "rb") as file:
-            try:
-                fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
-            except BlockingIOError:
-                return True
-            return False
+        return _is_locked(self._lock)
 
     def begin_run(self, template: str, seed: int, names: Mapping[str, Iterable[str]]) -> int:
         """The number of a new run; `names` are the functions and inputs that it can use, by kind."""
@@ -179,6 +282,10 @@ class SearchTracker:
         """All searches, oldest first."""
         with self._transaction() as db:
             return [Run(*row) for row in db.execute("SELECT * FROM runs ORDER BY id")]
+
+    def record(self) -> Record:
+        """All searches and found signals."""
+        return Record(self.runs(), self.signals(), self.is_searching())
 
     def uses(self) -> list[Use]:
         """All functions and inputs that a search could use, by kind and name."""

@@ -188,14 +188,14 @@ def check_searches(agent: Agent) -> Iterator[Finding | Looked]:
     import sqlite3
     from contextlib import closing
 
+    from corvane.search_tracking import connect_to_read
+
     path = agent.data_dir / "search.db"
     if kind_of(path) or not path.exists():
         return
     files = [file for file in (path, Path(f"{path}-wal"), Path(f"{path}-shm")) if file.exists()]
-    # Without shared memory nobody has it open, and then it can be read without the one that would be made for it.
-    how = "mode=ro" if Path(f"{path}-shm") in files else "mode=ro&immutable=1"
     try:
-        with closing(sqlite3.connect(f"{path.as_uri()}?{how}", uri=True, timeout=TIMEOUT)) as db:
+        with closing(connect_to_read(path, TIMEOUT)) as db:
             said = [row[0] for row in db.execute("PRAGMA quick_check(1)")]
     except sqlite3.DatabaseError as exc:
         said = [] if "locked" in str(exc) else [str(exc)]
