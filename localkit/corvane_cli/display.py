@@ -36,6 +36,8 @@ def remember_inputs(args: list[str]) -> None:
 
 def hide(text: str) -> str:
     """The text with every secret that was noted, and every password in an address, as `<hidden>`."""
+    if "@" not in text and not _KEY.search(text):  # what is noted has one or the other
+        return text
     for secret in sorted(_secrets, key=len, reverse=True):
         shown = HIDDEN + "@" * secret.endswith("@")
         text = re.sub(re.escape(secret), shown, text, flags=re.IGNORECASE)

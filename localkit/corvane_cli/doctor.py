@@ -3,7 +3,7 @@
 import os
 import re
 import shutil
-from collections.abc import Iterator
+from collections.abc import Iterable, Iterator
 
 from corvane_cli import interrupts
 from corvane_cli.doctor_directory import (
@@ -53,13 +53,22 @@ CHECKS: tuple[Check, ...] = (
     check_extension, check_directory, check_names, check_key_file, check_session, check_files, check_copies,
     check_searches, check_agent_host, check_trust,
 )  # fmt: skip
+OF_THE_MACHINE: tuple[Check, ...] = (check_extension, check_agent_host, check_trust)  # the same for all its identities
+
+
+def examine_identity(agent: Agent) -> list[Finding]:
+    """What there is to find offline in a directory itself. Of causes and effects the cause alone is told."""
+    report = Report()
+    for check in _due(agent, (check for check in CHECKS if check not in OF_THE_MACHINE), False, report):
+        note(agent, check, report)
+    return report.findings
 
 
 def diagnose(agent: Agent, online: bool) -> Report:
     """All that there is to find until the command's time is up. Of causes and effects the cause alone is told."""
     report, check = Report(), CHECKS[0]
     try:
-        for check in _due(agent, online, report):
+        for check in _due(agent, CHECKS, online, report):
             note(agent, check, report)
     except interrupts.OutOfTime:
         interrupts.disarm()  # it would come again
@@ -71,10 +80,10 @@ def diagnose(agent: Agent, online: bool) -> Report:
     return report
 
 
-def _due(agent: Agent, online: bool, report: Report) -> Iterator[Check]:
+def _due(agent: Agent, checks: Iterable[Check], online: bool, report: Report) -> Iterator[Check]:
     """The checks that make sense after what the report holds so far."""
     root = agent.data_dir
-    for check in CHECKS:
+    for check in checks:
         known = len(report.findings)
         yield check
         is_last = len(report.findings) > known and check is check_directory and os.path.lexists(root)
