@@ -48,7 +48,7 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
-	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py src/corvane_agent_onboarding_pyinstaller tools docs/draw_architecture.py examples/fleet.py examples/fleet_nursery.py
+	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane_pages localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py src/corvane_agent_onboarding_pyinstaller tools docs/draw_architecture.py examples/fleet.py examples/fleet_nursery.py
 	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
 	@sed -n '/^```python/,/^```/{/^```/d;p;}' README.md >build/readme_example.py
 	@cd build && $(CURDIR)/$(VENV)/bin/mypy --strict readme_example.py ../tests/typing_example.py

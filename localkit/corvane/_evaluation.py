@@ -37,6 +37,11 @@ class Vault(Mapping[str, memoryview]):
         return len(self._series)
 
 
+def trading_directions(era_config: Mapping[str, Any]) -> dict[str, float]:
+    """By pool, 1 where signals are traded with their sign, -1 where against it: in one with the name "Reversal"."""
+    return {pool["id"]: -1.0 if pool["name"].casefold() == "reversal" else 1.0 for pool in era_config["signal_pools"]}
+
+
 class RuntimeEvaluationAdapter:
     """Evaluates expressions over the days of an era, of which the first `train_days` are for searching.
 
@@ -76,9 +81,7 @@ class RuntimeEvaluationAdapter:
         if not 2 * horizon < train < days - 2 * horizon:
             raise ValueError(f"{train} training days and a horizon of {horizon} do not fit into {days} days.")
         self.train, self.rest = slice(0, train), slice(train, days)
-        self.directions = {
-            pool["id"]: -1.0 if pool["name"].casefold() == "reversal" else 1.0 for pool in era_config["signal_pools"]
-        }
+        self.directions = trading_directions(era_config)
         self.raw_backtester = raw_backtester
         self._least_correlation: float = era_config["thresholds"]["correlation"]
         self._targets = {(name, part.start): self._target(name, part) for name in vault for part in self._parts}

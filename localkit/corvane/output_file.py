@@ -1,4 +1,4 @@
-"""Files that a caller names for a result: they take the place of nothing but an earlier result, and are whole or absent."""
+"""Files that a caller names for a result: they replace nothing but an earlier result, and are whole or absent."""
 
 import os
 import re

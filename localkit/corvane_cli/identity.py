@@ -76,6 +76,12 @@ class Agent:
         self._session_path = self.data_dir / "session.json"
         self._asked_url = server_url.rstrip("/") if server_url else None
 
+    def elsewhere(self, data_dir: str) -> "Agent":
+        """The identity in another directory, with the key that is stored there, for the same options."""
+        other = Agent(data_dir, self._asked_url)
+        other.env_key, other.key_source = "", str(other.data_dir / "wallet.key")
+        return other
+
     @property
     def server_url(self) -> str:
         """The address of the service; empty if only the kit could tell, and it cannot be loaded."""

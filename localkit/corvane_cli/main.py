@@ -5,6 +5,7 @@ from click.shell_completion import get_completion_class
 
 # What takes long to import is imported where it is used, so that the rest is quick: see `make bench`.
 from corvane_cli.command import COMPLETION_VARIABLE, Group, Result
+from corvane_cli.found_commands import report, searches, signals
 from corvane_cli.machine_commands import agents_md, demo, doctor, heartbeat
 from corvane_cli.search_commands import search, simulate, sync
 from corvane_cli.shared import command
@@ -41,7 +42,7 @@ def completion(shell: str) -> Result:
 
 for _one in (
     *(register, login, logout, whoami, status),
-    *(sync, search, simulate),
+    *(sync, search, simulate, signals, searches, report),
     *(heartbeat, agents_md, doctor, demo, completion),
 ):
     main.add_command(_one)

@@ -1,12 +1,13 @@
 """Downloading the era, searching it, and what a signal would have earned."""
 
 from dataclasses import asdict
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
 import click
 
 from corvane_cli.command import Exit, Failure, Result, table
 from corvane_cli.identity import Agent
+from corvane_cli.listing import csv_lines, csv_option, refuse_json_with_csv
 from corvane_cli.shared import (
     bootstrap_runtime,
     command,
@@ -20,6 +21,16 @@ from corvane_cli.shared import (
     sign_in,
     sync_files,
     value_lines,
+)
+
+if TYPE_CHECKING:
+    from corvane.simulate_signal import Simulation
+
+_SERIES = (
+    "date (YYYY-MM-DD)",
+    "profit (share of the capital)",
+    "capital (begins with 1)",
+    "days of the search (1 or 0)",
 )
 
 
@@ -84,18 +95,34 @@ def search(
     return Result({**asdict(found), "seed": seed}, lines)
 
 
-@command("simulate", "simulate 4 --picture signal-4.png", 'simulate "zscore(IBM, 20)" --instrument MSFT')
+@command(
+    "simulate",
+    "simulate 4 --picture signal-4.png",
+    "simulate 4 --csv > signal-4.csv",
+    'simulate "zscore(IBM, 20)" --instrument MSFT',
+)
 @click.argument("signal")
 @click.option("--instrument", help="What is traded.", show_default="the one of the signal")
 @click.option("--picture", type=click.Path(dir_okay=False), help="Draw the growth of the capital: FILE.png or .svg.")
+@csv_option
 @progress_option
 @dry_run_option
 def simulate(
-    agent: Agent, signal: str, instrument: str | None, picture: str | None, progress: bool | None, dry_run: bool
+    agent: Agent,
+    signal: str,
+    instrument: str | None,
+    picture: str | None,
+    as_csv: bool,
+    progress: bool | None,
+    dry_run: bool,
 ) -> Result:
-    """Say what trading a found signal (its number) or an expression would have earned, after costs."""
+    """Say what trading a found signal (its number) or an expression would have earned, after costs.
+
+    With --csv, that is what it would have earned on each day.
+    """
     from corvane.simulate_signal import _simulate_signal_export, check_picture
 
+    refuse_json_with_csv(as_csv)
     if picture:
         check_picture(picture, agent.data_dir)
     sign_in(agent, dry_run)
@@ -104,7 +131,18 @@ def simulate(
     bootstrap_runtime(agent, progress)
     number_or_text = int(signal) if signal.isdecimal() else signal
     simulation = _simulate_signal_export(number_or_text, instrument=instrument, picture=picture)
+    if as_csv:
+        return Result({}, csv_lines(_SERIES, _series(simulation)))
     names = ("expression", "instrument", "sharpe", "train_sharpe", "rest_sharpe", "max_drawdown", "total_return")
     values = {name: getattr(simulation, name) for name in names}
     data = {name: None if value != value else value for name, value in values.items()}  # JSON has no NaN
     return Result({**data, "picture": picture}, value_lines(values))
+
+
+def _series(simulation: "Simulation") -> list[tuple[object, ...]]:
+    capital, rows = 1.0, list[tuple[object, ...]]()
+    for number, (day, profit) in enumerate(zip(simulation.days, simulation.profit.tolist(), strict=True)):
+        capital *= 1 + profit
+        date = f"{day // 10000:04}-{day // 100 % 100:02}-{day % 100:02}"
+        rows.append((date, round(profit, 8), round(capital, 8), int(number < simulation.train_days)))
+    return rows
