@@ -21,6 +21,7 @@ from corvane.auth import signed_message, wallet_address
 from corvane.manifest import Manifest
 from corvane_local.eras import ACTIVE_ERA, ERAS, Era
 from corvane_local.failures import FailureLimit
+from corvane_local.operator_page import Operator, Refusals, Watch, operator_routes
 from corvane_local.store import Proof, Refused, Release, Store
 
 MAX_BODY = 64 * 1024  # bytes
@@ -107,16 +108,20 @@ _BEARER = HTTPBearer(auto_error=False, description="A token from /auth/register 
 Bearer = Annotated[HTTPAuthorizationCredentials | None, Depends(_BEARER)]
 
 
-def create_app(store: Store, files: Path, failure_seconds: float = 60.0) -> FastAPI:
+def create_app(store: Store, files: Path, failure_seconds: float, operator_token: str) -> FastAPI:
     """The ASGI application over one database. Its description is served at /openapi.json.
 
     Args:
         store: The database.
         files: The directory of the published files, each under its digest.
         failure_seconds: How long it takes until all failures are forgotten.
+        operator_token: What opens the operator's page.
     """
     app = FastAPI(title="Corvane local service", version="0.1.0", docs_url=None, redoc_url=None, redirect_slashes=False)
+    refusals = Refusals()
     app.add_middleware(BodyLimit)
+    app.add_middleware(Watch, refusals=refusals)  # around the other
+    app.include_router(operator_routes(store, files, Operator(operator_token, failure_seconds), refusals))
     # A key is public: counted by itself, a stranger's failures would lock its owner out. A client may be the address of
     # many agents, each of which errs now and then.
     by_key, by_client = FailureLimit(10, failure_seconds), FailureLimit(300, failure_seconds)

@@ -91,18 +91,24 @@ def serve(
     """Serve HTTPS on 127.0.0.1 until SIGTERM or Ctrl-C.
 
     The first line printed is the address, once it can be reached; the second says which certificate authority clients
-    must trust.
+    must trust. The third says where the operator's token is, which opens the page at the address; a token that was just
+    made is printed as well, once.
     """
     import uvicorn  # here, like what needs it: the other commands would wait for it
 
     from corvane_local.app import create_app
     from corvane_local.certificates import ensure_certificates
     from corvane_local.connections import MAX_HEAD, Connection
+    from corvane_local.operator_page import TOKEN_FILE, ensure_token
     from corvane_local.releases import publish
 
     store = _open_store(state, challenge_seconds=challenge_seconds, token_seconds=token_seconds)
     publish(store, state / FILES)
     authority, certificate, key = ensure_certificates(state)
+    try:
+        token, is_new = ensure_token(state)
+    except ValueError as exc:
+        raise click.ClickException(str(exc)) from exc
     listener = socket.socket(proto=socket.IPPROTO_TCP)  # asyncio turns Nagle's algorithm off only where it sees TCP
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     try:
@@ -118,6 +124,8 @@ def serve(
             try:
                 click.echo(f"https://127.0.0.1:{listener.getsockname()[1]}")
                 click.echo(f"export SSL_CERT_FILE={authority.resolve()}")
+                shown = f", and only now here: {token}" * is_new
+                click.echo(f"operator's token: in {state.resolve() / TOKEN_FILE}{shown}")
             except OSError as exc:  # raised from here, it would be logged as a broken application
                 unannounced.append(exc)
                 self.should_exit = True
@@ -132,7 +140,7 @@ def serve(
     resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))  # an unfinished TLS handshake keeps a descriptor, too
     Connection.exchange_seconds = exchange_seconds
     config = uvicorn.Config(
-        create_app(store, state / FILES, failure_seconds),
+        create_app(store, state / FILES, failure_seconds, token),
         loop="corvane_local.connections:Loop",
         http=Connection,
         ws="none",

@@ -5,7 +5,8 @@ handshakes, of exchanges (a request and its answer) and of open connections. Who
 """
 
 import asyncio
-from typing import Any
+from collections import Counter
+from typing import Any, ClassVar
 
 from uvicorn.protocols.http.h11_impl import H11Protocol
 
@@ -28,15 +29,17 @@ class Connection(H11Protocol):
     """An HTTP connection on which every exchange must end within `exchange_seconds`."""
 
     exchange_seconds = 20.0
+    cut_off: ClassVar[Counter[str]] = Counter()  # how many connections were, by the reason
     _deadline: asyncio.TimerHandle
 
     def connection_made(self, transport: asyncio.Transport) -> None:  # type: ignore[override]
         """Starts the clock; makes room if there are too many connections."""
         super().connection_made(transport)
-        self._deadline = self.loop.call_later(self.exchange_seconds, transport.abort)
+        self._deadline = self.loop.call_later(self.exchange_seconds, self._end)
         if len(self.connections) > _MAX_CONNECTIONS:
             # The one that has kept us waiting longest, so that half-open connections shut nobody out.
             waiting = [c for c in self.connections if isinstance(c, Connection) and c.waits_for_client()]
+            self.cut_off["too many at once"] += 1
             min(waiting, key=lambda c: c._deadline.when()).transport.abort()
 
     def connection_lost(self, exc: Exception | None) -> None:
@@ -48,7 +51,12 @@ class Connection(H11Protocol):
         """Starts the clock anew. Nothing that arrives in between does, or one byte a second would keep us busy."""
         super().on_response_complete()
         self._deadline.cancel()
-        self._deadline = self.loop.call_later(self.exchange_seconds, self.transport.abort)
+        self._deadline = self.loop.call_later(self.exchange_seconds, self._end)
+
+    def _end(self) -> None:
+        if self.conn.trailing_data[0] or not self.waits_for_client():  # and not merely kept open
+            self.cut_off["too slow"] += 1
+        self.transport.abort()
 
     def waits_for_client(self) -> bool:
         """Whether it is the client's turn: no complete request is being answered."""

@@ -204,6 +204,14 @@ class Store:
         shown = [(code if used_by else f"CORV-****-****-{code[-4:]}", made, used_by) for code, made, used_by in invites]
         return Contents([Invite(*row) for row in shown], [Member(*row) for row in wallets], [Build(*b) for b in builds])
 
+    def size(self) -> int:
+        """How many bytes the database takes on disk."""
+        total = 0
+        for suffix in ("", "-wal", "-shm"):
+            with suppress(FileNotFoundError):  # the last connection to be closed takes the others along
+                total += os.stat(f"{self._path}{suffix}").st_size
+        return total
+
     def publish(self, backtester: str, files: "dict[str, FileEntry]") -> int:
         """The version that is published now: a new one if the files differ from those published before."""
         with self._transaction() as db:
