@@ -192,7 +192,7 @@ def _look(agent: Agent, name: str) -> _Seen:
     try:
         record = read_record(agent.data_dir)
     except (ValueError, OSError) as exc:
-        if not any(finding.check == "searches" for finding in findings):
+        if not any(f"{agent.data_dir / 'search.db'} is " in finding.problem for finding in findings):
             reason, next_step = "what it holds is not on this page", "`corvane doctor` on this directory says more."
             findings.append(Finding("searches", ERROR, str(exc), reason, next_step))
     one = _Seen(agent, name, findings, record, read_era(agent.data_dir))

@@ -108,8 +108,8 @@ def _style(table: Table) -> str:
         else:
             cells = (row[number - 1] for row in table.rows)
             longest = max((len(str(one)) for one in cells if not isinstance(one, Markup)), default=0)
-            width = max(max(map(len, title.split())) + 4, min(longest, _LONGEST) + 2)
-        widths.append(f"minmax({width}ch,{width}fr)")
+            width = max(max(map(len, title.split())) + 3, min(longest, _LONGEST) + 2)
+        widths.append(f"{width}ch" if kind == "#" else f"minmax({width}ch,{width}fr)")
         narrowest += width
     wide = f"#{table.name}{{min-width:{narrowest}ch}}\n#{table.name} tr{{grid-template-columns:{' '.join(widths)}}}\n"
     return f"{rules}@media screen and (max-width:60em){{\n{cards}}}\n@media screen and (min-width:60em){{\n{wide}}}\n"

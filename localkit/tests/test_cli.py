@@ -174,7 +174,7 @@ def test_help_completion_and_documented_statuses(corvane):
     for name in (names := re.findall("^  ([a-z-]+)  ", listed, re.M)):
         text = corvane(f"{name} --help").stdout
         assert f"Examples:\n    corvane {name}" in text and "--json" in text
-    assert len(names) == 13 and corvane("--version").stdout == f"corvane, version {kit.__version__}\n"
+    assert len(names) == 16 and corvane("--version").stdout == f"corvane, version {kit.__version__}\n"
     for shell in ("bash", "zsh", "fish"):
         assert corvane(f"completion {shell}").stdout.count("_corvane_completion") > 1
     assert corvane.json("agents-md")["fragment"].startswith("## Corvane Integration\n")
