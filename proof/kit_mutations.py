@@ -21,7 +21,7 @@ import corvane
 from proof.workshop import Result, Workshop
 
 LINES, SEED, WANTED = 50, 20, 90.0  # of a file for each mutant, seed of the draw, per cent that must be noticed
-PACKAGES = "corvane", "corvane_cli", "corvane_local"
+PACKAGES = "corvane", "corvane_cli", "corvane_local", "corvane_pages"
 PATIENCE, AT_LEAST = 4, 40.0  # how often the time of the tests without a change, and seconds, until a mutant has hung
 
 # How the path of a file begins, the test files that see to it, which of their tests; the first line that fits.
@@ -36,6 +36,8 @@ TESTS = (
     ("corvane/skills.py", "search", "skills"),
     ("corvane/_runtime.py", "search journey", ""),
     ("corvane/simulate_signal.py", "search command cli", "profit or takes or picture or a_day"),
+    ("corvane/output_file.py", "report command", "refused or picture"),
+    ("corvane/search_tracking.py", "search report", "not browser and not 200"),
     ("corvane/", "search", ""),
     ("corvane_cli/doctor", "doctor", ""),
     ("corvane_cli/display.py", "display", ""),
@@ -46,10 +48,16 @@ TESTS = (
         "command cli",
         "answers or output or options or narrow or wrong or drips or refused or help",
     ),
+    ("corvane_cli/report.py", "report", "not operator"),
+    ("corvane_cli/capital.py", "report", "page or growth"),
+    ("corvane_cli/listing.py", "report", "lists or form"),
+    ("corvane_cli/found_commands.py", "report", "not operator and not 200"),
     ("corvane_cli/", "cli command", ""),
     ("corvane_local/certificates.py", "service", "certificates or keeps"),
     ("corvane_local/connections.py", "service", "slow or sign_up or connections"),
     ("corvane_local/failures.py", "service", "failures"),
+    ("corvane_local/operator_page.py", "report", "operator or sessions"),
+    ("corvane_pages/", "report", "page"),
     ("corvane_local/releases.py", "service journey", "published or journey or keeps"),
     ("corvane_local/eras.py", "service journey", "published or journey"),
     (
