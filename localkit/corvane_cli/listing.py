@@ -1,7 +1,5 @@
 """Lists: in columns for people, whatever the width of the terminal, and as CSV for other programs."""
 
-import shutil
-import textwrap
 from collections.abc import Sequence
 
 import click
@@ -21,6 +19,9 @@ def columns(titles: Sequence[str], rows: Sequence[Sequence[object]]) -> list[str
     Where a row is too long for the terminal, its last text has lines of its own; where the others are still too long,
     they are folded, in all rows alike.
     """
+    import shutil
+    import textwrap
+
     width = shutil.get_terminal_size((10_000, 24)).columns
     shown = [[title.removeprefix("#") for title in titles], *([one_line(cell) for cell in row] for row in rows)]
     sizes = [max(map(len, column)) for column in zip(*shown, strict=True)]
