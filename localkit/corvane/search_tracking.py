@@ -138,9 +138,11 @@ def read_record(data_dir: str | os.PathLike[str]) -> Record:
 
 
 def connect_to_read(path: Path, timeout: float) -> sqlite3.Connection:
-    """A connection that changes nothing, and leaves no file behind."""
-    # Without shared memory nobody has it open, and then it can be read without the one that would be made for it.
-    how = "mode=ro" if Path(f"{path}-shm").exists() else "mode=ro&immutable=1"
+    """A connection that changes nothing; where no search runs, it leaves no file behind either."""
+    # Without shared memory nobody has it open, and then it can be read without the one that would be made for it. A
+    # search opens it again and again: in between there is none, but there may be at any moment.
+    is_open = Path(f"{path}-shm").exists() or _is_locked(path.with_name("search.lock"))
+    how = "mode=ro" if is_open else "mode=ro&immutable=1"
     return sqlite3.connect(f"{path.absolute().as_uri()}?{how}", uri=True, timeout=timeout, isolation_level=None)
 
 
