@@ -33,8 +33,8 @@ class EraCapital:
         """Which share of the days is that of the search."""
         return float(self.config["train_days"] / len(self.vault.dates))
 
-    def capital(self, signal: FoundSignal) -> list[float] | None:
-        """The capital after each day, beginning with 1; None for a signal of another era, or one that is nonsense."""
+    def capital(self, signal: FoundSignal, pieces: int) -> list[float] | None:
+        """The capital at so many equal distances, beginning with 1; None for a signal of another era, or nonsense."""
         direction = trading_directions(self.config).get(signal.pool)
         if signal.era_id != self.config["era_id"] or direction is None or signal.instrument not in self.vault:
             return None
@@ -44,7 +44,10 @@ class EraCapital:
             capital = np.cumprod(1 + np.asarray(self.backtester.profit(values, prices, direction, cost)))
         except ValueError:
             return None
-        return list(capital.tolist()) if np.isfinite(capital).all() else None
+        if not np.isfinite(capital[-1]):  # nor does anything finite come after what is not
+            return None
+        taken = np.linspace(0, len(capital) - 1, pieces + 1).round().astype(int)
+        return list(capital[taken].tolist())
 
 
 class EraModules:

@@ -238,9 +238,9 @@ def _curves(seen: Iterable[_Seen], pieces: int) -> dict[tuple[str, int | None], 
         for signal in one.record.signals:
             key = (id(era), signal.era_id, signal.expression, signal.instrument, signal.pool)
             if key not in known:
-                capital = era.capital(signal)
+                capital = era.capital(signal, pieces)
                 line: tuple[Cell, Cell] | None = (
-                    (f"{capital[-1]:.2f}", curve(capital, pieces, era.train_share)) if capital else None
+                    (f"{capital[-1]:.2f}", curve(capital, era.train_share)) if capital else None
                 )
                 known[key] = line
             if (shown := known[key]) is not None:

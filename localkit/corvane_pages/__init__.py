@@ -57,23 +57,21 @@ def render(template: str, tables: Iterable[Table] = (), **values: object) -> Pag
     return Page(_environment().get_template(template).render(shown), policy)
 
 
-def curve(values: Sequence[float], steps: int, mark: float | None = None) -> Markup:
+def curve(values: Sequence[float], mark: float) -> Markup:
     """Values at equal distances as a line, from the least at the bottom to the greatest at the top.
 
     Args:
-        values: At least two.
-        steps: Of how many pieces the line is, at most.
+        values: From two to 241 of them.
         mark: Where to draw a line from top to bottom, as a share of the width.
     """
-    steps = max(1, min(steps, len(values) - 1, _WIDTH))
-    width = _WIDTH // steps
-    taken = [values[round(i * (len(values) - 1) / steps)] for i in range(steps + 1)]
-    low, high = min(taken), max(taken)
-    heights = [round((_HEIGHT - 4) * (high - value) / ((high - low) or 1)) + 2 for value in taken]
+    steps = len(values) - 1
+    width, low, high = _WIDTH // steps, min(values), max(values)
+    scale = (_HEIGHT - 4) / ((high - low) or 1)
+    heights = [round(scale * (high - value)) + 2 for value in values]
     # Relative, and with signs for separators: a step takes three or four bytes.
     moves = "".join(f"{' ' * (i > 0)}{width}{b - a:+d}" for i, (a, b) in enumerate(pairwise(heights)))
     moves = moves.replace("+", " ")
-    marked = f'<path d="M{round(mark * width * steps)} 0v{_HEIGHT}"/>' if mark is not None else ""
+    marked = f'<path d="M{round(mark * width * steps)} 0v{_HEIGHT}"/>'
     box = f"0 0 {width * steps} {_HEIGHT}"
     return Markup(f'<svg viewBox="{box}" preserveAspectRatio="none"><path d="M0 {heights[0]}l{moves}"/>{marked}</svg>')
 
