@@ -1,5 +1,7 @@
 """What was found, as lists and as a page, and the operator's page: true, whole, escaped, and in a real browser."""
 
+import asyncio
+import contextlib
 import csv
 import io
 import json
@@ -7,13 +9,17 @@ import os
 import re
 import resource
 import shutil
+import socket
 import sqlite3
+import ssl
 import subprocess
 import sys
 import time
+from concurrent.futures import ThreadPoolExecutor
 from contextlib import closing
 from unittest import mock
 
+import httpx
 import pytest
 from playwright.sync_api import sync_playwright
 
@@ -21,7 +27,8 @@ from corvane.auth import AuthManager
 from corvane.search_tracking import SearchTracker
 from corvane_cli import listing
 from corvane_local import operator_page
-from corvane_local.store import Refused
+from corvane_local.app import create_app
+from corvane_local.store import Refused, Store
 from localkit.tests.test_cli import Shell
 
 FOREIGN = '<img src=x onerror="alert(1)">&amp;'
@@ -303,9 +310,15 @@ def test_only_the_token_opens_the_operators_page(start, tmp_path):
         service.client.post("/operator/logout", headers=held)
         assert address not in get("/", headers=held).text
         assert get("/health").json() == {"status": "ok"}
-    with start() as service:
+    with start("--exchange-seconds", "1") as service:
         assert token not in [service.process.stdout.readline() for _ in "12"][1]
-        assert service.get("/operator.json", token).json()["refusals"] == []
+        assert service.get("/operator.json", token).json()["refusals"] == []  # on a connection that stays open
+        trust, address = ssl.create_default_context(), ("127.0.0.1", int(service.url.rpartition(":")[2]))
+        with socket.create_connection(address) as plain, trust.wrap_socket(plain, server_hostname=address[0]) as slow:
+            slow.sendall(b"GET / HT")
+            with contextlib.suppress(OSError):
+                assert slow.recv(1) == b""
+        assert service.get("/operator.json", token).json()["connections_cut_off"] == {"too slow": 1}
     serve = [sys.executable, "-P", "-m", "corvane_local", "serve", "--port", "0", "--state", tmp_path]
     changes = {
         "private": lambda path: path.chmod(0o640),
@@ -316,6 +329,19 @@ def test_only_the_token_opens_the_operators_page(start, tmp_path):
         change(tmp_path / "operator.token")
         refused = subprocess.run(serve, capture_output=True, text=True, timeout=30)
         assert (refused.returncode, refused.stderr.count("\n")) == (1, 1) and text in refused.stderr
+
+
+def test_nobody_from_elsewhere_finds_the_operators_page(tmp_path):
+    app, header = create_app(Store(tmp_path / "service.db"), tmp_path, 60.0, "t" * 43), "Bearer " + "t" * 43
+
+    async def statuses(client):
+        transport = httpx.ASGITransport(app, client=(client, 1))
+        async with httpx.AsyncClient(transport=transport, headers={"Authorization": header}) as asking:
+            return [(await asking.get(f"https://h{path}")).status_code for path in ("/", "/operator.json", "/health")]
+
+    with ThreadPoolExecutor(1) as pool:  # the browser's loop runs on this thread
+        for client, expected in {"127.0.0.1": [200] * 3, "::1": [200] * 3, "10.0.0.7": [404, 404, 200]}.items():
+            assert pool.submit(asyncio.run, statuses(client)).result() == expected
 
 
 def test_sessions_end_and_are_few():
