@@ -7,13 +7,13 @@ LOCK := run
 PY := $(VENV)/bin/python
 PIP := $(PY) -m pip --quiet --disable-pip-version-check install
 FROM_INDEX = || { echo "pip could not install it: is a package index reachable?" >&2; exit 1; }
-LOCKED := $(addprefix $(VENV)/.,run test lint ship agents fleet)
+LOCKED := $(addprefix $(VENV)/.,run test lint ship agents fleet browser)
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CREATED := .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test build-tools test-tools test-pythons test-agents test-fleet test-wheel test-arm lint bench proof wheel wheels install clean
+.PHONY: help demo test build-tools test-tools test-pythons test-agents test-browser test-fleet test-wheel test-arm lint bench proof wheel wheels install clean
 
 help: ## Say what there is to make
 	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
@@ -39,6 +39,9 @@ test-agents: ## Test that the functions are tools of six agent frameworks (in an
 	@.venv-agents/bin/mypy $(filter-out examples/test_tools.py examples/fleet.py examples/fleet_nursery.py,$(wildcard examples/*.py))
 	@.venv-agents/bin/python -P -m pytest examples $(TEST_OPTIONS) && echo "make test-agents: passed" \
 	 || { echo "make test-agents: FAILED"; exit 1; }
+
+test-browser: $(VENV)/.installed $(VENV)/.test $(VENV)/.browser ## Test the report and the operator's page in Chromium (apt-get install chromium)
+	@$(PY) -P -m pytest localkit/tests/test_report.py $(TEST_OPTIONS)
 
 test-fleet: ## Test examples/fleet.py, which needs Ray, in .venv-fleet
 	@$(MAKE) --no-print-directory VENV=.venv-fleet .venv-fleet/.installed .venv-fleet/.test .venv-fleet/.fleet

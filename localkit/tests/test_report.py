@@ -21,7 +21,6 @@ from unittest import mock
 
 import httpx
 import pytest
-from playwright.sync_api import sync_playwright
 
 from corvane.auth import AuthManager
 from corvane.search_tracking import SearchTracker
@@ -76,9 +75,10 @@ def fleet(shell, tmp_path):
 
 @pytest.fixture(scope="module")
 def browser():
+    playwright_api = pytest.importorskip("playwright.sync_api", reason="playwright is not installed: make test-browser")
     if (chromium := shutil.which("chromium")) is None:
         pytest.skip("there is no Chromium: apt-get install chromium")
-    with sync_playwright() as playwright, playwright.chromium.launch(executable_path=chromium) as launched:
+    with playwright_api.sync_playwright() as playwright, playwright.chromium.launch(executable_path=chromium) as launched:
         yield launched
 
 
