@@ -3,9 +3,7 @@
 import gc
 import itertools
 import os
-import re
 import signal
-import subprocess
 import sys
 import traceback
 import types
@@ -16,20 +14,11 @@ import pytest
 from corvane import agent_onboarding as m
 from support import scenarios
 from support.comparison import same, tried
+from support.programs import run
 from support.scenarios import Clash, call, config, kit, ours
 
-HERE, ROOT = Path(__file__).parent, Path(__file__).parents[1]
+ROOT = Path(__file__).parents[1]
 FUNCTIONS = [n for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__]
-
-
-def run(program, *arguments, status=0, errors=""):
-    """What a program prints that has an interpreter of its own and ends as it should."""
-    command = [sys.executable, "-X", "dev", "-P", HERE / f"programs/{program}.py", *arguments]
-    environment = {**os.environ, "PYTHONPATH": f"{os.environ.get('PYTHONPATH', '')}:{HERE}"}
-    done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=100)
-    seen = done.returncode, re.search(errors, done.stderr) is not None if errors else done.stderr
-    assert seen == (status, bool(errors) or ""), (seen, done.stdout[-500:], done.stderr[-2000:])
-    return done.stdout.strip()
 
 
 @pytest.mark.parametrize("last", ["itself", "held", "function"])

@@ -23,6 +23,7 @@ import pytest
 from corvane import agent_onboarding as m
 from support import scenarios, twin
 from support.comparison import same, tried
+from support.programs import run
 from support.scenarios import Clash, call
 
 FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__}
@@ -189,133 +190,22 @@ def test_traceback_names_function_file_and_line():
     assert linecache.getline("<corvane.agent_onboarding.configure>", 1).startswith("def configure(**kwargs")
 
 
-def run(script, expected=""):
-    if "test.support" in script:
-        pytest.importorskip("test", reason="the interpreter comes without its own tests")
-    done = subprocess.run([sys.executable, "-X", "dev", "-c", script], capture_output=True, text=True)
-    assert (done.returncode, done.stderr, done.stdout.strip()) == (0, "", expected)
+# A program, and what it prints.
+PROGRAMS = {
+    "code_changes_in_a_call": "None 5",
+    "missing_sibling": "corvane.agent_onboarding",
+    "no_room_at_the_exit": "the interpreter takes no more exit functions",
+    "failed_import": "not today\nnative body not reached",
+    "two_modules": "corvane.agent_onboarding is already initialised",
+    "failed_import_elsewhere": "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)",
+    "another_name": "corvane.agent_onboarding is being initialised already",
+    "daemon_threads": "",
+}
 
 
-# What one interpreter of its own does, and what it prints.
-SCRIPTS = {
-    "code that changes while arguments are bound": ("""
-from corvane import agent_onboarding as m
-class Swapping(str):
-    __hash__ = str.__hash__
-    def __eq__(self, other):
-        f.__code__ = (lambda: 5).__code__
-        return str.__eq__(self, other)
-f = m._prune_runtime_extension_copies
-print(f("a", **{Swapping("keep_path"): "/nowhere/x"}), f())
-""", "None 5"),
-    "a sibling missing or failing then there": (r"""
-import sys, traceback, types
-import corvane.skills
-good = sys.modules["corvane.skills"]
-lacking = "cannot import name 'list_skills' from 'corvane.skills' (unknown location)"
-for broken, text in ((None, "import of corvane.skills halted; None in sys.modules"),
-                     (types.ModuleType("corvane.skills"), lacking)) * 20:  # more often than there is room at the exit
-    sys.modules["corvane.skills"] = broken
-    try:
-        import corvane.agent_onboarding
-    except ImportError as exc:
-        assert str(exc) == text, str(exc)
-        frames = [f.filename for f in traceback.extract_tb(exc.__traceback__)]
-        assert "<corvane.agent_onboarding>" in frames and "src/agent_onboarding/py/function.cpp" in frames, frames
-        assert "corvane.agent_onboarding" not in sys.modules
-    else:
-        raise AssertionError("imported")
-sys.modules["corvane.skills"] = good
-import corvane.agent_onboarding
-assert corvane.agent_onboarding.login.__module__ == "corvane.agent_onboarding"
-""", ""),
-    "no room at the exit": ("""
-import ctypes, corvane.skills
-while ctypes.pythonapi.Py_AtExit(ctypes.pythonapi.Py_IsInitialized) == 0: pass
-try: import corvane.agent_onboarding
-except SystemError as exc: print(exc)
-""", "the interpreter takes no more exit functions"),
-    "a function kept from an import that failed": ("""
-import dataclasses, sys
-good, kept = dataclasses.dataclass, []
-def failing(cls=None, **options):
-    kept.append(sys._getframe(1).f_globals.get("_sha256_file"))
-    if kept[-1] is None: return good(cls, **options)
-    raise ValueError("not today")
-dataclasses.dataclass = failing
-try: import corvane.agent_onboarding
-except ValueError as exc: print(exc)
-dataclasses.dataclass = good
-import corvane.agent_onboarding as m
-try: kept[-1]("x")
-except SystemError as exc: print(exc)
-assert m._sha256_file("/dev/null").startswith("e3b0")
-""", "not today\nnative body not reached"),
-    "two modules made before either is executed": ("""
-import corvane, importlib.util
-spec = importlib.util.find_spec("corvane.agent_onboarding")
-first, second = map(importlib.util.module_from_spec, (spec, spec))
-spec.loader.exec_module(first)
-try: spec.loader.exec_module(second)
-except ImportError as exc: print(exc)
-assert first._normalize_key("a") == "0xa"
-""", "corvane.agent_onboarding is already initialised"),
-    "a failed import elsewhere leaves the module free": ("""
-# with all of 3.12 that crashes where another interpreter has it first
-import urllib.request, secrets, shutil, dataclasses, typing
-import sys, corvane.auth, corvane.skills, corvane.sync, corvane.runtime_module_freshness
-from test.support import run_in_subinterp_with_config
-# without the real corvane.auth and corvane.sync: their libraries refuse other interpreters on their own
-run_in_subinterp_with_config(f'''
-import sys
-sys.path[:] = {sys.path!r}
-import corvane
-corvane.auth, sys.modules["corvane.sync"] = sys, type(sys)("corvane.sync")
-try:
-    import corvane.agent_onboarding
-except ImportError as exc:
-    print(exc, flush=True)
-''', own_gil=True, use_main_obmalloc=False, allow_fork=True, allow_exec=True, allow_threads=True,
-    allow_daemon_threads=True, check_multi_interp_extensions=True)
-import corvane.agent_onboarding
-assert corvane.agent_onboarding._normalize_key("a") == "0xa"
-assert list(corvane.agent_onboarding._config)[1] is sys.intern("data" + "_dir"[:])  # a text of this interpreter
-""", "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)"),
-    "loaded under another name while it is being initialised": ("""
-import importlib.util, logging, corvane
-path, get_logger = importlib.util.find_spec("corvane.agent_onboarding").origin, logging.getLogger
-def load_again(name=None):
-    if name == "corvane.agent_onboarding":
-        spec = importlib.util.spec_from_file_location("another.agent_onboarding", path)
-        module = importlib.util.module_from_spec(spec)
-        try: spec.loader.exec_module(module)
-        except ImportError as exc: print(exc)
-    return get_logger(name)
-logging.getLogger = load_again
-import corvane.agent_onboarding as m
-assert m.register and m._normalize_key("a") == "0xa"
-""", "corvane.agent_onboarding is being initialised already"),
-    "daemon threads ended inside handlers and destructors": ("""
-import corvane.agent_onboarding as m, sys, threading, time, types
-m._find_heartbeat = lambda d: '/'
-m.logger = types.SimpleNamespace(warning=lambda *a: time.sleep(0.2))
-class Sleepy(Exception):
-    def __del__(self, sleep=time.sleep): sleep(0.05)
-def handler():
-    while True: m.inject_heartbeat()
-def destructor():
-    while True: m._exception_chain_detail(Sleepy())
-for work in (handler, destructor) * 3: threading.Thread(target=work, daemon=True).start()
-class Slow:
-    def __del__(self, sleep=time.sleep): sleep(0.4)
-sys.modules['held'] = types.SimpleNamespace(slow=Slow())
-""", ""),
-}  # fmt: skip
-
-
-@pytest.mark.parametrize("name", SCRIPTS)
-def test_in_an_interpreter_of_its_own(name):
-    run(*SCRIPTS[name])
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_an_import_or_an_exit_at_a_bad_moment_ends_well(program):
+    assert run(program) == PROGRAMS[program]
 
 
 EMBEDDING = """
@@ -327,18 +217,6 @@ int main(int, char** arguments) {
             return 1;
     }
 }
-"""
-EMBEDDED = """
-import importlib.machinery, importlib.util, sys, types
-# Stubs for what the interpreter itself cannot import a second time, and for the siblings.
-names = "hashlib secrets urllib urllib.error urllib.request corvane corvane.auth corvane.errors corvane.skills"
-for name in (*names.split(), "corvane.sync", "corvane.runtime_module_freshness"):
-    module = sys.modules[name] = types.ModuleType(name)
-    module.__path__, module.__getattr__ = [], lambda wanted: sys.modules.get("corvane." + wanted, Exception)
-loader = importlib.machinery.ExtensionFileLoader("corvane.agent_onboarding", PATH)
-m = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
-loader.exec_module(m)
-assert m._normalize_key("ab") == "0xab"
 """
 
 
@@ -352,8 +230,8 @@ def test_an_interpreter_that_is_started_again(tmp_path):
         pytest.skip("the interpreter comes without its library")
     link = [f"-I{sysconfig.get_paths()['include']}", library, f"-Wl,-rpath,{library.parent}", "-rdynamic"]
     subprocess.run(["c++", "embed.cpp", "-o", "embed", *link, "-ldl", "-lm"], cwd=tmp_path, check=True)
-    script = EMBEDDED.replace("PATH", repr(m.__file__))
-    environment = {**os.environ, "PYTHONHOME": sys.base_prefix}
+    script = Path(__file__).with_name("programs").joinpath("embedded.py").read_text()
+    environment = {**os.environ, "PYTHONHOME": sys.base_prefix, "MODULE": m.__file__}
     done = subprocess.run([tmp_path / "embed", script], capture_output=True, text=True, env=environment)
     assert (done.returncode, done.stderr) == (0, "")
 
@@ -400,8 +278,8 @@ for _ in range(50):
 
 
 @pytest.mark.parametrize("script", [*POOLS, *ENDS.values(), *OTHERS.values(), AGAIN])
-def test_pools_ends_and_other_interpreters(script):
-    run(IMPORT + script)
+def test_pools_ends_and_other_interpreters_end_well(script):
+    assert run(IMPORT + script) == ""
 
 
 def test_only_the_entry_point_is_exported():
