@@ -106,7 +106,7 @@ def test_arguments_are_bound_in_one_pass(name):
             keyword.answers = lie
             yield tried(lambda: getattr(scenarios.m, name)(*positional, **{keyword: "x"}))  # noqa: B023
 
-    same(lambda: list(each()), config(server_url="http://127.0.0.1:1"))
+    same(lambda: list(each()), config(server_url="http://127.0.0.1:1"), kit())
 
 
 class Bare:

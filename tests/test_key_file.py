@@ -1,28 +1,29 @@
-"""wallet.key on a real file system: umasks, other users, races; and its text, which is never shown."""
+"""wallet.key on a real file system: umasks, other users, links in between; and its text, which is never shown."""
 
 import os
 import subprocess
 import sys
+from pathlib import Path
 
 import pytest
 
-from support.comparison import same
-from support.scenarios import KEY, base, call, file, other_os
+from support import promises as p
+from support import scenarios as e
+from support.comparison import story
 
-READ, WRITE = call("_read_wallet_key", "d"), call("_write_wallet_key", "d", KEY)
-VICTIM = file("d/wallet.key", "victim", 0o666)
+VICTIM = e.file("d/wallet.key", "victim", 0o666)
 NOBODY = 65534
+READ, WRITE = e.call("_read_wallet_key", "d"), e.call("_write_wallet_key", "d", e.KEY)
+ACTS = pytest.mark.parametrize(("act", "seen"), [(READ, (p.LSTAT,)), (WRITE, (p.MADE, p.LSTAT))], ids=["read", "write"])
 
 
-@pytest.mark.parametrize("umask", [0, 0o077, 0o777])
-def test_new_key_is_owner_only_whatever_the_umask(umask):
-    seen = same(WRITE, file("d/other"), lambda undo: undo.callback(os.umask, os.umask(umask)))
-    assert seen["files"]["d/wallet.key"] == ("0o100600", KEY.encode())
+def told(act, *prepare):
+    return story(e.Call(act, "", prepare))
 
 
 def nobody(undo):
-    undo.callback(base().chmod, 0o700)
-    base().chmod(0o755)
+    undo.callback(e.base().chmod, 0o700)
+    e.base().chmod(0o755)
     undo.callback(os.setresuid, 0, 0, 0)
     os.setresuid(NOBODY, NOBODY, 0)
 
@@ -31,45 +32,56 @@ def given_away(undo):
     os.chown("d/wallet.key", NOBODY, NOBODY)
 
 
-@pytest.mark.skipif(os.getuid() != 0, reason="needs root to become somebody else")
+@pytest.mark.parametrize("umask", [0, 0o077, 0o777])
+def test_a_key_is_written_for_its_owner_alone_whatever_the_umask(umask):
+    def write():
+        os.umask(umask)
+        WRITE()
+
+    assert told(write, e.file("d/other"))[-1] == p.left(e.KEY)
+
+
+needs_root = pytest.mark.skipif(os.getuid() != 0, reason="needs root to become somebody else")
+
+
+@needs_root
 @pytest.mark.parametrize("user", [nobody, given_away])
-@pytest.mark.parametrize("act", [READ, WRITE], ids=["read", "write"])
-def test_another_users_key_is_refused_both_ways(act, user):
-    seen = same(act, VICTIM, lambda undo: os.chmod("d", 0o777), user)
-    refusal = "Unsafe wallet key at /work/d/wallet.key. Refusing to use wallet.key with unsafe ownership, type, or perm"
-    assert refusal in seen["raised"]["text"].replace(str(base()), "")
-    assert seen["files"]["d/wallet.key"] == ("0o100666", b"victim")
+@ACTS
+def test_the_key_of_another_user_is_refused(act, seen, user):
+    assert told(act, VICTIM, lambda undo: os.chmod("d", 0o777), user) == (*seen, f"raised {p.UNSAFE}")
 
 
-@pytest.mark.parametrize("act", [READ, WRITE], ids=["read", "write"])
-def test_swapped_for_a_link_between_check_and_open(act):
-    """The race that the check of the open descriptor and O_NOFOLLOW are there for, for reading and for writing."""
+@needs_root
+def test_a_user_who_is_not_root_reads_and_replaces_the_own_key():
+    def owned(undo):
+        for path in ".", "d", "d/wallet.key":
+            os.chown(path, NOBODY, NOBODY)
 
+    there = e.file("d/wallet.key", "old", 0o640), owned, nobody
+    closed = p.LSTAT, p.OPEN_READ, p.FSTAT, p.FCHMOD, "returned 'old'", p.left("old", " of 0")
+    assert told(READ, *there) == closed
+    replaced = p.MADE, p.LSTAT, p.OPEN_WRITE, p.FSTAT, p.FCHMOD, *p.saved(e.KEY)[2:], "returned None", p.left(e.KEY)
+    assert told(WRITE, *there) == replaced
+
+
+@ACTS
+def test_a_link_that_is_swapped_in_between_check_and_open_is_refused(act, seen):
     def swapping(path, *args):
         os.unlink(path)
         os.symlink("victim", path)
         return os.open(path, *args)
 
-    seen = same(act, VICTIM, file("d/victim", "secret"), other_os(open=swapping))
-    assert seen["raised"]["context"]["attributes"][0] == "40" and seen["files"]["d/victim"][1] == b"secret"
+    refusal, opened = (p.UNSAFE, p.OPEN_READ) if act is READ else (p.NOT_WRITTEN, p.OPEN_WRITE)
+    loop = f" while [OSError: [Errno 40] Too many levels of symbolic links: '{p.K}']"
+    swapped = e.other_os(open=swapping), VICTIM, e.file("d/victim", "secret")
+    assert told(act, *swapped) == (*seen, opened, f"raised {refusal}{loop}", "d/wallet.key: 120777 'victim'")
 
 
-def test_no_key_text_in_any_message(tmp_path):
+def test_no_message_shows_a_key(tmp_path):
     """Not in tracebacks, not in the log, not in a representation, whatever fails."""
     secret = "deadbeef" * 8
     (tmp_path / "wallet.key").mkdir()
-    script = f"""
-import logging, sys, traceback
-logging.basicConfig(level=0)
-import corvane.agent_onboarding as m
-m.configure(server_url="http://127.0.0.1:9")
-for directory in ({str(tmp_path)!r}, {str(tmp_path / "other")!r}):
-    m.configure(data_dir=directory)
-    try:
-        m.login(sys.stdin.readline().strip())
-    except Exception:
-        traceback.print_exc()
-"""
-    done = subprocess.run([sys.executable, "-c", script], input=f"{secret}\n{secret}\n", capture_output=True, text=True)
+    command = sys.executable, Path(__file__).with_name("programs") / "failing_logins.py", tmp_path, tmp_path / "other"
+    done = subprocess.run(command, input=f"{secret}\n{secret}\n", capture_output=True, text=True)
     assert "Cannot reach Corvane server" in done.stderr and "Unsafe wallet key" in done.stderr
     assert secret not in done.stderr + done.stdout

@@ -171,7 +171,7 @@ def test_records():
             for wrong in (record, lambda made=record: made(1, 2, 3), record.__repr__, lambda r=record: r.__repr__(5)):
                 yield tried(wrong)
 
-    seen = same(lambda: list(records()))["result"]
+    seen = same(lambda: list(records()))["outcome"]
     assert "AuthToken(token='<redacted>', expires_at=1.5)" in seen and "WalletRegistration(address='0xab')" in seen
     assert m.AuthToken.__doc__ == "Returned by login() on successful authentication."
     assert m.WalletRegistration.__doc__ == "Returned by register() on successful wallet creation/re-auth."

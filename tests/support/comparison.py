@@ -1,6 +1,7 @@
-"""Makes one call on the native module and on its Python twin and describes all that a caller could tell apart."""
+"""Makes a call and tells what a caller could see of it: its story, or the same of the native module and its twin."""
 
 import contextlib
+import itertools
 import os
 import pprint
 import re
@@ -9,9 +10,11 @@ import time
 import traceback
 import types
 
+import corvane
 from corvane import agent_onboarding as native
+from corvane import auth
 from support import scenarios, twin
-from support.scenarios import Call, files, patched
+from support.scenarios import Call, base, files, patched, spelled
 
 GENERATOR_STEPS = ("sorted_files", "runtime_module")  # frames of their own, below that of the generator
 # The module keeps a wording of its own for this one; the twin cannot but have the interpreter's.
@@ -19,11 +22,20 @@ UNBOUND = "local variable 'sync_backoff' referenced before assignment"
 UNBOUND_NOW = "cannot access local variable 'sync_backoff' where it is not associated with a value"
 
 
-def text(value):
-    """What it says, without addresses and without the name of the one that it belongs to."""
-    return re.sub(
-        r" at 0x[0-9a-f]+", "", repr(value).replace(UNBOUND_NOW, UNBOUND).replace(native.__name__, twin.__name__)
-    )
+def text(value, quoted=True):
+    """What it says, without addresses, the working directory and the name of the one that it belongs to."""
+    said = (repr(value) if quoted else value).replace(UNBOUND_NOW, UNBOUND).replace(twin.__name__, native.__name__)
+    return re.sub(r" at 0x[0-9a-f]+", "", said.replace(str(base() / "work"), "."))
+
+
+def told(exc):
+    """Type, message, attributes, cause and context of an exception in one line."""
+    fields = vars(exc) if type(exc).__module__ == "corvane.errors" else {}
+    given = {name: value for name, value in fields.items() if value is not None}
+    line = f"{type(exc).__name__}: {exc}" + (f" {given}" if given else "")
+    if exc.__cause__ is not None:
+        return f"{line} from [{told(exc.__cause__)}]"
+    return line if exc.__context__ is None or exc.__suppress_context__ else f"{line} while [{told(exc.__context__)}]"
 
 
 def describe_exception(exc):
@@ -36,7 +48,8 @@ def describe_exception(exc):
         "text": text(str(exc)),
         "args": text(exc.args),
         "attributes": [text(getattr(exc, n, None)) for n in ("errno", "filename", "name", "start", "end", "__dict__")],
-        "frames": [name for name in frames if name not in GENERATOR_STEPS],
+        # Once where a name follows itself: another function of the same code has a frame beside that of the body.
+        "frames": [name for name, _ in itertools.groupby(frames) if name not in GENERATOR_STEPS],
         "cause": describe_exception(exc.__cause__),
         "context": describe_exception(exc.__context__),
         "suppress": exc.__suppress_context__,
@@ -71,7 +84,7 @@ class Tap:
 
 def tapped(function, label, note):
     def called(*args, **kwargs):
-        note(f"{label}{args}{kwargs} while {sys.exc_info()[0]}")
+        note(spelled(label, args, kwargs))
         return function(*args, **kwargs)
 
     return called
@@ -93,40 +106,69 @@ def left_open(before):
     return leaked
 
 
+LOADED = "backtester", "era_data", "alpha", "zeta", "x"  # what native modules are called here
+UNTOLD = re.compile(r"[\w.()]*\w$|(os\.(path|getcwd|getuid|fdopen|environ|listdir|stat)|stat)\b")  # it only looks
+
+
+def world(module):
+    """What a call can change, by name."""
+    options = vars(module).get("_config")
+    loaded = {name: sys.modules[name] for name in LOADED if sys.modules.get(name)}
+    marks = "__file__", "_corvane_module_sha256", "_corvane_module_source_path"
+    state = {
+        **{f"option {name}": value for name, value in (options if isinstance(options, dict) else {}).items()},
+        "manager": vars(module).get("_auth_manager"),
+        "active manager": auth._active,
+        "corvane.simulate_signal": vars(corvane).get("simulate_signal"),
+        **{f"sys.path[{at}]": path for at, path in enumerate(sys.path) if str(path).startswith(str(base()))},
+        **{f"loaded {name}": [getattr(held, mark, None) for mark in marks] for name, held in loaded.items()},
+    }
+    return {**files(), **{name: text(value) for name, value in state.items()}}
+
+
 def observe(module, call, strike_at=None, strike=None):
     """What comes of the call in its situation, and every event on the way; at number `strike_at` there is a strike."""
     events = []
 
     def note(seen):
-        events.append(text(seen))
+        events.append(text(seen, quoted=False))
         if len(events) == strike_at:
             strike(module, undo)
 
     with contextlib.ExitStack() as undo:
         patched(scenarios, m=module)(undo)
-        patched(os, environ={**os.environ, "HOME": str(scenarios.base() / "work")})(undo)
-        logged = undo.enter_context(call.situation())
+        undo.callback(os.umask, os.umask(0o022))
+        undo.enter_context(call.situation())
         patched(module._LocalRuntimeSyncManager, __repr__=lambda self: f"local manager {vars(self)}")(undo)
         taps = {name: Tap(getattr(module, name), name.strip("_"), note) for name in ("os", "_stat", "auth")}
         patched(module, open=vars(module).get("open", tapped(open, "open", note)), **taps)(undo)
         patched(scenarios, note=note)(undo)
-        before, result, raised = descriptors(), None, None
+        before, there, raised = descriptors(), world(module), None
         try:
-            result = text(call.act())
+            outcome = f"returned {text(call.act())}"
         except BaseException as exc:
-            raised = describe_exception(exc)
+            raised, outcome = describe_exception(exc), f"raised {text(told(exc), quoted=False)}"
+        patched(scenarios, note=None)(undo)
         leaked = left_open(before)
         for fd in leaked:  # where os.close was made to fail
             os.close(int(fd))
+        now = world(module)
+        names = sorted(name for name in {**there, **now} if there.get(name) != now.get(name))
         return {
-            "result": result,
             "raised": raised,
+            "outcome": outcome,
             "events": events,
-            "logged": [(r.levelname, r.msg, text(r.args), r.exc_info) for r in logged],
-            "files": files(),
-            "state": (text(vars(module).get("_config")), vars(module).get("_auth_manager") is not None),
+            "changes": [f"{name}: {now.get(name, 'gone')}" for name in names],
             "descriptors": len(leaked),
         }
+
+
+def story(call):
+    """The steps that matter, the outcome and what has changed; and nothing else has, nor is anything left open."""
+    seen = observe(native, call)
+    assert seen["descriptors"] == 0
+    told = [re.sub(r"(os\.f?(?:stat|chmod|write|close))\(\d+", r"\1(fd", event) for event in seen["events"]]
+    return (*(event for event in told if not UNTOLD.match(event)), seen["outcome"], *seen["changes"])
 
 
 def same(act, *prepare, strike_at=None, strike=None):

@@ -9,6 +9,7 @@ import contextlib
 import functools
 import hashlib
 import importlib
+import importlib.machinery
 import itertools
 import json
 import logging
@@ -26,6 +27,7 @@ from collections import OrderedDict
 from collections.abc import Callable, Iterator, Mapping
 from dataclasses import dataclass
 from pathlib import Path
+from types import MappingProxyType
 from typing import Any
 
 import corvane
@@ -45,11 +47,12 @@ Prepare = Callable[[contextlib.ExitStack], object]
 
 @dataclass(frozen=True)
 class Call:
-    """What is called, what has to be in its outcome, and what is there before."""
+    """What is called, what has to be in its outcome, what is there before; and the whole story, step by step."""
 
     act: Callable[[], object]
     expected: str
     prepare: tuple[Prepare, ...]
+    story: tuple[str, ...] = ()
 
     def __call__(self) -> None:
         """Makes the call once in a fresh directory; AssertionError if anything else comes of it than expected."""
@@ -62,8 +65,14 @@ class Call:
         """The directory and the kit that the call is made in; gives the list that log records go to."""
         logged: list[logging.LogRecord] = []
         work = base() / "work"
+
+        def handle(record: logging.LogRecord) -> None:
+            logged.append(record)
+            if note:
+                note(f"{record.levelname} {record.msg} {record.args}{handled()}")
+
         with contextlib.ExitStack() as undo:
-            patched(m.logger, level=logging.DEBUG, _cache={}, handle=logged.append)(undo)
+            patched(m.logger, level=logging.DEBUG, _cache={}, handle=handle)(undo)
             undo.callback(shutil.rmtree, work, ignore_errors=True)
             undo.enter_context(contextlib.chdir(base()))
             shutil.rmtree(work, ignore_errors=True)
@@ -93,15 +102,34 @@ def outcome(act: Callable[[], object], logged: list[logging.LogRecord]) -> str:
     return re.sub(r" at 0x[0-9a-f]+", "", text.replace(str(base() / "work"), "."))
 
 
-def files() -> dict[str, tuple[str, str | bytes]]:
+def files() -> dict[str, str]:
     """Modes and contents of what is below the working directory: where a link leads, the digest of a large file."""
-    found: dict[str, tuple[str, str | bytes]] = {}
+    found: dict[str, str] = {}
     for path in sorted(Path().rglob("*")):
-        mode = path.lstat().st_mode
-        content = path.read_bytes() if stat.S_ISREG(mode) else b""
-        short = hashlib.sha256(content).digest() if len(content) > 5000 else content
-        found[str(path)] = oct(mode), os.readlink(path) if stat.S_ISLNK(mode) else short
+        status = path.lstat()
+        content = path.read_bytes() if stat.S_ISREG(status.st_mode) else b""
+        short = hashlib.sha256(content).hexdigest()[:16] if len(content) > 5000 else content
+        said = os.readlink(path) if stat.S_ISLNK(status.st_mode) else short
+        age = f" of {status.st_mtime_ns}" if status.st_mtime_ns < 10**12 and stat.S_ISREG(status.st_mode) else ""
+        found[str(path)] = f"{status.st_mode:o} {said!r}{age}"
     return found
+
+
+def say(seen: str) -> None:
+    if note:
+        note(seen)
+
+
+def handled() -> str:
+    """The exception that is being handled, for a note."""
+    kind = sys.exc_info()[0]
+    return f" while {kind.__name__}" if kind else ""
+
+
+def spelled(label: str, args: tuple[object, ...], kwargs: Mapping[str, object]) -> str:
+    """A call as it is written, for a note."""
+    given = [*map(repr, args), *(f"{name}={value!r}" for name, value in kwargs.items())]
+    return f"{label}({', '.join(given)}){handled()}"
 
 
 def put(target: object, name: str, value: object) -> None:
@@ -128,8 +156,9 @@ def ours(**attributes: Any) -> Prepare:
 
 
 def other_os(**functions: Any) -> Prepare:
-    """An os module, for ours alone, in which these functions are others."""
-    return ours(os=types.SimpleNamespace(**{**vars(os), **functions}))
+    """An os module, for ours alone, in which these functions are others; MISSING leaves one out."""
+    given = {name: value for name, value in {**vars(os), **functions}.items() if value is not MISSING}
+    return ours(os=types.SimpleNamespace(**given))
 
 
 def made(make: Callable[[Path], object], name: str = "d/wallet.key") -> Prepare:
@@ -179,12 +208,13 @@ class Anything:
     def __init__(self, label: str = "anything", changes: Mapping[str, Any] | None = None, **given: Any) -> None:
         self.__dict__.update(given, _label=label, _changes=changes or {})
 
-    def _give(self, label: str) -> Any:
-        if note:
-            note(label)
+    def _give(self, label: str, seen: str = "") -> Any:
+        say(seen or label)
         given = self._changes.get(label, MISSING)
         if isinstance(given, type) and issubclass(given, Exception | KeyboardInterrupt) and given is not Cancelled:
             raise given("no")
+        if isinstance(given, BaseException):
+            raise type(given)(*given.args)
         return Anything(label, self._changes) if given is MISSING else given
 
     def __getattr__(self, name: str) -> Any:
@@ -193,14 +223,12 @@ class Anything:
         return self._give(f"{self._label}.{name}")
 
     def __setattr__(self, name: str, value: object) -> None:
-        self._give(f"{self._label}.{name} =")
-        if note:
-            note(repr(value))
+        label = f"{self._label}.{name} ="
+        self._give(label, f"{label} {value!r}{handled()}" if note else "")
 
     def __call__(self, *args: object, **kwargs: object) -> Any:
-        if note:
-            note(f"{self._label}(*{args}, **{kwargs}) while {sys.exc_info()[0]}")
-        return self._give(f"{self._label}()")
+        # Without anybody to tell it to, no text is made: calls are also made where no memory is left for one.
+        return self._give(f"{self._label}()", spelled(self._label, args, kwargs) if note else "")
 
     def __repr__(self) -> str:
         return str(self._label)
@@ -260,14 +288,25 @@ def manager(**given: Any) -> Anything:
 
 def service(*failure: Any) -> Prepare:
     """A service that lets everybody in, or fails."""
-    given = {"authenticate": raising(*failure)} if failure else {}
-    return patched(auth, AuthManager=lambda *args, **kwargs: manager(**given))
+    changes = {**USUAL, "manager.authenticate()": failure[0](*failure[1:]) if failure else None}
+    return patched(auth, AuthManager=lambda *args, **kwargs: Anything("manager", changes))
 
 
-def answer(body: bytes, status: int = 200) -> Prepare:
+def answer(body: bytes, status: int | None = 200) -> Prepare:
     """What /eras answers."""
-    response = types.SimpleNamespace(status=status, read=lambda: body)
-    return patched(urllib.request, urlopen=lambda *args, **kwargs: contextlib.nullcontext(response))
+    response = types.SimpleNamespace(read=lambda: body, **({} if status is None else {"status": status}))
+    return opening(lambda: contextlib.nullcontext(response))
+
+
+def opening(answers: Callable[[], object]) -> Prepare:
+    """An HTTP library that notes the request."""
+
+    def urlopen(request: urllib.request.Request, timeout: float) -> object:
+        if note:
+            note(f"{request.get_method()} {request.full_url} {request.headers} in {timeout} s")
+        return answers()
+
+    return patched(urllib.request, urlopen=urlopen)
 
 
 def chain(*links: BaseException) -> BaseException:
@@ -279,6 +318,7 @@ def chain(*links: BaseException) -> BaseException:
 def usual(undo: contextlib.ExitStack) -> None:
     patched(m, _config={**DEFAULTS, "data_dir": "d"}, _auth_manager=None)(undo)
     patched(auth, _active=None)(undo)
+    patched(os, environ={**os.environ, "HOME": str(base() / "work")})(undo)
     patched(secrets, token_hex=lambda n: "ab" * n)(undo)
     patched(sys, path=[*sys.path])(undo)
     service()(undo)
@@ -295,6 +335,7 @@ def config(**options: Any) -> Prepare:
 
 
 INVITED = patched(os, environ={**os.environ, "CORVANE_INVITE_CODE": "corv-aaaa-bbbb-cccc"})
+UNINVITED = patched(os, environ={name: value for name, value in os.environ.items() if name != "CORVANE_INVITE_CODE"})
 LINK = made(lambda p: p.symlink_to("victim"))
 KEY_FILE = file("d/wallet.key", KEY + "\n")
 BOTH = native(backtester={"source": "backtester-1.so"}, era_data={})
@@ -303,16 +344,23 @@ KIT_FAILS = kit({"_runtime.bootstrap_runtime()": OSError})
 READY = {"_runtime.get_runtime()": "ready"}
 ACTIVE = {"state": "active", "named_universe": "us"}
 ERA = {**ACTIVE, "signal_pools": [{"allowed_named_universes": ["us", ".."]}], "universes": [{"id": "us"}, "us"]}
-ONE_ERA = answer(json.dumps({"eras": [ERA]}).encode())
 MANAGER = ours(_auth_manager=manager())
 LOGIN = call("login", KEY)
 LOAD = call("_load_manifest_runtime_module", "d", "backtester")
 IMPORT = call("_load_extension_from_path", "backtester", "d/backtester.so")
 SOMEBODY_ELSES = types.SimpleNamespace(st_mode=0o100600, st_uid=12345)
-READ_ONLY = ours(open=lambda path, mode, **how: {"r": open}[mode](path, mode, **how))
-COPIES = tuple(file(f".corvane-runtime-x-{n}.so", "", 0o600, n) for n in range(4))
-UNSAFE, NOT_WRITTEN = "raised OSError: Unsafe wallet key at ./d", "raised OSError: Cannot write wallet to ./d"
-STRICT = "raised RuntimeError: Corvane "
+
+
+def read_only(path: str, mode: str, **how: str) -> object:
+    say(spelled("open", (path, mode), how))
+    return {"r": open}[mode](path, mode, **how)  # type: ignore[call-overload]
+
+
+READ_ONLY = ours(open=read_only)
+
+
+def eras(*given: object) -> Prepare:
+    return answer(json.dumps({"eras": given}).encode())
 
 
 def entry(kind: object = "runtime_module:backtester", **fields: Any) -> dict[Any, Any]:
@@ -336,183 +384,38 @@ def register(**kwargs: Any) -> Callable[[], object]:
     return call("register", **{"invite_code": "CORV-AAAA-BBBB-CCCC", **kwargs})
 
 
-def manager_methods() -> object:
-    local = m._LocalRuntimeSyncManager("manifest", runtime_freshness_guard=5)
-    done = local.acquire(), local.release(), local.register_era_callback(1), local.unregister_era_callback(1)
-    return local.get_manifest(), local.request_for_sync(), vars(local), done
+ON_DISK = {"era_config": {"era_id": 3, "signal_pools": [{"allowed_named_universes": ["u"]}]}}
+VOCABULARY, MANIFEST = "d/features/u/vocabulary.json", "d/manifest.json"
+RAW = types.SimpleNamespace(_corvane_module_sha256="5a")
+CONTENTS: dict[str, Any] = {VOCABULARY: '{"era_id": "7"}', MANIFEST: '{"files": {"x": {}}}'}
 
 
-def prune() -> list[str]:
-    m._prune_runtime_extension_copies("x", ".corvane-runtime-x-0.so")
-    return sorted(os.listdir())
+def on_disk(
+    files: Mapping[str, Any] = MappingProxyType({}), modules: Any = MISSING, **options: Any
+) -> tuple[Prepare, ...]:
+    """Configuration and files of a data directory that is complete but for what is changed."""
+    there = [file(name, text) for name, text in {**CONTENTS, **files}.items() if text is not None]
+    modules = {"backtester": RAW, "era_data": "data"} if modules is MISSING else modules
+    loader = Anything("load_modules", {"load_modules()": modules})
+    guard = Anything("guard", {"guard()": Anything("guard")})
+    return (
+        config(**{**ON_DISK, **options}),
+        *there,
+        ours(create_runtime_freshness_guard=guard, _load_runtime_modules_from_manifest=loader),
+    )
 
 
-# fmt: off
-def rows() -> Iterator[tuple[Any, ...]]:
-    """Name, what is called, what has to be in the outcome, what is there before."""
-    details = chain(ValueError("a"), KeyError(), *(OSError(n) for n in range(4)))
-    yield "chain", call("_exception_chain_detail", details), "'ValueError: a; caused by KeyError; caused by OSError: 0"
-    yield "chain fails", call("_exception_chain_detail", Anything(__str__=1)), "returned 'Anything: anything; diagnosti"
-    copy = call("_content_addressed_extension_path", "n", "x", "0123456789abcdefXX")
-    yield "copy unlinked", copy, "returned", file("x"), other_os(link=raising(OSError))
-    yield "prune", prune, "returned ['.corvane-runtime-x-0.so', '.corvane-runtime-x-3.so']", *COPIES
-    yield "prune nothing", prune, "-x-0.so', '.corvane-runtime-x-1.so']", *COPIES[:2]
-    yield "prune no directory", call("_prune_runtime_extension_copies", "x", "no/y"), "returned None"
-    undeletable = other_os(unlink=raising(PermissionError))
-    yield "prune undeletable", prune, "runtime-x-2.so', '.corvane-runtime-x-3.so']", *COPIES, undeletable
-    yield "import again", lambda: IMPORT() is IMPORT(), "returned True", BOTH
-    other = call("_load_extension_from_path", "backtester", "d/other.so")
-    two = native(backtester={"source": "backtester-1.so"}, other={"source": "backtester-2.so"})
-    yield "import another build", lambda: (IMPORT() is other(), sys.modules["backtester"] is other()), "(False, T", two
-    text = native(backtester={"source": b"no library"})
-    undone = ours(_prune_runtime_extension_copies=raising(LookupError))
-    yield "import undone", IMPORT, "raised LookupError", BOTH, undone
-    nothing = patched(sys.modules["importlib.util"], spec_from_file_location=lambda *args: None)
-    yield "import unspecified", IMPORT, "raised RuntimeError: Could not create import spec for ./d", BOTH, nothing
-    yield "manifest", call("_read_manifest", "d"), "returned namespace(era_id=3", BOTH
-    yield "manifest invalid", call("_read_manifest", "d"), "raised JSONDecodeError", file("d/manifest.json", "{")
-    for n, value in enumerate([None, {"files": {1: 2}}, types.SimpleNamespace(files={}), {"files": 5}]):
-        yield f"manifest files {n}", call("_manifest_files", value), "returned {"
-    kinds = {"b": {}, "c": {"kind": "x"}, "d": {"platform": CURRENT_PLATFORM}, "e": {"platform": "another"}}
-    listed = {"a": 5, **{name: {"kind": "runtime_module:vault", **entry} for name, entry in kinds.items()}}
-    entries, choose = "_runtime_module_manifest_entries", "_select_runtime_module_manifest_entry"
-    yield "entries", lambda: list(getattr(m, entries)({"files": listed})), "returned [('vault', 'b',"
-    yield "select", call(choose, {"files": listed}, "era_data"), "returned ('b', {"
-    yield "load", LOAD, "returned <module 'backtester'", BOTH
-    yield "load unlisted", call("_load_manifest_runtime_module", "d", "x"), "Incomplete: Manifest does not cont", BOTH
-    absent = native(backtester={"source": ""})
-    yield "load missing", LOAD, "Incomplete: Runtime module 'backtester' is missing at d/", absent
-    wrong = call("_load_manifest_runtime_module", "d", "backtester", expected_sha256="5a")
-    yield "load mismatch", wrong, "raised RuntimeModuleHashMismatch: Runtime module 'backtester' hash mismatch", BOTH
-    yield "load fails", LOAD, "raised RuntimeModuleReloadFailed: Runtime module 'backtester' failed to load", text
-    swapped = ours(_load_extension_from_path=lambda *args: None)
-    yield "load unexpected", LOAD, "HashMismatch: Runtime module 'backtester' loaded with unexpected", BOTH, swapped
-    yield "load all", lambda: list(m._load_runtime_modules_from_manifest("d", m._read_manifest("d"))), "['era_", BOTH
-    yield "guard loads", lambda: m.create_runtime_freshness_guard("d")._load("backtester", ""), "returned <mod", BOTH
-    per_era = call("_load_per_era_backtester", "d")
-    yield "backtester", per_era, "; INFO Loaded per-era backtester from manifest in d", BOTH
-    yield "backtester without manifest", per_era, "Incomplete: Per-era backtester runtime is required"
-    yield "backtester unlisted", per_era, "Incomplete: Per-era backtester runtime is missing", native(era_data={})
-    mute = type("Mute", (), {"__str__": raising(LookupError)})
-    yield "refusal of no text", call("_unsafe_wallet_error", mute()), "raised LookupError"
-    yield "records", lambda: (m.AuthToken("t", 1.5), m.WalletRegistration("0x") == m.WalletRegistration("0x")), "redac"
-    yield "find", call("_find_heartbeat", "a/b/c"), "returned 'HEARTBEAT.md'", file("HEARTBEAT.md")
-    for name, act in (("inject", call("inject_heartbeat")), ("nudge", call("update_nudge", "era_change", n=1))):
-        yield name, act, "returned None", file("HEARTBEAT.md", "abc")
-        yield f"{name} twice", lambda act=act: (act(), act()), "returned (None, None)", file("HEARTBEAT.md")
-        yield f"{name} nowhere", act, "returned None"
-        yield f"{name} opted out", act, "returned None", file("HEARTBEAT.md"), config(auto_heartbeat=False)
-        yield f"{name} unreadable", act, "returned None; WARNING ", file("HEARTBEAT.md", b"\xff")
-        yield f"{name} unwritable", act, "WARNING ", file("HEARTBEAT.md"), READ_ONLY
-    yield "fragment", call("get_agents_md_fragment"), "returned '## Corvane Integration"
-    fetch = call("_fetch_eras_payload", manager())
-    yield "eras without token", call("_fetch_eras_payload", manager(get_token=str)), "could not fetch /eras without an"
-    unreachable = patched(urllib.request, urlopen=raising(urllib.error.URLError, "no"))
-    yield "eras unreachable", fetch, "raised RuntimeError: Registration bootstrap failed to fetch /eras.", unreachable
-    for body, seen in ((b"{", "JSON"), (b"\xff", "JSON"), (b"[]", "payload")):
-        yield f"eras {body!r}", fetch, f"Registration bootstrap received invalid /eras {seen}", answer(body)
-    yield "eras 204", fetch, "failed to fetch /eras: HTTP 204", answer(b"", 204)
-    yield "names", lambda: [m._safe_named_universe(n) for n in (None, " us ", "..", "a/b", 7, "")], "[None, 'us', None,"
-    first = "_first_allowed_named_universe_from_era_config"
-    yield "first name", lambda: [getattr(m, first)(c) for c in (None, ERA, ACTIVE, {})], "[None, 'us', 'us', None]"
-    resolve = call("_resolve_active_named_universe", manager())
-    yield "resolve configured", resolve, "returned 'mine'", config(named_universe=" mine ")
-    yield "resolve active", resolve, "returned 'us'", ONE_ERA
-    yield "resolve no list", resolve, "payload is missing eras list", answer(b"{}")
-    none_active, no_name = b'{"eras": [5, {"state": "x"}]}', b'{"eras": [{"state": "active", "universes": {"..": 1}}]}'
-    yield "resolve none active", resolve, "exactly one active era from /eras, got 0.", answer(none_active)
-    yield "resolve no name", resolve, "exactly one active named universe from /eras, got 0.", answer(no_name)
-    for name, act, lost in (
-        ("read", call("_read_wallet_key", "d"), "raised OSError: Cannot read wallet from"),
-        ("write", call("_write_wallet_key", "d", "0x" + KEY), NOT_WRITTEN),
-    ):
-        reading = name == "read"
-        yield name, act, f"returned '{KEY}'" if reading else "returned None", KEY_FILE
-        yield f"{name} loose", act, "returned", file("d/wallet.key", KEY, 0o4666)
-        yield f"{name} missing", act, "returned None"
-        yield f"{name} link", act, UNSAFE, LINK, file("d/victim")
-        yield f"{name} dangling", act, "returned None" if reading else NOT_WRITTEN, LINK
-        yield f"{name} directory", act, UNSAFE, made(Path.mkdir)
-        yield f"{name} foreign", act, UNSAFE, KEY_FILE, other_os(getuid=lambda: 12345)
-        no = UNSAFE if reading else NOT_WRITTEN
-        yield f"{name} unopened", act, no, KEY_FILE, other_os(open=raising(OSError, 24, "full"))
-        yield f"{name} a directory", act, no, KEY_FILE, other_os(fstat=lambda fd: os.stat("."))
-        yield f"{name} somebody else's", act, no, KEY_FILE, other_os(fstat=lambda fd: SOMEBODY_ELSES)
-        swap = ours(_check_wallet_fd=lambda path, fd: m._nothing)
-        yield f"{name} checked wrongly", act, "raised AttributeError", KEY_FILE, swap
-        yield f"{name} no status", act, lost, KEY_FILE, other_os(lstat=raising(OSError, 5, "bad"))
-    yield "read no text", call("_read_wallet_key", "d"), "raised UnicodeDecodeError", file("d/wallet.key", b"\xff")
-    yield "write no text", call("_write_wallet_key", "d", "\udc80"), "raised UnicodeEncodeError"
-    yield "write no directory", call("_write_wallet_key", "d", KEY), "raised FileExistsError", file("d")
-    kept = {"_manifest": "manifest", "_vocabulary": {}, "runtime_freshness_guard": 5}
-    yield "sync manager", manager_methods, f"returned ('manifest', [], {kept}, (None, None, None, None))"
-    for path, seen in ((None, "returned None"), ("x", "returned []"), ("bad", "raised JSONDecodeError")):
-        yield f"json {path}", call("_read_json_if_present", path), seen, file("x", "[]"), file("bad", "{")
-    local = call("_bootstrap_local_runtime_from_config", manager())
-    yield "local without era", local, "returned None", kit(), BOTH
-    yield "local without vocabulary", local, "returned None", kit(), *LOCAL[:2]
-    yield "local without backtester", local, "Per-era backtester runtime is missing", kit(), *LOCAL, native(era_data={})
-    yield "local without kit", local, "raised ModuleNotFoundError", kit(_runtime=None), *LOCAL
-    batch = kit({"_runtime._import_batch_runtime()": (1, 2, 3)})
-    yield "local without batch", local, "Runtime(); WARNING Batch runtime import failed", batch, *LOCAL
-    validator = kit({"_runtime._build_graph_validator()": LookupError})
-    yield "local without validator", local, "raised LookupError", validator, *LOCAL
-    refusing = {"search_templates._library_runtime =": TypeError}
-    unset = patched(auth, _set_active_auth_manager=raising(ValueError, "no"))
-    strict, tolerant = call("_propagate_auth", manager(), strict=True), call("_propagate_auth", manager())
-    refused, no_simulation = kit(refusing), kit(simulate_signal=None)
-    cancelled = kit(_runtime=runtime(bootstrap_runtime=raising(Cancelled)))
-    unreadable = KIT_FAILS, *LOCAL, file("d/manifest.json")
-    yield "propagate", strict, "returned _runtime.bootst", kit()
-    yield "propagate unset", tolerant, "returned _runtime.bootstrap_runtime(); WARNING Failed to set", unset, kit()
-    yield "propagate unset strictly", strict, "auth bootstrap failed after", unset, kit()
-    yield "propagate kit fails", tolerant, "DEBUG Failed to bootstrap local corvane", *unreadable
-    yield "propagate kit fails, local", tolerant, "returned _runtime.LibraryRuntime(); WARNING", KIT_FAILS, *LOCAL
-    yield "propagate kit fails strictly", strict, "runtime data bootstrap failed: OSError: no", KIT_FAILS, *LOCAL
-    no_runtime = kit({"_runtime.bootstrap_runtime()": None})
-    yield "propagate no runtime", tolerant, "private corvane runtime was not initialized", no_runtime
-    yield "propagate no runtime strictly", strict, "bootstrap returned no runtime.", no_runtime
-    yield "propagate refused strictly", strict, "search runtime injection failed", refused
-    yield "propagate no simulation strictly", strict, "bootstrap failed: ModuleNotFoundError", no_simulation
-    yield "propagate cancelled", tolerant, "raised Cancelled", cancelled
-    yield "propagate no backoff", tolerant, "raised UnboundLocalError", kit(sync_backoff=None)
-    ensure = "ensure_runtime_bootstrapped"
-    yield "ensure nothing", call(ensure, False), "returned None"
-    yield "ensure nothing strictly", call(ensure), "raised AuthError: No wallet initialized."
-    yield "ensure ready", call(ensure), "returned 'ready'", MANAGER, kit(READY)
-    refused = kit({**READY, **refusing})
-    yield "ensure refused strictly", call(ensure), STRICT + "search runtime injection failed", MANAGER, refused
-    yield "ensure new", call(ensure), "returned _runtime.", MANAGER, kit(), ONE_ERA
-    yield "invite", call("_resolve_invite_code", None), "returned 'CORV-AAAA-BBBB-CCCC'", INVITED
-    for name, act, started, done in (
-        ("register", register(), register(bootstrap_runtime=True), "returned WalletRegistration(address='0xaddress')"),
-        ("login", LOGIN, call("login", KEY, bootstrap_runtime=True), "AuthToken(token='<redacted>', expires_at=12.5)"),
-    ):
-        yield name, act, done, file("HEARTBEAT.md")
-        yield f"{name} again", act, done, KEY_FILE, config(auto_heartbeat=False)
-        yield f"{name} unset", act, f"{done}; WARNING Failed to set active auth manager: no", unset
-        yield f"{name} unsafe", act, UNSAFE, LINK, file("d/victim")
-        yield f"{name} unreachable", act, "raised ConnectionError: Cannot reach", service(ConnectionRefusedError, "no")
-        invalid = service(auth.InvalidKeyError, "refused")
-        yield f"{name} invalid", act, "raised ValueError: Invalid private key format", invalid
-        yield f"{name} fails", act, "raised OSError: refused", service(OSError, "refused")
-        yield f"{name} bootstrap", started, done, kit(), ONE_ERA
-        yield f"{name} bootstrap fails", started, STRICT, KIT_FAILS, ONE_ERA
-    taken = service(auth.RegistrationError, "used up")
-    yield "register refused", register(), "raised RegistrationError: Registration failed: used up. Contact", taken
-    yield "register uninvited", register(invite_code="no"), "raised ValueError: Invite code required."
-    yield "login refused", LOGIN, "raised AuthError: Authentication failed. Verify", service(auth.AuthError, "refused")
-    yield "configure", call("configure", auto_heartbeat=False, data_dir="e", server_url="https://x/"), "returned None"
-    valid = "Unknown configuration option: 'colour'. Valid options: auto_heartbeat, data_dir, named_univ"
-    yield "configure unknown", call("configure", colour=1), valid
-    yield "configure type", call("configure", auto_heartbeat=1), "Option 'auto_heartbeat' expects bool, got int."
-    yield "configure no https", call("configure", server_url="http://x"), "server_url must use https"
-    yield "configure path", call("configure", named_universe="a/b"), "named_universe must be a single safe path seg"
-# fmt: on
+CALLS: dict[str, Call]  # by what is promised
 
-CALLS = {name: Call(act, expected, tuple(prepare)) for name, act, expected, *prepare in rows()}
+
+def __getattr__(name: str) -> Any:
+    """The table needs what is above, and is read when it is asked for."""
+    if name == "CALLS":
+        return importlib.import_module("support.promises").CALLS
+    raise AttributeError(name)
 
 
 if __name__ == "__main__":
-    for name in sys.argv[1:] or CALLS:
-        CALLS[name]()
+    table: dict[str, Call] = importlib.import_module("support.promises").CALLS
+    for name in sys.argv[1:] or table:
+        table[name]()
