@@ -12,7 +12,7 @@ from proof.workshop import Missing, Workshop
 
 # A file of this package each, with a function `run(workshop)` that yields results.
 BUILT = ["sanitizers", "fuzzing", "coverage", "planted_faults", "mutations", "twin_faults"]  # with builds of their own
-METHODS = ["leaks", "allocations", "system_calls", "key_file", "processes", *BUILT, "kit_mutations"]
+METHODS = ["leaks", "allocations", "system_calls", "key_file", "processes", "attacks", *BUILT, "kit_mutations"]
 
 
 @click.command()
