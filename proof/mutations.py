@@ -108,7 +108,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
         """Whether the tests fail, or hang for five times what they take without a change."""
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
         variables = {"MUTANT": str(number), "LD_PRELOAD": "", **site}
-        tests = f"differential {TESTS.get(file.removesuffix('.cpp'), 'surface runtime eras')}"
+        tests = f"promises differential {TESTS.get(file.removesuffix('.cpp'), 'surface runtime eras')}"
         return workshop.tests(tests, wrapper=("timeout", "150"), **variables) != []
 
     files = sorted({mutant.file for mutant in mutants})
