@@ -64,6 +64,7 @@ def test_a_thread_that_waits_while_the_interpreter_ends_sleeps_on(where):
 AROUND = {
     "greenlets": "each its own",
     "another_watcher": "the new value",
+    "no_watcher": "the new value",
     "lowered_stack": "RecursionError",
     "traceback_taken": "not enough values to unpack (expected 3, got 2)",
 }
