@@ -23,7 +23,7 @@ demo: $(VENV)/.installed ## Show an agent's first day against a service on this 
 
 test: $(VENV)/.installed $(VENV)/.test ## Run all tests against the installed packages
 	@echo "Testing the installed extension and the local kit."
-	@$(PY) -P -m pytest $(TEST_OPTIONS) && echo "make test: passed" || { echo "make test: FAILED"; exit 1; }
+	@$(PY) -P -m pytest -n auto --dist loadfile $(TEST_OPTIONS) && echo "make test: passed" || { echo "make test: FAILED"; exit 1; }
 
 test-pythons: ## Test the module on every supported interpreter that is found, or on those of PYTHONS="..."
 	@"$$(tools/find-python)" tools/test_pythons.py $(PYTHONS)
