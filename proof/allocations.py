@@ -11,6 +11,8 @@ import os
 import re
 import subprocess
 import sys
+import sysconfig
+import traceback
 import types
 from collections.abc import Callable, Iterator
 from concurrent.futures import Future
@@ -23,6 +25,7 @@ LENGTHS = {"allocation": (1, 3, 200), "operator new": (1,)}
 OURS = "corvane.agent_onboarding"
 IMPORT = "the import"
 KEPT: list[types.CodeType] = []
+LIBRARY = sysconfig.get_path("stdlib")
 # CPython loses an error whose traceback finds no memory, in its own Python functions. It names those that were called
 # from C, and from 3.13 on the class whose __init__ was; a generator ends.
 LOST = "good, but a Python function lost its error"
@@ -74,7 +77,7 @@ def judged(told: list[Any]) -> str:
         while isinstance(exc, BaseException) and exc not in links:
             links.append(exc)
             exc = exc.__cause__ or exc.__context__
-    if any(isinstance(link, StopIteration) or is_lost(str(link)) for link in links):
+    if any(is_lost(str(link)) or has_ended_a_generator(link) for link in links):
         return LOST
     # The interpreter's own words for it where a file gets no lock.
     good = any(isinstance(link, MemoryError) or str(link).startswith("can't allocate ") for link in links)
@@ -88,6 +91,12 @@ def is_lost(text: str) -> bool:
         with contextlib.suppress(AttributeError):
             ours = operator.attrgetter(lost[1] or "nothing")(importlib.import_module(OURS))
     return bool(lost) and f" at {id(ours):#x}>" not in text
+
+
+def has_ended_a_generator(exc: BaseException) -> bool:
+    """Whether a generator of the interpreter's own library lost its error, so that it just ends."""
+    *_, last = [None, *traceback.walk_tb(exc.__traceback__)]
+    return isinstance(exc, StopIteration) and last is not None and last[0].f_code.co_filename.startswith(LIBRARY)
 
 
 def keep_nested_codes() -> None:

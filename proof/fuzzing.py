@@ -101,25 +101,23 @@ def execute(target: str, *options: str) -> None:
         ctypes.CDLL(None).LLVMFuzzerRunDriver(ctypes.byref(count), ctypes.byref(pointer), called)
 
 
-def fuzzer(workshop: Workshop) -> dict[str, str]:
-    """The variables that preload the fuzzer and choose the build of the extension."""
-    compiler = workshop.tool("clang++-16")
-    # Its warnings differ from those of the compiler that the extension is written for.
-    flags = "-DCMAKE_CXX_FLAGS=-w -fprofile-instr-generate -fcoverage-mapping"
-    options = f"-DCMAKE_CXX_COMPILER={compiler}", "-DSANITIZE=fuzzer-no-link,address"
-    site = workshop.build("fuzz", flags, *options)
-    parts, library = subprocess.getoutput(f"{compiler} --print-runtime-dir"), workshop.folder / "fuzz" / "libfuzzer.so"
-    whole = ["-Wl,--whole-archive", f"{parts}/libclang_rt.fuzzer_no_main-x86_64.a", "-Wl,--no-whole-archive"]
-    done = subprocess.run([compiler, "-shared", "-o", library, *whole], capture_output=True, text=True)
-    if done.returncode != 0:
-        raise Missing(f"the fuzzer cannot be linked: {done.stderr[-1000:]}")
-    # The sanitizer's empty counters would come first.
-    return {**site, "LD_PRELOAD": f"{library} {parts}/libclang_rt.asan-x86_64.so"}
+def clang(workshop: Workshop) -> tuple[str, str]:
+    """The version of the newest clang that comes with all that is needed, and what to preload of it."""
+    library = workshop.folder / "libfuzzer.so"
+    for version in map(str, range(30, 14, -1)):
+        if all(shutil.which(f"{tool}-{version}") for tool in ("clang++", "llvm-profdata", "llvm-cov")):
+            parts = subprocess.getoutput(f"clang++-{version} --print-runtime-dir")
+            whole = ["-Wl,--whole-archive", f"{parts}/libclang_rt.fuzzer_no_main-x86_64.a", "-Wl,--no-whole-archive"]
+            linked = subprocess.run([f"clang++-{version}", "-shared", "-o", library, *whole], capture_output=True)
+            if linked.returncode == 0 and Path(asan := f"{parts}/libclang_rt.asan-x86_64.so").exists():
+                return version, f"{library} {asan}"  # the sanitizer's empty counters would come first
+    needed = "sudo apt-get install clang-16 llvm-16 libclang-rt-16-dev"
+    raise Missing(f"no clang++-15 or newer links with its fuzzer and has its llvm-profdata and llvm-cov: {needed}")
 
 
-def lines_reached(workshop: Workshop, profile: Path, source: str) -> float:
+def lines_reached(workshop: Workshop, version: str, profile: Path, source: str) -> float:
     """Per cent of the lines of a source that a process has executed."""
-    merge, cover = (workshop.tool(f"llvm-{name}-16") for name in ("profdata", "cov"))
+    merge, cover = (workshop.tool(f"llvm-{name}-{version}") for name in ("profdata", "cov"))
     subprocess.run([merge, "merge", profile, "-o", f"{profile}.merged"], check=True)
     [extension] = map(str, (workshop.folder / "fuzz").glob("agent_onboarding*.so"))
     command = [cover, "export", "-summary-only", f"-instr-profile={profile}.merged", extension]
@@ -128,7 +126,7 @@ def lines_reached(workshop: Workshop, profile: Path, source: str) -> float:
     return float(percents[f"{source}.cpp"])
 
 
-def fuzz(workshop: Workshop, site: dict[str, str], target: str) -> Result:
+def fuzz(workshop: Workshop, version: str, site: dict[str, str], target: str) -> Result:
     work, corpus = workshop.folder / "fuzz" / target, workshop.folder / "fuzz" / target / "corpus"
     source, wanted, _, seed = TARGETS[target]
     shutil.rmtree(work, ignore_errors=True)
@@ -146,11 +144,15 @@ def fuzz(workshop: Workshop, site: dict[str, str], target: str) -> Result:
     executed = max(map(int, re.findall(r"number_of_executed_units: (\d+)", done.stderr)), default=0)
     good = done.returncode == 0 and executed >= runs
     findings = [] if good else [f"ended with {done.returncode} after {executed:,} executions: {done.stderr[-3000:]}"]
-    reached = lines_reached(workshop, profile, source)
+    reached = lines_reached(workshop, version, profile, source)
     findings += [f"{wanted} % wanted"] if reached < wanted else []
     return Result(f"fuzzing: {target}; {reached:.0f} % of the lines of {source}.cpp", executed, findings)
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    site = fuzzer(workshop)
-    yield from side_by_side(lambda target: fuzz(workshop, site, target), TARGETS)
+    version, preloaded = clang(workshop)
+    # Its warnings differ from those of the compiler that the extension is written for.
+    flags = "-DCMAKE_CXX_FLAGS=-w -fprofile-instr-generate -fcoverage-mapping"
+    options = f"-DCMAKE_CXX_COMPILER=clang++-{version}", "-DSANITIZE=fuzzer-no-link,address"
+    site = {**workshop.build("fuzz", flags, *options), "LD_PRELOAD": preloaded}
+    yield from side_by_side(lambda target: fuzz(workshop, version, site, target), TARGETS)

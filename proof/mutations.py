@@ -1,15 +1,15 @@
-"""Small changes of the sources, made by rule: the tests of each file must notice them."""
+"""The module's tests must notice small changes of its C++ sources."""
 
-import random
+import os
 import re
 import shutil
-from collections import Counter
 from collections.abc import Iterator
-from typing import NamedTuple
 
+from proof.mutants import Mutant, draw, ends, results
 from proof.workshop import Result, Workshop, side_by_side
 
-EACH, SEED, WANTED = 8, 20, 95.0  # mutants of a file, seed of the draw, per cent that must be noticed
+EACH, WANTED = 8, 95.0  # mutants of a file, per cent that must be noticed
+SECONDS = 300.0  # many times what the tests take, until a mutant has hung
 TESTS = {"eras": "eras", "runtime_loading": "runtime", "runtime_manifest": "runtime", "wallet_store": "key_file"}
 
 SELECTED = """#pragma once
@@ -22,6 +22,7 @@ RULES = (
     ("message", r'(?<![\w"])("(?:[^"\\\n]|\\.)* (?:[^"\\\n]|\\.)*[^"\\ ])"(_n)?(?=[,)\]])', r'(M ? \1!"\2 : \1"\2)'),
     ("except class", r'(?<=in, caught, )("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
     ("except class", r'(?<=matches\(auth\()("\w+"_n)', r'(M ? "AuthManager"_n : \1)'),
+    ("except class", r'(?<=matches\(global\()("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
     ("condition", r"(?<=\bif \()((?:(?! = ).)+)(?=\)(?: \[\[\w+\]\])?(?: \{)?(?: //.*)?$)", r"M != bool(\1)"),
     ("condition", r"(?<=\bwhile \()([^=\n]+)(?=\)$)", r"!M && (\1)"),
     ("comparison", r"\bPy_(EQ|NE)\b", r"(Py_\1 ^ (M ? 1 : 0))"),  # Py_EQ is 2, Py_NE 3; Py_LT 0, Py_LE 1
@@ -36,7 +37,7 @@ RULES = (
 # Lines that declare, which cannot select.
 DECLARED = re.compile(
     r"constexpr|consteval|static_assert|= default|^\s*(?://|#|\[\[|template|using|: )"
-    r"|^(?!\s*return\b)\s*\w[\w:<>*&]* (?:[\w:<>*& ]+ )?[*&]?\w+\("
+    r"|^(?!\s*(?:return|except_scope)\b)\s*\w[\w:<>*&]* (?:[\w:<>*& ]+ )?[*&]?\w+\("
 )
 
 # File, what stands on the line, why the tests cannot notice.
@@ -49,41 +50,22 @@ EXPLAINED = (
 )
 
 
-class Mutant(NamedTuple):
-    """A place of a source and what stands there instead."""
-
-    file: str
-    line: int
-    rule: str
-    start: int
-    end: int
-    instead: str
-    source: str
-
-
-def draw(file: str, text: str) -> list[Mutant]:
-    """The same each time, at most one on a line, the last place first."""
-    candidates, lines = list[Mutant](), text.splitlines()
+def candidates(file: str, text: str) -> Iterator[tuple[str, Mutant]]:
+    """The pattern, and what it makes of a place, wherever the rules fit."""
+    lines = text.splitlines()
     for rule, pattern, template in RULES:
         for match in re.finditer(pattern, text, re.M):
             line = lines[number := text.count("\n", 0, match.start())]
             if not DECLARED.search(line) or re.search(r"\bif \(", line):
-                candidates.append(Mutant(file, number + 1, rule, *match.span(), match.expand(template), line))
-    random.Random(f"{SEED} {file}").shuffle(candidates)
-    seen = Counter[str]()
-    turns = {mutant: seen.update([mutant.rule]) or seen[mutant.rule] for mutant in candidates}
-    chosen, taken = list[Mutant](), set[int]()
-    for mutant in sorted(candidates, key=lambda mutant: turns[mutant]):  # one of each rule, then another of each
-        both = {mutant.line, mutant.line + mutant.instead.count("\n")}
-        if len(chosen) < EACH and not both & taken:
-            chosen.append(mutant)
-            taken |= both
-    return sorted(chosen, key=lambda mutant: -mutant.start)
+                yield pattern, Mutant(file, number + 1, rule, *match.span(), match.expand(template), line)
 
 
-def build(workshop: Workshop) -> tuple[dict[str, str], list[Mutant]]:
-    """One build with all mutants; the environment variable MUTANT selects one, number 1 the first of the list."""
-    copy, mutants = workshop.folder / "mutated", list[Mutant]()
+def build(workshop: Workshop) -> tuple[dict[str, str], list[Mutant], list[object]]:
+    """One build with all mutants; the environment variable MUTANT selects one, number 1 the first of the list.
+
+    Last, the rules and reasons that fit nothing.
+    """
+    copy, mutants, fitting, texts = workshop.folder / "mutated", list[Mutant](), set[str](), dict[str, str]()
     source = copy / "src" / "agent_onboarding"
     shutil.rmtree(copy, ignore_errors=True)
     shutil.copytree(workshop.root / "src", copy / "src", ignore=shutil.ignore_patterns("__pycache__"))
@@ -91,37 +73,35 @@ def build(workshop: Workshop) -> tuple[dict[str, str], list[Mutant]]:
     shutil.copy(workshop.root / "CMakeLists.txt", copy)
     (copy / "mutant.hpp").write_text(SELECTED)
     for path in sorted([*source.glob("*.cpp"), *source.glob("py/*.[ch]pp")]):
-        text = path.read_text()
-        for mutant in draw(str(path.relative_to(source)), text):
+        file = str(path.relative_to(source))
+        texts[file] = text = path.read_text()
+        found = list(candidates(file, text))
+        fitting |= {pattern for pattern, _ in found}
+        for mutant in draw([mutant for _, mutant in found], EACH):
             mutants.append(mutant)
             instead = re.sub(r"\bM\b", f"mutant({len(mutants)})", mutant.instead)
             text = text[: mutant.start] + instead + text[mutant.end :]
         path.write_text(text)
+    unused: list[object] = [rule for rule in RULES if rule[1] not in fitting]
+    unused += [row for row in EXPLAINED if row[1] not in texts.get(row[0], "")]
     flags = f"-DCMAKE_CXX_FLAGS=-w -include {copy / 'mutant.hpp'}"
-    return workshop.build("mutants", "-DCMAKE_BUILD_TYPE=Debug", flags, source=copy), mutants
+    return workshop.build("mutants", "-DCMAKE_BUILD_TYPE=Debug", flags, source=copy), mutants, unused
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    site, mutants = build(workshop)
+    site, mutants, unused = build(workshop)
 
-    def noticed(number: int, file: str) -> bool:
-        """Whether the tests fail, or hang for five times what they take without a change."""
+    def ended(number: int, file: str) -> str:
+        """How the tests that see to a file end with a mutant."""
+        names = ["promises", "differential", *TESTS.get(file.removesuffix(".cpp"), "surface runtime eras attacks").split()]
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
-        variables = {"MUTANT": str(number), "LD_PRELOAD": "", **site}
-        tests = f"promises differential {TESTS.get(file.removesuffix('.cpp'), 'surface runtime eras')}"
-        return workshop.tests(tests, wrapper=("timeout", "150"), **variables) != []
+        variables = {**os.environ, **site, "LD_PRELOAD": "", "MUTANT": str(number)}
+        return ends(workshop.pytest(*names), SECONDS, workshop.folder, variables)
 
     files = sorted({mutant.file for mutant in mutants})
-    broken = side_by_side(lambda file: noticed(0, file), ["wallet_store", "any other"])
-    found = ["without any change the tests fail"] if any(broken) else []
+    if set(side_by_side(lambda file: ended(0, file), ["eras.cpp", "wallet_store.cpp", "any other"])) != {"passed"}:
+        raise RuntimeError("without any change the tests fail")
     tried = list(enumerate(mutants, 1))[:: 12 if workshop.quick else 1]
-    caught = side_by_side(lambda one: noticed(one[0], one[1].file), tried)
-    share = 100 * sum(caught) / len(caught)
-    found += [f"only {share:.1f} % are caught, {WANTED} wanted"] if share < WANTED else []
-    missed = [mutant for (_, mutant), seen in zip(tried, caught, strict=True) if not seen]
-    reasons = {one: [why for file, text, why in EXPLAINED if one.file == file and text in one.source] for one in missed}
-    for one, why in reasons.items():
-        print(f"   {one.file}:{one.line}, {one.rule}: {one.source.strip()}: {'; '.join(why) or 'not noticed'}")
-    found += [f"{one.file}:{one.line}, {one.rule}" for one, why in reasons.items() if not why]
-    yield Result(f"mutations: in {len(files)} files, {share:.0f} % noticed by the tests", len(tried), found)
-    yield Result("   of the others, cannot be noticed for a known reason", sum(map(bool, reasons.values())))
+    seen = side_by_side(lambda one: ended(one[0], one[1].file), tried)
+    outcomes = dict(zip([mutant for _, mutant in tried], seen, strict=True))
+    yield from results(f"mutations in {len(files)} files", outcomes, WANTED, EXPLAINED, unused)

@@ -1,19 +1,21 @@
 """Many processes, forks, interrupts at every point."""
 
-import collections
 import functools
 import itertools
 import os
 import re
 import signal
 import sys
+from collections import Counter
 from collections.abc import Callable, Iterable, Iterator
 from typing import Any
 
-from proof.workshop import Result, Workshop, descriptors, in_children
+from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
 from support.scenarios import CALLS, Call, base, m, manager, native, outcome, patched
 
 LOST = "SameFileError", "ImportError", "FileNotFoundError"  # the copy came, or went, while it was made or loaded
+REPORTED, IN_A_GENERATOR = "reported by the interpreter, in a generator thrown away", "KeyboardInterrupt in a generator"
+STORMY = ["write", "read loose", "load", "inject", "register bootstrap"]
 KILLED = f"ended with status {signal.SIGBUS}: Fatal Python error: Bus error"  # it was written over while it was in use
 
 
@@ -35,7 +37,7 @@ def loading(builds: int, processes: int, loads: int) -> tuple[list[str], int]:
     digests = native(**{str(build): {"source": library + bytes(build)} for build in range(builds)})
     with Call(lambda: None, "", (digests,)).situation():
         answers = in_children(functools.partial(worker, number) for number in range(processes))
-    seen = collections.Counter(itertools.chain.from_iterable(answers))
+    seen = Counter(itertools.chain.from_iterable(answers))
     loaded = seen.pop("", 0)
     lost = (*LOST, KILLED) if builds > 1 else LOST
     return [f"{why} {n} times" for why, n in seen.items() if not why.startswith(lost)], processes * loads - loaded
@@ -58,7 +60,6 @@ def forked_in_the_middle() -> Iterator[str]:
 # What is raised instead, with the interrupt as its context, as stated: a descriptor is closed again after the file
 # object could not be made, which closed it; an except clause needs what could not be imported.
 STATED = re.compile("Bad file descriptor|'sync_backoff' referenced before assignment")
-EVENTS = list(itertools.accumulate(range(1000), lambda n, _: n + n // 100 + 1, initial=1))  # ever fewer after 100
 Strike = Callable[[], None]
 
 
@@ -79,10 +80,9 @@ def after(microseconds: int, strike: Strike) -> None:
     signal.setitimer(signal.ITIMER_REAL, microseconds / 1e6)
 
 
-def struck(call: Call, arm: Callable[[Strike], object]) -> tuple[bool, str]:
-    """Whether KeyboardInterrupt came during the call, and what is wrong with what came of it."""
-    came = False
-    ignored: list[Any] = []  # what hits a generator that is being thrown away is reported by the interpreter itself
+def struck(call: Call, arm: Callable[[Strike], object]) -> str:
+    """What comes of a KeyboardInterrupt in the middle of a call: "missed" if it was over before."""
+    came, seen, ignored = False, "swallowed", list[str]()
 
     def strike() -> None:
         nonlocal came
@@ -90,38 +90,55 @@ def struck(call: Call, arm: Callable[[Strike], object]) -> tuple[bool, str]:
         raise KeyboardInterrupt
 
     with call.situation():
-        before, wrong, sys.unraisablehook = descriptors(), "", ignored.append
+        before = descriptors()
+        sys.unraisablehook = lambda what: ignored.append(f"{what.exc_type.__name__} in a {type(what.object).__name__}")
         try:
             try:
                 arm(strike)
                 call.act()
-                wrong = "swallowed"
             except Exception as exc:
                 stated = isinstance(exc.__context__, KeyboardInterrupt) and STATED.search(str(exc))
-                wrong = "" if stated else f"became {exc!r}"
+                seen = "raised" if stated else f"became {exc!r}"
             finally:
                 sys.settrace(None)
                 signal.setitimer(signal.ITIMER_REAL, 0)
         except KeyboardInterrupt:
-            wrong = ""
+            seen = "raised"
         sys.unraisablehook = sys.__unraisablehook__
-        wrong = wrong if came and not ignored else ""
-        ignored.clear()
-        return came, wrong or ("" if descriptors() == before else "a descriptor stays open")
+        if descriptors() != before:
+            return "a descriptor stays open"
+        # What hits a generator that is being thrown away is reported by the interpreter itself, and goes no further.
+        if ignored:
+            return REPORTED if (seen, ignored) == ("swallowed", [IN_A_GENERATOR]) else f"{seen}, ignored: {ignored}"
+        return seen if came else "missed"
 
 
-def interrupts(names: list[str], arm: Callable[[int, Strike], None], places: Iterable[int]) -> tuple[int, list[str]]:
-    """At each place until the call is over before; how many places there were, and findings."""
-    points, found = 0, []
+def interrupts(names: Iterable[str], arm: Callable[[int, Strike], None], places: Iterable[int]) -> Counter[str]:
+    """What comes of an interrupt at each place, until the call is over before."""
+    seen = Counter[str]()
     for name in names:
         for place in places:
-            came, wrong = struck(CALLS[name], functools.partial(arm, place))
-            points += came
-            found += [f"{name} at {place}: {wrong}"] if wrong else []
-            if not came:
+            came = struck(CALLS[name], functools.partial(arm, place))
+            if came == "missed":
                 break
+            seen[came if came in ("raised", REPORTED) else f"{name} at {place}: {came}"] += 1
         CALLS[name]()
-    return points, found
+    return seen
+
+
+def at_each_event(*names: str) -> Counter[str]:
+    return interrupts(names, at_event, range(1, 1_000_000))
+
+
+def in_a_storm(rounds: int) -> Counter[str]:
+    return interrupts(STORMY * rounds, after, range(20, 400, 10))
+
+
+def told(what: str, seen: Counter[str]) -> Iterator[Result]:
+    wrong = [f"{came} ({times} times)" for came, times in seen.items() if came not in ("raised", REPORTED)]
+    yield Result(f"interrupts: {what}", seen.total(), wrong)
+    if seen[REPORTED]:
+        yield Result(f"   of these, {REPORTED}", seen[REPORTED])
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
@@ -133,6 +150,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
         yield Result("   of these, as documented, lost to one another", lost)
     yield Result("processes: forks in the middle of a call", 20, list(forked_in_the_middle()))
     names = list(CALLS)[:: 30 if quick else 1]
-    yield Result("interrupts: KeyboardInterrupt at each traced event", *interrupts(names, at_event, EVENTS))
-    stormy = ["write", "read loose", "load", "inject", "register bootstrap"] * (1 if quick else 10)
-    yield Result("interrupts: signals every 10 us", *interrupts(stormy, after, range(20, 400, 10)))
+    parts = [part for n in range(20) if (part := names[n::20])]
+    seen = side_by_side(lambda part: Counter(workshop.answer("processes.at_each_event", *part)), parts)
+    yield from told(f"at each traced event of {len(names)} calls", sum(seen, Counter[str]()))
+    yield from told("by a signal every 10 us", in_a_storm(1 if quick else 10))

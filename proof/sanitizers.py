@@ -66,8 +66,8 @@ def run(workshop: Workshop) -> Iterator[Result]:
     take_reports(workshop)  # of an earlier run
     site = workshop.build("asan", "-DSANITIZE=address,undefined")
     groups = ["key_file"] if workshop.quick else workshop.groups()
-    failed = workshop.tests(*groups, **environment(workshop, "libasan.so"), **site)
-    yield Result("sanitizers: files of tests under ASan and UBSan", len(groups), failed + take_reports(workshop))
+    passed, wrong = workshop.tests(*groups, **environment(workshop, "libasan.so"), **site)
+    yield Result("sanitizers: tests under ASan and UBSan", passed, wrong + take_reports(workshop))
     yield Result("sanitizers: scenarios twice, with LeakSanitizer", *under(workshop, "libasan.so", "leaking", **site))
     names = list(CALLS)[:: 60 if workshop.quick else 1]
     yield Result("sanitizers: scenarios under valgrind", len(names), valgrind(workshop, *names))
