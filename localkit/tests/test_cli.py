@@ -25,7 +25,7 @@ class Shell:
     def __init__(self, url, work, forks):
         self.work, self.home, self.forks = work, work / "home", forks
         self.secrets = [f"{number:064x}" for number in (11, 12, 13)]
-        self.env = {k: v for k, v in os.environ.items() if not k.startswith("CORVANE_")}
+        self.env = {k: v for k, v in os.environ.items() if not k.startswith(("CORVANE_", "COLUMNS"))}
         self.env |= {"HOME": str(work), "PATH": f"{work}:/usr/bin:/bin", "PYTHONPATH": str(work)}
         self.env |= {"CORVANE_SERVER_URL": url, "CORVANE_DATA_DIR": str(self.home)}
 
