@@ -99,6 +99,14 @@ def http(body=b"", status=200, **headers):
     return "\r\n".join([*lines, "", ""]).encode() + content
 
 
+def wait_until(it_is_so, seconds=30):
+    """Waits no longer than it takes."""
+    end = time.monotonic() + seconds
+    while not it_is_so():
+        assert time.monotonic() < end
+        time.sleep(0.02)
+
+
 def slowly(answer):
     """The answer, a byte in a tenth of a second."""
     return (time.sleep(0.1) or answer[i : i + 1] for i in range(len(answer)))

@@ -5,6 +5,7 @@ import itertools
 import json
 import os
 import re
+import shlex
 import signal
 import subprocess
 import sys
@@ -291,7 +292,7 @@ OUTPUTS = {">/dev/full": FULL, ">&-": CLOSED, "<&- >&-": CLOSED, "| true": "Brok
 @pytest.mark.parametrize("output", OUTPUTS)
 @pytest.mark.parametrize("line", ["agents-md", "--help", "--version", "doctor --help", "completion zsh"])
 def test_a_full_or_closed_output_is_one_error(line, output, shell):
-    script = f"{{ {' '.join(Shell.command)} {line}; echo $? >&2; }} {output}"
+    script = f"{{ {shlex.join(Shell.command)} {line}; echo $? >&2; }} {output}"
     if output == "| true":
         script = f"{{ sleep 0.2; {script[2:]}"
     done = subprocess.run(["sh", "-c", script], env=shell.env, capture_output=True, text=True, timeout=60)

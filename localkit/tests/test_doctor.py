@@ -4,6 +4,7 @@ import ipaddress
 import json
 import os
 import re
+import shlex
 import shutil
 import socket
 import sqlite3
@@ -30,6 +31,7 @@ from corvane_local import certificates
 from localkit.tests.conftest import http, slowly
 
 FIRST, SECOND = f"{21:064x}", f"{22:064x}"
+PYTHON = shlex.quote(sys.executable)
 BACKUP = "wallet.key.backup-20260101T000000.000000Z"
 
 
@@ -44,7 +46,7 @@ class Patient:
         self.service, self.work, self.home = service, work, work / "home"
         (work / "bin").mkdir()
         command = work / "bin/corvane"
-        command.write_text(f'#!/bin/sh\nexec {sys.executable} -BP -m corvane_cli "$@"\n')
+        command.write_text(f'#!/bin/sh\nexec {PYTHON} -BP -m corvane_cli "$@"\n')
         command.chmod(0o755)
         self.env = {"HOME": str(work), "PATH": f"{work}/bin:/usr/bin:/bin", "SSL_CERT_FILE": f"{service.state}/ca.pem"}
         self.env |= {"CORVANE_SERVER_URL": service.url, "CORVANE_DATA_DIR": str(self.home)}
@@ -53,7 +55,7 @@ class Patient:
     def run(self, script):
         """Runs it in the home; what it exports stays."""
         seen = self.work / "environment"
-        script = f"set -e; cd {self.home}; {script}\nenv -0 >{seen}"
+        script = f"set -e; cd {shlex.quote(str(self.home))}; {script}\nenv -0 >{shlex.quote(str(seen))}"
         subprocess.run(["sh", "-c", script], env=self.env, check=True, stdout=-3)
         self.env = dict(item.split("=", 1) for item in seen.read_text().split("\0") if item)
 
@@ -110,10 +112,8 @@ def test_healthy_it_says_what_it_looked_at(patient, service):
 
 ENTRY = """echo '{"era_id": 3, "version": 1, "files": {"%s": {"kind": "k", "size": 2%s}}}' >manifest.json"""
 DIGEST = f', "sha256": "{"0" * 64}"'
-SOCKET = f"rm wallet.key; {sys.executable} -c 'import socket as s; s.socket(1).bind(\"wallet.key\")'"
-LOST = (
-    f"{sys.executable} -c 'import sqlite3, sys; d = sqlite3.connect(sys.argv[1]); d.execute(sys.argv[2]); d.commit()'"
-)
+SOCKET = f"rm wallet.key; {PYTHON} -c 'import socket as s; s.socket(1).bind(\"wallet.key\")'"
+LOST = f"{PYTHON} -c 'import sqlite3, sys; d = sqlite3.connect(sys.argv[1]); d.execute(sys.argv[2]); d.commit()'"
 PAGE = "import sqlite3; d = sqlite3.connect('search.db'); d.execute('CREATE TABLE a (b)'); d.commit()"
 ASIDE, ADDRESS = ".aside", "0x[0-9a-f]{40}"
 # Check (and which others see the same), spoiling, what the problem says, what the step says.
@@ -161,7 +161,7 @@ REPAIRED = [
     ("files", "rm features/*/*.json; mkdir features/us_large/vocabulary.json", "is missing", "mv .* && corvane sync"),
     ("copies", f"echo x >.corvane-runtime-x-{'0' * 16}.so", "does not hold", "rm "),
     ("searches", "echo garbage >search.db", "search.db is spoilt: file is not a database", "mv .*" + ASIDE),
-    ("searches", f'{sys.executable} -c "{PAGE}"; truncate -s 4096 search.db', "search.db is spoilt", "mv .*" + ASIDE),
+    ("searches", f'{PYTHON} -c "{PAGE}"; truncate -s 4096 search.db', "search.db is spoilt", "mv .*" + ASIDE),
     ("searches", "echo garbage >search.db; cp search.db search.db-wal", "search.db is spoilt", "mv .* && mv .*-wal"),
     ("trust", "export SSL_CERT_FILE=/nowhere", "/nowhere. does not exist", "export SSL_CERT_FILE=CA"),
     ("trust", "export SSL_CERT_FILE=", "does not exist", "export SSL_CERT_FILE=CA"),

@@ -32,7 +32,7 @@ from corvane.sync_backoff import ServiceBusy, SyncBackoff, SyncBackoffCancelled
 from corvane_local import certificates
 from corvane_local.failures import FailureLimit
 from corvane_local.store import Proof, Store
-from localkit.tests.conftest import http
+from localkit.tests.conftest import http, wait_until
 
 COMMAND = [sys.executable, "-P", "-m", "corvane_local"]
 
@@ -239,10 +239,9 @@ def test_tokens_run_out(start):
         manager = service.sign_up(1)
         first = manager.get_token()
         assert manager.get_token() == first
-        time.sleep(2)
-        assert manager.get_token() != first and service.get("/wallet", first).status_code == 200  # renewed early
-        time.sleep(3)
-        assert service.get("/wallet", first).status_code == 401
+        wait_until(lambda: manager.get_token() != first)
+        assert service.get("/wallet", first).status_code == 200  # renewed early
+        wait_until(lambda: service.get("/wallet", first).status_code == 401)
 
 
 # The ssl module leaves a socket open that is reset before its handshake begins.
