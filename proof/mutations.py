@@ -19,7 +19,11 @@ inline bool mutant(int number) { return number == std::atoi(std::getenv("MUTANT"
 STEP = r"[a-z_]+(?:(?:\.|->)[a-z_]+)?\((?:(?!raise|throw|return|delete).)*\);"
 RULES = (
     # rule, what it looks for, what stands there instead; M is the selection
-    ("message", r'(?<![\w"])("(?:[^"\\\n]|\\.)* (?:[^"\\\n]|\\.)*[^"\\ ])"(_n)?(?=[,)\]])', r'(M ? \1!"\2 : \1"\2)'),
+    (
+        "message",
+        r'(?:(?<=[(\[{])|(?<=, ))("(?:[^"\\\n]|\\.)* (?:[^"\\\n]|\\.)*[^"\\ ])"(_n)?(?=[,)\]])',
+        r'(M ? \1!"\2 : \1"\2)',
+    ),
     ("except class", r'(?<=in, caught, )("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
     ("except class", r'(?<=matches\(auth\()("\w+"_n)', r'(M ? "AuthManager"_n : \1)'),
     ("except class", r'(?<=matches\(global\()("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
