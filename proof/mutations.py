@@ -33,14 +33,14 @@ RULES = (
     ("comparison", r"\bPy_(LE|GE)\b", r"(Py_\1 - (M ? 1 : 0))"),  # Py_GT 4, Py_GE 5
     ("boolean", r"\btrue_value\(\)(?! noexcept)", "(M ? handle(Py_False) : true_value())"),
     ("boolean", r"(?<= = )(true|false)(?=;)", r"(M != \1)"),
-    ("order", r"([\w:>-]+\.ptr\(\)), (?!\1)([\w:>-]+\.ptr\(\))", r"(M ? \2 : \1), (M ? \1 : \2)"),
+    ("order", r"(?<![\w\"])([\w:>-]+\.ptr\(\)), (?!\1)([\w:>-]+\.ptr\(\))", r"(M ? \2 : \1), (M ? \1 : \2)"),
     ("number", r"(?<=integer\()(\w+)(?=\))", r"\1 + (M ? 1 : 0)"),
     ("statement", r"(?<=[;{}]\n)( +)((?!return|throw|raise|delete)[\w.:>-]+\(.*\));$", r"\1M ? (void)0 : (void)(\2);"),
     ("swap", rf"(?<=[;{{}}]\n)( +)({STEP})\n\1(?!\2)({STEP})$", r"\1if (M) { \3 \2 } else { \2\n\3 }"),
 )
 # Lines that declare, which cannot select.
 DECLARED = re.compile(
-    r"constexpr|consteval|static_assert|= default|^\s*(?://|#|\[\[|template|using|: )"
+    r"constexpr|consteval|static_assert|\basm\b|= default|^\s*(?://|#|\[\[|template|using|: )"
     r"|^(?!\s*(?:return|except_scope)\b)\s*\w[\w:<>*&]* (?:[\w:<>*& ]+ )?[*&]?\w+\("
 )
 
