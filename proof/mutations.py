@@ -40,7 +40,7 @@ RULES = (
 )
 # Lines that declare, which cannot select.
 DECLARED = re.compile(
-    r"constexpr|consteval|static_assert|\basm\b|= default|^\s*(?://|#|\[\[|template|using|: )"
+    r"constexpr|consteval|static_assert|__asm__|= default|^\s*(?://|#|\[\[|template|using|: )"
     r"|^(?!\s*(?:return|except_scope)\b)\s*\w[\w:<>*&]* (?:[\w:<>*& ]+ )?[*&]?\w+\("
 )
 
