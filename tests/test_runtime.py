@@ -93,7 +93,7 @@ ACTIONS = "next", "send None", "send 5", "throw", "throw exit", "throw stop", "c
 SIBLING = st.sampled_from([None, StopIteration, ValueError, "re-enter"])
 
 
-@settings(max_examples=150, deadline=None)
+@settings(max_examples=150, deadline=None, database=None)
 @given(actions=st.lists(st.sampled_from(ACTIONS)), failure=SIBLING, fail_at=st.integers(1, 4))
 def test_entries_have_a_generators_manners(actions, failure, fail_at):
     """One random script of next, send, throw and close, on the twin's generator and ours; siblings misbehave."""
