@@ -107,16 +107,18 @@ def test_a_download_that_goes_on_may_take_its_time(scripted, tmp_path, monkeypat
 
 
 ODD = [
-    (CHALLENGE, http({**GOOD, "expires_at": odd}))
+    ("does not say how long", CHALLENGE, http({**GOOD, "expires_at": odd}))
     for odd in (True, "1e9", None, [], float("nan"), float("inf"), -5, 10**400, {})
 ]
-ODD += [(CHALLENGE, http({**GOOD, "token": odd})) for odd in (5, None, "", "a\nb", "a b", "\u00e9", "x" * 5_000)]
-ODD += [(http({"challenge": odd}),) for odd in (5, None, "\u00e9", ["a"])]
+TOKENS = 5, None, "", "a\nb", "a b", "\u00e9", "x" * 5_000
+ODD += [("holds no token", CHALLENGE, http({**GOOD, "token": odd})) for odd in TOKENS]
+ODD += [("holds no challenge", http({"challenge": odd})) for odd in (5, None, "\u00e9", ["a"])]
 
 
-@pytest.mark.parametrize("answers", ODD, ids=lambda answers: answers[-1].rpartition(b"\r\n")[2].decode()[:40])
-def test_odd_answers_are_refused(answers, scripted):
-    with pytest.raises(auth.AuthError, match="The service's answer"):
+@pytest.mark.parametrize("odd", ODD, ids=lambda odd: odd[-1].rpartition(b"\r\n")[2].decode()[:40])
+def test_odd_answers_are_refused(odd, scripted):
+    lacks, *answers = odd
+    with pytest.raises(auth.AuthError, match=f"The service's answer {lacks}"):
         sign_in(scripted, *answers)
 
 
