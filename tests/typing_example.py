@@ -21,7 +21,10 @@ assert_type(m.AuthToken("secret", expires_at=1.5), m.AuthToken)
 do_nothing: list[Callable[[], None]] = [m.inject_heartbeat, m.configure, lambda: m.update_nudge("first_signal", n=1)]
 
 m.login(b"key")  # type: ignore[arg-type]
-m.configure("server_url")  # type: ignore[call-arg]
+m.configure("server_url")  # type: ignore[call-arg, arg-type]
+m.configure(colour=1)  # type: ignore[call-arg]
+m.configure(auto_heartbeat=True, data_dir=1)  # type: ignore[arg-type]
+m.update_nudge("first_singal")  # type: ignore[arg-type]
 m.update_nudge()  # type: ignore[call-arg]
 print(m.WalletRegistration("0xab").token)  # type: ignore[attr-defined]
 print(m._config)  # type: ignore[attr-defined]

@@ -10,7 +10,7 @@ import time
 from collections import Counter
 from collections.abc import Callable, Iterator
 from dataclasses import dataclass
-from typing import NoReturn
+from typing import Literal, NoReturn
 
 from tqdm import tqdm
 
@@ -25,7 +25,8 @@ _library_runtime: LibraryRuntime | None = None  # assigned by the bootstrap
 TEMPLATES: dict[str, Callable[[RuntimeEvaluationAdapter, int], Iterator[Expression]]] = {
     "random_expressions": RuntimeEvaluationAdapter.compute_search_plan,
 }
-_MILESTONES = {1: "first_signal", 10: "10_signals", 100: "strategy_unlock"}
+_Milestone = Literal["first_signal", "10_signals", "strategy_unlock"]
+_MILESTONES: dict[int, _Milestone] = {1: "first_signal", 10: "10_signals", 100: "strategy_unlock"}
 _NOTE_SECONDS = 1.0  # between two notes in the tracker; what a kill loses of the counters
 _GREATEST_LIKENESS = 0.7  # correlation of profits; above it a signal is a variation of one that is known
 
