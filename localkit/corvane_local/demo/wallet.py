@@ -7,6 +7,7 @@ import stat
 from contextlib import closing
 from datetime import datetime
 from pathlib import Path
+from typing import Any
 
 import click
 
@@ -15,6 +16,8 @@ from corvane import auth
 from corvane_local.demo.checks import check, mode, option, refused, say, show
 from corvane_local.demo.service import Service
 
+REGISTER = "register(data_dir='.../agent')"
+REGISTER_AGAIN = "register(os.environ['CORVANE_INVITE_CODE'], data_dir='.../agent')"
 WORKSPACE_TEXT = "# Heartbeat\n\n- [ ] Read the mail\n"
 
 
@@ -55,10 +58,9 @@ class WalletSteps:
     def register_while_the_service_is_down(self) -> None:
         """The agent registers, but the service is down: the new key is kept"""
         self.service.stop()
-        call = f"register({self.invite_code!r}, data_dir='.../agent')"
+        os.environ["CORVANE_INVITE_CODE"] = self.invite_code
         error = ConnectionError("Cannot reach Corvane server. Check your network connection and try again.")
-        again = "the same call again, when the service is back."
-        refused(call, lambda: onboarding.register(self.invite_code, str(self.home)), error, again)
+        refused(REGISTER, lambda: onboarding.register(data_dir=str(self.home)), error, f"{REGISTER_AGAIN}, when the service is back.")
         if self.sabotage == "key-file":
             self.key_file.chmod(0o644)
         check("wallet.key is there: 64 digits, mode 600", self._key_is_safe())
@@ -66,11 +68,14 @@ class WalletSteps:
         self.service.start()
 
     def register(self) -> None:
-        """The service is back: the same call registers the same key"""
+        """The service is back: with the code as an argument, the same key is registered"""
         key = self.key_file.read_text()
-        wallet = onboarding.register(self.invite_code, str(self.home))
+        # The variable is read only while there is no key, so the same call again would not send the code.
+        error, again = auth.AuthError("This wallet is not registered"), f"{REGISTER_AGAIN}."
+        refused(REGISTER, lambda: onboarding.register(data_dir=str(self.home)), error, again)
+        wallet = onboarding.register(os.environ["CORVANE_INVITE_CODE"], data_dir=str(self.home))
         self.address = wallet.address
-        show(f"register({self.invite_code!r}, data_dir='.../agent')", wallet)
+        show(REGISTER_AGAIN, wallet)
         click.echo(f"   key file: {self.key_file}, mode {mode(self.key_file):o}")
         check("the key on disk is the one from before", self._key_is_safe() and self.key_file.read_text() == key)
         if self.sabotage == "invite":
@@ -125,7 +130,8 @@ class WalletSteps:
         show("configure(named_universe=' us_large ')", None)
         check("the name is stored without blanks", option("named_universe") == "us_large")
         error, call = ValueError("Option 'auto_heartbeat' expects bool, got int."), "configure(auto_heartbeat=1)"
-        refused(call, lambda: onboarding.configure(auto_heartbeat=1), error, "configure(auto_heartbeat=True).")
+        wrong: Any = 1  # a type checker would refuse it, too
+        refused(call, lambda: onboarding.configure(auto_heartbeat=wrong), error, "configure(auto_heartbeat=True).")
         check("the option is as it was", option("auto_heartbeat") is True)
 
     def add_a_nudge(self) -> None:
