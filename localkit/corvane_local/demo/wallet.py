@@ -60,7 +60,12 @@ class WalletSteps:
         self.service.stop()
         os.environ["CORVANE_INVITE_CODE"] = self.invite_code
         error = ConnectionError("Cannot reach Corvane server. Check your network connection and try again.")
-        refused(REGISTER, lambda: onboarding.register(data_dir=str(self.home)), error, f"{REGISTER_AGAIN}, when the service is back.")
+        refused(
+            REGISTER,
+            lambda: onboarding.register(data_dir=str(self.home)),
+            error,
+            f"{REGISTER_AGAIN}, when the service is back.",
+        )
         if self.sabotage == "key-file":
             self.key_file.chmod(0o644)
         check("wallet.key is there: 64 digits, mode 600", self._key_is_safe())
