@@ -13,10 +13,11 @@ KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/
 CREATED := .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
 CXX_FILES := $(shell find src localkit/native tests -name '*.cpp' -o -name '*.hpp')
 
-.PHONY: help demo test build-tools test-tools test-pythons test-agents test-browser test-fleet test-wheel test-arm lint bench proof wheel wheels install clean
+.PHONY: help demo test build-tools test-tools test-pythons test-agents test-browser test-fleet test-wheel test-arm test-pages \
+        lint bench proof wheel wheels install clean
 
 help: ## Say what there is to make
-	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 16
+	@grep -E '^[a-z-]+:.*##' $(MAKEFILE_LIST) | sed -E 's/^([a-z-]+):.*## (.*)/make \1\t\2/' | expand -t 20
 
 demo: $(VENV)/.installed ## Show an agent's first day against a service on this machine
 	@$(PY) -P -m corvane_local.demo $(DEMO_OPTIONS)
@@ -47,25 +48,28 @@ test-fleet: ## Test examples/fleet.py, which needs Ray, in .venv-fleet
 	@$(MAKE) --no-print-directory VENV=.venv-fleet .venv-fleet/.installed .venv-fleet/.test .venv-fleet/.fleet
 	@.venv-fleet/bin/python -P -m pytest -m fleet $(TEST_OPTIONS)
 
+test-pages: $(VENV)/.installed ## Run the commands of README and docs in a clone whose path has blanks (PAGES_OPTIONS=--slow: all)
+	@$(PY) -P tools/run_pages.py $(PAGES_OPTIONS)
+
 lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ (clang-tidy; warnings are errors)
 	@echo "Checking format, types, stub and C++."
 	@$(VENV)/bin/clang-format --dry-run -Werror $(CXX_FILES)
 	@$(VENV)/bin/ruff check . && $(VENV)/bin/ruff format --check .
 	@$(VENV)/bin/mypy localkit/corvane_local localkit/corvane_cli localkit/corvane_pages localkit/corvane localkit/native/make_era_data.py proof src/agent_onboarding/py/compile_declarations.py src/corvane_agent_onboarding_pyinstaller tools docs/draw_architecture.py examples/fleet.py examples/fleet_nursery.py
-	@cd build && $(CURDIR)/$(VENV)/bin/stubtest corvane.agent_onboarding
+	@mkdir -p build && cd build && "$(CURDIR)/$(VENV)/bin/stubtest" corvane.agent_onboarding
 	@sed -n '/^```python/,/^```/{/^```/d;p;}' README.md >build/readme_example.py
-	@cd build && $(CURDIR)/$(VENV)/bin/mypy --strict readme_example.py ../tests/typing_example.py
-	@{ $(VENV)/bin/cmake -S . -B build/tidy -DWARNINGS_AS_ERRORS=ON -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
+	@cd build && "$(CURDIR)/$(VENV)/bin/mypy" --strict readme_example.py ../tests/typing_example.py
+	@{ $(VENV)/bin/cmake -S . -B build/tidy -DWARNINGS_AS_ERRORS=ON -DPython_EXECUTABLE="$(CURDIR)/$(PY)" \
 	   && $(VENV)/bin/cmake --build build/tidy --parallel 2 \
-	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DWARNINGS_AS_ERRORS=ON -DPython_EXECUTABLE=$(CURDIR)/$(PY) \
+	   && $(VENV)/bin/cmake -S localkit -B build/tidy-kit -DWARNINGS_AS_ERRORS=ON -DPython_EXECUTABLE="$(CURDIR)/$(PY)" \
 	   && $(VENV)/bin/cmake --build build/tidy-kit --parallel 2; } >build/tidy.log 2>&1 \
 	   || { cat build/tidy.log; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter src/%.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy-kit localkit/native/*.cpp 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@echo "make lint: passed"
 
-bench: $(VENV)/.installed ## Time every operation beside its plain Python twin and beside what nobody can beat
-	@PYTHONPATH=.:tests $(PY) -P -m benchmarks --picture docs/benchmarks.svg
+bench: $(VENV)/.installed ## Time every operation beside its plain Python twin (BENCH_OPTIONS="--picture FILE.svg": draw it)
+	@PYTHONPATH=.:tests $(PY) -P -m benchmarks $(BENCH_OPTIONS)
 
 proof: $(VENV)/.installed $(VENV)/.test $(VENV)/.lint ## Prove that nothing crashes, leaks or loses data (PROOF_OPTIONS=--quick: seconds)
 	@PYTHONPATH=.:tests $(PY) -P -m proof $(PROOF_OPTIONS)

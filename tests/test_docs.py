@@ -14,6 +14,7 @@ PAGES = {page: page.read_text("utf-8") for glob in ("*.md", "docs/*.md", "localk
 SOURCES = {source.name: source.read_text("utf-8") for source in (ROOT / "src/agent_onboarding").glob("*.cpp")}
 KIT_PAGE = PAGES[ROOT / "docs/developing-the-kit.md"]
 COMMANDS = {"corvane": corvane.commands, "corvane-local": corvane_local.commands}
+FENCE = "(cpp|json|text|python( run)?)|sh (run|slow|elsewhere)"  # see tools/run_pages.py
 NO_MESSAGES = ("[Corvane]", "## Corvane", "Bearer ", "Agent onboarding subcomponent", "AuthToken(token=")
 
 
@@ -29,7 +30,11 @@ def test_every_message_is_explained():
         for literal in re.findall(r'"((?:[^"\\\n]|\\.)*)"', code):
             if " " in literal and not any(text in literal for text in NO_MESSAGES):
                 said |= phrases(literal, "%s")
-    rows = re.findall(r"^\| `([^`]+)`(.*)", PAGES[ROOT / "docs/operating.md"].partition("## Messages")[2], re.M)
+    rows = re.findall(
+        r"^\| `([^`]+)`(.*)",
+        PAGES[ROOT / "docs/operating.md"].partition("## Messages")[2].partition("### From the local kit")[0],
+        re.M,
+    )
     for message, rest in rows:
         assert re.fullmatch(r"[^|]*\| [^| ][^|]*\| [^| ][^|]* \|", rest), f"no cause or no next step: {message}"
         explained |= phrases(message, "<[a-z]+>")
@@ -56,6 +61,9 @@ def test_links_and_commands_exist(page):
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
 def test_pages_are_finished_and_fit(page):
+    fences = re.findall(r"^ *```(.*)", PAGES[page], re.M)
+    assert not [fence for fence in fences[::2] if not re.fullmatch(FENCE, fence)]
+    assert page != ROOT / "README.md" or len(PAGES[page].split()) <= 900
     assert not re.search(r"\b(FIGURES|TODO|FIXME|TBD|XXX)\b", PAGES[page])
     assert [line for line in PAGES[page].splitlines() if len(line) > 120 and not line.startswith("|")] == []
 

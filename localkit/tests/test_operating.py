@@ -58,6 +58,13 @@ class Agent:
     def is_back(self):
         m.configure(server_url=self.service.url)
 
+    def has_failed_before(self):
+        self.is_new()
+        self.is_away()
+        with pytest.raises(ConnectionError):
+            m.register()
+        self.is_back()
+
     def answers(self, status, body=b""):
         """Something else answers to /eras: a server with this one answer."""
         self.planned.plan = [(status, {}, body)]
@@ -254,6 +261,7 @@ DIAGNOSED.__cause__ = OSError("not today")
 # The beginning of a row, what is wrong, the call that says so, the advice; and the call after it, if that is another.
 CASES = [
     ("Invite", lambda a: a.is_new("CORV-O0"), register, Agent.gets_a_code, register),
+    ("This wallet is not", Agent.has_failed_before, register, Agent.nothing, with_the_code),
     ("Invalid", lambda a: a.restore(b"\n"), register, Agent.restore),
     ("Cannot reach", lambda a: a.is_new() or a.is_away(), register, Agent.is_back, with_the_code),
     (
