@@ -19,6 +19,7 @@ from corvane_cli.doctor_service import check_service, check_sign_in, check_trust
 from corvane_cli.doctor_wallet import check_key_file, check_session
 from corvane_cli.identity import KEY_VARIABLE, Agent
 
+_TRIED_IN = (2026, 7, 2)  # whose later betas did not read HEARTBEAT.md either
 _NO_HEARTBEAT = (2026, 8, 1)  # the first version of the agent host that does not read HEARTBEAT.md
 
 
@@ -34,15 +35,16 @@ def check_agent_host(agent: Agent) -> Iterator[Finding | Looked]:
         said = subprocess.run([command, "--version"], input=b"", capture_output=True, env=env, timeout=TIMEOUT).stdout
     except (OSError, subprocess.TimeoutExpired):
         said = b""
-    version = re.search(rb"\b(20\d\d)\.(\d{1,2})\.(\d{1,3})\b", said)
+    version = re.search(rb"\b(20\d\d)\.(\d{1,2})\.(\d{1,3})\b(-beta\.[567]\b)?", said)
     if version is None:
         problem, reason = f"{command} does not tell its version.", "versions from 2026.8.1 on do not read HEARTBEAT.md"
         yield Finding("host", WARNING, problem, reason, "Run `openclaw --version` yourself.")
-    elif tuple(map(int, version.groups())) >= _NO_HEARTBEAT:
-        reason = "from 2026.8.1 on the checklist and the nudges in that file reach nobody"
+    elif (release := tuple(map(int, version.groups()[:3]))) >= _NO_HEARTBEAT or (version[4] and release == _TRIED_IN):
+        reason = "with this version, the checklist and the nudges in that file reach nobody"
         next_step = (
-            "`corvane heartbeat --print > FILE`, find the job with `openclaw cron list --all --json`, add what its "
-            "scratch holds to FILE, then `openclaw cron scratch <jobId> --file FILE --expected-revision N`."
+            "`corvane heartbeat --print > FILE`. `openclaw cron list --all --json` lists the job whose declarationKey "
+            "is heartbeat:AGENT. `openclaw cron scratch JOB_ID --json` shows its text, which you add to FILE, and its "
+            "currentRevision, which is N in `openclaw cron scratch JOB_ID --file FILE --expected-revision N`."
         )
         yield Finding("host", WARNING, f"openclaw {version[0].decode()} does not read HEARTBEAT.md.", reason, next_step)
     else:

@@ -197,12 +197,15 @@ def test_what_is_wrong_is_found_and_the_step_repairs_it(patient, service, checks
 
 def test_it_sees_what_it_cannot_repair(patient, tmp_path):
     host, extension = tmp_path / "bin/openclaw", next(Path(kit.__path__[0]).glob("agent_onboarding*.so"))
-    for version, problem in {"2026.8.1": "does not read HEARTBEAT.md", "?": "does not tell its version"}.items():
+    unread = "does not read HEARTBEAT.md"
+    versions = {"2026.8.1": unread, "2026.7.2-beta.5": unread, "?": "does not tell its version"}
+    for version, problem in versions.items():
         host.write_text(f"#!/bin/sh\necho OpenClaw {version}")
         host.chmod(0o755)
         assert problem in text(patient.examine(online=False))
-    host.write_text("#!/bin/sh\necho OpenClaw 2026.7.35")
-    assert "openclaw, 2026.7.35" in text(patient.examine(online=False))
+    for version in ("2026.7.35", "2026.7.2-beta.4"):
+        host.write_text(f"#!/bin/sh\necho OpenClaw {version}")
+        assert f"openclaw, {version[:8]}" in text(patient.examine(online=False))
     other = tmp_path / "site/corvane"
     shutil.copytree(extension.parent, other)
     (other / extension.name).rename(other / "agent_onboarding.so.1")
