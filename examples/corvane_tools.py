@@ -1,8 +1,8 @@
-"""An agent's first day as plain functions, written for a model to call: what the examples for the frameworks share.
+"""An agent's first day as plain functions for a model to call: what the examples for the frameworks share.
 
-Each returns a short text, and an exception's text says what to do. They take no invite code, no key and no address of
-a service: whoever starts the agent sets those, with `CORVANE_INVITE_CODE` and `configure`. Calls block for seconds, up
-to two minutes for a search: let the framework run them in threads.
+Each returns a short text, and the text of an exception says what to do. They take no invite code, no key and no service
+address: whoever starts the agent sets those, with `CORVANE_INVITE_CODE` and `configure`. Calls block for seconds, a
+search for up to two minutes: let the framework run them in threads.
 """
 
 import functools
@@ -26,13 +26,13 @@ MOST_EVALUATIONS, MOST_SECONDS, MOST_SHOWN = 20_000, 120, 10
 def register() -> str:
     """Sign this agent's wallet in to the Corvane service and download what searching needs. Call it first.
 
-    It makes a wallet if there is none. Call it again after a ConnectionError: the wallet is kept. After a
+    It makes a wallet if there is none. Call it again after a ConnectionError; the wallet is kept. After a
     RegistrationError, ask your operator for another invite code. It takes up to a minute.
 
     Returns:
         The address of the wallet.
     """
-    # The code goes in as argument: a wallet.key that the service has not heard of needs it, too.
+    # As an argument: after a ConnectionError there is a wallet.key, and the module no longer reads the variable.
     code = os.environ.get("CORVANE_INVITE_CODE") or None
     with _one_at_a_time:
         address = agent_onboarding.register(code, bootstrap_runtime=True).address
@@ -42,16 +42,16 @@ def register() -> str:
 def search(seed: int, max_evaluations: int = 2000) -> str:
     """Search for signals in the prices of the active era. Call it after register, with another seed each time.
 
-    It stops by itself: after max_evaluations expressions or two minutes. One search runs at a time. What it finds is
-    stored, and milestones are noted in HEARTBEAT.md.
+    It stops by itself after max_evaluations expressions or two minutes. Only one search can run at a time. Whatever it
+    finds is stored, and milestones are noted in HEARTBEAT.md.
 
     Args:
-        seed: Where the random numbers begin, from 0. A seed that was used finds nothing new.
+        seed: The seed of the random numbers, 0 or more. A seed that has been used finds nothing new.
         max_evaluations: How many expressions to try, from 1 to 20000.
 
     Returns:
-        How many expressions were tried, and the new signals with their numbers. A signal is a candidate that can have
-        fitted by chance, and no advice to trade.
+        How many expressions were tried, and the new signals with their numbers. A signal may have fitted by chance; it
+        is not advice to trade.
     """
     if not 1 <= max_evaluations <= MOST_EVALUATIONS:
         raise ValueError(f"max_evaluations must be from 1 to {MOST_EVALUATIONS}, got {max_evaluations}.")
@@ -60,16 +60,16 @@ def search(seed: int, max_evaluations: int = 2000) -> str:
 
 
 def search_status() -> str:
-    """Tell how the search for signals is going: status and analytics. Call it at each heartbeat.
+    """Report how the search for signals is going: status and analytics. Call it at each heartbeat.
 
     Returns:
-        Whether a search is running, why the newest one ended early if it did, how many signals are stored, how many
-        an hour of searching gives and whether that goes up or down, and what to look at next.
+        Whether a search is running, why the latest one ended early if it did, how many signals are stored, how many
+        are found per hour of searching and whether that is rising or falling, and what to look at next.
     """
     status, velocity = corvane.search_status(), corvane.get_search_velocity()
     state = "A search is running" if status.running else "No search is running"
-    problem = f"; the newest one ended early: {status.error}" if status.error else ""
-    rate = f"{velocity.signals_per_hour:.1f} an hour of searching, trend {velocity.trend}"
+    problem = f"; the latest one ended early: {status.error}" if status.error else ""
+    rate = f"{velocity.signals_per_hour:.1f} per hour of searching, trend {velocity.trend}"
     hints = [f"{hint.use.kind} {hint.use.name} ({hint.reason})" for hint in corvane.get_suggestions()[:MOST_SHOWN]]
     return f"{state}{problem}. Signals stored: {status.signals}, {rate}. Look at: {', '.join(hints) or 'nothing new'}."
 
@@ -81,8 +81,8 @@ def simulate(signal_id: int) -> str:
         signal_id: The number of the signal, as search returned it.
 
     Returns:
-        The Sharpe ratio on the days that the search did not choose by (the one to judge by) and on those that it did,
-        the total return and the greatest fall, as shares of the capital.
+        The Sharpe ratio on the days that the search did not select by (the one to judge by) and on those that it did,
+        and the total return and the greatest fall as fractions of the capital.
     """
     result = corvane.simulate_signal(signal_id)
     return (
@@ -93,7 +93,7 @@ def simulate(signal_id: int) -> str:
 
 
 def inject_heartbeat() -> str:
-    """Add the checklist for the search to HEARTBEAT.md of the workspace, once. register does it, too.
+    """Add the checklist for the search to HEARTBEAT.md of the workspace, once. register does this as well.
 
     Returns:
         Where the checklist is.
@@ -107,7 +107,7 @@ def inject_heartbeat() -> str:
 
 
 def update_nudge(trigger: Trigger) -> str:
-    """Add a line about a milestone to HEARTBEAT.md, once. search adds those for found signals by itself.
+    """Add a line about a milestone to HEARTBEAT.md, once. search does this itself for the signals that it finds.
 
     Args:
         trigger: What has happened.
@@ -155,12 +155,12 @@ FUNCTIONS: tuple[Callable[..., str], ...] = (
 
 
 def explained(error: BaseException) -> str:
-    """What a model reads of a failure: its kind and what to do. No exception's text holds a key or an invite code."""
+    """What a model reads about a failure: its kind and what to do. The text never contains a key or an invite code."""
     return f"{type(error).__name__}: {error}"
 
 
 def raising[**P](kind: Callable[[str], Exception], function: Callable[P, str]) -> Callable[P, str]:
-    """The function with its exceptions as those of a kind, whose text the framework hands to the model."""
+    """The function, with its exceptions turned into a kind whose text the framework passes to the model."""
 
     @functools.wraps(function)
     def call(*args: P.args, **kwargs: P.kwargs) -> str:

@@ -13,7 +13,7 @@ from corvane.agent_onboarding import get_agents_md_fragment
 
 
 def explain(_tool: BaseTool, _given: dict[str, Any], _context: ToolContext, error: Exception) -> dict[str, Any] | None:
-    """Makes a failure a result; without it, the first one would end the run."""
+    """Turns a failure into a result; otherwise the first failure would end the run."""
     return {"error": explained(error)} if isinstance(error, Exception) else None  # None: the run was cancelled
 
 

@@ -10,7 +10,7 @@ from corvane.agent_onboarding import configure, get_agents_md_fragment
 
 server = MCPServer("corvane", instructions=get_agents_md_fragment())
 for function in FUNCTIONS:
-    server.add_tool(raising(ToolError, function))  # of other exceptions the SDK tells the model nothing
+    server.add_tool(raising(ToolError, function))  # the SDK tells the model nothing about other exceptions
 
 if __name__ == "__main__":
     if sys.argv[1:]:

@@ -7,7 +7,7 @@ from corvane.agent_onboarding import get_agents_md_fragment
 
 
 def explain(_context: object, error: Exception) -> str:
-    """What the model reads of a failure; the SDK's own text names no cause."""
+    """What the model reads about a failure; the SDK's own text does not name the cause."""
     return explained(error)
 
 

@@ -1,4 +1,4 @@
-"""The functions as tools of smolagents, for `CodeAgent(tools=tools, model=...)`: it shows the model what they raise."""
+"""The functions as tools of smolagents, for `CodeAgent(tools=tools, model=...)`: the model sees what they raise."""
 
 from corvane_tools import FUNCTIONS
 from smolagents import tool
