@@ -104,7 +104,7 @@ class Answer:
         for chunk in self._response.iter_raw():
             body += chunk
             if len(body) > LARGEST_ANSWER:
-                raise NotTheServiceError(f"{self._service.url} answers with more than {LARGEST_ANSWER:,} bytes.")
+                raise NotTheServiceError(f"{self._service.url} returned more than {LARGEST_ANSWER:,} bytes.")
         return bytes(body)
 
     def chunks(self) -> Iterator[bytes]:
@@ -130,13 +130,13 @@ class Answer:
         if self.status != 200 and not self.reason(fields or {}):  # the service gives one whenever it refuses something
             path = self._response.request.url.path
             problem = f"There seems to be no Corvane service at {self._service.url}"
-            raise NotTheServiceError(f"{problem}: {path} is answered with HTTP {self.status} and without a reason.")
+            raise NotTheServiceError(f"{problem}: {path} returned HTTP {self.status} without a reason.")
         if fields is not None:
             return fields
         is_page = "html" in self.headers.get("Content-Type", "") or body.lstrip()[:1] == b"<"
         if is_page:
-            raise PortalError(f"{self._service.url} answers with a web page, as a captive portal or a proxy does.")
-        raise NotTheServiceError(f"{self._service.url} answers with something that is not a JSON object.")
+            raise PortalError(f"{self._service.url} returned a web page, as captive portals and proxies do.")
+        raise NotTheServiceError(f"{self._service.url} returned something that is not a JSON object.")
 
     @staticmethod
     def reason(fields: Mapping[str, Any]) -> str:

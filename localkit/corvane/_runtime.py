@@ -248,7 +248,7 @@ def _verified_json(data_dir: str, manifest: Mapping[str, Any], path: str) -> dic
     Raises:
         corvane.errors.RuntimeModuleError: The manifest does not name the file, or it holds other bytes.
         OSError: It cannot be read.
-        ValueError: It holds no JSON object.
+        ValueError: It does not contain a JSON object.
     """
     if path not in manifest["files"]:
         raise RuntimeModuleDownloadIncomplete(f"The manifest does not name {path}.", relative_path=path)
@@ -258,7 +258,7 @@ def _verified_json(data_dir: str, manifest: Mapping[str, Any], path: str) -> dic
         raise RuntimeModuleHashMismatch(message, relative_path=path, expected_sha256=expected, actual_sha256=actual)
     value = json.loads(content)
     if not isinstance(value, dict):
-        raise ValueError(f"{path} holds no JSON object.")
+        raise ValueError(f"{path} does not contain a JSON object.")
     return value
 
 

@@ -86,9 +86,9 @@ class AuthManager:
         self._invite_code = _normalize_invite_code(invite_code) or invite_code
         del private_key, invite_code  # a traceback that is shown with its locals must not show them
         if not is_hexadecimal:
-            raise InvalidKeyError("The private key is not 64 hexadecimal digits behind 0x.")
+            raise InvalidKeyError("The private key is not 64 hexadecimal digits after 0x.")
         if key is None:
-            raise InvalidKeyError("The private key is not a number of the curve.")
+            raise InvalidKeyError("The private key is not valid for the curve.")
         self._key = key
         self._public_key = public_key_text(key.public_key())
         self._server_url = server_url.rstrip("/")
@@ -121,7 +121,7 @@ class AuthManager:
         with Service(self._server_url) as service:
             challenge = self._post(service, "/auth/challenge").get("challenge")
             if not isinstance(challenge, str) or not challenge.isascii():
-                raise AuthError("The service's answer holds no challenge.")
+                raise AuthError("The service's answer contains no challenge.")
             answer = self._post(service, path, challenge)
         token, expiry = answer.get("token"), answer.get("expires_at", 0.0)
         # The range keeps out what is no time: true, NaN, infinity, and what no float can hold.
@@ -131,9 +131,9 @@ class AuthManager:
             return
         del answer, token
         raise AuthError(
-            "The service's answer holds no token."
+            "The service's answer contains no token."
             if is_time
-            else "The service's answer does not say how long its token is good."
+            else "The service's answer does not say how long its token is valid."
         )
 
     def get_wallet_address(self) -> str:

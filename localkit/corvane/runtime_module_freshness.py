@@ -73,7 +73,7 @@ class RuntimeFreshnessGuard:
     def _listed_digests(self) -> dict[str, str]:
         manifest = json.loads(self._manifest_path.read_text(encoding="utf-8"))
         if not isinstance(manifest, dict):
-            raise ValueError(f"{self._manifest_path} holds no JSON object.")
+            raise ValueError(f"{self._manifest_path} does not contain a JSON object.")
         files = manifest.get("files")
         digests: dict[str | None, object] = {}
         for _, entry in sorted(files.items()) if isinstance(files, dict) else []:

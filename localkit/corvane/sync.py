@@ -279,7 +279,7 @@ def _only_process(root: Path, wait: float) -> Iterator[None]:
                 break
             except BlockingIOError:
                 if time.monotonic() >= until:
-                    raise BlockingIOError(f"Another sync is at work in {root}.") from None
+                    raise BlockingIOError(f"Another sync is running in {root}.") from None
                 time.sleep(0.1)
         yield
 

@@ -55,7 +55,7 @@ class SyncBackoff:
         failure: Exception | None = None
         for attempt in range(1, self._attempts + 1):
             if self._cancelled.is_set():
-                raise SyncBackoffCancelled("The attempts were called off.") from failure
+                raise SyncBackoffCancelled("The attempts were cancelled.") from failure
             try:
                 return action()
             except (ConnectionError, TimeoutError) as exc:

@@ -45,14 +45,14 @@ class Exit(IntEnum):
         return status
 
     OK = 0, "done"
-    FAILED = 1, "something unforeseen went wrong; --verbose says more"
-    USAGE = 2, "the command or its input makes no sense"
+    FAILED = 1, "something unexpected went wrong; --verbose says more"
+    USAGE = 2, "the command or its input is not valid"
     NOT_LOGGED_IN = 3, "not logged in: no key, or no session"
     REFUSED = 4, "the service refuses the key or the invite code, or the key is malformed"
-    TRY_AGAIN = 5, "the service is away or busy, or another command is at work: try again later"
+    TRY_AGAIN = 5, "the service is away or busy, or another command is running: try again later"
     MACHINE = (
         6,
-        "something on this machine must be put right first: a file, a permission, a certificate, an address",
+        "something on this machine must be fixed first: a file, a permission, a certificate, an address",
     )
     SPOILT = 7, "downloaded files are not what the manifest says"
     WARNINGS = 8, "`corvane doctor` has found warnings and no errors"
@@ -78,13 +78,13 @@ _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((PortalError,), Exit.TRY_AGAIN, _PORTAL),
     ((NotTheServiceError,), Exit.MACHINE, _NOT_CORVANE),
     ((ConnectionError, TimeoutError), Exit.TRY_AGAIN, _ADDRESS),
-    ((RuntimeModuleError,), Exit.SPOILT, _SPOILT),
+    ((RuntimeModuleError,), Exit.SPOILT, "`corvane sync` downloads damaged files again; `corvane doctor` says more."),
     ((RegistrationError,), Exit.REFUSED, _NEW_CODE),
     ((InvalidKeyError,), Exit.REFUSED, "Pass the key as 64 hexadecimal digits, with or without 0x in front."),
     ((RequestRefusedError,), Exit.REFUSED, _REFUSED),
     ((AuthError,), Exit.REFUSED, _UNKNOWN),
     ((ImportError,), Exit.MACHINE, "`corvane doctor` says what cannot be loaded, and why."),
-    ((OSError,), Exit.MACHINE, "Put the file, its permissions or the disk right; `corvane doctor` says more."),
+    ((OSError,), Exit.MACHINE, "Fix the file or its permissions; `corvane doctor` says more."),
 ]
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
 
@@ -175,7 +175,7 @@ class Group(_Prints, click.Group):
             _log_to_stderr()
         try:
             if sys.stdout is None:
-                raise Failure("Standard output is closed.", Exit.MACHINE, "Open it, such as with >/dev/null.")
+                raise Failure("Standard output is closed.", Exit.MACHINE, "Open it, for example with >/dev/null.")
             sys.stdout.reconfigure(errors="backslashreplace")  # type: ignore[union-attr]
             if instruction := os.environ.get(COMPLETION_VARIABLE):
                 return shell_complete(self, {}, "corvane", COMPLETION_VARIABLE, instruction)
@@ -301,7 +301,7 @@ def _explain(exc: BaseException) -> Failure:
         return exc
     if isinstance(exc, click.UsageError):
         command = exc.ctx.command_path if exc.ctx else "corvane"
-        return Failure(exc.format_message(), Exit.USAGE, f"`{command} --help` shows what there is, with examples.")
+        return Failure(exc.format_message(), Exit.USAGE, f"`{command} --help` lists what is available, with examples.")
     text, chain = str(exc) or type(exc).__name__, list(_chain(exc))
     if any(isinstance(link, interrupts.OutOfTime) for link in chain):
         next_step = "Try again later, or with a longer --timeout SECONDS; nothing is lost."
@@ -313,8 +313,7 @@ def _explain(exc: BaseException) -> Failure:
     if any("CERTIFICATE_VERIFY_FAILED" in str(link) for link in chain):  # to try again would not help
         return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
     if any(isinstance(link, OSError) and link.errno in _NO_SPACE for link in chain):
-        return Failure(f"There is no space: {text}", Exit.MACHINE, "Free some space, then run the command again.")
-    import sqlite3
+        return Failure(f"No space is left: {text}", Exit.MACHINE, "Free some space, then run the command again.")
     from urllib.error import URLError  # of the onboarding module's requests; here, because it takes a while
 
     from corvane.sync_backoff import SyncBackoffCancelled

@@ -37,7 +37,7 @@ def check_agent_host(agent: Agent) -> Iterator[Finding | Looked]:
         said = b""
     version = re.search(rb"\b(20\d\d)\.(\d{1,2})\.(\d{1,3})\b(-beta\.[567]\b)?", said)
     if version is None:
-        problem, reason = f"{command} does not tell its version.", "versions from 2026.8.1 on do not read HEARTBEAT.md"
+        problem, reason = f"{command} does not report its version.", "newer versions do not read HEARTBEAT.md"
         yield Finding("host", WARNING, problem, reason, "Run `openclaw --version` yourself.")
     elif (release := tuple(map(int, version.groups()[:3]))) >= _NO_HEARTBEAT or (version[4] and release == _TRIED_IN):
         reason = "with this version, the checklist and the nudges in that file reach nobody"
@@ -75,9 +75,9 @@ def diagnose(agent: Agent, online: bool) -> Report:
     except interrupts.OutOfTime:
         interrupts.disarm()  # it would come again
         name = check.__name__.removeprefix("check_").replace("_", " ")
-        problem = f"Not everything was examined in time; the check that was under way: {name}."
+        problem = f"Not everything was examined in time; the check that was running: {name}."
         again = command_line("corvane doctor --timeout 300", agent)
-        next_step = f"`{again}` waits longer; with --offline the service is not asked."
+        next_step = f"`{again}` waits longer; with --offline, nothing is sent to the service."
         report.findings.append(Finding("time", ERROR, problem, "what was not examined may be wrong, too", next_step))
     return report
 

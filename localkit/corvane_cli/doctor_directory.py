@@ -116,7 +116,7 @@ def check_names(agent: Agent) -> Iterator[Finding | Looked]:
             yield Finding("names", ERROR, f"{path} is {kind}.", reason, f"`{aside(path)}{then}`")
     for name, again in _FOLDERS.items():
         if os.path.lexists(path := root / name) and not path.is_dir():
-            reason, step = "downloads belong into a directory of this name", command_line(f"corvane {again}", agent)
+            reason, step = "downloads go into a directory of this name", command_line(f"corvane {again}", agent)
             yield Finding("names", ERROR, f"{path} is not a directory.", reason, f"`{aside(path)} && {step}`")
     for path in sorted(root.iterdir()) if root.is_dir() else ():
         is_package = path.is_dir() and any(path.glob("__init__.*"))
@@ -125,7 +125,7 @@ def check_names(agent: Agent) -> Iterator[Finding | Looked]:
             reason = "this directory comes first where modules are looked for: the file can stand in for any of them"
             next_step = f"`{aside(path)}`; find out who made it."
             yield Finding("names", ERROR, f"{path} can be imported.", reason, next_step)
-    yield Looked("names", f"what lies in {root}: no links, nothing that can be imported")
+    yield Looked("names", f"the files in {root}: no links, nothing that can be imported")
 
 
 # -- What was downloaded and found ------------------------------------------------------------------------------------
@@ -152,19 +152,19 @@ def check_files(agent: Agent) -> Iterator[Finding | Looked]:
             place = [str(part) for part in error["loc"]]
             problem = f"{path} is malformed: {' '.join([*place, error['msg']])}."
             reason = reasons.get("".join(place[-1:]), "nothing can be verified with it")
-            next_step = f"`rm {quote(str(path))} && {sync}` writes it anew."
+            next_step = f"`rm {quote(str(path))} && {sync}` writes it again."
             yield Finding("manifest", ERROR, problem, reason, next_step)
         return
     for name, entry in sorted(manifest["files"].items()):
         file = agent.data_dir / name
         if not Path(os.path.realpath(file)).is_relative_to(agent.data_dir):
             link = next((place for place in (*reversed(file.parents), file) if place.is_symlink()), file)
-            problem, reason = f"{file} leads out of the directory by the link {link}.", "what lies there is not ours"
+            problem, reason = f"{file} leads out of the directory by the link {link}.", "what is there is not ours"
             next_step = f"`rm {quote(str(link))} && {sync}` downloads it again."
             yield Finding("manifest", ERROR, problem, reason, next_step)
         elif (actual := _digest(file) if file.is_file() else None) != entry["sha256"]:
             problem = f"{file} is {'spoilt' if actual else 'missing'}."
-            reason = f"the manifest promises SHA-256 {entry['sha256']}, there is {actual or 'no file'}"
+            reason = f"the manifest says SHA-256 {entry['sha256']}, there is {actual or 'no file'}"
             again = f"{aside(file)} && {sync}" if file.is_dir() else sync
             yield Finding("files", ERROR, problem, reason, f"`{again}` downloads it again.")
     yield Looked("files", f"{len(manifest['files'])} files of the manifest {manifest['version']}, byte by byte")

@@ -66,7 +66,7 @@ def check_service(agent: Agent) -> Iterator[Finding | Looked]:
     if not url:
         return  # the extension cannot be loaded, which another check says
     other = f"`{set_step('CORVANE_SERVER_URL', '--server-url', 'URL')}`"
-    meanwhile = "nobody can sign in meanwhile"
+    meanwhile = "nobody can sign in until then"
     try:
         _validate_server_url(url)
     except ValueError as exc:
@@ -79,7 +79,7 @@ def check_service(agent: Agent) -> Iterator[Finding | Looked]:
         next_step = f"Correct the address: {other}."
         if isinstance(exc, PortalError):
             next_step = f"If this network asks for a sign-in, open a browser; if not, correct the address: {other}."
-        yield Finding("service", ERROR, str(exc), "the kit takes its tokens nowhere else", next_step)
+        yield Finding("service", ERROR, str(exc), "the kit sends its tokens nowhere else", next_step)
         return
     except ConnectionError as exc:
         yield _unreachable(agent, exc, other)
@@ -88,7 +88,7 @@ def check_service(agent: Agent) -> Iterator[Finding | Looked]:
         problem, next_step = f"{url} is away or busy.", f"Try again later: `{command_line('corvane doctor', agent)}`."
         yield Finding("service", WARNING, problem, meanwhile, next_step)
     elif fields.get("status") != "ok":
-        problem, reason = f"{url} is not a Corvane service.", "it does not answer /health as one does"
+        problem, reason = f"{url} is not a Corvane service.", "its answer to /health is not that of one"
         yield Finding("service", ERROR, problem, reason, f"Correct the address: {other}.")
     yield from _clock(_seconds(date), (began + time.time()) / 2)
     yield Looked("service", f"{url}, which answers in {(time.time() - began) * 1000:.0f} ms, and its clock")
@@ -100,7 +100,7 @@ def _clock(theirs: float | None, ours: float) -> Iterator[Finding]:
         amount = f"{abs(off):.0f} s" if abs(off) < 2 * 86400 else f"{abs(off) / 86400:,.0f} days"
         problem = f"This clock is {amount} {'ahead of' if off > 0 else 'behind'} the service's."
         reason = "tokens and certificates seem to expire too early or too late"
-        next_step = "Set the clock by NTP: `timedatectl set-ntp true`; in a container that is its host's business."
+        next_step = "Set the clock by NTP: `timedatectl set-ntp true`; in a container, set the host's clock."
         yield Finding("clock", severity, problem, reason, next_step)
 
 
@@ -120,7 +120,7 @@ def _unreachable(agent: Agent, exc: BaseException, other: str) -> Finding:
     cause: BaseException | None = exc
     while cause is not None and not isinstance(cause, ssl.SSLCertVerificationError):
         cause = cause.__cause__ or cause.__context__
-    problem, meanwhile = str(exc), "nobody can sign in meanwhile"
+    problem, meanwhile = str(exc), "nobody can sign in until then"
     if cause is None:
         next_step = f"Check the network, and try again; if the address is wrong: {other}."
     elif cause.verify_code in _NOT_VALID_NOW:
@@ -179,6 +179,6 @@ def check_sign_in(agent: Agent) -> Iterator[Finding | Looked]:
         problem = f"{agent.server_url} refuses {manager.get_wallet_address()}: {exc}"
         again = command_line("corvane register --invite-code CODE", agent)
         next_step = f"`{again}` signs this wallet up again, with a new invite code; its key stays the same."
-        yield Finding("sign-in", ERROR, problem, "the service does not know the wallet, or not any more", next_step)
+        yield Finding("sign-in", ERROR, problem, "the service does not know the wallet, or no longer does", next_step)
     else:
         yield Looked("sign-in", f"a sign-in: {agent.server_url} accepts {manager.get_wallet_address()}")

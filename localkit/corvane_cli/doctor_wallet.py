@@ -18,7 +18,7 @@ def check_key_file(agent: Agent) -> Iterator[Finding | Looked]:
         try:
             address = agent.manager().get_wallet_address()
         except InvalidKeyError:
-            problem, reason = f"{KEY_VARIABLE} holds no key.", "it comes first: nothing else is tried"
+            problem, reason = f"{KEY_VARIABLE} contains no key.", "it comes first: nothing else is tried"
             next_step = f"`unset {KEY_VARIABLE}`, or set it to 64 hexadecimal digits."
             yield Finding("key", ERROR, problem, reason, next_step)
         else:
@@ -54,7 +54,7 @@ def key_findings(key: KeyFile, agent: Agent | None = None) -> Iterator[Finding]:
     if key.state == "absent":
         login = command_line("corvane login", agent)
         register = command_line("corvane register --invite-code CODE", agent)
-        step = f"`{register}` makes a wallet, `{login} < FILE` takes one in."
+        step = f"`{register}` makes a wallet, `{login} < FILE` uses an existing one."
         if whose:
             step = f"`{login} < {_best_backup(agent)}` with a copy of the key.{whose}"
         yield Finding("key", WARNING, f"There is no wallet key at {path}.", "nobody can sign in without one", step)
@@ -72,7 +72,7 @@ def key_findings(key: KeyFile, agent: Agent | None = None) -> Iterator[Finding]:
                 f"{aside(path)}, then corvane register with a new invite code."
             )
         else:
-            problem, reason = f"{path} holds no key.", "a key is 64 hexadecimal digits, with or without 0x in front"
+            problem, reason = f"{path} contains no key.", "a key is 64 hexadecimal digits, with or without 0x in front"
             next_step += " What is in the file now is kept as a backup."
         yield Finding("key", ERROR, problem, reason, next_step)
     elif key.state == "unreadable" and kind_of(path) is None:
@@ -120,7 +120,7 @@ def check_session(agent: Agent) -> Iterator[Finding | Looked]:
     elif session is None:
         path.read_bytes()  # what cannot be read is another matter
         problem, reason = f"{path} is not a session.", "without one the stored key is not used"
-        yield Finding("session", ERROR, problem, reason, f"{register} writes it anew.")
+        yield Finding("session", ERROR, problem, reason, f"{register} writes it again.")
     elif agent.is_pending():
         problem = f"The service has not accepted {session.address} yet, as far as is known."
         again = command_line("corvane register --invite-code CODE", agent)

@@ -23,7 +23,7 @@ from corvane_cli.display import remember
 KEY_VARIABLE = "CORVANE_PRIVATE_KEY"
 LONGEST_KEY = 4096  # bytes, of a file or of what arrives
 
-SIGN_UP = "`corvane register --invite-code CODE` makes a wallet, `corvane login < FILE` takes one over."
+SIGN_UP = "`corvane register --invite-code CODE` makes a wallet, `corvane login < FILE` uses an existing one."
 SIGN_UP_STORED = (
     "`corvane register --invite-code CODE` signs the stored wallet up. (If the service has accepted it after all, "
     "without an answer arriving here, that signs it in.)"

@@ -35,7 +35,7 @@ def heartbeat(agent: Agent, workspace: str, only_print: bool, dry_run: bool) -> 
     try:
         missing = _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8")
     except UnicodeDecodeError:
-        raise Failure(f"{found} is not UTF-8.", Exit.MACHINE, "Convert it to UTF-8, such as with iconv.") from None
+        raise Failure(f"{found} is not UTF-8.", Exit.MACHINE, "Convert it to UTF-8, for example with iconv.") from None
     if missing and not dry_run:
         onboarding.inject_heartbeat(workspace)
         if _CHECKLIST_TITLE not in Path(found).read_text(encoding="utf-8"):

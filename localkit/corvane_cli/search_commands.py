@@ -77,12 +77,12 @@ def search(
     if dry_run:
         file = heartbeat_file(agent.onboarding(), heartbeat)
         steps = [download_step(agent), f"try {limits['max_evaluations']} expressions"]
-        return plan(steps + [f"see to the checklist in {file}"] * bool(file))
+        return plan(steps + [f"make sure that the checklist is in {file}"] * bool(file))
     from corvane.search_templates import search_status, start_search
 
     before = search_status()
     if before.running:
-        raise Failure("A search is running in this directory.", Exit.TRY_AGAIN, "Wait for its end.")
+        raise Failure("A search is running in this directory.", Exit.TRY_AGAIN, "Wait until it ends.")
     if seed is None:
         seed = before.run.id if before.run else 0
     bootstrap_runtime(agent, progress)
@@ -91,7 +91,7 @@ def search(
     counts = f"{len(found.signals)} signals of {found.candidates} candidates in {found.evaluations} expressions"
     rows = [(s.id, s.instrument, s.pool, f"{s.rest_sharpe:.2f}", s.expression) for s in found.signals]
     signals = table([("number", "traded", "pool", "Sharpe", "expression"), *rows]) if rows else []
-    lines = [f"{counts}, seed {seed}", *signals, "A found signal is a reason to look closer, never one to trade."]
+    lines = [f"{counts}, seed {seed}", *signals, "A found signal is a reason to look closer, never a reason to trade."]
     return Result({**asdict(found), "seed": seed}, lines)
 
 

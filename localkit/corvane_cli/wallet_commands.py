@@ -64,7 +64,7 @@ def register(
             signs += ", or in if the service knows it," * (reused and signs == "up")
             steps = [f"make a new key in {key.path}"] * (not reused)
             steps.append(f"sign {agent.key_source} {signs} at {agent.server_url}")
-            steps += [f"see to the checklist in {found}"] * bool(found)
+            steps += [f"make sure that the checklist is in {found}"] * bool(found)
             return plan(steps + [download_step(agent)] * bootstrap)
         if agent.env_key:
             address = agent.sign_in(agent.manager(code)).get_wallet_address()
@@ -75,7 +75,7 @@ def register(
             address = onboarding.register(code).address
             agent.begin_session(address)
     changed = bootstrap_runtime(agent, progress) if bootstrap else None
-    note = f"The wallet of {agent.key_source} was there already and was used." if reused else "A new wallet was made."
+    note = f"The wallet of {agent.key_source} existed already and was used." if reused else "A new wallet was made."
     if not agent.env_key:  # also of a wallet that an earlier attempt has made
         note += f" Keep a copy of {key.path}: nothing else can restore it."
     return who(agent, address, note, reused=reused, heartbeat=found, changed_files=changed)
@@ -110,7 +110,7 @@ def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool)
         replaces = stores and key.state in ("good", "malformed")
         if replaces and not replace:
             next_step = "`corvane login --replace` keeps it as a backup; --data-dir keeps another identity elsewhere."
-            holds = f"the wallet {key.address}" if key.address else "something that is no key"
+            holds = f"the wallet {key.address}" if key.address else "something that is not a key"
             raise Failure(f"{key.path} holds {holds}, and was not replaced.", Exit.MACHINE, next_step)
         if dry_run:
             steps = [f"keep {key.path} as a backup"] * replaces + [f"store the key in {key.path}"] * stores
@@ -126,7 +126,7 @@ def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool)
 
 
 @command("logout", "logout", "logout --delete-key 0x257014b0a5208b30b7d654c2a0d02e7a58279df8")
-@click.option("--delete-key", metavar="ADDRESS", help="Delete wallet.key too, if it is of this wallet. For good.")
+@click.option("--delete-key", metavar="ADDRESS", help="Also delete wallet.key for good, if it belongs to this wallet.")
 @dry_run_option
 def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     """Forget the session. The key stays, unless its deletion is asked for by its address.
@@ -137,7 +137,7 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     with agent.changing_the_wallet(dry_run or not agent.data_dir.exists()):
         key = usable_key_file(agent, "unreadable") if delete_key else agent.key_file()
         if delete_key is not None and delete_key.lower() != key.address:
-            next_step = "`corvane status` tells the address; a file that holds no key is deleted with rm."
+            next_step = "`corvane status` shows the address; a file that contains no key is deleted with rm."
             raise Failure(f"{key.path} is not the key of {delete_key}; it was not deleted.", Exit.USAGE, next_step)
         if dry_run:
             return plan(["forget the session"] + [f"delete {key.path} for good"] * bool(delete_key))
@@ -147,7 +147,7 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     kept, again = key.path.exists(), f"`corvane register --server-url {url}` signs in with it again."
     lines = [
         "The session is forgotten." if existed else "There was no session.",
-        "Nothing is revoked: tokens given out are good until they expire, and every copy of the key signs in.",
+        "Nothing is revoked: tokens are valid until they expire, and every copy of the key can sign in.",
         f"The key is still in {key.path}; {again}" if kept else f"There is no key at {key.path}.",
     ]
     files = sorted(agent.data_dir.glob("wallet.key.backup-*")) if delete_key else []
@@ -214,7 +214,7 @@ def _read_code(code: str | None) -> str | None:
 
 def _ask_for_key() -> str:
     if not (sys.stdin and sys.stdin.isatty()):
-        raise Failure("There is no terminal to ask on.", Exit.USAGE, "`corvane login < FILE` needs none.")
+        raise Failure("There is no terminal to prompt on.", Exit.USAGE, "`corvane login < FILE` needs none.")
     key = str(click.prompt("Private key", hide_input=True, err=True)).strip()
     remember(key)
     return key

@@ -99,11 +99,11 @@ def _refusals(**reasons: str) -> dict[int | str, dict[str, Any]]:
 
 _MALFORMED = {"_400": "The body is not valid JSON.", "_422": "A field is missing or malformed."}
 _FAILED = {
-    "_401": "The challenge or its signature is not good.",
+    "_401": "The challenge or its signature is not valid.",
     "_404": "The wallet or the invite code is unknown.",
     "_429": "Too many failures of this client, or of this key from it. Retry-After says how many seconds to wait.",
 }
-_NO_TOKEN = {"_401": "The token is missing, unknown or has run out."}
+_NO_TOKEN = {"_401": "The token is missing, unknown or has expired."}
 _BEARER = HTTPBearer(auto_error=False, description="A token from /auth/register or /auth/login.")
 Bearer = Annotated[HTTPAuthorizationCredentials | None, Depends(_BEARER)]
 
@@ -227,7 +227,7 @@ def create_app(store: Store, files: Path, failure_seconds: float, operator_token
             200: {"content": {"application/octet-stream": {"schema": {"type": "string", "format": "binary"}}}},
             206: {"description": "The range that was asked for."},
             400: {"description": "The range is malformed (the answer is plain text)."},
-            416: {"description": "The range begins behind the end of the file (the answer is plain text)."},
+            416: {"description": "The range begins beyond the end of the file (the answer is plain text)."},
             "default": {"model": Refusal, "description": "Any other refusal."},
         },
     )

@@ -77,7 +77,7 @@ def main() -> None:
 @click.option(
     "--challenge-seconds", default=CHALLENGE_SECONDS, show_default=True, help="How long a challenge can be answered."
 )
-@click.option("--token-seconds", default=TOKEN_SECONDS, show_default=True, help="How long a token is good.")
+@click.option("--token-seconds", default=TOKEN_SECONDS, show_default=True, help="How long a token is valid.")
 @click.option("--failure-seconds", default=60.0, show_default=True, help="When all failed sign-ins are forgotten.")
 @click.option("--exchange-seconds", default=20.0, show_default=True, help="How long a request and its answer may take.")
 def serve(

@@ -107,7 +107,7 @@ class Store:
     Args:
         path: The file, made if it is missing.
         challenge_seconds: How long a challenge can be answered.
-        token_seconds: How long a token is good.
+        token_seconds: How long a token is valid.
     """
 
     def __init__(
@@ -192,7 +192,7 @@ class Store:
         with self._transaction("DEFERRED") as db:  # reads only, and waits for no writer
             row: tuple[str, float] | None = db.execute(query, (_digest(token), time.time())).fetchone()
         if row is None:
-            raise Refused(401, "bad_token", "The token is unknown or has run out")
+            raise Refused(401, "bad_token", "The token is unknown or has expired")
         return row
 
     def contents(self) -> Contents:
@@ -239,7 +239,7 @@ class Store:
         if row is None or row[0] <= time.time():
             raise Refused(401, "bad_challenge", "The challenge is unknown, used or expired")
         if not proof.is_genuine:
-            raise Refused(401, "bad_signature", "The signature does not fit the challenge and the key")
+            raise Refused(401, "bad_signature", "The signature does not match the challenge and the key")
 
     @staticmethod
     def _is_registered(db: sqlite3.Connection, address: str) -> bool:

@@ -212,7 +212,7 @@ def test_a_sync_waits_for_another_as_long_as_it_is_told(service, shell):
         fcntl.flock(lock, fcntl.LOCK_EX)
         for line, waited in {"sync": 0, "search": 0, "register --bootstrap": 0, "sync --wait 1.5": 1.5}.items():
             began = time.monotonic()
-            assert "Another sync is at work" in shell(line, expect=5).stderr
+            assert "Another sync is running" in shell(line, expect=5).stderr
             assert waited < time.monotonic() - began < waited + 30
         command = [*Shell.command, "sync", "--wait", "60"]
         with subprocess.Popen(command, env=shell.env, stderr=-1, stdout=-3, text=True) as waiting:

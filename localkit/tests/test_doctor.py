@@ -136,7 +136,7 @@ REPAIRED = [
     ("key", ": >wallet.key", "is empty", f"login < .* of the wallet {ADDRESS}: .* no copy anywhere"),
     ("key", f"cp -p wallet.key {BACKUP}; : >wallet.key", "is empty", f"login < .*{BACKUP}. with"),
     ("key", f"rm session.json; cp -p wallet.key {BACKUP}; echo >wallet.key", "is empty", f"login < .*{BACKUP}. with"),
-    ("key", "echo abc >wallet.key", "holds no key", "login --replace <"),
+    ("key", "echo abc >wallet.key", "contains no key", "login --replace <"),
     ("key", "chmod 644 wallet.key", "is open to other users .mode 644", "chmod 600"),
     ("key", "ln wallet.key second", "has 2 names", "cp -p .* && mv"),
     ("key", "mv wallet.key k; ln -s k wallet.key", "it is a symbolic link", "mv .* && corvane login < FILE"),
@@ -146,7 +146,7 @@ REPAIRED = [
     ("key", "rm wallet.key", "There is no wallet key", f"login < .* of the wallet {ADDRESS}"),
     ("key", "chown 12345 wallet.key", "it belongs to user 12345", "mv .* && corvane login < FILE"),
     ("key", f"cp wallet.key {BACKUP}; chmod 640 {BACKUP}", f"{BACKUP} is open to other users", "chmod 600"),
-    ("key", "export CORVANE_PRIVATE_KEY=abc", "CORVANE_PRIVATE_KEY holds no key", "unset CORVANE_PRIVATE_KEY"),
+    ("key", "export CORVANE_PRIVATE_KEY=abc", "CORVANE_PRIVATE_KEY contains no key", "unset CORVANE_PRIVATE_KEY"),
     ("session", "rm session.json", "There is no session", "register"),
     ("session", 'sed -i \'s/"signed_in_at":[^}]*/"signed_in_at": null/\' session.json', "not accepted", "-code CODE"),
     ("session", "echo '{' >session.json", "is not a session", "register"),
@@ -198,7 +198,7 @@ def test_what_is_wrong_is_found_and_the_step_repairs_it(patient, service, checks
 def test_it_sees_what_it_cannot_repair(patient, tmp_path):
     host, extension = tmp_path / "bin/openclaw", next(Path(kit.__path__[0]).glob("agent_onboarding*.so"))
     unread = "does not read HEARTBEAT.md"
-    versions = {"2026.8.1": unread, "2026.7.2-beta.5": unread, "?": "does not tell its version"}
+    versions = {"2026.8.1": unread, "2026.7.2-beta.5": unread, "?": "does not report its version"}
     for version, problem in versions.items():
         host.write_text(f"#!/bin/sh\necho OpenClaw {version}")
         host.chmod(0o755)

@@ -271,7 +271,7 @@ def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap, tmp_pa
         evaluator.raw_backtester = B
     manifest = tmp_path / "agent/manifest.json"
     manifest.write_text("[]")
-    with pytest.raises(ValueError, match=r"manifest\.json holds no JSON object"):
+    with pytest.raises(ValueError, match=r"manifest\.json does not contain a JSON object"):
         runtime.runtime_freshness_guard.refresh()
     with pytest.raises(errors.RuntimeModuleDownloadIncomplete, match=r"does not name era_config\.json"):
         _runtime._verified_json(str(tmp_path), {"files": {}}, "era_config.json")

@@ -134,7 +134,7 @@ class RuntimeSteps:
             other = next(name for name in runtime.vault if name != self.best.instrument)
             corvane.simulate_signal(self.best.expression, instrument=other, picture=picture)
         check("the curve in the picture is this capital", _is_drawn(capital, runtime.vault.dates, picture))
-        click.echo("   What fits the past proves little; this is no advice to trade.")
+        click.echo("   What fits the past proves little; this is not advice to trade.")
 
     def ask_for_the_status(self) -> None:
         """What the checklist names tells the truth"""
