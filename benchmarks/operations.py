@@ -25,7 +25,7 @@ MODULES: tuple[Any, Any] = native, twin
 
 
 class Manager:
-    """An authentication manager whose service answers at once."""
+    """An authentication manager whose service answers immediately."""
 
     def __init__(self, *arguments: object, **options: object) -> None: ...
     def authenticate(self) -> None: ...
@@ -95,7 +95,7 @@ def calls(home: Path) -> Iterator[Row]:
 
 
 def eras() -> Iterator[Row]:
-    """The named universe from a service that answers at once."""
+    """The named universe from a service that answers immediately."""
     pools = [{"allowed_named_universes": ["u"]} for _ in range(10)]
     body = {"eras": [{"state": "closed"}, {"state": "active", "named_universe": "u", "signal_pools": pools}]}
     for module in MODULES:

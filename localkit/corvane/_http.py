@@ -99,7 +99,7 @@ class Answer:
         self.is_busy = self.status == 429 or self.status >= 500
 
     def read(self) -> bytes:
-        """The whole body. Raises NotTheServiceError if there seems to be no end of it."""
+        """The whole body. Raises NotTheServiceError if it seems endless."""
         body = bytearray()
         for chunk in self._response.iter_raw():
             body += chunk

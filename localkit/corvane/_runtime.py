@@ -271,10 +271,10 @@ def bootstrap_runtime(
         am: The signed-in wallet.
         config: Options: data_dir, server_url, named_universe. The era's configuration is put into it as `era_config`,
             that of the files on disk before the service is asked.
-        load_backtester: Loads the native modules of a data directory; answers the backtester.
+        load_backtester: Loads the native modules of a data directory; returns the backtester.
 
     Raises:
-        corvane.sync_backoff.SyncBackoffCancelled: `close_runtime` was called meanwhile.
+        corvane.sync_backoff.SyncBackoffCancelled: `close_runtime` was called in the meantime.
         ConnectionError: The service cannot be reached within a few seconds.
         ValueError: A file does not make sense.
         Exception: What `corvane.sync.SyncManager.sync` and `load_backtester` raise.
@@ -284,7 +284,7 @@ def bootstrap_runtime(
     sync_manager = SyncManager(am, data_dir, config["server_url"])
     known = sync_manager.get_manifest()
     if known is not None:
-        with contextlib.suppress(RuntimeModuleError, OSError, ValueError):  # the sync mends what is spoilt
+        with contextlib.suppress(RuntimeModuleError, OSError, ValueError):  # the sync repairs what is damaged
             config["era_config"] = _verified_json(data_dir, known, "era_config.json")
     _backoff = SyncBackoff(_FIRST_WAIT, _LONGEST_WAIT, _ATTEMPTS)
     try:

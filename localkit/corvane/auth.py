@@ -21,7 +21,7 @@ _LONGEST_REASON = 500  # characters of what the service says
 
 
 class AuthError(Exception):
-    """The service refuses the wallet, or answers what cannot be understood."""
+    """The service refuses the wallet, or its answer cannot be understood."""
 
 
 class RegistrationError(AuthError):
@@ -29,7 +29,7 @@ class RegistrationError(AuthError):
 
 
 class AuthBusyError(AuthError):
-    """The service does not sign anybody in just now, or not this wallet after its many failures. Try again later."""
+    """The service is signing nobody in at the moment, or not this wallet after too many failures. Try again later."""
 
 
 class NotTheServiceError(AuthError):
@@ -37,7 +37,7 @@ class NotTheServiceError(AuthError):
 
 
 class PortalError(NotTheServiceError):
-    """A redirect or a web page answers, as in a network that asks for a sign-in of its own first."""
+    """The answer is a redirect or a web page, as in a network that wants its own sign-in first."""
 
 
 class RequestRefusedError(AuthError):
@@ -111,7 +111,7 @@ class AuthManager:
                 trusted.
             RegistrationError: The service refuses the invite code of a new wallet.
             AuthBusyError: The service is away or busy, or the wallet has failed too often.
-            NotTheServiceError: Something else answers at its address; PortalError if it may be a captive portal.
+            NotTheServiceError: There is something else at its address; PortalError if it may be a captive portal.
             AuthError: The service refuses the wallet (also a new one without an invite code), or its answer makes no
                 sense.
         """
@@ -124,7 +124,7 @@ class AuthManager:
                 raise AuthError("The service's answer contains no challenge.")
             answer = self._post(service, path, challenge)
         token, expiry = answer.get("token"), answer.get("expires_at", 0.0)
-        # The range keeps out what is no time: true, NaN, infinity, and what no float can hold.
+        # The range keeps out what is not a time: true, NaN, infinity, and what does not fit into a float.
         is_time = isinstance(expiry, int | float) and 1 < expiry < 1e12
         if is_time and isinstance(token, str) and _TOKEN.fullmatch(token):
             self._token, self._token_expiry = token, float(expiry)

@@ -13,7 +13,7 @@ def make_key(data_dir: str | os.PathLike[str]) -> None:
 
     Raises:
         FileExistsError: There is something at its path; it was not touched.
-        OSError: The key cannot be written; there is no wallet.key then.
+        OSError: The key cannot be written. Then there is no wallet.key.
     """
     root = Path(data_dir)
     root.mkdir(mode=0o700, parents=True, exist_ok=True)

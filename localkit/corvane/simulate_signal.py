@@ -137,7 +137,7 @@ def check_picture(path: str | os.PathLike[str], data_dir: str | os.PathLike[str]
 
     Raises:
         ValueError: The name does not end in .png or .svg, or is one of a key file; there is something else than a
-            regular PNG or SVG file, such as a link; or the directory is, or lies in, that of an identity.
+            regular PNG or SVG file, such as a link; or the directory is that of an identity, or is inside one.
         OSError: What is there cannot be read.
     """
     check_target(path, _PICTURES, "PNG or SVG picture", [data_dir])

@@ -12,7 +12,7 @@ class SyncBackoffCancelled(Exception):
 
 
 class ServiceBusy(ConnectionError):
-    """The service answers, but not now (HTTP 429 or 5xx).
+    """The service cannot answer at the moment (HTTP 429 or 5xx).
 
     Args:
         message: What happened.

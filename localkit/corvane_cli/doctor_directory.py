@@ -104,7 +104,7 @@ def _mount(path: Path) -> Path:
 
 
 def check_names(agent: Agent) -> Iterator[Finding | Looked]:
-    """Whether something stands where commands want to write, or can be imported instead of a library."""
+    """Whether something is in the way of what commands write, or can be imported instead of a library."""
     root = agent.data_dir
     expected = {root / name: again for name, again in _FILES.items()}
     for path in [*root.rglob("*.new"), *root.rglob("*.part")]:
@@ -112,7 +112,7 @@ def check_names(agent: Agent) -> Iterator[Finding | Looked]:
     for path, again in sorted(expected.items()):
         if kind := kind_of(path):
             then = f" && {command_line(f'corvane {again}', agent)}" * bool(again)
-            reason = "commands want to write a file of this name, and do not follow links"
+            reason = "commands write a file of this name, and do not follow links"
             yield Finding("names", ERROR, f"{path} is {kind}.", reason, f"`{aside(path)}{then}`")
     for name, again in _FOLDERS.items():
         if os.path.lexists(path := root / name) and not path.is_dir():

@@ -114,7 +114,7 @@ def _seconds(date: str) -> float | None:
 
 
 def _unreachable(agent: Agent, exc: BaseException, other: str) -> Finding:
-    """Why there is no connection: the clock first, for it makes good certificates look bad."""
+    """Why there is no connection: the clock first, because it makes good certificates look bad."""
     import ssl
 
     cause: BaseException | None = exc

@@ -205,7 +205,7 @@ class Agent:
 
     @contextmanager
     def changing_the_wallet(self, dry_run: bool) -> Iterator[None]:
-        """Makes the directory, and keeps other commands from changing the wallet meanwhile; a dry run does neither.
+        """Makes the directory, and keeps other commands from changing the wallet until the end; a dry run does neither.
 
         Raises:
             BlockingIOError: Another command does so now.

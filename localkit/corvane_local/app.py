@@ -33,7 +33,7 @@ InviteCode = Annotated[str, StringConstraints(pattern=r"^[0-9A-Z-]{1,40}$")]
 
 
 class ChallengeRequest(BaseModel):
-    """Who wants to sign in."""
+    """Whoever wants to sign in."""
 
     public_key: PublicKey
 

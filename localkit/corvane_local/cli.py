@@ -148,7 +148,7 @@ def serve(
         proxy_headers=False,  # a client could name any address as its own, and so evade the limit on failures
         ssl_certfile=certificate,
         ssl_keyfile=key,
-        log_level="error",  # what broken clients send is no reason to fill a log
+        log_level="error",  # what broken clients send must not fill a log
         access_log=False,
         timeout_graceful_shutdown=1,  # seconds; idle connections do not close by themselves
     )

@@ -1,4 +1,4 @@
-"""What the local service answers to GET /eras: a fixed table, made up for this machine."""
+"""What the local service returns for GET /eras: a fixed, invented table."""
 
 from collections.abc import Sequence
 from typing import TypedDict

@@ -94,7 +94,7 @@ class Build:
 
 @dataclass(frozen=True)
 class Contents:
-    """What the service remembers and is no secret, oldest first."""
+    """What the service remembers and may show, oldest first."""
 
     invites: list[Invite]
     wallets: list[Member]
@@ -260,5 +260,5 @@ def _clear(db: sqlite3.Connection, table: str, now: float) -> None:
 def _digest(token: str) -> str:
     # Who reads the database cannot sign in. Only digests are compared, so no constant-time comparison is needed: the
     # time of a look-up tells at most how a digest begins, and nobody can make tokens with digests of their choice.
-    # A challenge is no secret; an invite code is one, and the limit on failures keeps its 60 bits from being probed.
+    # A challenge is not secret. An invite code is, and the limit on failures protects its 60 bits from being guessed.
     return hashlib.sha256(token.encode()).hexdigest()

@@ -1,7 +1,7 @@
 """Writes the prices of one era as C++ constants, while the kit is built.
 
 The prices come from the package bokeh_sampledata (see the kit's README); it is read as files and never imported, for
-it would want libraries that nothing here needs.
+it would need libraries that nothing else here needs.
 
 Usage: make_era_data.py KEY OUTPUT; KEY is the era's platform key, 32 hexadecimal digits.
 """

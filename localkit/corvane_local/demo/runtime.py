@@ -275,7 +275,7 @@ def _is_drawn(capital: Sequence[float], days: Sequence[int], picture: Path) -> b
 
 @contextmanager
 def _log_lines() -> Iterator[list[str]]:
-    """What the module logs meanwhile, debug lines included."""
+    """What the module logs in the meantime, including debug lines."""
     lines: list[str] = []
     handler = logging.Handler()
     handler.emit = lambda record: lines.append(f"{record.levelname} {record.getMessage()}")  # type: ignore[method-assign]
