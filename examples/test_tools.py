@@ -76,7 +76,7 @@ FRAMEWORKS = {  # what makes a tool, what a model is told of it, what calls it; 
     "google-adk": (FunctionTool, lambda t: t._get_declaration().model_dump(), lambda t, given: run(
         t.run_async(args=given, tool_context=None)), {"configure": "None"}),  # called without options: sets none
     "smolagents": (smolagents.tool, lambda t: (t.name, t.description, t.output_type, t.inputs), lambda t, given: t(
-        **given), dict.fromkeys(set(FUNCTIONS) - {"register", "get_agents_md_fragment"}, "no description")),
+        **given), dict.fromkeys(["configure", "inject_heartbeat", "update_nudge"], "no description")),
 }  # fmt: skip
 
 
