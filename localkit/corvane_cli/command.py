@@ -68,7 +68,7 @@ _NOT_CORVANE = (
 )
 _UNKNOWN = "`corvane register --invite-code CODE` signs up a wallet that is new to the service; else check the address."
 _REFUSED = "Run it again; if that changes nothing, ask the operator why. The wallet is signed in, and nothing is lost."
-_SPOILT = "`corvane sync` downloads what is spoilt. If the service sends it spoilt again, tell the operator."
+_SPOILT = "`corvane sync` downloads damaged files again. If the service sends it spoilt again, tell the operator."
 _NEW_CODE = "Ask the operator for another code: `corvane register --invite-code CODE` uses the stored key again."
 
 # What an exception means. The first line counts that fits anything in the chain of causes: what is behind an error says
@@ -78,20 +78,20 @@ _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((PortalError,), Exit.TRY_AGAIN, _PORTAL),
     ((NotTheServiceError,), Exit.MACHINE, _NOT_CORVANE),
     ((ConnectionError, TimeoutError), Exit.TRY_AGAIN, _ADDRESS),
-    ((RuntimeModuleError,), Exit.SPOILT, "`corvane sync` downloads damaged files again; `corvane doctor` says more."),
+    ((RuntimeModuleError,), Exit.SPOILT, _SPOILT),
     ((RegistrationError,), Exit.REFUSED, _NEW_CODE),
     ((InvalidKeyError,), Exit.REFUSED, "Pass the key as 64 hexadecimal digits, with or without 0x in front."),
     ((RequestRefusedError,), Exit.REFUSED, _REFUSED),
     ((AuthError,), Exit.REFUSED, _UNKNOWN),
     ((ImportError,), Exit.MACHINE, "`corvane doctor` says what cannot be loaded, and why."),
-    ((OSError,), Exit.MACHINE, "Fix the file or its permissions; `corvane doctor` says more."),
+    ((OSError,), Exit.MACHINE, "Put the file, its permissions or the disk right; `corvane doctor` says more."),
 ]
 _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
 
 
 @dataclass
 class Result:
-    """What a command returns: for programs, for people line by line, and as its exit status."""
+    """What a command answers: for programs, for people line by line, and as its exit status."""
 
     data: dict[str, Any]
     lines: list[str]
@@ -128,7 +128,7 @@ class _Prints(click.Command):
 
 
 class Command(_Prints):
-    """A command whose function returns a Result; one that has a parameter `agent` gets an Agent, and options for it."""
+    """A command whose function answers a Result; one that has a parameter `agent` gets an Agent, and options for it."""
 
     def __init__(self, *args: Any, **options: Any) -> None:
         super().__init__(*args, **options)
@@ -314,6 +314,7 @@ def _explain(exc: BaseException) -> Failure:
         return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
     if any(isinstance(link, OSError) and link.errno in _NO_SPACE for link in chain):
         return Failure(f"No space is left: {text}", Exit.MACHINE, "Free some space, then run the command again.")
+    import sqlite3
     from urllib.error import URLError  # of the onboarding module's requests; here, because it takes a while
 
     from corvane.sync_backoff import SyncBackoffCancelled

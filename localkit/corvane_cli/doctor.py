@@ -75,7 +75,7 @@ def diagnose(agent: Agent, online: bool) -> Report:
     except interrupts.OutOfTime:
         interrupts.disarm()  # it would come again
         name = check.__name__.removeprefix("check_").replace("_", " ")
-        problem = f"Not everything was examined in time; the check that was under way: {name}."
+        problem = f"Not everything was examined in time; the check that was running: {name}."
         again = command_line("corvane doctor --timeout 300", agent)
         next_step = f"`{again}` waits longer; with --offline, nothing is sent to the service."
         report.findings.append(Finding("time", ERROR, problem, "what was not examined may be wrong, too", next_step))

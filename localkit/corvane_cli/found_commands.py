@@ -64,7 +64,7 @@ def signals(agent: Agent, order: str, limit: int | None, as_csv: bool) -> Result
         for s in found
     ]  # fmt: skip
     note = f"{len(found)} of {len(record.signals)} signals. " * (len(found) < len(record.signals))
-    note += "A found signal is a reason to look closer, never one to trade."
+    note += "A found signal is a reason to look closer, never a reason to trade."
     return Result(data, columns(titles, rows) + table([(note,)]))
 
 

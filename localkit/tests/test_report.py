@@ -78,7 +78,10 @@ def browser():
     playwright_api = pytest.importorskip("playwright.sync_api", reason="playwright is not installed: make test-browser")
     if (chromium := shutil.which("chromium")) is None:
         pytest.skip("there is no Chromium: apt-get install chromium")
-    with playwright_api.sync_playwright() as playwright, playwright.chromium.launch(executable_path=chromium) as launched:
+    with (
+        playwright_api.sync_playwright() as playwright,
+        playwright.chromium.launch(executable_path=chromium) as launched,
+    ):
         yield launched
 
 
