@@ -97,7 +97,11 @@ def run(workshop: Workshop) -> Iterator[Result]:
 
     def ended(number: int, file: str) -> str:
         """How the tests that see to a file end with a mutant."""
-        names = ["promises", "differential", *TESTS.get(file.removesuffix(".cpp"), "surface runtime eras attacks").split()]
+        names = [
+            "promises",
+            "differential",
+            *TESTS.get(file.removesuffix(".cpp"), "surface runtime eras attacks").split(),
+        ]
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
         variables = {**os.environ, **site, "LD_PRELOAD": "", "MUTANT": str(number)}
         return ends(workshop.pytest(*names), SECONDS, workshop.folder, variables)

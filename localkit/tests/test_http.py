@@ -111,8 +111,8 @@ ODD = [
     for odd in (True, "1e9", None, [], float("nan"), float("inf"), -5, 10**400, {})
 ]
 TOKENS = 5, None, "", "a\nb", "a b", "\u00e9", "x" * 5_000
-ODD += [("holds no token", CHALLENGE, http({**GOOD, "token": odd})) for odd in TOKENS]
-ODD += [("holds no challenge", http({"challenge": odd})) for odd in (5, None, "\u00e9", ["a"])]
+ODD += [("contains no token", CHALLENGE, http({**GOOD, "token": odd})) for odd in TOKENS]
+ODD += [("contains no challenge", http({"challenge": odd})) for odd in (5, None, "\u00e9", ["a"])]
 
 
 @pytest.mark.parametrize("odd", ODD, ids=lambda odd: odd[-1].rpartition(b"\r\n")[2].decode()[:40])

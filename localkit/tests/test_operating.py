@@ -19,6 +19,7 @@ import pytest
 import corvane
 from corvane import _runtime, auth
 from corvane import agent_onboarding as m
+from localkit.tests.conftest import http
 
 PAGE = (Path(__file__).parents[2] / "docs/operating.md").read_text("utf-8").partition("## Messages")[2]
 ROWS = dict(re.findall(r"^\| `([^`]+)`(?: \((\w+)\))? \|", PAGE, re.M))
@@ -28,8 +29,8 @@ AWAY, KEY, NOBODY = "https://127.0.0.1:9", "5a" * 32, 65534
 class Agent:
     """An agent with a wallet that the service knows, all downloads on disk, and whatever a row does to it."""
 
-    def __init__(self, service, planned, home, patch):
-        self.service, self.planned, self.home, self.patch = service, planned, home, patch
+    def __init__(self, service, scripted, home, patch):
+        self.service, self.scripted, self.home, self.patch = service, scripted, home, patch
         self.key, self.heartbeat, self.manifest = home / "wallet.key", home / "HEARTBEAT.md", home / "manifest.json"
         self.backup, self.limit = self.key.read_bytes(), resource.getrlimit(resource.RLIMIT_FSIZE)
 
@@ -49,8 +50,8 @@ class Agent:
         self.patch.setenv("CORVANE_INVITE_CODE", self.service.invite())
 
     def is_busy(self):
-        self.planned.plan = [(503, {}, b"")]
-        m.configure(server_url=self.planned.url)
+        self.scripted.script = iter([http(status=503)])
+        m.configure(server_url=self.scripted.url)
 
     def is_away(self):
         m.configure(server_url=AWAY, named_universe="us_large")
@@ -67,8 +68,8 @@ class Agent:
 
     def answers(self, status, body=b""):
         """Something else answers to /eras: a server with this one answer."""
-        self.planned.plan = [(status, {}, body)]
-        m.configure(server_url=self.planned.url)
+        self.scripted.script = iter([http(body, status)])
+        m.configure(server_url=self.scripted.url)
 
     def is_between_eras(self):
         self.answers(200, b'{"eras": []}')
@@ -369,7 +370,7 @@ def at_home(service, tmp_path_factory):
 
 
 @pytest.fixture
-def agent(at_home, service, planned, tmp_path, monkeypatch):
+def agent(at_home, service, scripted, tmp_path, monkeypatch):
     home, manager, code = at_home
     home_config = {**m._config, "auto_heartbeat": True, "named_universe": ""}
     shutil.copytree(home, tmp_path, dirs_exist_ok=True)
@@ -380,7 +381,7 @@ def agent(at_home, service, planned, tmp_path, monkeypatch):
     monkeypatch.setattr(_runtime, "_ATTEMPTS", 1)
     monkeypatch.delenv("CORVANE_INVITE_CODE", raising=False)
     with pytest.MonkeyPatch.context() as patch:
-        agent = Agent(service, planned, tmp_path, patch)
+        agent = Agent(service, scripted, tmp_path, patch)
         agent.used = code
         yield agent
         agent.disk_has_room()

@@ -76,8 +76,7 @@ class callee : public object {
 /// `global name; name = value`
 void set_global(name changed, handle value, location at = location::current());
 
-/// Empty before the first initialisation.
-[[nodiscard]] handle module_namespace() noexcept;
+[[nodiscard]] handle module_namespace() noexcept; ///< empty before the first initialisation
 /// Interns the names of the program for the interpreter that is running.
 void intern_names();
 /// From now on names are looked up here, and builtins where the interpreter has them now.
