@@ -19,9 +19,9 @@ using namespace py; // NOLINT(google-build-using-namespace): the layer's vocabul
 /// Whether a function is the one of that name in the builtins, not what somebody has put in its place.
 bool is_builtin(handle function, std::string_view wanted) noexcept;
 /// `isinstance(value, type)`
-bool is_instance(operand value, name type);
+bool is_instance(handle value, name type, location at = location::current());
 /// `mapping.get(key)`, or `mapping.get(key, default)`
-object get(operand mapping, handle key, handle fallback = {});
+object get(handle mapping, handle key, handle fallback = {}, location at = location::current());
 /// `os.path.exists(path)`, `os.path.join(directory, name)`, `os.path.realpath(path)`
 bool path_exists(operand path);
 object join_path(operand directory, handle name);

@@ -12,8 +12,7 @@ bool is_builtin(handle function, std::string_view wanted) noexcept {
            PyUnicode_CheckExact(made->m_module) && PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0;
 }
 
-bool is_instance(operand value, name type) {
-    const location at = value.at;
+bool is_instance(handle value, name type, location at) {
     callee test = global("isinstance"_n, at);
     callee class_or_tuple = global(type, at);
     if (!is_builtin(test, "isinstance"))
@@ -23,8 +22,7 @@ bool is_instance(operand value, name type) {
     return checked_call(at, PyObject_IsInstance, value.ptr(), class_or_tuple.ptr()) != 0;
 }
 
-object get(operand mapping, handle key, handle fallback) {
-    const location at = mapping.at;
+object get(handle mapping, handle key, handle fallback, location at) {
     if (!PyDict_CheckExact(mapping.ptr()))
         return fallback ? invoke(mapping, {"get"_n, at}, key, fallback) : invoke(mapping, {"get"_n, at}, key);
     object value = find(mapping, key, at);
@@ -54,8 +52,10 @@ callee auth(name wanted, location at) { return global("auth"_n, at).attr(wanted,
 
 bool leaves_segment(operand value) {
     const location at = value.at;
-    object dots = tuple({"."_n, at}, ".."_n);
-    return contains(dots, value, at) || contains(value, "/"_n, at) || contains(value, "\\"_n, at) ||
+    const auto is = [value](handle other) {
+        return checked_call(value.at, PyObject_RichCompareBool, other.ptr(), value.ptr(), Py_EQ) != 0;
+    };
+    return is("."_n) || is(".."_n) || contains(value, "/"_n, at) || contains(value, "\\"_n, at) ||
            contains(value, "\0"_n, at);
 }
 

@@ -51,7 +51,7 @@ object find(handle dictionary, handle key, location at = location::current());
 
 /// `if value`
 inline bool is_true(handle value, location at = location::current()) {
-    return checked_call(at, PyObject_IsTrue, value.ptr()) != 0;
+    return PyBool_Check(value.ptr()) ? value.is(true_value()) : checked_call(at, PyObject_IsTrue, value.ptr()) != 0;
 }
 /// `left == right`, `left != right`, `left < right`, ... as a condition: what the operator returns is tested for truth.
 inline bool compare(handle left, int operation, handle right, location at = location::current()) {

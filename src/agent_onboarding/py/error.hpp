@@ -10,8 +10,7 @@
 
 #ifdef _LIBCPP_VERSION // libc++ has it and does not declare it
 namespace __cxxabiv1 {
-struct __cxa_eh_globals;
-extern "C" __cxa_eh_globals* __cxa_get_globals();
+extern "C" struct __cxa_eh_globals* __cxa_get_globals();
 } // namespace __cxxabiv1
 #endif
 

@@ -87,14 +87,14 @@ void frame::trace(error& raised) const noexcept {
     raised.traced = true;
     // An error in here may cost the entry, never the exception. The interpreter folds repeated entries of one function,
     // which it knows by the identity of two texts, so that these have to be the same objects each time.
-    const char* function = code == nullptr ? "<module>" : PyUnicode_AsUTF8(code->co_name);
-    auto* line =
-        function == nullptr ? nullptr : PyCode_NewEmpty(raised.at.file, function, static_cast<int>(raised.at.line));
+    auto* line = PyCode_NewEmpty(raised.at.file, "", static_cast<int>(raised.at.line));
     const object owner = object::steal(handle(line).ptr());
     object entry;
     if (line != nullptr) {
-        for (PyObject** text : {&line->co_filename, &line->co_name, &line->co_qualname})
-            PyUnicode_InternInPlace(text);
+        PyObject* function = code == nullptr ? "<module>"_n.ptr() : code->co_name;
+        PyUnicode_InternInPlace(&line->co_filename);
+        Py_SETREF(line->co_name, Py_NewRef(function));
+        Py_SETREF(line->co_qualname, Py_NewRef(function));
         entry = object::steal(handle(PyFrame_New(PyThreadState_Get(), line, module_namespace().ptr(), nullptr)).ptr());
     }
     PyErr_Clear();
