@@ -38,8 +38,8 @@ inline PyObject* default_of(PyFunctionObject* function, Py_ssize_t place, Py_ssi
     return nullptr;
 }
 
-inline bool bound_arguments::bind(PyFunctionObject* function, PyObject* const* given,
-                                                    Py_ssize_t positional_given, PyObject* keywords) {
+inline bool bound_arguments::bind(PyFunctionObject* function, PyObject* const* given, Py_ssize_t positional_given,
+                                  PyObject* keywords) {
     auto* code = reinterpret_cast<PyCodeObject*>(function->func_code);
     const Py_ssize_t positional = code->co_argcount;
     const Py_ssize_t named = positional + code->co_kwonlyargcount;
