@@ -63,6 +63,7 @@ def test_a_thread_that_waits_while_the_interpreter_ends_sleeps_on(where):
 
 AROUND = {
     "greenlets": "each its own",
+    "class_gone": "Gone the key",
     "another_watcher": "the new value",
     "no_watcher": "the new value",
     "lowered_stack": "RecursionError",

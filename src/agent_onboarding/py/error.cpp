@@ -34,8 +34,8 @@ error raised(handle exception, handle cause, location at) {
     if (cause)
         foreign_call(PyException_SetCause, exception.ptr(), object::borrow(cause).release());
     // Unlike PyErr_SetRaisedException, this sets `__context__` to the exception being handled. It asks the class
-    // whether it is a subclass of itself, and drops an older context: both can run other code.
-    foreign_call(PyErr_SetObject, handle(Py_TYPE(exception.ptr())).ptr(), exception.ptr());
+    // whether it is a subclass of itself, which can change the exception's class, and drops an older context.
+    foreign_call(PyErr_SetObject, object::borrow(handle(Py_TYPE(exception.ptr()))).ptr(), exception.ptr());
     return error(at);
 }
 
