@@ -133,9 +133,8 @@ class Sharing:
 def drawn(seed: int) -> str:
     """One attack, on both; says where they part."""
     comparison: Any = importlib.import_module("support.comparison")
-    strikes: Any = importlib.import_module("test_differential").STRIKES
     draw = random.Random(seed)
-    name, way, strike = draw.choice(list(CALLS)), draw.choice(WAYS), draw.choice(list(strikes))
+    name, way, strike = draw.choice(list(CALLS)), draw.choice(WAYS), draw.choice(list(comparison.STRIKES))
     replaced, instead = draw.randrange(6), draw.choice(INSTEAD)
 
     def attacked(undo: Any) -> None:
@@ -148,7 +147,7 @@ def drawn(seed: int) -> str:
     call = CALLS[name]
     try:
         at = draw.choice((None, *range(1, 12)))
-        comparison.same(lambda: way(call.act), *call.prepare, attacked, strike_at=at, strike=strikes[strike])
+        comparison.same(lambda: way(call.act), *call.prepare, attacked, strike_at=at, strike=comparison.STRIKES[strike])
     except AssertionError as exc:
         return f"attack {seed}, {name}, {strike} at {at}: {exc}"
     return ""

@@ -2,7 +2,6 @@
 
 import contextlib
 import functools
-import inspect
 import itertools
 import os
 import secrets
@@ -11,9 +10,8 @@ from pathlib import Path
 
 import pytest
 
-from corvane import auth
 from support import scenarios as e
-from support.comparison import same, same_at_each_step, tried
+from support.comparison import STRIKES, same, same_at_each_step, tried
 
 
 class Text(str):
@@ -166,38 +164,6 @@ STEPWISE = {
         f"propagate {strict} {changes}": (e.call("_propagate_auth", "am", strict=strict), *e.on_disk(), e.kit(changes))
         for strict, changes in itertools.product((True, False), ({}, KIT_FAILS))
     },
-}
-
-
-def names(module):
-    return [name for name in vars(module) if not name.startswith("__")]
-
-
-def other_code(module, undo):
-    """All functions do something else from now on, the one that is running as well."""
-    for function in (f for f in map(vars(module).get, names(module)) if isinstance(f, types.FunctionType)):
-        if function.__module__ == module.__name__ and not inspect.isgeneratorfunction(function):
-            undo.callback(setattr, function, "__code__", function.__code__)
-            function.__code__ = (lambda *args, **kwargs: "other code").__code__
-
-
-def call_others(module, undo):
-    for act in (module.inject_heartbeat, module.get_agents_md_fragment, lambda: module.configure(colour=1)):
-        e.note(repr(tried(act)))
-
-
-# What happens in the middle of a call: it fails, or what the module holds is changed.
-STRIKES = {
-    **{
-        kind.__name__: e.raising(kind)
-        for kind in (PermissionError, auth.AuthError, AttributeError, e.Cancelled, KeyboardInterrupt)
-    },
-    "names deleted": lambda module, undo: e.patched(module, **dict.fromkeys(names(module), e.MISSING))(undo),
-    "names without value": lambda module, undo: e.patched(module, **dict.fromkeys(names(module)))(undo),
-    "options emptied": lambda module, undo: module._config.clear(),
-    "options replaced": lambda module, undo: e.patched(module, _config=[])(undo),
-    "other code": other_code,
-    "others called": call_others,
 }
 
 

@@ -1,6 +1,7 @@
 """Makes a call and tells what a caller could see of it: its story, or the same of the native module and its twin."""
 
 import contextlib
+import inspect
 import itertools
 import os
 import pprint
@@ -193,3 +194,35 @@ def same_at_each_step(strike, act, *prepare):
     for step in range(1, len(seen["events"]) + 1):
         same(act, *prepare, strike_at=step, strike=strike)
     return seen
+
+
+def names(module):
+    return [name for name in vars(module) if not name.startswith("__")]
+
+
+def other_code(module, undo):
+    """All functions do something else from now on, the one that is running as well."""
+    for function in (f for f in map(vars(module).get, names(module)) if isinstance(f, types.FunctionType)):
+        if function.__module__ == module.__name__ and not inspect.isgeneratorfunction(function):
+            undo.callback(setattr, function, "__code__", function.__code__)
+            function.__code__ = (lambda *args, **kwargs: "other code").__code__
+
+
+def call_others(module, undo):
+    for act in (module.inject_heartbeat, module.get_agents_md_fragment, lambda: module.configure(colour=1)):
+        scenarios.note(repr(tried(act)))
+
+
+# What happens in the middle of a call: it fails, or what the module holds is changed.
+STRIKES = {
+    **{
+        kind.__name__: scenarios.raising(kind)
+        for kind in (PermissionError, auth.AuthError, AttributeError, scenarios.Cancelled, KeyboardInterrupt)
+    },
+    "names deleted": lambda module, undo: patched(module, **dict.fromkeys(names(module), scenarios.MISSING))(undo),
+    "names without value": lambda module, undo: patched(module, **dict.fromkeys(names(module)))(undo),
+    "options emptied": lambda module, undo: module._config.clear(),
+    "options replaced": lambda module, undo: patched(module, _config=[])(undo),
+    "other code": other_code,
+    "others called": call_others,
+}
