@@ -196,6 +196,7 @@ PROGRAMS = {
     "code_changes_in_a_call": "None 5",
     "missing_sibling": "corvane.agent_onboarding",
     "no_room_at_the_exit": "the interpreter takes no more exit functions",
+    "import_too_deep": "40 None",
     "failed_import": "not today\nnative body not reached",
     "two_modules": "corvane.agent_onboarding is already initialised",
     "failed_import_elsewhere": "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)",

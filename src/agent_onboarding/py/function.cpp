@@ -106,11 +106,11 @@ void frame::trace(error& raised) const noexcept {
 }
 
 void start(handle module_namespace, std::span<const unsigned char> declarations) {
-    if (interpreter_of_codes == nobody && Py_AtExit(forget) < 0)
-        throw_error(PyExc_SystemError, "the interpreter takes no more exit functions");
     if (!enter_recursion()) // the thread's stack is measured here, and for most programs not in the middle of a call
         throw_error();
     Py_LeaveRecursiveCall();
+    if (interpreter_of_codes == nobody && Py_AtExit(forget) < 0)
+        throw_error(PyExc_SystemError, "the interpreter takes no more exit functions");
     const std::int64_t running = PyInterpreterState_GetID(PyInterpreterState_Get());
     if (interpreter_of_codes != running)
         forget(); // what another interpreter has left is not ours to give back
