@@ -46,7 +46,7 @@ def wheel_in(folder, version, processor="x86_64"):
 def interpreters():
     """By version, the interpreters that wheels are built for: the one at hand and those of other versions."""
     found = {HERE: sys.executable}
-    for python in run(["tools/find-python", "--all"]).split():
+    for python in run(["tools/find-python", "--all"]).splitlines():
         version = run([python, "tools/check_python.py", "version"]).strip()
         if version.rpartition(".")[0] not in [one.rpartition(".")[0] for one in found]:
             found[version] = python

@@ -37,7 +37,7 @@ def main(interpreters: list[str]) -> None:
     missing = []
     if not interpreters:
         found = subprocess.run([ROOT / "tools" / "find-python", "--all"], capture_output=True, text=True)
-        interpreters, missing = found.stdout.split(), found.stderr.splitlines()
+        interpreters, missing = found.stdout.splitlines(), found.stderr.splitlines()
     builders: dict[str, dict[str, str]] = {}
     for processor in PROCESSORS:
         compiler = f"{processor}-linux-gnu-g++"
