@@ -98,7 +98,7 @@ template <typename... Parts> [[gnu::noinline]] object concat(opening first, cons
 inline object repr(handle value, location at = location::current()) {
     return checked_call(at, PyObject_Repr, value.ptr());
 }
-/// `raise type(message)`
+/// `raise type(message)`; inlined for the same half a microsecond as the other `raise`.
 [[noreturn, gnu::always_inline]] inline void raise(const callee& type, const char* message,
                                                    location at = location::current()) {
     raise(type(concat({message, at})), at);
