@@ -1,4 +1,4 @@
-"""The main job end to end, in processes of its own, and spoilt in five ways: four silently, one that the kit sees."""
+"""The main job end to end, in processes of its own, and damaged in five ways: four silently, one that the kit sees."""
 
 import os
 import re

@@ -113,7 +113,7 @@ def read_record(data_dir: str | os.PathLike[str]) -> Record:
     """What the searches of a data directory have done. Makes and changes nothing; without a file, nothing was done.
 
     Raises:
-        ValueError: The file is not a record of searches, or is spoilt.
+        ValueError: The file is not a record of searches, or is damaged.
         OSError: It cannot be read.
     """
     path = Path(data_dir) / "search.db"
@@ -131,9 +131,9 @@ def read_record(data_dir: str | os.PathLike[str]) -> Record:
     except sqlite3.DatabaseError as exc:
         if "locked" in str(exc):
             raise BlockingIOError(f"{path} is in use by another command.") from exc
-        raise ValueError(f"{path} is spoilt, or not a record of searches: {exc}.") from exc
+        raise ValueError(f"{path} is damaged, or not a record of searches: {exc}.") from exc
     except ValueError as exc:
-        raise ValueError(f"{path} is spoilt: {exc}.") from exc
+        raise ValueError(f"{path} is damaged: {exc}.") from exc
     return Record(runs, signals, _is_locked(path.with_name("search.lock")))
 
 

@@ -163,7 +163,7 @@ class SyncManager:
 
     def _load(self) -> None:
         self._manifest, self._vocabulary = None, {}
-        with contextlib.suppress(FileNotFoundError, ValueError):  # what is spoilt is written anew by the next sync
+        with contextlib.suppress(FileNotFoundError, ValueError):  # the next sync writes a damaged one again
             self._manifest = _checked_manifest((self._root / "manifest.json").read_bytes())
             for path, entry in sorted(self._manifest["files"].items()):
                 if entry["kind"] == "vocabulary":

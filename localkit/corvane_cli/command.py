@@ -68,7 +68,7 @@ _NOT_CORVANE = (
 )
 _UNKNOWN = "`corvane register --invite-code CODE` signs up a wallet that is new to the service; else check the address."
 _REFUSED = "Run it again; if that changes nothing, ask the operator why. The wallet is signed in, and nothing is lost."
-_SPOILT = "`corvane sync` downloads damaged files again. If the service sends it spoilt again, tell the operator."
+_SPOILT = "`corvane sync` downloads damaged files again. If they arrive damaged again, tell the operator."
 _NEW_CODE = "Ask the operator for another code: `corvane register --invite-code CODE` uses the stored key again."
 
 # What an exception means. The first line counts that fits anything in the chain of causes: what is behind an error says
@@ -309,7 +309,7 @@ def _explain(exc: BaseException) -> Failure:
     if type(exc) is ConnectionError:  # the onboarding module's own text names no address and no reason
         text = [str(link) for link in chain if type(link) is ConnectionError][-1]
     if isinstance(exc, FileNotFoundError) and exc.filename is None:
-        return Failure("The working directory does not exist any more.", Exit.MACHINE, "Change to one that exists: cd.")
+        return Failure("The working directory no longer exists.", Exit.MACHINE, "Change to one that exists: cd.")
     if any("CERTIFICATE_VERIFY_FAILED" in str(link) for link in chain):  # to try again would not help
         return Failure(text, Exit.MACHINE, "Set SSL_CERT_FILE to the service's certificate authority, and the clock.")
     if any(isinstance(link, OSError) and link.errno in _NO_SPACE for link in chain):

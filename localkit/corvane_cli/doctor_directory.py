@@ -163,7 +163,7 @@ def check_files(agent: Agent) -> Iterator[Finding | Looked]:
             next_step = f"`rm {quote(str(link))} && {sync}` downloads it again."
             yield Finding("manifest", ERROR, problem, reason, next_step)
         elif (actual := _digest(file) if file.is_file() else None) != entry["sha256"]:
-            problem = f"{file} is {'spoilt' if actual else 'missing'}."
+            problem = f"{file} is {'damaged' if actual else 'missing'}."
             reason = f"the manifest says SHA-256 {entry['sha256']}, there is {actual or 'no file'}"
             again = f"{aside(file)} && {sync}" if file.is_dir() else sync
             yield Finding("files", ERROR, problem, reason, f"`{again}` downloads it again.")
@@ -200,7 +200,7 @@ def check_searches(agent: Agent) -> Iterator[Finding | Looked]:
     except sqlite3.DatabaseError as exc:
         said = [] if "locked" in str(exc) else [str(exc)]
     if said not in ([], ["ok"]):
-        problem, reason = f"{path} is spoilt: {said[0]}.", "searches cannot note what they find"
+        problem, reason = f"{path} is damaged: {said[0]}.", "searches cannot note what they find"
         next_step = (
             f"`{' && '.join(map(aside, files))}`: the next search begins a new one; found signals stay in the old."
         )

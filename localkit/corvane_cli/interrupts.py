@@ -55,7 +55,7 @@ def disarm() -> None:
 
 
 def end() -> None:
-    """From now on nothing is to be interrupted any more."""
+    """From now on, nothing may be interrupted."""
     if signal.getsignal(signal.SIGINT) is _interrupted:
         signal.signal(signal.SIGINT, signal.SIG_IGN)
 

@@ -158,7 +158,7 @@ def write(agents: Sequence[Agent], sources: Sequence[Path], out: Path, online: b
     if len(drawn) < len(signals):
         notes.append(
             f"{len(signals) - len(drawn)} signals have no curve: they are of another era, or the era's native modules "
-            "in their directory are missing, spoilt, too old, or within the reach of other users."
+            "in their directory are missing, damaged or too old, or other users can write to them."
         )
     page = render(
         "report.html",

@@ -50,8 +50,8 @@ def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run:
     if not check:
         sign_in(agent, dry_run)
         if dry_run:
-            spoilt = [f"repair: {f.problem}" for f in examine(agent, check_files)]
-            return plan([*spoilt, download_step(agent)])
+            damaged = [f"repair: {f.problem}" for f in examine(agent, check_files)]
+            return plan([*damaged, download_step(agent)])
         changed = sync_files(agent, progress, wait)
     # A sync has verified the files, and does not repair the copies of native modules.
     files = [check_files] if check else []

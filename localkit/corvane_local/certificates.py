@@ -17,7 +17,7 @@ _RENEW_BEFORE = dt.timedelta(days=7)
 
 
 def ensure_certificates(state: Path) -> tuple[Path, Path, Path]:
-    """Makes what is missing, spoilt or about to expire, and what a kill has left without its other half.
+    """Makes what is missing, damaged or about to expire, and what a kill has left without its other half.
 
     Returns:
         The authority's certificate (for clients, through SSL_CERT_FILE), the server's certificate and its key.

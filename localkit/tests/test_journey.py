@@ -59,7 +59,7 @@ def test_the_whole_journey(service, tmp_path):
     text = heartbeat.read_text()
     assert text.startswith("# Mine\n\n## [Corvane] Search Monitoring\n") and text.count("First signal found!") == 1
 
-    (home / "era_config.json").write_text("{}")  # a second process, the same wallet; what is spoilt is mended
+    (home / "era_config.json").write_text("{}")  # a second process, the same wallet; what is damaged is repaired
     with agent(service.url, tmp_path) as ask:
         assert (ask(REGISTER), ask(SEARCH)) == ([address], ["0"]) and heartbeat.read_text().startswith(text)
         assert float((earned := ask(EARNED))[0]) != 0

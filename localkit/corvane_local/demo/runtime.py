@@ -39,7 +39,7 @@ class RuntimeSteps:
         service: The running service.
         home: The agent's data directory.
         workspace: The agent's working directory.
-        sabotage: What is spoilt behind the kit's back: "module" or "picture".
+        sabotage: What is damaged behind the kit's back: "module" or "picture".
     """
 
     def __init__(self, service: Service, home: Path, workspace: Path, sabotage: str | None) -> None:

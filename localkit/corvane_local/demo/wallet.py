@@ -28,7 +28,7 @@ class WalletSteps:
         service: The service, not started yet.
         home: The agent's data directory.
         workspace: The agent's working directory; gets a HEARTBEAT.md.
-        sabotage: What is spoilt behind the kit's back: "key-file", "invite" or "heartbeat".
+        sabotage: What is damaged behind the kit's back: "key-file", "invite" or "heartbeat".
     """
 
     def __init__(self, service: Service, home: Path, workspace: Path, sabotage: str | None) -> None:
