@@ -223,7 +223,7 @@ def show(agents: list[Agent], outcomes: dict[str, Outcome], form: str | None) ->
 @click.argument("agents", type=click.File(), callback=lambda context, parameter, lines: read_agents(lines))
 @click.argument("base", type=click.Path(file_okay=False, path_type=Path))
 @click.option("--server-url", required=True, callback=lambda c, p, url: check_url(url), help="Address of the service.")
-@click.option("--at-once", default=8, show_default=True, type=click.IntRange(1), help="Most agents at work at once.")
+@click.option("--at-once", default=8, show_default=True, type=click.IntRange(1), help="Most agents to run at once.")
 @click.option("--attempts", default=10, show_default=True, type=click.IntRange(1), help="For a service that is away.")
 @click.option(
     "--time-limit", default=300.0, show_default=True, type=click.FloatRange(0.1, 86400), help="Seconds for each agent."
@@ -241,7 +241,7 @@ def main(
     form: str | None,
     ray_address: str,
 ) -> None:
-    """Onboard the AGENTS of a file (an invite code or NAME,CODE a line), each in its directory BASE/NAME."""
+    """Onboard the AGENTS of a file (on each line an invite code or NAME,CODE), each in its directory BASE/NAME."""
     base = base.resolve()
     make_locks(agents, base)
     outcomes = noted(agents, base, server_url)

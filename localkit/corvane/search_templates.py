@@ -1,7 +1,7 @@
 """Searches for signals in the prices of the active era, and tells how far they have come.
 
 What a search proves is little: it tries thousands of expressions on a few stocks, so some fit the training days by
-chance alone. The days behind them, which the search does not look at before, sort most of these out and not all: a
+chance alone. The days after them, which the search does not look at before, sort most of these out and not all: a
 signal that was found is a candidate for a closer look, and no advice to trade.
 """
 

@@ -23,7 +23,7 @@ class Simulation:
     """The trading of one signal: one position a day, with the signal's sign of the day before, after costs.
 
     Sharpe ratios are annualised, NaN if the profit never differs; `train_sharpe` is that of the days on which signals
-    are searched, and so no surprise, `rest_sharpe` that of the days behind them. The greatest fall from a peak and the
+    are searched, and so no surprise, `rest_sharpe` that of the days after them. The greatest fall from a peak and the
     total return are shares of the capital; `profit` is that of each day, `days` are numbers of the form YYYYMMDD, of
     which the first `train_days` are those of the search.
     """

@@ -31,7 +31,7 @@ _limit = click.option("--limit", type=click.IntRange(1), metavar="N", help="Show
 def signals(agent: Agent, order: str, limit: int | None, as_csv: bool) -> Result:
     """List the signals that were found in the data directory. Nothing is sent.
 
-    The Sharpe ratios are annualised and after costs: "in" on the days that were searched, "out" on those behind them.
+    The Sharpe ratios are annualised and after costs: "in" on the days that were searched, "out" on those after them.
     """
     from corvane_cli.report import read_era
 
@@ -126,9 +126,9 @@ def _record(agent: Agent) -> "Record":
 def report(agent: Agent, directories: tuple[Path, ...], out: Path, online: bool, dry_run: bool) -> Result:
     """Write a page about agents: health, downloads, searches, and found signals with their curves.
 
-    DIR is the directory of an identity, or one that holds such directories; by default it is --data-dir. The page is
-    one file that asks nobody for anything. It replaces nothing but an earlier page. Without --online nothing is sent;
-    a key in the environment is used only without DIR.
+    DIR is the directory of an identity, or one that holds such directories; by default it is --data-dir. The page is a
+    single file that loads nothing from elsewhere. It replaces nothing but an earlier report. Without --online, nothing
+    is sent. A key in the environment is used only without DIR.
     """
     from corvane_cli import report as reporting
 

@@ -36,7 +36,7 @@ _SERIES = (
 
 @command("sync", "sync", "sync --check    # compares what is there with the manifest; nothing is sent")
 @click.option("--check", is_flag=True, help="Only verify what was downloaded.")
-@click.option("--wait", default=0.0, type=click.FloatRange(0), metavar="SECONDS", help="For another sync to end.")
+@click.option("--wait", default=0.0, type=click.FloatRange(0), metavar="SECONDS", help="Wait for another sync.")
 @progress_option
 @dry_run_option
 def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run: bool) -> Result:
@@ -72,7 +72,7 @@ def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run:
 def search(
     agent: Agent, seed: int | None, heartbeat: bool, progress: bool | None, dry_run: bool, **limits: Any
 ) -> Result:
-    """Search the active era for signals. What was found is kept, also after Ctrl-C."""
+    """Search the active era for signals. Whatever is found is kept, even after Ctrl-C."""
     sign_in(agent, dry_run)
     if dry_run:
         file = heartbeat_file(agent.onboarding(), heartbeat)
@@ -118,7 +118,7 @@ def simulate(
 ) -> Result:
     """Say what trading a found signal (its number) or an expression would have earned, after costs.
 
-    With --csv, that is what it would have earned on each day.
+    With --csv, print what it would have earned on each day.
     """
     from corvane.simulate_signal import _simulate_signal_export, check_picture
 

@@ -161,7 +161,7 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
 
 @command("whoami", "whoami", "whoami --json")
 def whoami(agent: Agent) -> Result:
-    """Say which wallet this is, at which service, and whether that has accepted it. Nothing is sent."""
+    """Say which wallet this is, at which service, and whether the service has accepted it. Nothing is sent."""
     key = usable_key_file(agent)
     address = agent.manager().get_wallet_address() if agent.env_key else key.address
     if address is None:

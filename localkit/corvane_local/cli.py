@@ -68,17 +68,17 @@ class Group(Prints, click.Group):
 @click.group(cls=Group, context_settings={"help_option_names": ["-h", "--help"]})
 @click.version_option(__version__)
 def main() -> None:
-    """A Corvane service for this machine alone, to try and to test with. It is not the real service."""
+    """A Corvane service for this machine only, for trying things out and for tests. It is not the real service."""
 
 
 @main.command()
 @STATE
-@click.option("--port", default=8443, show_default=True, type=click.IntRange(0, 65535), help="0 takes a free one.")
+@click.option("--port", default=8443, show_default=True, type=click.IntRange(0, 65535), help="0: any free port.")
 @click.option(
-    "--challenge-seconds", default=CHALLENGE_SECONDS, show_default=True, help="How long a challenge can be answered."
+    "--challenge-seconds", default=CHALLENGE_SECONDS, show_default=True, help="How long a challenge is valid."
 )
 @click.option("--token-seconds", default=TOKEN_SECONDS, show_default=True, help="How long a token is valid.")
-@click.option("--failure-seconds", default=60.0, show_default=True, help="When all failed sign-ins are forgotten.")
+@click.option("--failure-seconds", default=60.0, show_default=True, help="When failed sign-ins are forgotten.")
 @click.option("--exchange-seconds", default=20.0, show_default=True, help="How long a request and its answer may take.")
 def serve(
     state: Path,
@@ -91,8 +91,8 @@ def serve(
     """Serve HTTPS on 127.0.0.1 until SIGTERM or Ctrl-C.
 
     The first line printed is the address, once it can be reached; the second says which certificate authority clients
-    must trust. The third says where the operator's token is, which opens the page at the address; a token that was just
-    made is printed as well, once.
+    must trust. The third says where the operator's token is, which opens the page at that address; a new token is
+    itself printed, once.
     """
     import uvicorn  # here, like what needs it: the other commands would wait for it
 
@@ -162,7 +162,7 @@ def serve(
 @STATE
 @click.option("--count", default=1, show_default=True, type=click.IntRange(1), help="How many.")
 def invite(state: Path, count: int) -> None:
-    """Print new invite codes, one a line; each is good for one wallet. The service may be running or not."""
+    """Print new invite codes, one per line; each is good for one wallet. The service may be running or not."""
     store = _open_store(state)
     for _ in range(count):
         click.echo(store.make_invite())
@@ -184,7 +184,7 @@ def publish_command(state: Path, backtester: str) -> None:
 def list_command(state: Path, as_json: bool) -> None:
     """List invites, wallets and published builds, oldest first. The service may be running or not.
 
-    No secret is shown: of an invite code that is still good, the last group alone.
+    No secret is shown: only the last group of an invite code that is still good.
     """
     if not (state / "service.db").exists():
         raise click.ClickException(f"There is no service in {state}.")

@@ -106,7 +106,7 @@ class Store:
 
     Args:
         path: The file, made if it is missing.
-        challenge_seconds: How long a challenge can be answered.
+        challenge_seconds: How long a challenge is valid.
         token_seconds: How long a token is valid.
     """
 

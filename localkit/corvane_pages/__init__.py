@@ -1,4 +1,4 @@
-"""Pages for people that consist of one file each: a browser that shows one asks nobody for anything.
+"""Pages for people that consist of one file each: a browser that shows one loads nothing else.
 
 A page has one style and one script, and a policy that allows these two by their digests and nothing else. Whatever is
 put into a page is escaped by the template; only what this package draws itself is markup.
