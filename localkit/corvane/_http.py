@@ -1,7 +1,7 @@
 """Requests to the service: to its own address only (no proxy, no redirect), and each with a deadline for all of it.
 
 The time-outs of HTTP libraries are for one socket operation each, so a service that sends a byte a second would hold an
-agent for ever. Here every operation gets what is left until the deadline. That of a download moves with its progress.
+agent forever. Here every operation gets what is left until the deadline. That of a download moves with its progress.
 """
 
 import contextlib

@@ -54,7 +54,7 @@ def _trust(agent: Agent) -> str:
     if _is_loopback(urlsplit(agent.server_url).hostname or ""):
         return f"`{right}` with the path that the local service prints as it starts."
     if os.environ.get("SSL_CERT_FILE") is None:
-        return f"`{right}` if the service has an authority of its own; if not, somebody is in between."
+        return f"`{right}` if the service has an authority of its own; if not, somebody is intercepting the connection."
     return f"`{unset}`; or `{right}` if the service has an authority of its own."
 
 
@@ -88,7 +88,7 @@ def check_service(agent: Agent) -> Iterator[Finding | Looked]:
         problem, next_step = f"{url} is away or busy.", f"Try again later: `{command_line('corvane doctor', agent)}`."
         yield Finding("service", WARNING, problem, meanwhile, next_step)
     elif fields.get("status") != "ok":
-        problem, reason = f"{url} is not a Corvane service.", "its answer to /health is not that of one"
+        problem, reason = f"{url} is not a Corvane service.", "it does not respond to /health as one does"
         yield Finding("service", ERROR, problem, reason, f"Correct the address: {other}.")
     yield from _clock(_seconds(date), (began + time.time()) / 2)
     yield Looked("service", f"{url}, which answers in {(time.time() - began) * 1000:.0f} ms, and its clock")

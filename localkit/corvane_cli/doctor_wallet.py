@@ -40,7 +40,7 @@ def _backups(agent: Agent) -> list[KeyFile]:
 
 def _open_to_others(key: KeyFile) -> Finding:
     mode = stat.S_IMODE(key.status.st_mode) if key.status else 0
-    reason = "who has read the key can sign in with it for ever"
+    reason = "whoever has read the key can sign in with it forever"
     next_step = f"`chmod 600 {quote(str(key.path))}`; if others were here, use a new wallet."
     return Finding("key", ERROR, f"{key.path} is open to other users (mode {mode:o}).", reason, next_step)
 
@@ -50,7 +50,7 @@ def key_findings(key: KeyFile, agent: Agent | None = None) -> Iterator[Finding]:
     agent = agent or Agent(str(key.path.parent), os.environ.get("CORVANE_SERVER_URL"))
     path, quoted = key.path, quote(str(key.path))
     session = agent.session()
-    whose = f" The session is of the wallet {session.address}: look for that one's key." if session else ""
+    whose = f" The session is that of the wallet {session.address}: look for its key." if session else ""
     if key.state == "absent":
         login = command_line("corvane login", agent)
         register = command_line("corvane register --invite-code CODE", agent)
@@ -73,7 +73,7 @@ def key_findings(key: KeyFile, agent: Agent | None = None) -> Iterator[Finding]:
             )
         else:
             problem, reason = f"{path} contains no key.", "a key is 64 hexadecimal digits, with or without 0x in front"
-            next_step += " What is in the file now is kept as a backup."
+            next_step += " The present content of the file is kept as a backup."
         yield Finding("key", ERROR, problem, reason, next_step)
     elif key.state == "unreadable" and kind_of(path) is None:
         problem, reason = f"{path} {key.problem}.", "its mode or a directory above it keeps this user out"
@@ -106,7 +106,7 @@ def _best_backup(agent: Agent) -> str:
 
 
 def check_session(agent: Agent) -> Iterator[Finding | Looked]:
-    """Whether the session is of the stored key, and of the service that is asked for."""
+    """Whether the session belongs to the stored key, and to the service that is asked for."""
     path, key, session = agent.data_dir / "session.json", agent.key_file(), agent.session()
     register = f"`{command_line('corvane register', agent)}`"
     if agent.env_key:
@@ -122,20 +122,20 @@ def check_session(agent: Agent) -> Iterator[Finding | Looked]:
         problem, reason = f"{path} is not a session.", "without one the stored key is not used"
         yield Finding("session", ERROR, problem, reason, f"{register} writes it again.")
     elif agent.is_pending():
-        problem = f"The service has not accepted {session.address} yet, as far as is known."
+        problem = f"As far as is known, the service has not accepted {session.address} yet."
         again = command_line("corvane register --invite-code CODE", agent)
         next_step = f"`{again}` signs the stored wallet up, or in if it was accepted."
         yield Finding("session", WARNING, problem, "a sign-up was refused, or interrupted", next_step)
     elif session.address != key.address:
-        problem = f"The session is of {session.address}, {key.path} of {key.address}."
+        problem = f"The session is for {session.address}, but {key.path} is the key of {key.address}."
         reason = "the key was replaced without `corvane login`; it is not used until it has signed in"
         next_step = f"{register} signs the stored wallet in. If it is the wrong one: `corvane login --replace < FILE`."
         yield Finding("session", WARNING, problem, reason, next_step)
     elif session.server_url != agent.server_url:
-        problem = f"The session is with {session.server_url}, and {agent.server_url} is asked for."
+        problem = f"The session is with {session.server_url}, but {agent.server_url} is asked for."
         reason = "a key is used only where it has signed in"
         own = "unset CORVANE_SERVER_URL" if os.environ.get("CORVANE_SERVER_URL") else _own_service(agent)
-        next_step = f"`{own}` stays with the session's. If the other one is right: {register}."
+        next_step = f"`{own}` keeps to the session's service. If the other one is right: {register}."
         yield Finding("session", WARNING, problem, reason, next_step)
     else:
         since = f"{datetime.fromtimestamp(session.signed_in_at or 0, UTC):%Y-%m-%dT%H:%M:%SZ}"

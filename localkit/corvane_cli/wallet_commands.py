@@ -129,7 +129,7 @@ def login(agent: Agent, key_fd: int, prompt: bool, replace: bool, dry_run: bool)
 @click.option("--delete-key", metavar="ADDRESS", help="Also delete wallet.key for good, if it belongs to this wallet.")
 @dry_run_option
 def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
-    """Forget the session. The key stays, unless its deletion is asked for by its address.
+    """Forget the session. The key stays, unless --delete-key names its wallet.
 
     Nothing is revoked: the service still knows the wallet, tokens that it gave out are good until they expire (an hour
     with the local one), and every copy of the key still signs in.

@@ -151,7 +151,7 @@ REPAIRED = [
     ("session", 'sed -i \'s/"signed_in_at":[^}]*/"signed_in_at": null/\' session.json', "not accepted", "-code CODE"),
     ("session", "echo '{' >session.json", "is not a session", "register"),
     ("session", "sed -i 's/\"signed_in_at\":/&1e30/' session.json", "is not a session", "register"),
-    ("session", f"echo {SECOND} >wallet.key", f"The session is of {ADDRESS}", "register"),
+    ("session", f"echo {SECOND} >wallet.key", f"The session is for {ADDRESS}", "register"),
     ("session service", "export CORVANE_SERVER_URL=https://127.0.0.1:1", "127.0.0.1:1 is asked for", "unset"),
     ("manifest", ENTRY % ("era_config.json", ""), "era_config.json sha256 Field required", "rm .* && corvane sync"),
     ("manifest", ENTRY % ("runtime/../../x", DIGEST), "is not allowed", "rm .* && corvane sync"),
