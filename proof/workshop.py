@@ -72,7 +72,7 @@ class Workshop:
         return subprocess.run(command, env=full, capture_output=True, text=True, timeout=1200, cwd=self.folder)
 
     def answer(self, function: str, *arguments: Any, **how: Any) -> Any:
-        """What a function, such as "leaks.grown", answers in an interpreter of its own."""
+        """What a function, such as "leaks.grown", returns in an interpreter of its own."""
         method, name = function.split(".")
         text = f"import json; from proof.{method} import {name}; print(json.dumps({name}(*{arguments!r})))"
         done = self.python("-c", text, **how)
@@ -100,7 +100,7 @@ class Workshop:
 
 
 def side_by_side[Item, Answer](act: Callable[[Item], Answer], items: Iterable[Item]) -> list[Answer]:
-    """What act answers for each item, on all processors."""
+    """What act returns for each item, on all processors."""
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         return list(pool.map(act, items))
 

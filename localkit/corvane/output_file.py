@@ -31,11 +31,11 @@ def check_target(
     target, noun = Path(path), what.rpartition(" ")[2]
     if target.suffix.lower() not in kinds or target.name.startswith("wallet.key"):
         names = " or ".join(f"NAME{ending}" for ending in kinds)
-        raise ValueError(f"The {noun} must be a file {names}, and not {target.name!r}.")
+        raise ValueError(f"The {noun} must be named {names}, not {target.name!r}.")
     place, owned = Path(os.path.realpath(target.parent)), {os.path.realpath(directory) for directory in data_dirs}
     for directory in (place, *place.parents):
         if str(directory) in owned or os.path.lexists(directory / "wallet.key"):
-            raise ValueError(f"No {noun} is put into {directory}, which belongs to a wallet.")
+            raise ValueError(f"No {noun} is written to {directory}, which belongs to a wallet.")
     try:
         descriptor = os.open(target, os.O_RDONLY | os.O_NOFOLLOW | os.O_NONBLOCK | os.O_CLOEXEC)
     except FileNotFoundError:

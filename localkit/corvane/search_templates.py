@@ -99,7 +99,7 @@ def start_search(
 
     Raises:
         ValueError: The template is unknown, or a number is out of range.
-        RuntimeError: There is no runtime, its era has ended, or a search is running already.
+        RuntimeError: There is no runtime, its era has ended, or a search is already running.
         corvane.errors.RuntimeModuleError: A native module on disk has changed and cannot be loaded.
     """
     if template not in TEMPLATES:

@@ -224,7 +224,7 @@ class SearchTracker:
                     break
                 except BlockingIOError:
                     if patience == 49:
-                        raise RuntimeError("A search is running already in this data directory.") from None
+                        raise RuntimeError("A search is already running in this data directory.") from None
                     time.sleep(0.01)  # `is_searching` holds it for a moment, too
             yield
 

@@ -90,7 +90,7 @@ def _load(contents: list[bytes], config: Mapping[str, Any]) -> EraCapital:
             modules.append(module)
     data, backtester = modules
     if not hasattr(backtester, "profit"):
-        raise ImportError("This build of the backtester leaves the profits to others.")
+        raise ImportError("This build of the backtester cannot compute profits.")
     vault = Vault(data)
     backtester.init_reconstruction(data.SEAL, list(vault.values()))
     return EraCapital(backtester, vault, config)

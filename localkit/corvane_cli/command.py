@@ -91,7 +91,7 @@ _NO_SPACE = (errno.ENOSPC, errno.EDQUOT, errno.EFBIG)
 
 @dataclass
 class Result:
-    """What a command answers: for programs, for people line by line, and as its exit status."""
+    """What a command returns: for programs, for people line by line, and as its exit status."""
 
     data: dict[str, Any]
     lines: list[str]
@@ -128,7 +128,7 @@ class _Prints(click.Command):
 
 
 class Command(_Prints):
-    """A command whose function answers a Result; one that has a parameter `agent` gets an Agent, and options for it."""
+    """A command whose function returns a Result; one that has a parameter `agent` gets an Agent, and options for it."""
 
     def __init__(self, *args: Any, **options: Any) -> None:
         super().__init__(*args, **options)

@@ -115,7 +115,7 @@ def check_session(agent: Agent) -> Iterator[Finding | Looked]:
         return  # which other checks say
     elif not path.exists():
         problem, reason = f"There is no session in {agent.data_dir}.", "without one the stored key is not used"
-        unknown = "with --invite-code CODE also one that the service does not know"
+        unknown = "with --invite-code CODE, even one that the service does not know"
         yield Finding("session", WARNING, problem, reason, f"{register} signs the stored wallet in; {unknown}.")
     elif session is None:
         path.read_bytes()  # what cannot be read is another matter

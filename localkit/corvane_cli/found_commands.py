@@ -56,7 +56,7 @@ def signals(agent: Agent, order: str, limit: int | None, as_csv: bool) -> Result
         return Result({}, csv_lines(names, listed))
     data = {"signals": [{**asdict(s), "named_universe": universe(s)} for s in found], "found": len(record.signals)}
     if not found:
-        return Result(data, ["No signals were found yet.", "Next: `corvane search` looks for some."])
+        return Result(data, ["No signals have been found yet.", "Next: `corvane search` looks for some."])
     titles = ("#number", "#era", "universe", "traded", "#corr.", "#bits", "#Sharpe in", "#out", "found", "expression")
     rows = [
         (s.id, s.era_id, universe(s) or "", s.instrument, f"{s.correlation:.3f}", f"{s.mutual_information:.3f}",
@@ -97,12 +97,12 @@ def searches(agent: Agent, limit: int | None, as_csv: bool) -> Result:
         "running": record.running,
     }
     if not runs:
-        return Result(data, ["Nothing was searched yet.", "Next: `corvane search` begins."])
+        return Result(data, ["There have been no searches yet.", "Next: `corvane search` starts one."])
     titles = ("#number", "started", "#seconds", "#seed", "#tried", "#cand.", "#found", "#per s", "#per h", "outcome")
     rows = [[("" if v is None else v) for v in row] for row in listed]
     for row in rows:
         row[1] = str(row[1])[:16].replace("T", " ")
-    total = f"{len(record.signals)} signals, {record.per_hour():.1f} in an hour of searching; trend: {record.trend()}."
+    total = f"{len(record.signals)} signals, {record.per_hour():.1f} per hour of searching; trend: {record.trend()}."
     return Result(data, columns(titles, rows) + table([(total,)]))
 
 
@@ -140,5 +140,5 @@ def report(agent: Agent, directories: tuple[Path, ...], out: Path, online: bool,
     page = reporting.write(agents, directories or (agent.data_dir,), out, online)
     lines = [f"{out}: {page.totals()}"]
     if page.errors or page.warnings:
-        lines.append("Next: see the section Health of the page; `corvane doctor --data-dir DIR` says the same.")
+        lines.append("Next: see the page's section Health; `corvane doctor --data-dir DIR` says the same.")
     return Result({"report": out, **asdict(page)}, lines)

@@ -26,10 +26,10 @@ LONGEST_KEY = 4096  # bytes, of a file or of what arrives
 SIGN_UP = "`corvane register --invite-code CODE` makes a wallet, `corvane login < FILE` uses an existing one."
 SIGN_UP_STORED = (
     "`corvane register --invite-code CODE` signs the stored wallet up. (If the service has accepted it after all, "
-    "without an answer arriving here, that signs it in.)"
+    "and only its response was lost, this signs it in.)"
 )
 SIGN_IN = (
-    "`corvane register` signs the stored wallet in; with --invite-code CODE also one that the service does not know."
+    "`corvane register` signs the stored wallet in; with --invite-code CODE, even one that the service does not know."
 )
 
 

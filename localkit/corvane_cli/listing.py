@@ -66,5 +66,5 @@ def refuse_json_with_csv(as_csv: bool) -> None:
     ctx: click.Context | None = click.get_current_context()
     while as_csv and ctx is not None:
         if ctx.get_parameter_source("json") == ParameterSource.COMMANDLINE:
-            raise click.UsageError("--csv and --json exclude each other.")
+            raise click.UsageError("--csv and --json cannot be combined.")
         ctx = ctx.parent

@@ -124,7 +124,7 @@ def serve(
             try:
                 click.echo(f"https://127.0.0.1:{listener.getsockname()[1]}")
                 click.echo(f"export SSL_CERT_FILE={authority.resolve()}")
-                shown = f", and only now here: {token}" * is_new
+                shown = f"; shown only this once: {token}" * is_new
                 click.echo(f"operator's token: in {state.resolve() / TOKEN_FILE}{shown}")
             except OSError as exc:  # raised from here, it would be logged as a broken application
                 unannounced.append(exc)

@@ -350,7 +350,7 @@ int execute(PyObject* module) {
 PyMethodDef methods[] = {
     {"evaluate", guarded<evaluate_expression>, METH_VARARGS,
      "evaluate(expression, inputs, /)\n--\n\nThe value of each day; NaN where a window is not full yet.\n\n"
-     "Raises ValueError with the column for what is no expression, or for series of different lengths."},
+     "Raises ValueError with the column for what is not an expression, or for series of different lengths."},
     {"screen", guarded<screen>, METH_VARARGS,
      "screen(expressions, inputs, targets, least_correlation, least_on_a_side, /)\n--\n\n"
      "For each expression (values, correlations with the targets), or None if it is not worth a closer look.\n\n"

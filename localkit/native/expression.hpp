@@ -233,7 +233,7 @@ class reader {
     static bool is_digit(char c) noexcept { return c >= '0' && c <= '9'; }
     static bool begins_name(char c) noexcept { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
     [[nodiscard]] char at_place() const noexcept { return place_ < text_.size() ? text_[place_] : '\0'; }
-    /// The next character that is no blank; NUL at the end.
+    /// The next character that is not a blank; NUL at the end.
     char next() noexcept {
         place_ = std::min(text_.find_first_not_of(" \t\n", place_), text_.size());
         return at_place();

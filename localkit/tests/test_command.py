@@ -395,7 +395,7 @@ def test_next_steps_lead_on_after_a_refused_invite(service, shell):
     assert "malformed" in shell("register", expect=2, env={"CORVANE_INVITE_CODE": "CORV-O000-0000-0000"}).stderr
     (shell.home / "session.json").unlink()
     said = " ".join(shell("whoami").stdout.split())
-    assert "no session of this key" in said and "with --invite-code CODE also one" in said and " yet" not in said
+    assert "no session of this key" in said and "with --invite-code CODE, even one" in said and " yet" not in said
     shell("register --invite-code -", expect=2)
 
 

@@ -27,7 +27,7 @@ SEARCH = "len(search_templates.start_search(seed=7, max_evaluations=2000).signal
 
 @contextmanager
 def agent(url, work, code=""):
-    """A process of its own that evaluates an expression, and answers with the lines that it printed and logged."""
+    """A process of its own that evaluates an expression, and returns the lines that it printed and logged."""
     command, environment = [sys.executable, "-Pc", AGENT, url], {**os.environ, "CORVANE_INVITE_CODE": code}
     with subprocess.Popen(command, cwd=work, env=environment, text=True, stdin=-1, stdout=-1) as process:
 

@@ -190,7 +190,7 @@ def test_the_status_is_true(service, bootstrap):
             assert searcher.poll() is None
             time.sleep(0.02)
         assert corvane.search_status().running
-        with pytest.raises(RuntimeError, match="running already"):
+        with pytest.raises(RuntimeError, match="already running"):
             search_templates.start_search()
         searcher.kill()
     kept, run = tracker.signals(), tracker.runs()[0]

@@ -179,7 +179,7 @@ def story(call):
 
 
 def same(act, *prepare, strike_at=None, strike=None):
-    """Asserts that the twin and the native module cannot be told apart; answers what was seen."""
+    """Asserts that the twin and the native module cannot be told apart; returns what was seen."""
     call = Call(act, "", prepare)
     expected, actual = (observe(module, call, strike_at, strike) for module in (twin, native))
     different = {key: (seen, actual[key]) for key, seen in expected.items() if seen != actual[key]}
@@ -188,7 +188,7 @@ def same(act, *prepare, strike_at=None, strike=None):
 
 
 def same_at_each_step(strike, act, *prepare):
-    """The same with a strike at each event in turn; answers what was seen without one."""
+    """The same with a strike at each event in turn; returns what was seen without one."""
     seen = same(act, *prepare)
     assert len(seen["events"]) >= 2
     for step in range(1, len(seen["events"]) + 1):
