@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import stat
+import sys
 from collections.abc import Iterator
 from importlib.machinery import EXTENSION_SUFFIXES, all_suffixes
 from pathlib import Path
@@ -46,7 +47,7 @@ def check_extension(agent: Agent) -> Iterator[Finding | Looked]:
     except ImportError as exc:
         files = [file.name for place in corvane.__path__ for file in sorted(Path(place).glob("agent_onboarding*.so"))]
         reason = f"this interpreter loads {EXTENSION_SUFFIXES[0]}; there is {', '.join(files) or 'no such file'}"
-        next_step = "Install the kit with the interpreter that runs it: CPython 3.12, `python3.12 -m pip install`."
+        next_step = f"`{quote(sys.executable)} -m pip install WHEEL` with the extension's wheel for this interpreter."
         yield Finding("extension", ERROR, f"corvane.agent_onboarding cannot be loaded: {exc}.", reason, next_step)
     else:
         yield Looked("extension", f"the extension, {module.__file__}")

@@ -212,6 +212,7 @@ def test_it_sees_what_it_cannot_repair(patient, tmp_path):
     env, command = patient.env | {"PYTHONPATH": str(tmp_path / "site")}, ["corvane", "doctor", "--offline"]
     done = subprocess.run(command, env=env, stdout=-1, text=True)
     assert done.returncode == Exit.ERRORS and "agent_onboarding cannot be loaded" in done.stdout
+    assert "-m pip install WHEEL` with" in done.stdout
 
 
 OPTIONS = [
