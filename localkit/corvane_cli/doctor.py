@@ -42,9 +42,10 @@ def check_agent_host(agent: Agent) -> Iterator[Finding | Looked]:
     elif (release := tuple(map(int, version.groups()[:3]))) >= _NO_HEARTBEAT or (version[4] and release == _TRIED_IN):
         reason = "with this version, the checklist and the nudges in that file reach nobody"
         next_step = (
-            "`corvane heartbeat --print > FILE`. `openclaw cron list --all --json` lists the job whose declarationKey "
-            "is heartbeat:AGENT. `openclaw cron scratch JOB_ID --json` shows its text, which you add to FILE, and its "
-            "currentRevision, which is N in `openclaw cron scratch JOB_ID --file FILE --expected-revision N`."
+            "`corvane heartbeat --print > checklist.md`. `openclaw cron list --all --json` lists the job whose "
+            "declarationKey is heartbeat:AGENT. `openclaw cron scratch JOB_ID --json` shows its text, which you add to "
+            "that file, and its currentRevision, which is N in `openclaw cron scratch JOB_ID --file checklist.md "
+            "--expected-revision N`."
         )
         yield Finding("host", WARNING, f"openclaw {version[0].decode()} does not read HEARTBEAT.md.", reason, next_step)
     else:
