@@ -78,7 +78,7 @@ proof: $(VENV)/.installed $(VENV)/.test $(VENV)/.lint ## Prove that nothing cras
 # the date of the packed files is a fixed one.
 wheel wheels: export SOURCE_DATE_EPOCH := 1767225600
 wheel wheels: export PATH := $(CURDIR)/$(VENV)/bin:$(PATH)
-wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for every Linux that is as old as auditwheel says
+wheel: $(VENV)/.run $(VENV)/.ship ## Build dist/: the sdist, and the wheel for this interpreter and processor
 	@rm -rf dist build/wheel && mkdir -p build
 	@CXX=$$(tools/check-compiler) && export CXX && $(PY) -P -m build --no-isolation --outdir build/wheel . >build/wheel.log 2>&1 \
 	 || { cat build/wheel.log; exit 1; }

@@ -64,11 +64,11 @@ def read_agents(lines: IO[str]) -> list[Agent]:
             if not re.fullmatch(r"[A-Za-z0-9][A-Za-z0-9._-]{0,99}", name):
                 raise click.BadParameter(f"line {number}: {name!r} cannot be the name of a directory.")
             if not code:
-                raise click.BadParameter(f"line {number}: there is no invite code behind {name!r}.")
+                raise click.BadParameter(f"line {number}: there is no invite code after {name!r}.")
             if code in codes:
-                raise click.BadParameter(f"line {number}: this invite code is on line {codes[code]}, too.")
+                raise click.BadParameter(f"line {number}: this invite code is also on line {codes[code]}.")
             if name in agents:
-                raise click.BadParameter(f"line {number}: there is an agent {name!r} on an earlier line, too.")
+                raise click.BadParameter(f"line {number}: an earlier line has an agent {name!r}, too.")
             agents[name], codes[code] = Agent(name, code), number
     except UnicodeDecodeError as exc:
         raise click.BadParameter(f"line {number + 1} or a later one is not UTF-8 text: {exc.reason}.") from exc

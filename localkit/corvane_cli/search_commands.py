@@ -102,7 +102,7 @@ def search(
     'simulate "zscore(IBM, 20)" --instrument MSFT',
 )
 @click.argument("signal")
-@click.option("--instrument", help="What is traded.", show_default="the one of the signal")
+@click.option("--instrument", help="What is traded.", show_default="the signal's own")
 @click.option("--picture", type=click.Path(dir_okay=False), help="Draw the growth of the capital: FILE.png or .svg.")
 @csv_option
 @progress_option

@@ -175,12 +175,12 @@ def test_no_process_outlives_the_one_that_started_it(tmp_path):
 
 URL = "https://127.0.0.1:1"
 BAD = [
-    (b"a,CORV-1\nb,corv-1", URL, "base", "line 2: this invite code is on line 1"),
-    (b"a,x\na,y", URL, "base", "line 2: there is an agent 'a' on an earlier line"),
+    (b"a,CORV-1\nb,corv-1", URL, "base", "line 2: this invite code is also on line 1"),
+    (b"a,x\na,y", URL, "base", "line 2: an earlier line has an agent 'a'"),
     (b"../a,x", URL, "base", "line 1: '../a' cannot be the name of a directory"),
     (b",x\n.locks,y", URL, "base", "line 2: '.locks' cannot"),
     (b"# \xc3\xa4\na/b,x", URL, "base", "line 2: 'a/b' cannot"),
-    (b"a,x\nb,\n", URL, "base", "line 2: there is no invite code behind 'b'"),
+    (b"a,x\nb,\n", URL, "base", "line 2: there is no invite code after 'b'"),
     (b"\x7fELF\xff\n", URL, "base", "not UTF-8 text"),
     (b"a,x", "http://service.example", "base", "must use https"),
     (b"a,x", URL, "list/base", "cannot be used: Not a directory"),
