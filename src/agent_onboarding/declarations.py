@@ -165,7 +165,7 @@ def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
 
 
 def _load_per_era_backtester(data_dir):
-    """Loads all runtime modules of the data directory and answers the backtester."""
+    """Loads all runtime modules of the data directory and returns the backtester."""
 
 
 # -- Records --------------------------------------------------------------------------------------------------------
@@ -204,7 +204,7 @@ def _find_heartbeat(working_dir=None):
 
 
 def _fetch_eras_payload(am):
-    """The JSON object that the service answers to GET /eras."""
+    """The JSON object that the service returns for GET /eras."""
 
 
 def _safe_named_universe(value):
