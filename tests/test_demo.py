@@ -49,5 +49,5 @@ def test_sabotage(demo, sabotage, step, claim, tmp_path):
     *_, fault, _, removed, last = done.stdout.splitlines()
     assert (done.returncode, last) == (1, f"demo: FAILED in step {step}"), done.stdout + done.stderr
     assert removed.startswith("Everything was removed; --keep DIR ") and not list(tmp_path.iterdir())
-    assert fault.startswith(f"   NOT SO: {claim}") and done.stdout.count("NOT SO") == 1
+    assert fault.startswith(f"   NOT TRUE: {claim}") and done.stdout.count("NOT TRUE") == 1
     assert re.findall(r"^(\d+)\. ", done.stdout, re.M)[-1] == str(step)

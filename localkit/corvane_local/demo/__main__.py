@@ -45,7 +45,7 @@ def main(sabotage: str | None, keep: Path | None) -> None:
         except Exception as exc:
             failed = True
             if not isinstance(exc, CheckFailed):
-                click.echo(f"   NOT SO: nothing is raised here. {type(exc).__name__}: {exc}")
+                click.echo(f"   NOT TRUE: nothing is raised here. {type(exc).__name__}: {exc}")
         finally:
             service.stop()
             os.chdir("/")

@@ -16,7 +16,7 @@ class CheckFailed(Exception):
 
 def check(claim: str, holds: bool) -> None:
     """Prints the claim with its verdict; a claim that does not hold ends the demo."""
-    click.echo(f"   {'ok' if holds else 'NOT SO'}: {claim}")
+    click.echo(f"   {'ok' if holds else 'NOT TRUE'}: {claim}")
     if not holds:
         raise CheckFailed(claim)
 
