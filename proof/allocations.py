@@ -12,6 +12,7 @@ import re
 import subprocess
 import sys
 import sysconfig
+import tempfile
 import traceback
 import types
 from collections.abc import Callable, Iterator
@@ -193,13 +194,14 @@ def tried(kind: str, *names: str) -> tuple[int, int, list[str]]:
 def run(workshop: Workshop) -> Iterator[Result]:
     if importlib.util.find_spec("_testcapi") is None:
         raise Missing("this interpreter comes without its test modules (_testcapi)")
-    source, library = workshop.folder / "failing_new.cpp", workshop.folder / "failing_new.so"
+    temporary = tempfile.TemporaryDirectory()  # LD_PRELOAD ends a path at a blank, which the checkout's can have
+    source, library = workshop.folder / "failing_new.cpp", os.path.join(temporary.name, "failing_new.so")
     source.write_text(FAILING_NEW)
     subprocess.run([workshop.tool("c++"), "-O1", "-shared", "-fPIC", source, "-o", library], check=True)
     calls = list(importlib.import_module("support.scenarios").CALLS)[:: 60 if workshop.quick else 1]
     for names in [calls] if workshop.quick else [calls, [IMPORT]]:
         for kind in LENGTHS:
-            variables = {**IN_MEMORY, **({"LD_PRELOAD": str(library)} if kind == "operator new" else {})}
+            variables = {**IN_MEMORY, **({"LD_PRELOAD": library} if kind == "operator new" else {})}
             jobs = [(kind, *some) for n in range(20) if (some := names[n::20])]
             answers = side_by_side(lambda job: workshop.answer("allocations.tried", *job, **variables), jobs)  # noqa: B023
             points, lost, found = zip(*answers, strict=True)
