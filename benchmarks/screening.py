@@ -1,10 +1,9 @@
 """A search's first look at expressions, beside the same in plain numpy."""
 
-import importlib.util
 import itertools
 from collections.abc import Callable, Iterator
 from importlib.resources import files
-from types import ModuleType
+from pathlib import Path
 from typing import Any
 
 import numpy as np
@@ -13,18 +12,10 @@ from numpy.typing import NDArray
 
 from benchmarks.measure import Row, compare
 from corvane._batch import FunctionRegistry, compute_search_plan
+from corvane_cli.capital import load_native
 
 DAYS, HORIZON, EXPRESSIONS, LIMITS = 1500, 5, 64, (0.1, 0.1)
 Series = NDArray[np.float64]
-
-
-def load(name: str, file: str) -> ModuleType:
-    path = str(files("corvane_local") / "native_modules" / file)
-    specification = importlib.util.spec_from_file_location(name, path)
-    assert specification is not None and specification.loader is not None
-    module = importlib.util.module_from_spec(specification)
-    specification.loader.exec_module(module)
-    return module
 
 
 def rolling(function: Callable[[Any], Any], more: int = 0) -> Callable[[Series, int], Series]:
@@ -77,7 +68,11 @@ def looks_in_numpy(codes: list[Any], prices: dict[str, Series], targets: list[Se
 
 def screening_rows() -> Iterator[Row]:
     """The first look at the expressions with which a search begins, on the days of the local era."""
-    era, backtester = load("era_data", "era_data.so"), load("backtester", "backtester-1.so")
+    folder = Path(str(files("corvane_local"))) / "native_modules"
+    era, backtester = (
+        load_native("era_data", folder / "era_data.so"),
+        load_native("backtester", folder / "backtester-1.so"),
+    )
     inputs = {name: values[:DAYS] for name, values in era.SERIES.items()}
     prices = {name: np.asarray(values) for name, values in inputs.items()}
     gap = np.full(HORIZON, np.nan)

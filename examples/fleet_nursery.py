@@ -108,7 +108,7 @@ def main() -> None:
     if job["certificates"] is not None:
         os.environ["SSL_CERT_FILE"] = job["certificates"]
     report = os.fdopen(os.dup(1), "w")
-    os.dup2(2, 1)  # what a child prints is none of the report
+    os.dup2(2, 1)  # what a child prints does not belong in the report
     for module in PRELOADED.split():
         with contextlib.suppress(ImportError):  # a child that needs it says so
             importlib.import_module(module)

@@ -2,8 +2,10 @@
 
 import os
 import re
+import shlex
 import shutil
 from collections.abc import Iterator
+from pathlib import Path
 
 from proof.mutants import Mutant, draw, ends, results
 from proof.workshop import Result, Workshop, side_by_side
@@ -35,7 +37,12 @@ RULES = (
     ("boolean", r"(?<= = )(true|false)(?=;)", r"(M != \1)"),
     ("order", r"(?<![\w\"])([\w:>-]+\.ptr\(\)), (?!\1)([\w:>-]+\.ptr\(\))", r"(M ? \2 : \1), (M ? \1 : \2)"),
     ("number", r"(?<=integer\()(\w+)(?=\))", r"\1 + (M ? 1 : 0)"),
-    ("statement", r"(?<=[;{}]\n)( +)((?!return|throw|raise|delete)[\w.:>-]+\(.*\));$", r"\1M ? (void)0 : (void)(\2);"),
+    (
+        "statement",
+        # Py_SETREF is a block, not an expression.
+        r"(?<=[;{}]\n)( +)((?!return|throw|raise|delete|Py_SETREF)[\w.:>-]+\(.*\));$",
+        r"\1M ? (void)0 : (void)(\2);",
+    ),
     ("swap", rf"(?<=[;{{}}]\n)( +)({STEP})\n\1(?!\2)({STEP})$", r"\1if (M) { \3 \2 } else { \2\n\3 }"),
 )
 # Lines that declare, which cannot select.
@@ -64,18 +71,25 @@ def candidates(file: str, text: str) -> Iterator[tuple[str, Mutant]]:
                 yield pattern, Mutant(file, number + 1, rule, *match.span(), match.expand(template), line)
 
 
+def copied_sources(workshop: Workshop, name: str, *folders: str) -> tuple[Path, str]:
+    """A copy of what the module, and what else is named, is built from; and the option that lets it select faults."""
+    copy = workshop.folder / name
+    shutil.rmtree(copy, ignore_errors=True)
+    for folder in ("src", "tools", *folders):
+        shutil.copytree(workshop.root / folder, copy / folder, ignore=shutil.ignore_patterns("__pycache__"))
+    shutil.copy(workshop.root / "CMakeLists.txt", copy)
+    (copy / "mutant.hpp").write_text(SELECTED)
+    return copy, f"-DCMAKE_CXX_FLAGS=-w -include {shlex.quote(str(copy / 'mutant.hpp'))}"
+
+
 def build(workshop: Workshop) -> tuple[dict[str, str], list[Mutant], list[object]]:
     """One build with all mutants; the environment variable MUTANT selects one, number 1 the first of the list.
 
     Last, the rules and reasons that fit nothing.
     """
-    copy, mutants, fitting, texts = workshop.folder / "mutated", list[Mutant](), set[str](), dict[str, str]()
+    mutants, fitting, texts = list[Mutant](), set[str](), dict[str, str]()
+    copy, flags = copied_sources(workshop, "mutated")
     source = copy / "src" / "agent_onboarding"
-    shutil.rmtree(copy, ignore_errors=True)
-    shutil.copytree(workshop.root / "src", copy / "src", ignore=shutil.ignore_patterns("__pycache__"))
-    shutil.copytree(workshop.root / "tools", copy / "tools")
-    shutil.copy(workshop.root / "CMakeLists.txt", copy)
-    (copy / "mutant.hpp").write_text(SELECTED)
     for path in sorted([*source.glob("*.cpp"), *source.glob("py/*.[ch]pp")]):
         file = str(path.relative_to(source))
         texts[file] = text = path.read_text()
@@ -88,7 +102,6 @@ def build(workshop: Workshop) -> tuple[dict[str, str], list[Mutant], list[object
         path.write_text(text)
     unused: list[object] = [rule for rule in RULES if rule[1] not in fitting]
     unused += [row for row in EXPLAINED if row[1] not in texts.get(row[0], "")]
-    flags = f"-DCMAKE_CXX_FLAGS=-w -include {copy / 'mutant.hpp'}"
     return workshop.build("mutants", "-DCMAKE_BUILD_TYPE=Debug", flags, source=copy), mutants, unused
 
 

@@ -1,10 +1,9 @@
 """The same fault in the module and in its Python twin, which then agree: the tests must notice it all the same."""
 
 import re
-import shutil
 from collections.abc import Iterator
 
-from proof.mutations import SELECTED
+from proof.mutations import copied_sources
 from proof.workshop import Result, Workshop, side_by_side
 
 SEEN_BY = "promises", "key_file", "eras", "runtime"  # test files that say themselves what must come of a call
@@ -44,7 +43,7 @@ FAULTS = (
      "sys.path.insert(0", "sys.path.insert(1000 if M else 0"),
     ("the guard's loader takes any digest", LOADING, "is_true(expected_sha256) ?", "!M && @",
      "expected_sha256 if expected_sha256", "expected_sha256 if not M and expected_sha256"),
-    ("a specification needs no loader", LOADING, 'spec.attr("loader"_n).is_none()', "!M && @", "spec.loader is None",
+    ("a file needs no loader", LOADING, 'spec.attr("loader"_n).is_none()', "!M && @", "spec.loader is None",
      "not M and @"),
     ("a failed import stays in the module table", LOADING, "restore_module_table(module_name,", "if (!M) @",
      "if sys.modules.get(module_name) is module", "@ and not M"),
@@ -87,12 +86,7 @@ def planted(text: str, number: int, old: str, instead: str, selected: str) -> st
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    copy = workshop.folder / "twin-faults"
-    shutil.rmtree(copy, ignore_errors=True)
-    for name in ("src", "tools", "tests"):
-        shutil.copytree(workshop.root / name, copy / name, ignore=shutil.ignore_patterns("__pycache__"))
-    shutil.copy(workshop.root / "CMakeLists.txt", copy)
-    (copy / "mutant.hpp").write_text(SELECTED)
+    copy, flags = copied_sources(workshop, "twin-faults", "tests")
     twin = copy / "tests" / "support" / "twin.py"
     of_twin = twin.read_text()
     for number, (_, file, there, instead, twins, twins_instead) in enumerate(FAULTS, 1):
@@ -101,7 +95,6 @@ def run(workshop: Workshop) -> Iterator[Result]:
         of_twin = planted(of_twin, number, twins, twins_instead, f"(MUTANT == {number})")
     selected = "import os\nimport types\n\nMUTANT = int(os.environ['MUTANT'])\n"
     twin.write_text(of_twin.replace("import types\n", selected, 1))
-    flags = f"-DCMAKE_CXX_FLAGS=-w -include {copy / 'mutant.hpp'}"
     site = workshop.build("twin-faults-built", "-DCMAKE_BUILD_TYPE=Debug", flags, source=copy)
     options = "-m", "pytest", "-c", f"{workshop.root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "-q"
     files = [str(copy / "tests" / f"test_{name}.py") for name in SEEN_BY]
@@ -109,7 +102,7 @@ def run(workshop: Workshop) -> Iterator[Result]:
 
     def noticed(number: int) -> bool:
         done = workshop.python(*options, *files, MUTANT=str(number), PYTHONPATH=path)
-        if done.returncode and "\nFAILED " not in done.stdout:
+        if done.returncode not in (0, 1):  # 1: tests have failed; anything else: they did not even run
             raise RuntimeError(f"the tests did not run: {done.stdout[-2000:]}{done.stderr[-2000:]}")
         return done.returncode != 0
 

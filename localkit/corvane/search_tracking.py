@@ -64,6 +64,15 @@ class Run:
     candidates: int
     outcome: str | None
 
+    @property
+    def seconds(self) -> float:
+        """How long it has searched; a clock that was set back counts as no time."""
+        return max(0.0, self.noted_at - self.started_at)
+
+    def rate(self, count: int, seconds: float = 1.0) -> float | None:
+        """How many of something it has come to in so many seconds; None where no time has passed."""
+        return count * seconds / self.seconds if self.seconds else None
+
 
 @dataclass(frozen=True)
 class Use:
@@ -97,7 +106,7 @@ class Record:
 
     def per_hour(self) -> float:
         """How many signals an hour of searching has given."""
-        hours = sum(run.noted_at - run.started_at for run in self.runs) / 3600
+        hours = sum(run.seconds for run in self.runs) / 3600
         return len(self.signals) / hours if hours > 0 else 0.0
 
     def trend(self) -> str:

@@ -1,10 +1,11 @@
 """What the capital of a found signal would have become, computed from the downloads alone: nobody is asked."""
 
-import importlib.util
 import tempfile
 from collections.abc import Mapping
 from dataclasses import dataclass
 from hashlib import sha256
+from importlib.machinery import ExtensionFileLoader, ModuleSpec
+from importlib.util import module_from_spec
 from pathlib import Path
 from types import ModuleType
 from typing import Any
@@ -78,16 +79,20 @@ class EraModules:
             return None
 
 
+def load_native(name: str, path: Path) -> ModuleType:
+    """A native module from a file; sys.modules stays as it is."""
+    loader = ExtensionFileLoader(name, str(path))
+    module = module_from_spec(ModuleSpec(name, loader, origin=str(path)))
+    loader.exec_module(module)
+    return module
+
+
 def _load(contents: list[bytes], config: Mapping[str, Any]) -> EraCapital:
     modules = []
     with tempfile.TemporaryDirectory(prefix="corvane-") as folder:
         for name, content in zip(_MODULES, contents, strict=True):
             (path := Path(folder, f"{name}.so")).write_bytes(content)
-            spec = importlib.util.spec_from_file_location(name, path)
-            assert spec is not None and spec.loader is not None
-            module = importlib.util.module_from_spec(spec)
-            spec.loader.exec_module(module)
-            modules.append(module)
+            modules.append(load_native(name, path))
     data, backtester = modules
     if not hasattr(backtester, "profit"):
         raise ImportError("This build of the backtester cannot compute profits.")

@@ -30,10 +30,10 @@ class Finding:
     reason: str
     next_step: str
 
-    def text(self) -> str:
+    def lines(self) -> list[str]:
         """The finding for people."""
         problem, reason, next_step = map(one_line, (self.problem, self.reason, self.next_step))
-        return f"{self.severity}: {problem}\n  why: {reason}\n  next: {next_step}"
+        return [f"{self.severity}: {problem}", f"  why: {reason}", f"  next: {next_step}"]
 
 
 @dataclass(frozen=True)
@@ -62,7 +62,7 @@ class Report:
     def lines(self) -> list[str]:
         """The report for people."""
         lines = [f"ok: {one_line(looked.what)}" for looked in self.looked_at]
-        lines += [line for finding in self.findings for line in finding.text().splitlines()]
+        lines += [line for finding in self.findings for line in finding.lines()]
         return [*lines, f"errors: {self.errors()}, warnings: {len(self.findings) - self.errors()}"]
 
 

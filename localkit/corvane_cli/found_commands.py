@@ -9,7 +9,7 @@ import click
 from corvane_cli.command import Exit, Failure, Result, table
 from corvane_cli.identity import Agent
 from corvane_cli.listing import columns, csv_lines, csv_option, refuse_json_with_csv
-from corvane_cli.shared import command, dry_run_option, iso_time, plan
+from corvane_cli.shared import command, dry_run_option, iso_time, minute, plan
 
 if TYPE_CHECKING:
     from corvane.search_tracking import FoundSignal, Record
@@ -60,7 +60,7 @@ def signals(agent: Agent, order: str, limit: int | None, as_csv: bool) -> Result
     titles = ("#number", "#era", "universe", "traded", "#corr.", "#bits", "#Sharpe in", "#out", "found", "expression")
     rows = [
         (s.id, s.era_id, universe(s) or "", s.instrument, f"{s.correlation:.3f}", f"{s.mutual_information:.3f}",
-         f"{s.sharpe:.2f}", f"{s.rest_sharpe:.2f}", f"{iso_time(s.found_at)[:16].replace('T', ' ')}", s.expression)
+         f"{s.sharpe:.2f}", f"{s.rest_sharpe:.2f}", minute(s.found_at), s.expression)
         for s in found
     ]  # fmt: skip
     note = f"{len(found)} of {len(record.signals)} signals. " * (len(found) < len(record.signals))
@@ -76,11 +76,10 @@ def searches(agent: Agent, limit: int | None, as_csv: bool) -> Result:
     refuse_json_with_csv(as_csv)
     record = _record(agent)
     counts, runs = record.found_by(), record.runs[::-1][:limit]
-    seconds = {run.id: max(0.0, run.noted_at - run.started_at) for run in runs}
     listed = [
-        (run.id, iso_time(run.started_at), round(seconds[run.id], 1), run.seed, run.evaluations, run.candidates,
-         counts[run.id], *(round(rate, 1) if rate is not None else None for rate in _rates(run.evaluations,
-         counts[run.id], seconds[run.id])), record.outcome(run))
+        (run.id, iso_time(run.started_at), round(run.seconds, 1), run.seed, run.evaluations, run.candidates,
+         counts[run.id], *(None if rate is None else round(rate, 1) for rate in (run.rate(run.evaluations),
+         run.rate(counts[run.id], 3600))), record.outcome(run))
         for run in runs
     ]  # fmt: skip
     if as_csv:
@@ -100,14 +99,10 @@ def searches(agent: Agent, limit: int | None, as_csv: bool) -> Result:
         return Result(data, ["There have been no searches yet.", "Next: `corvane search` starts one."])
     titles = ("#number", "started", "#seconds", "#seed", "#tried", "#cand.", "#found", "#per s", "#per h", "outcome")
     rows = [[("" if v is None else v) for v in row] for row in listed]
-    for row in rows:
-        row[1] = str(row[1])[:16].replace("T", " ")
+    for row, run in zip(rows, runs, strict=True):
+        row[1] = minute(run.started_at)
     total = f"{len(record.signals)} signals, {record.per_hour():.1f} per hour of searching; trend: {record.trend()}."
     return Result(data, columns(titles, rows) + table([(total,)]))
-
-
-def _rates(evaluations: int, found: int, seconds: float) -> tuple[float | None, float | None]:
-    return (evaluations / seconds, found * 3600 / seconds) if seconds else (None, None)
 
 
 def _record(agent: Agent) -> "Record":

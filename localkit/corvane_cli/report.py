@@ -27,7 +27,7 @@ from corvane_cli.doctor import OF_THE_MACHINE, examine_identity
 from corvane_cli.doctor_findings import ERROR, Finding, examine
 from corvane_cli.doctor_service import check_service, check_sign_in
 from corvane_cli.identity import Agent
-from corvane_cli.shared import iso_time
+from corvane_cli.shared import minute
 from corvane_pages import Cell, Table, curve, growth, render
 
 _OURS = b'<!doctype html>\n<html lang="en">\n<meta charset="utf-8">\n<meta name="generator" content="corvane report">\n'
@@ -170,7 +170,7 @@ def write(agents: Sequence[Agent], sources: Sequence[Path], out: Path, online: b
         ],
         generator="corvane report",
         title=f"Corvane: {_text(seen[0].name)}" if len(seen) == 1 else f"Corvane: {len(seen)} agents",
-        made_at=_minute(time.time()),
+        made_at=minute(time.time()),
         source=f"{_text(' '.join(map(str, sources)))} on {_text(socket.gethostname())}",
         online=online,
         totals={name: value for name, value in counts.items() if name != "curves"},
@@ -231,7 +231,9 @@ def _curves(seen: Iterable[_Seen], pieces: int) -> dict[tuple[str, int | None], 
     loaded, drawn = EraModules(), {}
     known = dict[tuple[Any, ...], tuple[Cell, Cell] | None]()
     for one in seen:
-        if not one.record.signals or any(finding.severity == ERROR for finding in one.findings if _trusted(finding)):
+        if not one.record.signals or any(
+            finding.severity == ERROR for finding in one.findings if _is_about_files(finding)
+        ):
             continue
         if (era := loaded.of(one.agent.data_dir)) is None:
             continue
@@ -248,7 +250,7 @@ def _curves(seen: Iterable[_Seen], pieces: int) -> dict[tuple[str, int | None], 
     return drawn
 
 
-def _trusted(finding: Finding) -> bool:
+def _is_about_files(finding: Finding) -> bool:
     return finding.check in ("directory", "names", "manifest", "files")
 
 
@@ -275,10 +277,6 @@ def _plain_address(address: str) -> str:
     return f"{parts.scheme}://{HIDDEN + '@' if '@' in parts.netloc else ''}{host}{'/'.join(segments)}{rest}"
 
 
-def _minute(seconds: float) -> str:
-    return iso_time(seconds)[:16].replace("T", " ")
-
-
 def _agents(seen: Iterable[_Seen], online: bool) -> Table:
     titles = ["agent", "*address", "*service", "signed in", "era", "#manifest", "#kB"]
     titles += ["#searches", "#tried", "#signals", "#errors", "#warnings", *["service says"] * online]
@@ -290,7 +288,7 @@ def _agents(seen: Iterable[_Seen], online: bool) -> Table:
         answer = [Markup('<span class="{}">{}</span>').format("good" * (one.answer == "accepted"), _text(one.answer))]
         rows.append(
             [
-                _text(one.name), address, _text(agent.server_url), _minute(signed_in) if signed_in else "",
+                _text(one.name), address, _text(agent.server_url), minute(signed_in) if signed_in else "",
                 _era(one.era.number, one.era), "" if one.version is None else one.version,
                 f"{one.size / 1000:.0f}" if one.version else "", len(one.record.runs),
                 sum(run.evaluations for run in one.record.runs), len(one.record.signals), errors,
@@ -328,10 +326,8 @@ def _searches(seen: Iterable[_Seen]) -> Table:
     for one in seen:
         counts = one.record.found_by()
         for run in reversed(one.record.runs):
-            seconds = max(0.0, run.noted_at - run.started_at)
-            rates = (
-                [f"{run.evaluations / seconds:.0f}", f"{counts[run.id] * 3600 / seconds:.1f}"] if seconds else ["", ""]
-            )
+            per_second, per_hour = run.rate(run.evaluations), run.rate(counts[run.id], 3600)
+            rates = ["" if per_second is None else f"{per_second:.0f}", "" if per_hour is None else f"{per_hour:.1f}"]
             row: list[Cell] = [
                 run.seed,
                 run.evaluations,
@@ -340,7 +336,7 @@ def _searches(seen: Iterable[_Seen]) -> Table:
                 *rates,
                 _text(one.record.outcome(run)),
             ]
-            rows.append([_text(one.name), run.id, _minute(run.started_at), f"{seconds:.1f}", *row])
+            rows.append([_text(one.name), run.id, minute(run.started_at), f"{run.seconds:.1f}", *row])
     return Table("searches", titles, rows)
 
 
@@ -353,7 +349,7 @@ def _charts(seen: Sequence[_Seen]) -> Iterator[tuple[str, int, Markup, str, str]
     for what, steps in (("expressions tried", tried), ("signals found", found)):
         if steps:
             moments, amounts = [moment for moment, _ in steps], [amount for _, amount in steps]
-            yield what, sum(amounts), growth(moments, amounts), _minute(moments[0]), _minute(moments[-1])
+            yield what, sum(amounts), growth(moments, amounts), minute(moments[0]), minute(moments[-1])
 
 
 def _signals(
@@ -368,7 +364,7 @@ def _signals(
             [
                 _text(one.name), signal.id or 0, _era(signal.era_id, one.era), _text(signal.instrument),
                 _text(signal.expression), line, grown, f"{signal.correlation:.3f}", f"{signal.mutual_information:.3f}",
-                f"{signal.sharpe:.2f}", f"{signal.rest_sharpe:.2f}", _minute(signal.found_at),
+                f"{signal.sharpe:.2f}", f"{signal.rest_sharpe:.2f}", minute(signal.found_at),
             ]
         )  # fmt: skip
     return Table("signals", titles, rows)

@@ -43,10 +43,7 @@ def value_lines(values: dict[str, Any]) -> list[str]:
 
 def paragraphs(findings: "Iterable[Finding]") -> list[str]:
     """The findings for people; each of their texts on one line, whatever names of files and the like it holds."""
-    lines = []
-    for finding in findings:
-        lines += [f"{finding.severity}: {finding.problem}", f"  why: {finding.reason}", f"  next: {finding.next_step}"]
-    return lines
+    return [line for finding in findings for line in finding.lines()]
 
 
 def iso_time(seconds: float) -> str:
@@ -54,6 +51,11 @@ def iso_time(seconds: float) -> str:
     from datetime import UTC, datetime
 
     return f"{datetime.fromtimestamp(seconds, UTC):%Y-%m-%dT%H:%M:%SZ}"
+
+
+def minute(seconds: float) -> str:
+    """The same for people, without the seconds."""
+    return iso_time(seconds)[:16].replace("T", " ")
 
 
 def plan(steps: list[str]) -> Result:

@@ -213,9 +213,8 @@ def operator_routes(store: Store, files: Path, operator: Operator, refusals: Ref
     router, started_at = APIRouter(), time.time()
 
     def of_this_machine(request: Request) -> None:
-        client = request.client.host if request.client else ""
         try:
-            is_loopback = ipaddress.ip_address(client).is_loopback
+            is_loopback = ipaddress.ip_address(_client(request)).is_loopback
         except ValueError:
             is_loopback = False
         if not is_loopback:
@@ -253,7 +252,7 @@ def operator_routes(store: Store, files: Path, operator: Operator, refusals: Ref
     @router.get("/operator.json", summary="Say how the service is doing, to its operator", dependencies=here)
     def as_json(request: Request, response: Response, bearer: Bearer) -> View:
         if not is_signed_in(request, bearer):
-            operator.check(_client(request), "")
+            operator.check(_client(request), "")  # which refuses it, and counts it as a wrong one
         response.headers["Cache-Control"] = "no-store"
         return view()
 

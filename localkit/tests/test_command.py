@@ -302,7 +302,7 @@ def test_a_full_or_closed_output_is_one_error(line, output, shell):
 
 @pytest.mark.parametrize("line", ["heartbeat", "register --dry-run"])
 def test_a_working_directory_that_is_gone_is_named(line, shell):
-    script = f"mkdir gone; cd gone; rmdir ../gone; exec {' '.join(Shell.command)} {line}"
+    script = f"mkdir gone; cd gone; rmdir ../gone; exec {shlex.join(Shell.command)} {line}"
     done = subprocess.run(["sh", "-c", script], cwd=shell.work, env=shell.env, stderr=-1, text=True, timeout=60)
     assert done.returncode == 6 and done.stderr.startswith("Error: The working directory no longer exists.")
 

@@ -7,6 +7,7 @@ import json
 import os
 import pickle
 import re
+import shlex
 import shutil
 import signal
 import socket
@@ -377,7 +378,7 @@ def test_the_operator_sees_everything_but_secrets(start, tmp_path):
         spoilt = subprocess.run([*COMMAND, name, "--state", tmp_path], capture_output=True, text=True, timeout=30)
         assert (spoilt.returncode, spoilt.stderr.count("\n")) == (1, 1) and "database" in spoilt.stderr
     for line in ("serve --help >/dev/full", f"serve --port 0 --state {tmp_path}/new >/dev/full", "--version >&-"):
-        full = subprocess.run(["sh", "-c", " ".join([*COMMAND, line])], capture_output=True, text=True, timeout=30)
+        full = subprocess.run(["sh", "-c", f"{shlex.join(COMMAND)} {line}"], capture_output=True, text=True, timeout=30)
         assert (full.returncode, full.stderr.count("\n")) == (1, 1) and re.search("No space|is closed", full.stderr)
 
 

@@ -229,9 +229,9 @@ def imports():
     yield "import: a failure puts the old module back", IMPORT, (*steps, "raised LookupError: no", fresh[1]), BOTH, \
         present(), fails
     no_spec = f"raised RuntimeError: Could not create import spec for {copy}"
-    for what, spec in ("no specification", None), ("one without a loader", types.SimpleNamespace(loader=None)):
-        unspecified = patched(sys.modules["importlib.util"], spec_from_file_location=lambda *args, spec=spec: spec)
-        yield f"import: {what} is refused", IMPORT, (*steps, no_spec, fresh[1]), BOTH, unspecified
+    for what, found in ("that nothing can import", None), ("without a loader", types.SimpleNamespace(loader=None)):
+        unknown = patched(sys.modules["importlib.util"], spec_from_file_location=lambda *args, found=found: found)
+        yield f"import: a file {what} is refused", IMPORT, (*steps, no_spec, fresh[1]), BOTH, unknown
 
     class Loader:
         create_module = staticmethod(lambda spec: None)

@@ -37,7 +37,7 @@ PyCodeObject* code_named(handle declaration, location at = location::current()) 
     object code = get_item(codes, declaration, at);
     if (!PyCode_Check(code.ptr()))
         throw_error(PyExc_SystemError, "a declaration is not code", at);
-    return reinterpret_cast<PyCodeObject*>(code.ptr());
+    return reinterpret_cast<PyCodeObject*>(code.ptr()); // alive whatever becomes of `codes`: see start()
 }
 
 /// A function over the module's namespace.
