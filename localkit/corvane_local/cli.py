@@ -3,6 +3,7 @@
 import contextlib
 import json
 import resource
+import shlex
 import signal
 import socket
 import sqlite3
@@ -123,7 +124,7 @@ def serve(
             await super().startup(sockets)
             try:
                 click.echo(f"https://127.0.0.1:{listener.getsockname()[1]}")
-                click.echo(f"export SSL_CERT_FILE={authority.resolve()}")
+                click.echo(f"export SSL_CERT_FILE={shlex.quote(str(authority.resolve()))}")
                 shown = f"; shown only this once: {token}" * is_new
                 click.echo(f"operator's token: in {state.resolve() / TOKEN_FILE}{shown}")
             except OSError as exc:  # raised from here, it would be logged as a broken application
