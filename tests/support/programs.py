@@ -9,6 +9,7 @@ from pathlib import Path
 import pytest
 
 TESTS = Path(__file__).parents[1]
+SECONDS = float(os.environ.get("TEST_PROGRAM_SECONDS", "100"))  # an emulator needs more
 
 
 def run(program, *arguments, status=0, errors=""):
@@ -19,7 +20,7 @@ def run(program, *arguments, status=0, errors=""):
         pytest.importorskip("test", reason="the interpreter comes without its own tests")
     command = [sys.executable, "-X", "dev", "-P", *which, *arguments]
     environment = {**os.environ, "PYTHONPATH": f"{os.environ.get('PYTHONPATH', '')}:{TESTS}"}
-    done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=100)
+    done = subprocess.run(command, env=environment, capture_output=True, text=True, timeout=SECONDS)
     seen = done.returncode, re.search(errors, done.stderr) is not None if errors else done.stderr
     assert seen == (status, bool(errors) or ""), (seen, done.stdout[-500:], done.stderr[-2000:])
     return done.stdout.strip()
