@@ -165,7 +165,13 @@ void define_generator(const char* name, const native_function& first_step, const
 
 callee inner_statement(name declaration, std::initializer_list<argument> enclosed, location at) {
     try {
-        return {function_of(code_named(declaration, at), at)(enclosed), at};
+        name_node& known = *declaration.node;
+        if (known.change !=
+            name_node::for_good) { // of this initialisation; kept by nothing that a collector could clear
+            known.value = function_of(code_named(declaration, at), at).release();
+            known.change = name_node::for_good;
+        }
+        return {callee(object::borrow(known.value), at)(enclosed), at};
     } catch (error& raised) {
         raised.traced = true;
         throw;

@@ -16,14 +16,14 @@ handle builtins;
 
 constexpr int no_watcher = -1; // of an interpreter there are only a few; nothing is remembered then
 int watcher = no_watcher;
-std::uint64_t changes = 1;
 
 int count_change(PyDict_WatchEvent /*event*/, PyObject* /*dictionary*/, PyObject* /*key*/, PyObject* /*value*/) {
-    ++changes;
+    ++detail::changes;
     return 0;
 }
+} // namespace
 
-object look_up(name wanted, location at) {
+object detail::look_up(name wanted, location at) {
     const std::uint64_t seen = changes; // read first: a key of the namespace may have an `__eq__` that changes it
     const bool alone = watcher != no_watcher && watchers_of(globals.ptr()) == watchers_of(builtins.ptr()) &&
                        watchers_of(globals.ptr()) == 1U << static_cast<unsigned>(watcher) && !interpreter_is_ending();
@@ -37,13 +37,6 @@ object look_up(name wanted, location at) {
     wanted.node->value = value.ptr();
     wanted.node->change = alone ? seen : 0;
     return value;
-}
-} // namespace
-
-callee global(name wanted, location at) {
-    if (wanted.node->change == changes) [[likely]]
-        return {object::borrow(wanted.node->value), at};
-    return {look_up(wanted, at), at};
 }
 
 void set_global(name changed, handle value, location at) {
@@ -66,7 +59,7 @@ void enter_namespace(handle module_namespace) {
     const object left[] = {object::steal(globals.ptr()), object::steal(builtins.ptr())}; // by a failed initialisation
     globals = handle(object::borrow(module_namespace).release());
     builtins = handle(object::borrow(PyEval_GetBuiltins()).release());
-    ++changes;
+    ++detail::changes;
     if (watcher == no_watcher)
         watcher = PyDict_AddWatcher(count_change);
     if (watcher < 0 || PyDict_Watch(watcher, globals.ptr()) < 0 || PyDict_Watch(watcher, builtins.ptr()) < 0) {

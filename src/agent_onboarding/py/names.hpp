@@ -16,8 +16,9 @@ struct name_node {
     std::string_view text;
     name_node* next;
     PyObject* interned = nullptr; ///< by the last initialisation; its interpreter's until that has ended
-    PyObject* value = nullptr;    ///< what the name was last found to be, borrowed
+    PyObject* value = nullptr;    ///< what the name was last found to be, borrowed; or its statement's function
     std::uint64_t change = 0;     ///< how many changes had been seen then
+    static constexpr std::uint64_t for_good = ~std::uint64_t{0}; ///< for a value that no change concerns
     explicit name_node(std::string_view literal) noexcept : text(literal), next(std::exchange(first, this)) {}
     static inline name_node* first = nullptr;
 };
@@ -71,8 +72,17 @@ class callee : public object {
     location at_;
 };
 
+namespace detail {
+inline std::uint64_t changes = 1; ///< of the module's namespace and of the builtins, as many as were seen
+object look_up(name wanted, location at);
+} // namespace detail
+
 /// A name of the module: its namespace, then the builtins, then NameError.
-[[nodiscard]] callee global(name wanted, location at = location::current());
+[[nodiscard]] inline callee global(name wanted, location at = location::current()) {
+    if (wanted.node->change == detail::changes) [[likely]]
+        return {object::borrow(wanted.node->value), at};
+    return {detail::look_up(wanted, at), at};
+}
 /// `global name; name = value`
 void set_global(name changed, handle value, location at = location::current());
 
