@@ -7,17 +7,17 @@ namespace corvane::onboarding {
 namespace {
 
 /// `raise RuntimeError(f"{message}: {detail}") from caught`, where the detail of the chain says something.
-[[noreturn]] void raise_with_detail(const error& caught, opening message) {
+[[noreturn]] void raise_with_detail(const error& caught, operand message) {
     object detail = global("_exception_chain_detail"_n, message.at)(caught.value());
     if (is_true(detail, message.at))
-        raise_for(caught, {concat(message, ": ", detail), message.at});
-    raise_for(caught, {concat(message), message.at});
+        raise_for(caught, {concat(message, ": "_n, detail), message.at});
+    raise_for(caught, message);
 }
 
 // -- The local runtime ----------------------------------------------------------------------------------------------
 
 /// `_config.get(key)`
-object configured(name key) { return invoke(global("_config"_n), "get"_n, key); }
+object configured(name key) { return get(global("_config"_n), key); }
 /// `_config.get(key) or fallback`
 object configured_or(name key, handle fallback) {
     object value = configured(key);
@@ -125,7 +125,7 @@ object kit_or_local_runtime(const frame& in, handle am, handle strict) {
             raise_again(caught);
         warn("Failed to bootstrap corvane runtime: %s"_n, caught);
         if (is_true(strict))
-            raise_with_detail(caught, "Corvane registration authenticated, but runtime data bootstrap failed");
+            raise_with_detail(caught, "Corvane registration authenticated, but runtime data bootstrap failed"_n);
         return local_runtime(in, am);
     }
 }
@@ -140,7 +140,7 @@ void inject_into_search(const frame& in, name statement, handle runtime, handle 
         except_scope handling(in, caught, "Exception"_n);
         warn(failure_text, caught);
         if (is_true(strict))
-            raise_for(caught, concat("Corvane search runtime injection failed."));
+            raise_for(caught, "Corvane search runtime injection failed."_n);
     }
 }
 
@@ -153,7 +153,7 @@ void restore_export(const frame& in, handle simulation, handle strict) {
         except_scope handling(in, caught, "Exception"_n);
         warn("Failed to restore top-level simulate exports: %s"_n, caught);
         if (is_true(strict))
-            raise_for(caught, concat("Corvane simulate exports bootstrap failed."));
+            raise_for(caught, "Corvane simulate exports bootstrap failed."_n);
     }
 }
 
@@ -161,7 +161,7 @@ void initialise_simulation(const frame& in, handle am, handle runtime, handle st
     try {
         object simulation = global("importlib"_n).attr("import_module"_n)("corvane.simulate_signal"_n);
         if (runtime.is_none())
-            raise(global("RuntimeError"_n), "private corvane runtime was not initialized");
+            raise(global("RuntimeError"_n), "private corvane runtime was not initialized"_n);
         callee initialise = simulation.attr("init_simulate_signal"_n);
         initialise({
             "auth"_a = am,
@@ -189,7 +189,7 @@ void initialise_simulation(const frame& in, handle am, handle runtime, handle st
         except_scope handling(in, caught, "Exception"_n);
         warn("Failed to initialize simulate_signal: %s"_n, caught);
         if (is_true(strict))
-            raise_with_detail(caught, "Corvane simulate_signal bootstrap failed");
+            raise_with_detail(caught, "Corvane simulate_signal bootstrap failed"_n);
     }
 }
 
@@ -343,7 +343,7 @@ object propagate_auth(const frame& in, handle am, handle strict) {
     object runtime = kit_or_local_runtime(in, am, strict);
     if (is_true(strict) && runtime.is_none())
         raise(global("RuntimeError"_n),
-              "Corvane registration authenticated, but runtime data bootstrap returned no runtime.");
+              "Corvane registration authenticated, but runtime data bootstrap returned no runtime."_n);
     inject_into_search(in, "_propagate_auth.search_templates"_n, runtime, strict,
                        "Failed to inject runtime into search_templates: %s"_n);
     initialise_simulation(in, am, runtime, strict);
@@ -354,7 +354,7 @@ object ensure_runtime_bootstrapped(const frame& in, handle strict) {
     if (global("_auth_manager"_n).is_none()) {
         if (!is_true(strict))
             return none();
-        raise(auth("AuthError"_n), "No wallet initialized. Call register() or login() first.");
+        raise(auth("AuthError"_n), "No wallet initialized. Call register() or login() first."_n);
     }
     // A runtime that is there is used again; only the search templates may have been imported since.
     object runtime = inner_statement("ensure_runtime_bootstrapped._runtime"_n).attr("get_runtime"_n)();

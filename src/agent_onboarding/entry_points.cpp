@@ -9,8 +9,8 @@ namespace {
 constexpr int links_described = 4;
 constexpr long key_bytes = 32; // a new key's, drawn from the operating system
 
-constexpr const char* unreachable = "Cannot reach Corvane server. Check your network connection and try again.";
-constexpr const char* invalid_key = "Invalid private key format. Expected hex string (64 characters) or 32 bytes.";
+name unreachable() { return "Cannot reach Corvane server. Check your network connection and try again."_n; }
+name invalid_key() { return "Invalid private key format. Expected hex string (64 characters) or 32 bytes."_n; }
 
 /// `_config["data_dir"] = canonical`, so that every later call of the process uses it; then the directory itself.
 void adopt_data_dir(handle canonical) {
@@ -30,7 +30,7 @@ object authenticate_for_register(const frame& in, handle key, handle invite_code
     } catch (error& caught) {
         except_scope handling(in, caught);
         if (caught.matches(global("ConnectionError"_n)))
-            raise(global("ConnectionError"_n), unreachable);
+            raise(global("ConnectionError"_n), unreachable());
         if (caught.matches(auth("RegistrationError"_n))) {
             callee registration_error = auth("RegistrationError"_n);
             object reason = global("str"_n)(caught.value());
@@ -38,7 +38,7 @@ object authenticate_for_register(const frame& in, handle key, handle invite_code
             raise(registration_error(message));
         }
         if (caught.matches(auth("InvalidKeyError"_n)))
-            raise(global("ValueError"_n), invalid_key);
+            raise(global("ValueError"_n), invalid_key());
         raise_again(caught);
     }
 }
@@ -54,11 +54,11 @@ object authenticate_for_login(const frame& in, handle key) {
     } catch (error& caught) {
         except_scope handling(in, caught);
         if (caught.matches(auth("InvalidKeyError"_n)))
-            raise(global("ValueError"_n), invalid_key);
+            raise(global("ValueError"_n), invalid_key());
         if (caught.matches(global("ConnectionError"_n)))
-            raise(global("ConnectionError"_n), unreachable);
+            raise(global("ConnectionError"_n), unreachable());
         if (caught.matches(auth("AuthError"_n)))
-            raise(auth("AuthError"_n), "Authentication failed. Verify your private key is correct.");
+            raise(auth("AuthError"_n), "Authentication failed. Verify your private key is correct."_n);
         raise_again(caught);
     }
 }
@@ -67,9 +67,9 @@ object authenticate_for_login(const frame& in, handle key) {
 object checked_named_universe(handle value) {
     object name = invoke(value, "strip"_n);
     if (!is_true(name))
-        raise(global("ValueError"_n), "named_universe cannot be empty.");
+        raise(global("ValueError"_n), "named_universe cannot be empty."_n);
     if (leaves_segment(name))
-        raise(global("ValueError"_n), "named_universe must be a single safe path segment.");
+        raise(global("ValueError"_n), "named_universe must be a single safe path segment."_n);
     return name;
 }
 
@@ -90,10 +90,10 @@ object exception_chain_detail(const frame&, handle exc) {
         object text = invoke(global("str"_n)(current), "strip"_n);
         object item = global("type"_n)(current).attr("__name__"_n);
         if (is_true(text))
-            item = concat("", item, ": ", text);
+            item = concat(item, ": "_n, text);
         object diagnostic = get_attribute(current, "diagnostic_detail"_n, none());
         if (is_true(diagnostic))
-            item = concat("", item, "; diagnostic: ", diagnostic);
+            item = concat(item, "; diagnostic: "_n, diagnostic);
         // A repeated link is dropped, but the walk goes on below it.
         if (!contains(details, item))
             append(details, item);
@@ -118,7 +118,7 @@ object resolve_invite_code(const frame&, handle invite_code) {
     object canonical = auth("_normalize_invite_code"_n)(code);
     if (canonical.is_none())
         raise(global("ValueError"_n), "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, or "
-                                      "call register(invite_code=...).");
+                                      "call register(invite_code=...)."_n);
     return canonical;
 }
 
@@ -157,7 +157,7 @@ object register_wallet(const frame& in, handle invite_code, handle data_dir, han
     activate(in, manager, handle(Py_False));
     // The address as the service has it, not as a computation of our own would write it.
     object address = invoke(manager, "get_wallet_address"_n);
-    if (is_true(invoke(global("_config"_n), "get"_n, "auto_heartbeat"_n, true_value())))
+    if (is_true(get(global("_config"_n), "auto_heartbeat"_n, true_value())))
         global("inject_heartbeat"_n)();
     return global("WalletRegistration"_n)("address"_a = address);
 }
@@ -165,7 +165,7 @@ object register_wallet(const frame& in, handle invite_code, handle data_dir, han
 object login(const frame& in, handle private_key, handle bootstrap_runtime) {
     // Before anything is written: there is no key to adopt.
     if (private_key.is_none())
-        raise(global("ValueError"_n), invalid_key);
+        raise(global("ValueError"_n), invalid_key());
     callee canonical_data_dir = global("_canonical_data_dir"_n);
     object data_dir = canonical_data_dir(get_item(global("_config"_n), "data_dir"_n));
     adopt_data_dir(data_dir);
@@ -198,7 +198,7 @@ object configure(const frame&, handle kwargs) {
             object names = global("sorted"_n)(global("_VALID_OPTIONS"_n));
             object valid = invoke(", "_n, "join"_n, names);
             callee value_error = global("ValueError"_n);
-            raise(value_error(concat("Unknown configuration option: '", option, "'. Valid options: ", valid)));
+            raise(value_error(concat("Unknown configuration option: '"_n, option, "'. Valid options: "_n, valid)));
         }
         object expected = get_item(global("_VALID_OPTIONS"_n), option);
         // A subclass passes; an int does not pass for a bool.
@@ -206,11 +206,12 @@ object configure(const frame&, handle kwargs) {
             callee value_error = global("ValueError"_n);
             object expected_name = expected.attr("__name__"_n);
             object given_name = global("type"_n)(setting).attr("__name__"_n);
-            raise(value_error(concat("Option '", option, "' expects ", expected_name, ", got ", given_name, ".")));
+            raise(value_error(
+                concat("Option '"_n, option, "' expects "_n, expected_name, ", got "_n, given_name, "."_n)));
         }
         // The other options may be empty; the service's address and the universe are cleaned as well.
         if (compare(option, Py_EQ, "data_dir"_n) && compare(setting, Py_EQ, ""_n))
-            raise(global("ValueError"_n), "data_dir cannot be empty.");
+            raise(global("ValueError"_n), "data_dir cannot be empty."_n);
         if (compare(option, Py_EQ, "server_url"_n))
             setting = auth("_validate_server_url"_n)(setting);
         if (compare(option, Py_EQ, "named_universe"_n))
@@ -224,7 +225,7 @@ object configure(const frame&, handle kwargs) {
 /// `token` never shows in the representation, however the record is printed.
 object auth_token_repr(const frame&, handle self) {
     object expiry = global("repr"_n)(self.attr("expires_at"_n));
-    return concat("AuthToken(token='<redacted>', expires_at=", expiry, ")");
+    return concat("AuthToken(token='<redacted>', expires_at="_n, expiry, ")"_n);
 }
 
 // Options that the kit adds later, such as the era's configuration, are not the caller's to set and have no entry.

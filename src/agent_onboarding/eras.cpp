@@ -52,12 +52,12 @@ bool is_active(handle era) {
 }
 
 /// The only element of a list; any other number of them is an error that counts them.
-object only_one(operand list, const char* message) {
+object only_one(operand list, handle message) {
     const location at = list.at;
     object count = global("len"_n, at)(list);
     if (compare(count, Py_NE, integer(1), at)) {
         callee runtime_error = global("RuntimeError"_n, at);
-        raise(runtime_error(concat({message, at}, count, ".")), at);
+        raise(runtime_error(concat({message, at}, count, "."_n)), at);
     }
     return get_item(list, integer(0), at);
 }
@@ -68,13 +68,13 @@ object fetch_eras_payload(const frame& in, handle am) {
     // Asked for at each call: the kit's manager renews a token that has expired.
     object token = invoke(am, "get_token"_n);
     if (!is_true(token))
-        raise(global("RuntimeError"_n), "Registration bootstrap could not fetch /eras without an auth token.");
+        raise(global("RuntimeError"_n), "Registration bootstrap could not fetch /eras without an auth token."_n);
     // The address may have been set with or without a slash at its end.
     object base = invoke(get_item(global("_config"_n), "server_url"_n), "rstrip"_n, "/"_n);
     object url = add(base, "/eras"_n);
     callee request_class = global("urllib"_n).attr("request"_n).attr("Request"_n);
     object headers = new_dict();
-    set_item(headers, "Authorization"_n, concat("Bearer ", token));
+    set_item(headers, "Authorization"_n, concat("Bearer "_n, token));
     object request = request_class(url, "headers"_a = headers, "method"_a = "GET"_n);
 
     // A response object of an installed opener may have no status, and may swallow an exception at its end; then a
@@ -94,13 +94,13 @@ object fetch_eras_payload(const frame& in, handle am) {
         object url_error = global("urllib"_n).attr("error"_n).attr("URLError"_n);
         if (!caught.matches(tuple(os_error, url_error, global("TimeoutError"_n))))
             raise_again(caught);
-        object failure = global("RuntimeError"_n)(concat("Registration bootstrap failed to fetch /eras."));
+        object failure = global("RuntimeError"_n)("Registration bootstrap failed to fetch /eras."_n);
         raise_from(failure, caught.value());
     }
     // urlopen raises an error status, but an opener that somebody has installed may hand it over.
     if (compare(local(status, "status"), Py_NE, integer(200))) {
         callee runtime_error = global("RuntimeError"_n);
-        raise(runtime_error(concat("Registration bootstrap failed to fetch /eras: HTTP ", status)));
+        raise(runtime_error(concat("Registration bootstrap failed to fetch /eras: HTTP "_n, status)));
     }
     object payload;
     try {
@@ -113,12 +113,12 @@ object fetch_eras_payload(const frame& in, handle am) {
         object decode_error = global("UnicodeDecodeError"_n);
         if (!caught.matches(tuple(decode_error, global("json"_n).attr("JSONDecodeError"_n))))
             raise_again(caught);
-        object failure = global("RuntimeError"_n)(concat("Registration bootstrap received invalid /eras JSON."));
+        object failure = global("RuntimeError"_n)("Registration bootstrap received invalid /eras JSON."_n);
         raise_from(failure, caught.value());
     }
     if (!is_instance(payload, "dict"_n))
         // A list or a text would only fail later, with an error that says nothing of the service.
-        raise(global("RuntimeError"_n), "Registration bootstrap received invalid /eras payload.");
+        raise(global("RuntimeError"_n), "Registration bootstrap received invalid /eras payload."_n);
     return payload;
 }
 
@@ -214,7 +214,7 @@ object resolve_active_named_universe(const frame&, handle am) {
     object payload = global("_fetch_eras_payload"_n)(am);
     object eras = get(payload, "eras"_n);
     if (!is_instance(eras, "list"_n))
-        raise(global("RuntimeError"_n), "Registration bootstrap /eras payload is missing eras list.");
+        raise(global("RuntimeError"_n), "Registration bootstrap /eras payload is missing eras list."_n);
     // Entries that are not dicts are skipped: a later service may list other things beside eras.
     object active_eras = new_list();
     for (const object& era : iterate(eras)) {
@@ -222,10 +222,10 @@ object resolve_active_named_universe(const frame&, handle am) {
             append(active_eras, era);
     }
     object active_era =
-        only_one(active_eras, "Registration bootstrap expected exactly one active era from /eras, got ");
+        only_one(active_eras, "Registration bootstrap expected exactly one active era from /eras, got "_n);
     object candidates = global("_active_era_named_universe_candidates"_n)(active_era);
     object chosen =
-        only_one(candidates, "Registration bootstrap expected exactly one active named universe from /eras, got ");
+        only_one(candidates, "Registration bootstrap expected exactly one active named universe from /eras, got "_n);
     set_item(global("_config"_n), "named_universe"_n, chosen);
     return chosen;
 }

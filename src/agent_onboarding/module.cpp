@@ -18,7 +18,7 @@ constexpr unsigned char declarations[] = {
 
 /// The body of the module.
 void populate() {
-    set_global("__doc__"_n, concat(module_doc));
+    set_global("__doc__"_n, detail::text_of(module_doc));
     define("imports");
     set_global("logger"_n, global("logging"_n).attr("getLogger"_n)("corvane.agent_onboarding"_n));
     define<exception_chain_detail>("_exception_chain_detail");

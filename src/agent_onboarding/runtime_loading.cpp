@@ -94,10 +94,10 @@ object sha256_file(const frame& in, handle path) {
 object content_addressed_extension_path(const frame& in, handle module_name, handle path, handle digest) {
     object root = directory_of(path);
     callee join_paths = global("os"_n).attr("path"_n).attr("join"_n);
-    object beginning = concat(".corvane-runtime-", module_name, "-");
+    object beginning = concat(".corvane-runtime-"_n, module_name, "-"_n);
     object start_of_digest = first_digits(digest);
     // f".corvane-runtime-{module_name}-{digest[:16]}.so"
-    object runtime_path = join_paths(root, concat("", beginning, start_of_digest, ".so"));
+    object runtime_path = join_paths(root, concat(beginning, start_of_digest, ".so"_n));
     // The name tells the bytes; a copy that is there already was made of the same ones.
     if (path_exists(runtime_path))
         return runtime_path;
@@ -115,7 +115,7 @@ object content_addressed_extension_path(const frame& in, handle module_name, han
 
 object prune_runtime_extension_copies(const frame& in, handle module_name, handle keep_path, handle max_copies) {
     object root = directory_of(keep_path);
-    object prefix = concat(".corvane-runtime-", module_name, "-");
+    object prefix = concat(".corvane-runtime-"_n, module_name, "-"_n);
     object keep_real = real_path(keep_path);
     object candidates = new_list();
     // A directory that cannot be listed keeps its copies; the module is loaded by now.
@@ -167,7 +167,7 @@ object load_extension_from_path(const frame& in, handle module_name, handle path
     object spec = global("importlib"_n).attr("util"_n).attr("spec_from_file_location"_n)(module_name, runtime_path);
     if (spec.is_none() || spec.attr("loader"_n).is_none()) {
         callee runtime_error = global("RuntimeError"_n);
-        raise(runtime_error(concat("Could not create import spec for ", runtime_path)));
+        raise(runtime_error(concat("Could not create import spec for "_n, runtime_path)));
     }
     // The entry of the module table comes first, as in the interpreter's own import: a module may look itself up.
     object module = global("importlib"_n).attr("util"_n).attr("module_from_spec"_n)(spec);
@@ -198,7 +198,7 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
     const auto& [relative_path, file_info] = entry;
     if (relative_path.is_none()) {
         callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
-        raise(incomplete(concat("Manifest does not contain a runtime module for ", repr(module_name), "."),
+        raise(incomplete(concat("Manifest does not contain a runtime module for "_n, repr(module_name), "."_n),
                          "module_name"_a = module_name, "expected_sha256"_a = expected_sha256));
     }
     object expected =
@@ -209,7 +209,7 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
     object candidate = join_path(expanded, relative_path);
     if (!path_exists(candidate)) {
         callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
-        raise(incomplete(concat("Runtime module ", repr(module_name), " is missing at ", candidate, "."),
+        raise(incomplete(concat("Runtime module "_n, repr(module_name), " is missing at "_n, candidate, "."_n),
                          "module_name"_a = module_name, "relative_path"_a = relative_path,
                          "expected_sha256"_a = expected));
     }
@@ -217,8 +217,8 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
     // Before anything is imported: native code runs with all the rights of the process.
     if (is_true(expected) && compare(actual, Py_NE, expected)) {
         callee mismatch = global("RuntimeModuleHashMismatch"_n);
-        raise(mismatch(concat("Runtime module ", repr(module_name), " hash mismatch at ", candidate, ": expected ",
-                              expected, ", got ", actual, "."),
+        raise(mismatch(concat("Runtime module "_n, repr(module_name), " hash mismatch at "_n, candidate,
+                              ": expected "_n, expected, ", got "_n, actual, "."_n),
                        "module_name"_a = module_name, "relative_path"_a = relative_path, "expected_sha256"_a = expected,
                        "actual_sha256"_a = actual));
     }
@@ -228,17 +228,17 @@ object load_manifest_runtime_module(const frame& in, handle data_dir, handle mod
     } catch (error& caught) {
         except_scope handling(in, caught, "Exception"_n);
         callee reload_failed = global("RuntimeModuleReloadFailed"_n);
-        object failure = reload_failed(
-            concat("Runtime module ", repr(module_name), " failed to load from ", candidate, ": ", caught.value()),
-            "module_name"_a = module_name, "relative_path"_a = relative_path, "expected_sha256"_a = expected,
-            "actual_sha256"_a = actual);
+        object failure = reload_failed(concat("Runtime module "_n, repr(module_name), " failed to load from "_n,
+                                              candidate, ": "_n, caught.value()),
+                                       "module_name"_a = module_name, "relative_path"_a = relative_path,
+                                       "expected_sha256"_a = expected, "actual_sha256"_a = actual);
         raise_from(failure, caught.value());
     }
     if (is_true(expected)) { // the file may have changed between the two times it was hashed
         object stamped = get_attribute(module, "_corvane_module_sha256"_n, none());
         if (compare(stamped, Py_NE, expected)) {
             callee mismatch = global("RuntimeModuleHashMismatch"_n);
-            raise(mismatch(concat("Runtime module ", repr(module_name), " loaded with unexpected hash."),
+            raise(mismatch(concat("Runtime module "_n, repr(module_name), " loaded with unexpected hash."_n),
                            "module_name"_a = module_name, "relative_path"_a = relative_path,
                            "expected_sha256"_a = expected, "actual_sha256"_a = stamped));
         }
@@ -284,8 +284,8 @@ object load_per_era_backtester(const frame& in, handle data_dir) {
         object relative_path = get_attribute(caught.value(), "relative_path"_n, "manifest.json"_n);
         object expected = get_attribute(caught.value(), "expected_sha256"_n, none());
         object actual = get_attribute(caught.value(), "actual_sha256"_n, none());
-        object failure = incomplete(concat("Per-era backtester runtime is required; sync the runtime manifest before "
-                                           "loading the SDK backtester."),
+        object failure = incomplete("Per-era backtester runtime is required; sync the runtime manifest before "
+                                    "loading the SDK backtester."_n,
                                     "module_name"_a = "backtester"_n, "relative_path"_a = relative_path,
                                     "expected_sha256"_a = expected, "actual_sha256"_a = actual);
         raise_from(failure, caught.value());

@@ -44,7 +44,8 @@ object read_manifest(const frame& in, handle data_dir) {
     object path = join_path(data_dir, "manifest.json"_n);
     if (!path_exists(path)) {
         callee incomplete = global("RuntimeModuleDownloadIncomplete"_n);
-        raise(incomplete(concat("Runtime manifest is missing at ", path, "."), "relative_path"_a = "manifest.json"_n));
+        raise(incomplete(concat("Runtime manifest is missing at "_n, path, "."_n),
+                         "relative_path"_a = "manifest.json"_n));
     }
     object data;
     with(in, global("open"_n)(path, "r"_n, "encoding"_a = "utf-8"_n),
@@ -71,7 +72,8 @@ object manifest_files(const frame&, handle manifest) {
 object sorted_files(const frame&, handle manifest) {
     callee sort = global("sorted"_n);
     object files = global("_manifest_files"_n)(manifest);
-    if (is_builtin(sort, "sorted") && PyDict_CheckExact(files.ptr())) {
+    static const PyMethodDef* found = nullptr;
+    if (is_builtin(sort, "sorted", found) && PyDict_CheckExact(files.ptr())) {
         if (object pairs = pairs_by_key(files))
             return pairs;
     }

@@ -6,16 +6,21 @@ namespace corvane::onboarding {
 // A manifest can have 100,000 entries. Where an operation is the builtin one on a plain value, which nobody can see, it
 // is done directly; every call that somebody has put in its place, or that goes to another module, is made.
 
-bool is_builtin(handle function, std::string_view wanted) noexcept {
+bool is_builtin(handle function, std::string_view wanted, const PyMethodDef*& found) noexcept {
+    if (!PyCFunction_CheckExact(function.ptr()))
+        return false;
     const auto* made = reinterpret_cast<PyCFunctionObject*>(function.ptr());
-    return PyCFunction_CheckExact(function.ptr()) && wanted == made->m_ml->ml_name && made->m_module != nullptr &&
-           PyUnicode_CheckExact(made->m_module) && PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0;
+    if (made->m_ml != found && wanted == made->m_ml->ml_name && made->m_module != nullptr &&
+        PyUnicode_CheckExact(made->m_module) && PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0)
+        found = made->m_ml;
+    return made->m_ml == found;
 }
 
 bool is_instance(handle value, name type, location at) {
     callee test = global("isinstance"_n, at);
     callee class_or_tuple = global(type, at);
-    if (!is_builtin(test, "isinstance"))
+    static const PyMethodDef* found = nullptr;
+    if (!is_builtin(test, "isinstance", found))
         return is_true(test(value, class_or_tuple), at);
     if (handle(Py_TYPE(value.ptr())).is(class_or_tuple))
         return true; // what PyObject_IsInstance looks at first
@@ -74,15 +79,13 @@ void activate(const frame& in, handle manager, handle strict) {
         except_scope handling(in, caught, "Exception"_n);
         warn("Failed to set active auth manager: %s"_n, caught);
         if (is_true(strict))
-            raise_for(caught, concat("Corvane auth bootstrap failed after authentication."));
+            raise_for(caught, "Corvane auth bootstrap failed after authentication."_n);
     }
 }
 
 void raise_backtester_missing(location at) {
     callee incomplete = global("RuntimeModuleDownloadIncomplete"_n, at);
-    raise(incomplete(concat({"Per-era backtester runtime is missing from manifest.", at}),
-                     "module_name"_a = "backtester"_n),
-          at);
+    raise(incomplete("Per-era backtester runtime is missing from manifest."_n, "module_name"_a = "backtester"_n), at);
 }
 
 } // namespace corvane::onboarding

@@ -55,7 +55,7 @@ object with_no_follow(object flags) {
 [[noreturn]] void raise_cannot_write(operand wallet_path) {
     const location at = wallet_path.at;
     callee io_error = global("IOError"_n, at);
-    raise(io_error(concat({"Cannot write wallet to ", at}, wallet_path, ". Check directory permissions.")), at);
+    raise(io_error(concat({"Cannot write wallet to "_n, at}, wallet_path, ". Check directory permissions."_n)), at);
 }
 
 /// `try: return body()`, `finally: cleanup()`. A clean-up that can raise cannot be a destructor.
@@ -110,8 +110,8 @@ object wallet_key_path(const frame&, handle data_dir) {
 
 object unsafe_wallet_error(const frame&, handle wallet_path) {
     callee io_error = global("IOError"_n);
-    return io_error(concat("Unsafe wallet key at ", wallet_path,
-                           ". Refusing to use wallet.key with unsafe ownership, type, or permissions."));
+    return io_error(concat("Unsafe wallet key at "_n, wallet_path,
+                           ". Refusing to use wallet.key with unsafe ownership, type, or permissions."_n));
 }
 
 object check_wallet_fd(const frame&, handle wallet_path, handle fd) {
@@ -140,7 +140,7 @@ object read_wallet_key(const frame& in, handle data_dir) {
     } catch (error& caught) {
         except_scope handling(in, caught, "OSError"_n);
         callee io_error = global("IOError"_n);
-        raise(io_error(concat("Cannot read wallet from ", wallet_path, ". Check file permissions.")));
+        raise(io_error(concat("Cannot read wallet from "_n, wallet_path, ". Check file permissions."_n)));
     }
     refuse_unsafe_path(wallet_path, status);
 

@@ -23,7 +23,7 @@ void rewrite_text(const frame& in, handle path, handle content) {
 }
 
 /// The option that lets a caller keep the module out of HEARTBEAT.md.
-bool opted_out() { return !is_true(invoke(global("_config"_n), "get"_n, "auto_heartbeat"_n, true_value())); }
+bool opted_out() { return !is_true(get(global("_config"_n), "auto_heartbeat"_n, true_value())); }
 
 bool ends_with_line_feed(handle content) { return is_true(invoke(content, "endswith"_n, "\n"_n)); }
 

@@ -72,26 +72,18 @@ inline object new_list(location at = location::current()) { return check(PyList_
 inline object new_dict(location at = location::current()) { return check(PyDict_New(), at); }
 inline object new_set(location at = location::current()) { return check(PySet_New(nullptr), at); }
 
-/// The literal that a message begins with; it brings the line along, which a variadic function cannot.
-struct opening {
-    std::string_view text;
-    location at;
-    // NOLINTNEXTLINE(google-explicit-constructor): a message reads as one
-    opening(const char* literal, location line = location::current()) noexcept : text(literal), at(line) {}
-};
-
 namespace detail {
 inline object text_of(std::string_view literal, location at = location::current()) {
     return check(PyUnicode_FromStringAndSize(literal.data(), static_cast<Py_ssize_t>(literal.size())), at);
 }
-inline object text_of(handle value, location at) { return checked_call(at, PyObject_Str, value.ptr()); }
 object joined(std::span<const object> texts, location at);
 } // namespace detail
 
-/// `f"..."`: literals and the text forms of values, from left to right. Not inlined: an exception searches the table of
-/// all calls of the C++ frame that raises it (a refused call is a tenth faster).
-template <typename... Parts> [[gnu::noinline]] object concat(opening first, const Parts&... parts) {
-    const object texts[] = {detail::text_of(first.text, first.at), detail::text_of(parts, first.at)...};
+/// `f"..."`: the text forms of values, from left to right. Not inlined: an exception searches the table of all calls of
+/// the C++ frame that raises it (a refused call is a tenth faster).
+template <typename... Parts> [[gnu::noinline]] object concat(operand first, const Parts&... parts) {
+    const object texts[] = {checked_call(first.at, PyObject_Str, first.ptr()),
+                            checked_call(first.at, PyObject_Str, handle(parts).ptr())...};
     return detail::joined(texts, first.at);
 }
 /// `f"{value!r}"`
@@ -99,9 +91,9 @@ inline object repr(handle value, location at = location::current()) {
     return checked_call(at, PyObject_Repr, value.ptr());
 }
 /// `raise type(message)`; inlined for the same half a microsecond as the other `raise`.
-[[noreturn, gnu::always_inline]] inline void raise(const callee& type, const char* message,
+[[noreturn, gnu::always_inline]] inline void raise(const callee& type, handle message,
                                                    location at = location::current()) {
-    raise(type(concat({message, at})), at);
+    raise(type(message), at);
 }
 
 /// What a loop over a dict does between two steps.
