@@ -98,14 +98,14 @@ clean: ## Remove everything that make created, unless somebody keeps a wallet th
 	 || { printf '%s\n' "Nothing was removed: these would be lost." "$$kept" "Move them elsewhere, then run it again."; exit 1; }
 	@for path in $(CREATED); do [ ! -e "$$path" ] || { echo "Removing $$path"; rm -rf "$$path"; }; done
 
-# An environment that was made of another interpreter than the one that is asked for is made anew.
+# An environment of another interpreter than the requested one is recreated.
 ifneq ($(and $(PYTHON),$(wildcard $(PY))),)
 BASE := -c 'import os, sys; print(os.path.realpath(sys.base_prefix), sys.version)'
 ifneq ($(shell "$$(PYTHON="$(PYTHON)" tools/find-python 2>/dev/null)" $(BASE)),$(shell $(PY) $(BASE)))
-$(PY) $(LOCKED) $(VENV)/.data: anew
+$(PY) $(LOCKED) $(VENV)/.data: recreated
 endif
 endif
-.PHONY: anew
+.PHONY: recreated
 
 $(PY):
 	@tools/check-compiler >/dev/null

@@ -192,7 +192,7 @@ def onboard(agents: list[Agent], at_once: int, ray_address: str, job: dict[str, 
         ray.init(ray_address, logging_level="error", log_to_driver=False, **options),
     ):
         signal.signal(signal.SIGTERM, signal.default_int_handler)  # as Ctrl-C; Ray's handler would abort
-        # Not tried again by Ray, which would begin the whole batch anew.
+        # Not tried again by Ray, which would start the whole batch again.
         task = ray.remote(num_returns="streaming", max_retries=0, num_cpus=1, scheduling_strategy="SPREAD")(batch)
         program = NURSERY.read_text()  # goes with the batch: other machines need not have it
 

@@ -1,6 +1,6 @@
 """Proves to the service that this agent holds a wallet key.
 
-The key is a secp256k1 scalar. The service hands out a challenge, the agent signs it, and the service answers with a
+The key is a secp256k1 scalar. The service hands out a challenge, the agent signs it, and the service returns a
 token that is good for a while. Neither key nor token shows in a representation, a message or a log line.
 """
 

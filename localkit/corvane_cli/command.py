@@ -54,7 +54,7 @@ class Exit(IntEnum):
         6,
         "something on this machine must be fixed first: a file, a permission, a certificate, an address",
     )
-    SPOILT = 7, "downloaded files are not what the manifest says"
+    DAMAGED = 7, "downloaded files are not what the manifest says"
     WARNINGS = 8, "`corvane doctor` has found warnings and no errors"
     ERRORS = 9, "`corvane doctor` has found errors"
     INTERRUPTED = interrupts.STATUS, "interrupted with Ctrl-C"
@@ -68,7 +68,7 @@ _NOT_CORVANE = (
 )
 _UNKNOWN = "`corvane register --invite-code CODE` signs up a wallet that is new to the service; else check the address."
 _REFUSED = "Run it again; if that changes nothing, ask the operator why. The wallet is signed in, and nothing is lost."
-_SPOILT = "`corvane sync` downloads damaged files again. If they arrive damaged again, tell the operator."
+_DAMAGED = "`corvane sync` downloads damaged files again. If they arrive damaged again, tell the operator."
 _NEW_CODE = "Ask the operator for another code: `corvane register --invite-code CODE` uses the stored key again."
 
 # What an exception means. The first line counts that fits anything in the chain of causes: what is behind an error says
@@ -78,7 +78,7 @@ _CAUSES: list[tuple[tuple[type[BaseException], ...], Exit, str]] = [
     ((PortalError,), Exit.TRY_AGAIN, _PORTAL),
     ((NotTheServiceError,), Exit.MACHINE, _NOT_CORVANE),
     ((ConnectionError, TimeoutError), Exit.TRY_AGAIN, _ADDRESS),
-    ((RuntimeModuleError,), Exit.SPOILT, _SPOILT),
+    ((RuntimeModuleError,), Exit.DAMAGED, _DAMAGED),
     ((RegistrationError,), Exit.REFUSED, _NEW_CODE),
     ((InvalidKeyError,), Exit.REFUSED, "Pass the key as 64 hexadecimal digits, with or without 0x in front."),
     ((RequestRefusedError,), Exit.REFUSED, _REFUSED),

@@ -29,7 +29,7 @@ from corvane_cli.identity import Agent
 
 _COPY = re.compile(r"\.corvane-runtime-.+-([0-9a-f]{16})\.so")
 _TRIED = 64 * 1024  # bytes; more than all small files of an identity together
-# What commands write in the directory, and the command that makes it anew.
+# What commands write in the directory, and the command that recreates it.
 _FILES = {
     "session.json": "register", "manifest.json": "sync", "era_config.json": "sync", "search.db": "", "search.lock": "",
     "sync.lock": "", "wallet.lock": "",

@@ -20,7 +20,7 @@ Examples:
   corvane register --invite-code CORV-2222-3333-4444
   corvane login < wallet.key.backup
   corvane status --json
-  eval "$(corvane completion bash)"    # zsh and fish likewise""",
+  eval "$(corvane completion bash)"    # or zsh; in fish: corvane completion fish | source""",
 )
 def main(**_: object) -> None:
     """Join the Corvane signal-search service, and keep the wallet of this machine's agent.

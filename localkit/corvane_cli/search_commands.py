@@ -46,7 +46,7 @@ def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run:
 
     changed: list[str] = []
     if check and not (agent.data_dir / "manifest.json").exists():
-        raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.SPOILT, "`corvane sync` downloads the era.")
+        raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.DAMAGED, "`corvane sync` downloads the era.")
     if not check:
         sign_in(agent, dry_run)
         if dry_run:
@@ -58,7 +58,7 @@ def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run:
     findings = examine(agent, *files, check_copies)
     lines = [*changed, *paragraphs(findings)] or ["All files are what the manifest says."]
     data = {"changed_files": changed, "intact": not findings, "findings": [asdict(finding) for finding in findings]}
-    return Result(data, lines, Exit.SPOILT if findings else Exit.OK)
+    return Result(data, lines, Exit.DAMAGED if findings else Exit.OK)
 
 
 @command("search", "search --max-evaluations 5000", "search --seconds 60 --jobs 2 --json")

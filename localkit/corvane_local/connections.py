@@ -48,7 +48,7 @@ class Connection(H11Protocol):
         self._deadline.cancel()
 
     def on_response_complete(self) -> None:
-        """Starts the clock anew. Nothing that arrives in between does, or one byte a second would keep us busy."""
+        """Restarts the clock. Nothing that arrives in between does, or one byte a second would keep us busy."""
         super().on_response_complete()
         self._deadline.cancel()
         self._deadline = self.loop.call_later(self.exchange_seconds, self._end)

@@ -34,7 +34,7 @@ _VOCABULARY = {
 def publish(store: Store, folder: Path, backtester: str | None = None) -> int:
     """Publishes the installed files, in a new version if they differ from those published before.
 
-    Each file is kept under its digest, so that a release stays what it was when the kit is installed anew.
+    Each file is kept under its digest, so that a release stays what it was when the kit is reinstalled.
 
     Args:
         store: Where the release is noted.

@@ -75,11 +75,11 @@ inline void zscores(window x, std::size_t length, std::span<double> out) {
 
 /// For functions that compare values, which no comparison with NaN would spoil.
 inline void spoil_where_nan(window x, std::size_t length, std::span<double> out) {
-    std::size_t spoilt = 0; // windows that begin before it hold a NaN
+    std::size_t after_nan = 0; // windows that begin before it hold a NaN
     for (std::size_t last = 0; last < x.size(); ++last) {
         if (std::isnan(x[last]))
-            spoilt = last + 1;
-        if (last + 1 >= length && last + 1 - length < spoilt)
+            after_nan = last + 1;
+        if (last + 1 >= length && last + 1 - length < after_nan)
             out[last + 1 - length] = undefined;
     }
 }

@@ -19,7 +19,7 @@ using object = std::unique_ptr<PyObject, give_back>;
 /// The Python error is set already.
 struct error : std::exception {};
 
-/// Takes what a call answers that gives away ownership.
+/// Takes what a call returns that gives away ownership.
 inline object owned(PyObject* result) {
     if (result == nullptr)
         throw error();

@@ -1,6 +1,6 @@
 """Turns a file of Python declarations into one marshalled constant for C++, while the extension is built.
 
-Compiling some dozens of declarations anew at every import would take longer than all the rest of the import, and the
+Compiling some dozens of declarations again at every import would take longer than all the rest of the import, and the
 compiler is not made to survive a failing allocation at every point; unmarshalling is. The bytecode is that of the
 interpreter that the extension is built for.
 
