@@ -21,19 +21,23 @@ METHODS = ["leaks", "allocations", "system_calls", "key_file", "processes", "att
 def main(methods: tuple[str, ...], quick: bool) -> None:
     """Run the proofs named METHODS, or all of them. Exit status: 1 for findings, 2 if something could not be run."""
     workshop = Workshop(quick)
-    table, status = ["", f"{'what':<58}{'points':>10}  findings"], 0
+    table, status = ["", f"{'points':>10}  findings  what"], 0
     for name in methods or METHODS:
         click.echo(f"{time.strftime('%X')} {name}")
         try:
             for result in importlib.import_module(f"proof.{name}").run(workshop):
-                table.append(f"{result.what:<58}{result.points:>10,}  {len(result.findings)}")
-                for finding in result.findings:
+                findings = [*result.findings, *["nothing was looked at"] * (result.points == 0)]
+                table.append(f"{result.points:>10,}{len(findings):>10}  {result.what}")
+                table += [
+                    f"{points:>10,}{'':12}   of these: {what}" for what, points in result.of_these.items() if points
+                ]
+                for finding in findings:
                     click.echo(f"   {result.what}: {finding}")
                     status = 1
         except Exception as exc:
             missing = isinstance(exc, Missing)  # which is never a pass
             verdict = "INCOMPLETE" if missing else f"the proof itself failed: {type(exc).__name__}"
-            table.append(f"{name:<58}{0:>10}  {verdict}: {exc}")
+            table.append(f"{0:>10}            {name}: {verdict}: {exc}")
             status = status or 2 if missing else 1
     extension = Path(str(agent_onboarding.__file__))
     digest, installed = hashlib.sha256(extension.read_bytes()).hexdigest(), time.ctime(extension.stat().st_mtime)

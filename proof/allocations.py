@@ -3,6 +3,7 @@
 import contextlib
 import ctypes
 import dataclasses
+import functools
 import gc
 import importlib
 import importlib.util
@@ -22,7 +23,8 @@ from typing import Any
 from proof.workshop import IN_MEMORY, Missing, Result, Workshop, descriptors, in_children, side_by_side
 
 # By kind: so many in a row fail, beginning at each, at each, at each 66th.
-LENGTHS = {"allocation": (1, 3, 200), "operator new": (1,)}
+OBJECTS, EXCEPTIONS = "object", "C++ exception"
+LENGTHS = {OBJECTS: (1, 3, 200), EXCEPTIONS: (1,)}
 OURS = "corvane.agent_onboarding"
 IMPORT = "the import"
 KEPT: list[types.CodeType] = []
@@ -33,34 +35,41 @@ LOST = "good, but a Python function lost its error"
 LOSING = re.compile(
     r"error return without exception set|<(?:function (\S+) at \w+|class '(?!corvane)\S+')> returned NULL without .*"
 )
-# Replaces operator new for the whole process; only the extension has C++ in it.
-FAILING_NEW = """
-#include <cstdlib>
-#include <new>
-static long made = 0, failing = -1;
-extern "C" long news_before(long number) { long before = made; made = 0; failing = number; return before; }
-void* operator new(std::size_t size) {
-    void* memory = made++ == failing ? nullptr : std::malloc(size);
-    return memory ? memory : throw std::bad_alloc();
+# The extension itself asks the C library for memory where it throws, and nowhere else.
+FAILING_MALLOC = """
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <stddef.h>
+#include <string.h>
+extern void* __libc_malloc(size_t);
+static long made, failing = -1;
+long made_before(long number) { long before = made; made = 0; failing = number; return before; }
+void* malloc(size_t size) {
+    Dl_info caller;
+    if (failing >= 0 && dladdr(__builtin_return_address(0), &caller) && strstr(caller.dli_fname, "agent_onboarding"))
+        if (made++ == failing)
+            return NULL;
+    return __libc_malloc(size);
 }
 """
 
 
 def attempt(kind: str, act: Callable[[], Any], first: int, length: int) -> Future[Any] | None:
     """What comes of a call when memory ends; None if it never gets to number `first`, told only where but one fails."""
-    came, reached, testcapi = Future[Any](), True, importlib.import_module("_testcapi")
+    came, reached = Future[Any](), True
+    testcapi, library = importlib.import_module("_testcapi"), ctypes.CDLL(None)
     result = raised = None
-    if kind == "allocation":
+    if kind == OBJECTS:
         testcapi.set_nomemory(first, first + length)
     else:
-        ctypes.CDLL(None).news_before(first)
+        library.made_before(first)
     try:
         result = act()
     except BaseException as exc:
         raised = exc
     try:
-        if kind == "operator new":
-            reached = ctypes.CDLL(None).news_before(-1) > first
+        if kind == EXCEPTIONS:
+            reached = library.made_before(-1) > first
         elif length == 1:
             for _ in range(first + 10):
                 object()  # one of these fails where the call was done before
@@ -116,7 +125,7 @@ def spare_join() -> None:
 
 
 def points_of_call(name: str, kind: str, length: int) -> Callable[[int], str]:
-    """Answers for a number: "end" if the call never gets there, else "good" or what is bad."""
+    """Says for a number: "end" if the call never gets there, else "good" or what is bad."""
     scenarios = importlib.import_module("support.scenarios")
     call = scenarios.CALLS[name]
     call()
@@ -194,18 +203,19 @@ def tried(kind: str, *names: str) -> tuple[int, int, list[str]]:
 def run(workshop: Workshop) -> Iterator[Result]:
     if importlib.util.find_spec("_testcapi") is None:
         raise Missing("this interpreter comes without its test modules (_testcapi)")
-    temporary = tempfile.TemporaryDirectory()  # LD_PRELOAD ends a path at a blank, which the checkout's can have
-    source, library = workshop.folder / "failing_new.cpp", os.path.join(temporary.name, "failing_new.so")
-    source.write_text(FAILING_NEW)
-    subprocess.run([workshop.tool("c++"), "-O1", "-shared", "-fPIC", source, "-o", library], check=True)
-    calls = list(importlib.import_module("support.scenarios").CALLS)[:: 60 if workshop.quick else 1]
-    for names in [calls] if workshop.quick else [calls, [IMPORT]]:
-        for kind in LENGTHS:
-            variables = {**IN_MEMORY, **({"LD_PRELOAD": library} if kind == "operator new" else {})}
+    calls = list(importlib.import_module("support.scenarios").CALLS)
+    with tempfile.TemporaryDirectory() as folder:  # LD_PRELOAD ends a path at a blank, which the checkout's can have
+        library, compiler = f"{folder}/failing_malloc.so", [workshop.tool("cc"), "-shared", "-fPIC", "-xc", "-", "-o"]
+        subprocess.run([*compiler, library], input=FAILING_MALLOC, text=True, check=True)
+        for what, kind, names, variables in (
+            ("object of calls", OBJECTS, workshop.sample(calls, 60), IN_MEMORY),
+            ("C++ exception of calls", EXCEPTIONS, workshop.sample(calls, 10), {**IN_MEMORY, "LD_PRELOAD": library}),
+            ("object of the import", OBJECTS, [] if workshop.quick else [IMPORT], IN_MEMORY),
+        ):
             jobs = [(kind, *some) for n in range(20) if (some := names[n::20])]
-            answers = side_by_side(lambda job: workshop.answer("allocations.tried", *job, **variables), jobs)  # noqa: B023
-            points, lost, found = zip(*answers, strict=True)
-            what = IMPORT if names == [IMPORT] else f"{len(names)} calls"
-            yield Result(f"no memory: each {kind} of {what}", sum(points), [bad for one in found for bad in one])
-            if sum(lost):
-                yield Result("   of these, the interpreter lost the error of a Python function", sum(lost))
+            ask = functools.partial(workshop.answer, "allocations.tried", variables=variables)
+            seen = side_by_side(lambda job: ask(*job), jobs)  # noqa: B023
+            lost = {"the interpreter lost the error of a Python function": sum(lost for _, lost, _ in seen)}
+            bad = [text for *_, texts in seen for text in texts]
+            if names:
+                yield Result(f"no memory: each {what}, {len(names)}", sum(points for points, *_ in seen), bad, lost)

@@ -71,10 +71,9 @@ def run(workshop: Workshop) -> Iterator[Result]:
     built = workshop.folder / "coverage"
     shutil.rmtree(built, ignore_errors=True)  # counts of an earlier run would be added
     site = workshop.build("coverage", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=--coverage")
-    groups = ["key_file"] if workshop.quick else workshop.groups()
     # LD_PRELOAD tells the tests that frames are larger than those of a release.
-    yield Result("coverage: tests in the build that counts", *workshop.tests(*groups, LD_PRELOAD="", **site))
-    done = workshop.python("-m", "support.scenarios", **site)
+    yield Result("coverage: tests in the build that counts", *workshop.tests({**site, "LD_PRELOAD": ""}))
+    done = workshop.python("-m", "support.scenarios", variables=site)
     wrong = [f"ended with {done.returncode}: {done.stderr[-1000:]}"] if done.returncode else []
     yield Result("coverage: scenarios in the build that counts", len(CALLS), wrong)
     # Any call can throw, so the compiler puts a branch behind each; those are no decisions of the source.

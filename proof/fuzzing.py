@@ -15,7 +15,7 @@ from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 
-from proof.workshop import IN_MEMORY, Missing, Result, Workshop, side_by_side
+from proof.workshop import IN_MEMORY, Missing, Result, Variables, Workshop, side_by_side
 
 # What may be raised; what fuzzing begins with. ValueError: not JSON, not UTF-8, a number of more than 4,300 digits;
 # AttributeError: JSON, but not an object.
@@ -101,9 +101,9 @@ def execute(target: str, *options: str) -> None:
         ctypes.CDLL(None).LLVMFuzzerRunDriver(ctypes.byref(count), ctypes.byref(pointer), called)
 
 
-def clang(workshop: Workshop) -> tuple[str, str]:
+def clang(folder: str) -> tuple[str, str]:
     """The version of the newest clang that comes with all that is needed, and what to preload of it."""
-    library = workshop.folder / "libfuzzer.so"
+    library = f"{folder}/libfuzzer.so"
     for version in map(str, range(30, 14, -1)):
         if shutil.which(f"clang++-{version}"):
             parts = subprocess.getoutput(f"clang++-{version} --print-runtime-dir")
@@ -114,32 +114,34 @@ def clang(workshop: Workshop) -> tuple[str, str]:
     raise Missing("no clang++-15 or newer links with its fuzzer: sudo apt-get install clang-16 libclang-rt-16-dev")
 
 
-def fuzz(workshop: Workshop, site: dict[str, str], target: str) -> Result:
-    work, corpus = workshop.folder / "fuzz" / target, workshop.folder / "fuzz" / target / "corpus"
-    seed = TARGETS[target][1]
+def fuzz(workshop: Workshop, site: Variables, target: str) -> Result:
+    """Begins with the seed, and its words; what the inputs of the last run were is forgotten."""
+    work, runs, seed = workshop.folder / "fuzz" / target, 2_000 if workshop.quick else 100_000, TARGETS[target][1]
     shutil.rmtree(work, ignore_errors=True)
-    corpus.mkdir(parents=True)
+    (corpus := work / "corpus").mkdir(parents=True)
     (corpus / "seed").write_text(seed)
     (work / "words").write_text("".join(f'"{word}"\n' for word in re.findall(r"\w+", seed)))
-    runs = 2_000 if workshop.quick else 100_000
-    options = [f"-runs={runs}", "-max_total_time=600", "-max_len=2048", "-timeout=20", "-seed=1"]
-    options += ["-detect_leaks=0", "-print_final_stats=1", f"-dict={work}/words", f"-artifact_prefix={work}/"]
+    fixed = f"-runs={runs} -max_total_time=600 -max_len=2048 -timeout=20 -seed=1 -detect_leaks=0 -print_final_stats=1"
+    options = [*fixed.split(), f"-dict={work}/words", f"-artifact_prefix={work}/", str(corpus)]
     sanitizer = "detect_leaks=0:malloc_context_size=1:verify_asan_link_order=0"
-    variables = {"PYTHONMALLOC": "malloc", "ASAN_OPTIONS": sanitizer, **site}
-    text = f"from proof.fuzzing import execute; execute(*{[target, *options, str(corpus)]})"
-    done = workshop.python("-c", text, **variables, **IN_MEMORY)
+    variables = {"PYTHONMALLOC": "malloc", "ASAN_OPTIONS": sanitizer, **site, **IN_MEMORY}
+    done = workshop.python(
+        "-c", f"from proof.fuzzing import execute; execute(*{[target, *options]})", variables=variables
+    )
     executed = max(map(int, re.findall(r"number_of_executed_units: (\d+)", done.stderr)), default=0)
+    edges = [int(count) for count in re.findall(r" cov: (\d+)", done.stderr)] or [0]
     good = done.returncode == 0 and executed >= runs
     findings = [] if good else [f"ended with {done.returncode} after {executed:,} executions: {done.stderr[-3000:]}"]
-    edges = [int(count) for count in re.findall(r" cov: (\d+)", done.stderr)] or [0]
-    first, last = edges[0], edges[-1]
-    findings += ["what it makes up reaches nothing new"] if last <= first else []
-    return Result(f"fuzzing: {target}; {first} edges of the code by its seed, {last} in the end", executed, findings)
+    findings += ["what it makes up reaches nothing new"] if edges[-1] <= edges[0] else []
+    return Result(
+        f"fuzzing: {target}; {edges[0]} edges of the code by its seed, {edges[-1]} in the end", executed, findings
+    )
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    version, preloaded = clang(workshop)
-    # Its warnings differ from those of the compiler that the extension is written for.
-    options = f"-DCMAKE_CXX_COMPILER=clang++-{version}", "-DCMAKE_CXX_FLAGS=-w", "-DSANITIZE=fuzzer-no-link,address"
-    site = {**workshop.build(f"fuzz-{version}", *options), "LD_PRELOAD": preloaded}
-    yield from side_by_side(lambda target: fuzz(workshop, site, target), TARGETS)
+    with tempfile.TemporaryDirectory() as folder:  # LD_PRELOAD ends a path at a blank, which the checkout's can have
+        version, preloaded = clang(folder)
+        # Its warnings differ from those of the compiler that the extension is written for.
+        options = f"-DCMAKE_CXX_COMPILER=clang++-{version}", "-DCMAKE_CXX_FLAGS=-w", "-DSANITIZE=fuzzer-no-link,address"
+        site = {**workshop.build(f"fuzz-{version}", *options), "LD_PRELOAD": preloaded}
+        yield from side_by_side(lambda target: fuzz(workshop, site, target), TARGETS)

@@ -1,22 +1,22 @@
 """The kit's tests must notice small changes of its Python sources. The demo is left out: it is a check itself."""
 
 import ast
+import itertools
 import os
 import shutil
 import subprocess
 import sys
-import time
 from collections.abc import Iterator
-from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from queue import SimpleQueue
+from typing import Any
 
 import corvane
-from proof.mutants import AT_LEAST, PATIENCE, Mutant, draw, ends, results
+from proof.faults import Fault, Tests, draw, noticed, tests_of
 from proof.workshop import Result, Workshop
 
-LINES, WANTED = 50, 90.0  # of a file for each mutant, per cent that must be noticed
-PACKAGES = "corvane", "corvane_cli", "corvane_local", "corvane_pages"
+LINES, WANTED = 50, 90.0  # of a file for each fault, per cent that must be noticed
+PACKAGES, INSTALLED = ("corvane", "corvane_cli", "corvane_local", "corvane_pages"), Path(corvane.__path__[0]).parent
 
 # How the path of a file begins, the test files that see to it, which of their tests; the first line that fits.
 TESTS = (
@@ -99,98 +99,77 @@ def changed(node: ast.AST) -> Iterator[tuple[str, ast.expr | ast.stmt, str]]:
         case ast.Return(value) if value is not None and not isinstance(value, ast.Constant):
             yield "result", node, "return None"
     for field, inside in ast.iter_fields(node):
-        # Decorators are mostly texts and types of command lines.
-        if field not in ("annotation", "returns", "decorator_list", "bases", "type_params"):
+        # Decorators are mostly texts and types of command lines; a pattern cannot compute.
+        if field not in ("annotation", "returns", "decorator_list", "bases", "type_params", "pattern"):
             for below in inside if isinstance(inside, list) else [inside]:
                 if isinstance(below, ast.AST):
                     yield from changed(below)
 
 
-def candidates(file: str, text: str) -> list[Mutant]:
-    """Where the rules apply in one file."""
+def candidates(file: str, text: str) -> list[Fault]:
+    """Where the rules apply in one file; places are counted in bytes."""
     lines = text.encode().splitlines(keepends=True)
-    starts = [sum(map(len, lines[:number])) for number in range(len(lines))]
+    starts = [0, *itertools.accumulate(map(len, lines))]
     return [
-        Mutant(
-            *(file, node.lineno, rule, starts[node.lineno - 1] + node.col_offset),
+        Fault(
+            *(rule, file, node.lineno, lines[node.lineno - 1].decode(), starts[node.lineno - 1] + node.col_offset),
             *(starts[(node.end_lineno or 0) - 1] + (node.end_col_offset or 0), instead),
-            lines[node.lineno - 1].decode(),
         )
         for rule, node, instead in changed(ast.parse(text))
     ]
 
 
-class Place:
+class Kit:
     """An interpreter of its own, with a copy of the installed kit that can be changed."""
 
     def __init__(self, workshop: Workshop, number: int) -> None:
-        self.root, home = workshop.root, workshop.folder / f"kit-{number}"
+        self._workshop, home = workshop, workshop.folder / f"kit-{number}"
         shutil.rmtree(home, ignore_errors=True)
         subprocess.run([sys.executable, "-m", "venv", "--without-pip", home], check=True)
-        self._python = home / "bin" / "python"
-        installed = Path(corvane.__path__[0]).parent
-        [self._site] = home.glob("lib/python*/site-packages")
-        (self._site / "installed.pth").write_text(f"{installed}\n")  # behind what is copied
+        [self._site], self._python = home.glob("lib/python*/site-packages"), str(home / "bin" / "python")
+        (self._site / "installed.pth").write_text(f"{INSTALLED}\n")  # behind what is copied
         for package in PACKAGES:
-            shutil.copytree(installed / package, self._site / package, ignore=shutil.ignore_patterns("__pycache__"))
+            shutil.copytree(INSTALLED / package, self._site / package, ignore=shutil.ignore_patterns("__pycache__"))
         for name in ("corvane", "corvane-local"):
-            script = installed.parents[2] / "bin" / name
-            (home / "bin" / name).write_text(f"#!{self._python}\n{script.read_text().partition('\n')[2]}")
+            script = (INSTALLED.parents[2] / "bin" / name).read_text().partition("\n")[2]
+            (home / "bin" / name).write_text(f"#!{self._python}\n{script}")
             (home / "bin" / name).chmod(0o755)
 
-    def tests(self, names: str, which: str, seconds: float | None = None) -> str:
-        """How these tests end."""
-        options = "-m", "pytest", "-c", f"{self.root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "-k", which
-        files = [f"{self.root}/localkit/tests/test_{name}.py" for name in names.split()]
-        return ends([str(self._python), "-BP", *options, *files], seconds, self._site)
-
-    def tests_of(self, mutant: Mutant, seconds: float) -> str:
-        """How the tests of its file end with the change."""
-        path = self._site / mutant.file
+    def trial(self, fault: Fault | None, tests: Tests, seconds: float) -> Any:
+        """Runs tests with a fault in the copy, or without."""
+        path = self._site / (fault.file if fault else "corvane/__init__.py")
         content = path.read_bytes()
+        faulty = content[: fault.start] + fault.instead.encode() + content[fault.end :] if fault else content
+        ast.parse(faulty)  # what is not even Python, any test would notice
         try:
-            path.write_bytes(content[: mutant.start] + mutant.instead.encode() + content[mutant.end :])
-            return self.tests(*tests_of(mutant.file), seconds)
+            path.write_bytes(faulty)
+            return self._workshop.pytest(
+                self._workshop.root, "localkit/tests", *tests, interpreter=self._python, seconds=seconds
+            )
         finally:
             path.write_bytes(content)
 
 
-def tests_of(file: str) -> tuple[str, str]:
-    """The test files that see to a file of the kit, and which of their tests."""
-    return next((names, which) for beginning, names, which in TESTS if file.startswith(beginning))
-
-
 def run(workshop: Workshop, only: str = "") -> Iterator[Result]:
-    site = Path(corvane.__path__[0]).parent
-    paths = sorted(path for package in PACKAGES for path in (site / package).glob("*.py"))
-    texts = {str(path.relative_to(site)): path.read_text() for path in paths}
-    places, every = SimpleQueue[Place](), {file: candidates(file, text) for file, text in texts.items()}
-    unused: list[object] = [*RULES - {mutant.rule for some in every.values() for mutant in some}]
-    unused += [row for row in TESTS if row[1:] not in map(tests_of, texts)]
+    paths = sorted(path for package in PACKAGES for path in (INSTALLED / package).glob("*.py"))
+    texts = {str(path.relative_to(INSTALLED)): path.read_text() for path in paths}
+    every = {file: candidates(file, text) for file, text in texts.items()}
+    unused: list[object] = [*RULES - {fault.rule for faults in every.values() for fault in faults}]
+    unused += [row for row in TESTS if Tests(*row[1:]) not in (tests_of(file, TESTS) for file in texts)]
     unused += [row for row in EXPLAINED if row[1] not in texts.get(row[0], "")]
-    mutants = [one for file in every if only in file for one in draw(every[file], texts[file].count("\n") // LINES + 1)]
-    mutants = mutants[:: 12 if workshop.quick else 1]
-    for number in range(workers := os.cpu_count() or 1):
-        places.put(Place(workshop, number))
+    rows = len(RULES) + len(TESTS) + len(EXPLAINED)
+    yield Result("kit mutations: rules, tests and reasons, each fits a place", rows, list(map(str, unused)))
+    faults = [one for file in every if only in file for one in draw(every[file], texts[file].count("\n") // LINES + 1)]
+    kits = SimpleQueue[Kit]()
+    for number in range(os.cpu_count() or 1):
+        kits.put(Kit(workshop, number))
 
-    def plain(tests: tuple[str, str]) -> float:
-        began, place = time.monotonic(), places.get()
+    def trial(*given: Any) -> Any:
+        kit = kits.get()
         try:
-            if place.tests(*tests) != "passed":
-                raise RuntimeError(f"without any change these tests fail: {tests}")
-            return time.monotonic() - began
+            return kit.trial(*given)
         finally:
-            places.put(place)
+            kits.put(kit)
 
-    def tried(mutant: Mutant) -> str:
-        place = places.get()
-        try:
-            return place.tests_of(mutant, max(AT_LEAST, PATIENCE * times[tests_of(mutant.file)]))
-        finally:
-            places.put(place)
-
-    with ThreadPoolExecutor(workers) as pool:
-        needed = sorted({tests_of(mutant.file) for mutant in mutants})
-        times = dict(zip(needed, pool.map(plain, needed), strict=True))
-        seen = dict(zip(mutants, pool.map(tried, mutants), strict=True))
-    yield from results(f"kit mutations in {len(texts)} files", seen, WANTED, EXPLAINED, unused)
+    what = f"kit mutations: in {len(texts)} files"
+    yield noticed(what, trial, TESTS, workshop.sample(faults, 12), WANTED, len(faults), EXPLAINED)

@@ -1,26 +1,22 @@
 """The module's tests must notice small changes of its C++ sources."""
 
-import os
 import re
-import shlex
-import shutil
 from collections.abc import Iterator
-from pathlib import Path
 
-from proof.mutants import Mutant, draw, ends, results
-from proof.workshop import Result, Workshop, side_by_side
+from proof.faults import Copy, Fault, draw, fault_at, noticed
+from proof.workshop import Result, Workshop
 
-EACH, WANTED = 8, 95.0  # mutants of a file, per cent that must be noticed
-SECONDS = 300.0  # many times what the tests take, until a mutant has hung
-TESTS = {"eras": "eras", "runtime_loading": "runtime", "runtime_manifest": "runtime", "wallet_store": "key_file"}
-
-SELECTED = """#pragma once
-#include <cstdlib>
-inline bool mutant(int number) { return number == std::atoi(std::getenv("MUTANT")); }
-"""
+EACH, WANTED = 8, 95.0  # faults in a file, per cent that must be noticed
+# How the path of a file begins, the test files that see to it; the first row that fits.
+TESTS = (
+    ("eras", "promises differential eras"),
+    ("runtime_", "promises differential runtime"),
+    ("wallet_store", "promises differential key_file"),
+    ("", "promises differential surface runtime eras attacks"),
+)
 STEP = r"[a-z_]+(?:(?:\.|->)[a-z_]+)?\((?:(?!raise|throw|return|delete).)*\);"
+# Rule, what it looks for, what stands there instead; M is whether the fault is selected.
 RULES = (
-    # rule, what it looks for, what stands there instead; M is the selection
     (
         "message",
         r'(?:(?<=[(\[{])|(?<=, ))("(?:[^"\\\n]|\\.)* (?:[^"\\\n]|\\.)*[^"\\ ])"(_n)?(?=[,)\]])',
@@ -55,74 +51,37 @@ DECLARED = re.compile(
 EXPLAINED = (
     ("module.cpp", "set_item(interpreter_dict(), kept_as()", "matters where memory runs out in between: allocations"),
     ("py/call.hpp", "round_++ % rounds_between_checks", "signals are asked for in other rounds"),
+    ("py/function.cpp", "throw_error(PyExc_SystemError, ", "sources that contradict one another; no test would pass"),
     ("py/function.hpp", "PyErr_NoMemory()", "matters where memory runs out: allocations"),
     ("py/object.hpp", "Py_REFCNT(owned) > 1", "told only from a thread that outlives the interpreter: processes"),
     ("runtime_manifest.cpp", "bool ascending = true", "what is sorted is sorted once more"),
 )
 
 
-def candidates(file: str, text: str) -> Iterator[tuple[str, Mutant]]:
+def candidates(file: str, text: str) -> Iterator[tuple[str, Fault]]:
     """The pattern, and what it makes of a place, wherever the rules fit."""
-    lines = text.splitlines()
     for rule, pattern, template in RULES:
         for match in re.finditer(pattern, text, re.M):
-            line = lines[number := text.count("\n", 0, match.start())]
-            if not DECLARED.search(line) or re.search(r"\bif \(", line):
-                yield pattern, Mutant(file, number + 1, rule, *match.span(), match.expand(template), line)
+            fault = fault_at(rule, file, text, *match.span(), match.expand(template))
+            if not DECLARED.search(fault.source) or re.search(r"\bif \(", fault.source):
+                yield pattern, fault
 
 
-def copied_sources(workshop: Workshop, name: str, *folders: str) -> tuple[Path, str]:
-    """A copy of what the module, and what else is named, is built from; and the option that lets it select faults."""
-    copy = workshop.folder / name
-    shutil.rmtree(copy, ignore_errors=True)
-    for folder in ("src", "tools", *folders):
-        shutil.copytree(workshop.root / folder, copy / folder, ignore=shutil.ignore_patterns("__pycache__"))
-    shutil.copy(workshop.root / "CMakeLists.txt", copy)
-    (copy / "mutant.hpp").write_text(SELECTED)
-    return copy, f"-DCMAKE_CXX_FLAGS=-w -include {shlex.quote(str(copy / 'mutant.hpp'))}"
-
-
-def build(workshop: Workshop) -> tuple[dict[str, str], list[Mutant], list[object]]:
-    """One build with all mutants; the environment variable MUTANT selects one, number 1 the first of the list.
-
-    Last, the rules and reasons that fit nothing.
-    """
-    mutants, fitting, texts = list[Mutant](), set[str](), dict[str, str]()
-    copy, flags = copied_sources(workshop, "mutated")
-    source = copy / "src" / "agent_onboarding"
+def run(workshop: Workshop) -> Iterator[Result]:
+    copy, faults, fitting, texts = Copy(workshop, "mutations"), list[Fault](), set[str](), dict[str, str]()
+    source = copy.root / "src" / "agent_onboarding"
     for path in sorted([*source.glob("*.cpp"), *source.glob("py/*.[ch]pp")]):
         file = str(path.relative_to(source))
         texts[file] = text = path.read_text()
         found = list(candidates(file, text))
         fitting |= {pattern for pattern, _ in found}
-        for mutant in draw([mutant for _, mutant in found], EACH):
-            mutants.append(mutant)
-            instead = re.sub(r"\bM\b", f"mutant({len(mutants)})", mutant.instead)
-            text = text[: mutant.start] + instead + text[mutant.end :]
+        for fault in draw([fault for _, fault in found], EACH):
+            faults.append(fault)
+            text = text[: fault.start] + copy.selecting(fault, fault.instead) + text[fault.end :]
         path.write_text(text)
-    unused: list[object] = [rule for rule in RULES if rule[1] not in fitting]
-    unused += [row for row in EXPLAINED if row[1] not in texts.get(row[0], "")]
-    return workshop.build("mutants", "-DCMAKE_BUILD_TYPE=Debug", flags, source=copy), mutants, unused
-
-
-def run(workshop: Workshop) -> Iterator[Result]:
-    site, mutants, unused = build(workshop)
-
-    def ended(number: int, file: str) -> str:
-        """How the tests that see to a file end with a mutant."""
-        names = [
-            "promises",
-            "differential",
-            *TESTS.get(file.removesuffix(".cpp"), "surface runtime eras attacks").split(),
-        ]
-        # LD_PRELOAD tells the tests that frames are larger than those of a release.
-        variables = {**os.environ, **site, "LD_PRELOAD": "", "MUTANT": str(number)}
-        return ends(workshop.pytest(*names), SECONDS, workshop.folder, variables)
-
-    files = sorted({mutant.file for mutant in mutants})
-    if set(side_by_side(lambda file: ended(0, file), ["eras.cpp", "wallet_store.cpp", "any other"])) != {"passed"}:
-        raise RuntimeError("without any change the tests fail")
-    tried = list(enumerate(mutants, 1))[:: 12 if workshop.quick else 1]
-    seen = side_by_side(lambda one: ended(one[0], one[1].file), tried)
-    outcomes = dict(zip([mutant for _, mutant in tried], seen, strict=True))
-    yield from results(f"mutations in {len(files)} files", outcomes, WANTED, EXPLAINED, unused)
+    unused = [f"{rule}: {pattern}" for rule, pattern, _ in RULES if pattern not in fitting]
+    unused += [f"{file}: {text}" for file, text, _ in EXPLAINED if text not in texts.get(file, "")]
+    yield Result("mutations: rules and reasons, each fits a place", len(RULES) + len(EXPLAINED), unused)
+    copy.build()
+    what = f"mutations: in {len({fault.file for fault in faults})} files"
+    yield noticed(what, copy.trial, TESTS, workshop.sample(faults, 12), WANTED, len(faults), EXPLAINED)

@@ -1,46 +1,55 @@
-"""The meters themselves: each planted fault must be caught. That they are silent without one, their own proofs show."""
+"""The meters themselves: each fault planted for one must be caught. That they are silent without, their proofs show."""
 
 from collections.abc import Callable, Iterator
-from pathlib import Path
 
-from corvane import agent_onboarding
 from proof import sanitizers
-from proof.workshop import Result, Workshop
+from proof.allocations import OBJECTS
+from proof.faults import Copy, Fault
+from proof.workshop import Result, Variables, Workshop
 
-CALLS = "login", "register"  # scenarios; both reach the function that has the fault
-BUILDS = {"debug": "-DCMAKE_BUILD_TYPE=Debug", "asan": "-DSANITIZE=address,undefined", "tsan": "-DSANITIZE=thread"}
-# Build, and what the meter has seen in it.
-METERS: dict[str, tuple[str, Callable[..., object]]] = {
-    "leaks": ("debug", lambda w, **fault: w.answer("leaks.grown", *CALLS, **fault)),
-    "allocations": ("debug", lambda w, **fault: w.answer("allocations.tried", "allocation", *CALLS, **fault)[2]),
-    "valgrind": ("debug", lambda w, **fault: sanitizers.valgrind(w, *CALLS, **fault)),
-    "ASan": ("asan", lambda w, **fault: sanitizers.under(w, "libasan.so", "leaking", *CALLS, **fault)[1]),
-    "TSan": ("tsan", lambda w, **fault: sanitizers.under(w, "libtsan.so", "in_threads", 3, **fault)[1]),
-}
+# What goes wrong at the beginning of this function, which the calls reach.
+FILE, FUNCTION, CALLS = (
+    "entry_points.cpp",
+    "object normalize_key(const frame&, handle raw_key) {",
+    ("login", "register"),
+)
+BLOCK = "seen = *static_cast<volatile char*>(std::malloc(64)) = 1;"
+TEXT, READ = 'PyObject* text = PyUnicode_FromFormat("%d", 12345);', "seen = PyUnicode_GET_LENGTH(text);"
+SWALLOWING = 'try { add("0x"_n, raw_key); } catch (error&) { return {}; }'
+RACE = "Py_BEGIN_ALLOW_THREADS; seen = seen + 1; usleep(1000); Py_END_ALLOW_THREADS;"  # so that others come by
 # Fault, meter, what the meter has to say.
 PLANTED = (
-    ("leaked object", "leaks", "tracked objects grew"),
-    ("leaked block", "leaks", "malloc bytes grew"),
-    ("open descriptor", "leaks", "descriptors grew"),
-    ("leaked block", "ASan", "Direct leak of "),
-    ("use after free", "ASan", "heap-use-after-free"),
-    ("use after free", "valgrind", "Invalid read"),
-    ("overflow", "ASan", "signed integer overflow"),
-    ("no NULL check", "allocations", "Segmentation fault"),
-    ("swallowed error", "allocations", "SystemError"),
-    ("race", "TSan", "data race"),
+    ("leaked object", "PyList_New(0);", "leaks", "tracked objects grew"),
+    ("leaked block", BLOCK, "leaks", "malloc bytes grew"),
+    ("open descriptor", "seen = dup(0);", "leaks", "descriptors grew"),
+    ("no NULL check", f"{TEXT} {READ} Py_DECREF(text);", "allocations", "Segmentation fault"),
+    ("swallowed error", SWALLOWING, "allocations", "SystemError"),
+    ("use after free", f"{TEXT} Py_DECREF(text); {READ}", "valgrind", "Invalid read"),
+    ("use after free", f"{TEXT} Py_DECREF(text); {READ}", "ASan", "heap-use-after-free"),
+    ("leaked block", BLOCK, "ASan", "Direct leak of "),
+    ("overflow", "static volatile int most = INT_MAX; most = most + 1;", "ASan", "signed integer overflow"),
+    ("race", RACE, "TSan", "data race"),
 )
+METERS: dict[str, Callable[[Workshop, Variables], object]] = {
+    "leaks": lambda workshop, fault: workshop.answer("leaks.grown", *CALLS, variables=fault),
+    "allocations": lambda workshop, fault: workshop.answer("allocations.tried", OBJECTS, *CALLS, variables=fault),
+    "valgrind": lambda workshop, fault: sanitizers.valgrind(workshop, fault, *CALLS),
+    "ASan": lambda workshop, fault: sanitizers.leaks(workshop, fault, *CALLS),
+    "TSan": lambda workshop, fault: sanitizers.races(workshop, fault, 3),
+}
+BUILDS = {"ASan": "-DSANITIZE=address,undefined", "TSan": "-DSANITIZE=thread"}  # of meters that need one
+DEBUG = "-DCMAKE_BUILD_TYPE=Debug"
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    planted = PLANTED[:3] if workshop.quick else PLANTED
-    used = {METERS[meter][0] for _, meter, _ in planted}
-    sites = {name: workshop.build(f"planted-{name}", "-DPLANTED_FAULTS=ON", BUILDS[name]) for name in used}
-    missed = []
-    for fault, meter, says in planted:
-        build, look = METERS[meter]
-        if says not in (seen := str(look(workshop, PLANTED=fault, **sites[build]))):
-            missed.append(f"{meter} does not see {fault}: {seen}")
-    yield Result("planted faults: seen by the meter they are for", len(planted), missed)
-    shipped = [path for path in [str(agent_onboarding.__file__)] if b"PLANTED" in Path(path).read_bytes()]
-    yield Result("planted faults: none in the build that is installed", 1, shipped)
+    copy, planted, missed = Copy(workshop, "planted-faults"), PLANTED[: 3 if workshop.quick else None], list[str]()
+    faults = [(Fault(f"{what} for {meter}", FILE, 0, code), meter, says) for what, code, meter, says in planted]
+    code = [copy.selecting(fault, f"if (M) {{ static volatile long seen; {fault.source} }}") for fault, *_ in faults]
+    copy.replace(f"src/agent_onboarding/{FILE}", FUNCTION, "\n".join(["@", *code]))
+    for option in {BUILDS.get(meter, DEBUG): None for _, meter, _ in faults}:
+        copy.build(option)
+        for fault, meter, says in faults:
+            if BUILDS.get(meter, DEBUG) == option:
+                said = str(METERS[meter](workshop, copy.variables(fault)))
+                missed += [f"not seen: {fault.rule}: {said}"] * (says not in said)
+    yield Result("planted faults: each is seen by the meter it is for", len(planted), missed)

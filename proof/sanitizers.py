@@ -11,28 +11,30 @@ from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any
 
-from proof.workshop import Result, Workshop, descriptors
+from proof.workshop import Result, Variables, Workshop, descriptors
 from support.scenarios import CALLS, m
 
 HEADLINE = r"^(?:==\d+==)?\s*(?:ERROR|WARNING): .*|^(?:Direct|Indirect) leak .*"
 
 
-def environment(workshop: Workshop, library: str, asan: str = "detect_leaks=0") -> dict[str, str]:
+def under(workshop: Workshop, library: str, site: Variables, leaks: bool = True) -> Variables:
     """What a process with this sanitizer needs; each process that has something to say writes a file of its own."""
-    log = f"log_path={workshop.folder}/report"
+    log = f"log_path='{workshop.folder}/report'"
+    leaking = "detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=60" if leaks else "detect_leaks=0"
     # Without libstdc++ the first C++ throw ends the process.
     paths = [subprocess.getoutput(f"gcc -print-file-name={name}") for name in (library, "libstdc++.so")]
     return {
+        **site,
         "LD_PRELOAD": " ".join(paths),
         "PYTHONMALLOC": "malloc",  # or errors in Python objects are not seen
-        "ASAN_OPTIONS": f"{log}:detect_stack_use_after_return=1:strict_string_checks=1:{asan}",
+        "ASAN_OPTIONS": f"{log}:detect_stack_use_after_return=1:strict_string_checks=1:{leaking}",
         "UBSAN_OPTIONS": "print_stacktrace=1:halt_on_error=1",
         "TSAN_OPTIONS": f"{log}:exitcode=0",
     }
 
 
-def take_reports(workshop: Workshop) -> list[str]:
-    """The beginning of each report; what the interpreter loses is left out."""
+def reports(workshop: Workshop) -> list[str]:
+    """Takes them away, and gives the beginning of each; what the interpreter loses is left out."""
     found = []
     for path in workshop.folder.glob("report.*"):
         for block in re.split(rf"(?={HEADLINE})", path.read_text(errors="replace"), flags=re.M)[1:]:
@@ -42,38 +44,42 @@ def take_reports(workshop: Workshop) -> list[str]:
     return found
 
 
-def under(workshop: Workshop, library: str, function: str, *arguments: Any, **site: str) -> tuple[int, list[str]]:
-    """How many calls this function made in a process with a sanitizer, and what is wrong."""
-    # The sanitizer of threads does not cope with addresses that are drawn by lot.
-    wrapper = (workshop.tool("setarch"), "-R") if library == "libtsan.so" else ()
-    every_leak = "detect_leaks=1:fast_unwind_on_malloc=0:malloc_context_size=60"
-    variables = environment(workshop, library, every_leak) | site
+def counted(workshop: Workshop, function: str, *arguments: Any, **how: Any) -> tuple[int, list[str]]:
+    """How many calls a function of this file makes in a process with a sanitizer, and what is wrong."""
     try:
-        points = workshop.answer(f"sanitizers.{function}", *arguments, wrapper=wrapper, **variables)
+        points = workshop.answer(f"sanitizers.{function}", *arguments, **how)
     except RuntimeError as exc:
-        return 0, [*take_reports(workshop), str(exc)]  # which holds what UBSan says
-    return points, take_reports(workshop)
+        return 0, [*reports(workshop), str(exc)]  # which holds what UBSan says
+    return points, reports(workshop)
 
 
-def valgrind(workshop: Workshop, *names: str, **variables: str) -> list[str]:
+def leaks(workshop: Workshop, site: Variables, *names: str) -> tuple[int, list[str]]:
+    """What ASan, UBSan and LeakSanitizer say about these scenarios, or all."""
+    return counted(workshop, "leaking", *names, variables=under(workshop, "libasan.so", site))
+
+
+def races(workshop: Workshop, site: Variables, rounds: int) -> tuple[int, list[str]]:
+    """What ThreadSanitizer, which does not cope with addresses that are drawn by lot, says about threads."""
+    wrapper = workshop.tool("setarch"), "-R"
+    return counted(workshop, "in_threads", rounds, wrapper=wrapper, variables=under(workshop, "libtsan.so", site))
+
+
+def valgrind(workshop: Workshop, site: Variables, *names: str) -> tuple[int, list[str]]:
     """What valgrind says about these scenarios."""
-    wrapper = workshop.tool("valgrind"), "-q", "--error-exitcode=99", "--trace-children=no"
-    done = workshop.python("-m", "support.scenarios", *names, wrapper=wrapper, PYTHONMALLOC="malloc", **variables)
-    return done.stderr.splitlines()[:10] or ([f"ended with {done.returncode}"] if done.returncode else [])
+    wrapper, variables = (workshop.tool("valgrind"), "-q", "--error-exitcode=99"), {**site, "PYTHONMALLOC": "malloc"}
+    done = workshop.python("-m", "support.scenarios", *names, wrapper=wrapper, variables=variables)
+    return len(names), done.stderr.splitlines()[:10] or [f"ended with {done.returncode}"] * bool(done.returncode)
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    take_reports(workshop)  # of an earlier run
+    reports(workshop)  # of an earlier run
     site = workshop.build("asan", "-DSANITIZE=address,undefined")
-    groups = ["key_file"] if workshop.quick else workshop.groups()
-    passed, wrong = workshop.tests(*groups, **environment(workshop, "libasan.so"), **site)
-    yield Result("sanitizers: tests under ASan and UBSan", passed, wrong + take_reports(workshop))
-    yield Result("sanitizers: scenarios twice, with LeakSanitizer", *under(workshop, "libasan.so", "leaking", **site))
-    names = list(CALLS)[:: 60 if workshop.quick else 1]
-    yield Result("sanitizers: scenarios under valgrind", len(names), valgrind(workshop, *names))
-    rounds = 5 if workshop.quick else 100
-    seen = under(workshop, "libtsan.so", "in_threads", rounds, **workshop.build("tsan", "-DSANITIZE=thread"))
-    yield Result(f"sanitizers: 8 threads, {rounds} rounds under ThreadSanitizer", *seen)
+    passed, wrong = workshop.tests(under(workshop, "libasan.so", site, leaks=False))
+    yield Result("sanitizers: tests under ASan and UBSan", passed, wrong + reports(workshop))
+    yield Result("sanitizers: scenarios twice, with LeakSanitizer", *leaks(workshop, site))
+    yield Result("sanitizers: scenarios under valgrind", *valgrind(workshop, {}, *workshop.sample(CALLS, 60)))
+    site, rounds = workshop.build("tsan", "-DSANITIZE=thread"), 5 if workshop.quick else 100
+    yield Result(f"sanitizers: 8 threads, {rounds} rounds under ThreadSanitizer", *races(workshop, site, rounds))
 
 
 def leaking(*names: str) -> None:

@@ -1,5 +1,6 @@
 """What the methods of proof share: results, tools, builds, interpreters, forked children."""
 
+import contextlib
 import faulthandler
 import json
 import os
@@ -8,16 +9,22 @@ import shutil
 import signal
 import subprocess
 import sys
-from collections.abc import Callable, Iterable, Sequence
+import tempfile
+from collections.abc import Callable, Iterable, Mapping, Sequence
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
+from types import MappingProxyType
 from typing import Any, NamedTuple
 
 import corvane
 
-PACKAGES = {"c++": "g++", "setarch": "util-linux"}  # where the command is not their name
+PACKAGES = {"cc": "gcc", "setarch": "util-linux"}  # where the command is not their name
 # Where a million files are made faster.
 IN_MEMORY = {"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {}
+
+
+Variables = Mapping[str, str]  # of the environment
+Done = subprocess.CompletedProcess[str]
 
 
 class Missing(Exception):
@@ -25,11 +32,12 @@ class Missing(Exception):
 
 
 class Result(NamedTuple):
-    """What was looked at, in how many points, and what was found there."""
+    """What was looked at, in how many points, what was found there, and how many of the points were special."""
 
     what: str
     points: int
     findings: Sequence[str] = ()
+    of_these: Mapping[str, int] = MappingProxyType({})
 
 
 class Workshop:
@@ -41,17 +49,21 @@ class Workshop:
         self.folder = self.root / "build" / "proof"
         self.folder.mkdir(parents=True, exist_ok=True)
 
+    def sample[Item](self, items: Iterable[Item], step: int) -> list[Item]:
+        """All of them, or one in so many if only what takes seconds is wanted."""
+        return list(items)[:: step if self.quick else 1]
+
     def tool(self, command: str) -> str:
         """The path of a command."""
         if path := shutil.which(command):
             return path
         raise Missing(f"{command} is not installed: sudo apt-get install {PACKAGES.get(command, command)}")
 
-    def build(self, name: str, *options: str, source: Path | None = None) -> dict[str, str]:
-        """The variables with which the kit has another extension, built with these CMake options."""
-        built, site = self.folder / name, self.folder / f"{name}-site"
+    def build(self, name: str, *options: str, root: Path | None = None) -> Variables:
+        """Those with which the kit has another extension, built with these CMake options."""
+        built, site, root = self.folder / name, self.folder / f"{name}-site", root or self.root
         cmake = str(Path(sys.executable).with_name("cmake"))
-        where = "-S", str(source or self.root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}"
+        where = "-S", str(root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}"
         for command in ((*where, *options), ("--build", str(built), "-j2")):
             done = subprocess.run([cmake, *command], capture_output=True, text=True)
             if done.returncode != 0:
@@ -61,15 +73,31 @@ class Workshop:
         shutil.copytree(Path(corvane.__path__[0]), site / "corvane", ignore=ignored)
         [extension] = built.glob("agent_onboarding*.so")
         shutil.copy(extension, site / "corvane")
-        return {"PYTHONPATH": f"{site}:{self.root}:{self.root}/tests"}
+        return {"PYTHONPATH": f"{site}:{root}:{root}/tests"}
 
     def python(
-        self, *arguments: str, wrapper: Sequence[str] = (), **variables: str
-    ) -> subprocess.CompletedProcess[str]:
-        """Runs an interpreter, with more environment variables."""
-        full = {**os.environ, "PYTHONPATH": f"{self.root}:{self.root}/tests", **variables}
-        command = [*wrapper, sys.executable, "-P", *arguments]
-        return subprocess.run(command, env=full, capture_output=True, text=True, timeout=1200, cwd=self.folder)
+        self,
+        *arguments: str,
+        variables: Variables = MappingProxyType({}),
+        wrapper: Sequence[str] = (),
+        interpreter: str = sys.executable,
+        seconds: float = 1200,
+    ) -> Done:
+        """Runs an interpreter, with more environment variables; nothing that it starts is left behind."""
+        environment = {**os.environ, "PYTHONPATH": f"{self.root}:{self.root}/tests", **variables}
+        command = [*wrapper, interpreter, "-P", *arguments]
+        # Files, since whoever inherits a pipe can hold it open for longer.
+        with tempfile.TemporaryFile("w+") as out, tempfile.TemporaryFile("w+") as err:
+            how: Any = {"cwd": self.folder, "stdin": subprocess.DEVNULL, "stdout": out, "stderr": err}
+            with subprocess.Popen(command, env=environment, start_new_session=True, **how) as process:
+                try:
+                    status = process.wait(seconds)
+                finally:
+                    with contextlib.suppress(ProcessLookupError):
+                        os.killpg(process.pid, signal.SIGKILL)
+            out.seek(0)
+            err.seek(0)
+            return Done(command, status, out.read(), err.read())
 
     def answer(self, function: str, *arguments: Any, **how: Any) -> Any:
         """What a function, such as "leaks.grown", returns in an interpreter of its own."""
@@ -80,23 +108,20 @@ class Workshop:
             raise RuntimeError(f"{function}{arguments} ended with {done.returncode}: {done.stderr[-20000:]}")
         return json.loads(done.stdout)
 
-    def groups(self) -> list[str]:
-        """The test files that use the extension and have no builds of their own."""
+    def pytest(self, root: Path, folder: str, names: str, which: str = "", **how: Any) -> Done:
+        """Runs test files of a folder, such as "eras surface", in a checkout, until a test fails."""
+        options = "-c", f"{root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line", "-k", which
+        files = [f"{root}/{folder}/test_{name}.py" for name in names.split()]
+        return self.python("-m", "pytest", *options, *files, **how)
+
+    def tests(self, variables: Variables) -> tuple[int, list[str]]:
+        """How many tests of the module pass, without those that have builds of their own, and what fails."""
         names = {path.stem.removeprefix("test_") for path in (self.root / "tests").glob("test_*.py")}
-        return sorted(names - {"docs", "proof", "wheel"})
-
-    def pytest(self, *groups: str) -> list[str]:
-        """The command that runs these test files of the module until one fails."""
-        options = "-c", f"{self.root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line"
-        files = [f"{self.root}/tests/test_{name}.py" for name in groups]
-        return [sys.executable, "-P", "-m", "pytest", *options, *files]
-
-    def tests(self, *groups: str, **variables: str) -> tuple[int, list[str]]:
-        """How many tests of these files pass, and what pytest has to complain about."""
-        done = side_by_side(lambda group: self.python(*self.pytest(group)[2:], **variables), groups)
+        chosen = ["key_file"] if self.quick else sorted(names - {"docs", "proof", "wheel"})
+        done = side_by_side(lambda name: self.pytest(self.root, "tests", name, variables=variables), chosen)
         passed = [int(found[1]) for one in done if (found := re.search(r"^(\d+) passed", one.stdout, re.M))]
         wrong = [one.stdout[-1500:] + one.stderr[-500:] for one in done if one.returncode]
-        return sum(passed), wrong + ["some files have no tests"] * (len(passed) + len(wrong) < len(groups))
+        return sum(passed), wrong + ["some files have no tests"] * (len(passed) + len(wrong) < len(chosen))
 
 
 def side_by_side[Item, Answer](act: Callable[[Item], Answer], items: Iterable[Item]) -> list[Answer]:
