@@ -515,7 +515,8 @@ def universes():
         (None, None), ({}, None), ({"named_universe": " us "}, "us"), ({"allowed_named_universes": ["..", "b"]}, "b"),
         ({"allowed_named_universes": "b", "named_universe": "c"}, "b"),
         ({"signal_pools": [5, {}, {"allowed_named_universes": ["..", " a"]}], "allowed_named_universes": "b"}, "a"),
-        ({"signal_pools": [{"allowed_named_universes": "/"}], "named_universe": "c"}, "c"),
+        ({"signal_pools": [{"allowed_named_universes": "/"}, {"allowed_named_universes": ["..", "/"]}],
+          "named_universe": "c"}, "c"),
     ):
         yield f"first name: {era}"[:60], call(first, era), f"returned {found!r}"
     resolve = call("_resolve_active_named_universe", manager())
