@@ -3,7 +3,6 @@
 import contextlib
 import ctypes
 import dataclasses
-import functools
 import gc
 import importlib
 import importlib.util
@@ -20,7 +19,7 @@ from collections.abc import Callable, Iterator
 from concurrent.futures import Future
 from typing import Any
 
-from proof.workshop import IN_MEMORY, Missing, Result, Workshop, descriptors, in_children, side_by_side
+from proof.workshop import IN_MEMORY, Missing, Result, Workshop, descriptors, in_children
 
 # By kind: so many in a row fail, beginning at each, at each, at each 66th.
 OBJECTS, EXCEPTIONS = "object", "C++ exception"
@@ -210,12 +209,9 @@ def run(workshop: Workshop) -> Iterator[Result]:
         for what, kind, names, variables in (
             ("object of calls", OBJECTS, workshop.sample(calls, 60), IN_MEMORY),
             ("C++ exception of calls", EXCEPTIONS, workshop.sample(calls, 10), {**IN_MEMORY, "LD_PRELOAD": library}),
-            ("object of the import", OBJECTS, [] if workshop.quick else [IMPORT], IN_MEMORY),
-        ):
-            jobs = [(kind, *some) for n in range(20) if (some := names[n::20])]
-            ask = functools.partial(workshop.answer, "allocations.tried", variables=variables)
-            seen = side_by_side(lambda job: ask(*job), jobs)  # noqa: B023
+            ("object of the import", OBJECTS, [IMPORT], IN_MEMORY),
+        )[: 2 if workshop.quick else 3]:
+            seen = workshop.shared_out("allocations.tried", names, kind, variables=variables)
             lost = {"the interpreter lost the error of a Python function": sum(lost for _, lost, _ in seen)}
             bad = [text for *_, texts in seen for text in texts]
-            if names:
-                yield Result(f"no memory: each {what}, {len(names)}", sum(points for points, *_ in seen), bad, lost)
+            yield Result(f"no memory: each {what}, {len(names)}", sum(points for points, *_ in seen), bad, lost)

@@ -6,13 +6,13 @@ import importlib
 import itertools
 import os
 import random
-import threading
 import time
 import types
 from collections.abc import Callable, Iterator
+from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
-from proof.workshop import Result, Workshop, in_children
+from proof.workshop import Result, Workshop, in_children, kept
 from support import scenarios
 from support.scenarios import CALLS, patched
 
@@ -20,37 +20,21 @@ Act = Callable[[], Any]
 greenlet: Any = importlib.import_module("greenlet").greenlet
 
 
-def kept(act: Act) -> Act:
-    """Makes the call; the result gives what came of it."""
-    try:
-        came = act()
-    except BaseException as exc:
-        return functools.partial(fail, exc)
-    return lambda: came
-
-
-def fail(exc: BaseException) -> None:
-    raise exc
-
-
 def in_thread(act: Act) -> Any:
-    done: list[Act] = []
-    thread = threading.Thread(target=lambda: done.append(kept(act)))
-    thread.start()
-    thread.join()
-    return done[0]()
+    with ThreadPoolExecutor(1) as pool:
+        return pool.submit(act).result()
 
 
 def in_task(act: Act) -> Any:
     """Beside another task; it keeps what is raised, since an event loop has its own way with some exceptions."""
 
-    async def task() -> Act:
-        return kept(act)
-
     async def both() -> Any:
         return (await asyncio.gather(task(), asyncio.sleep(0)))[0]
 
-    return asyncio.run(both())()
+    async def task() -> Any:
+        return kept(act)
+
+    return asyncio.run(both()).result()
 
 
 def in_generator(act: Act) -> Any:
@@ -89,9 +73,8 @@ class Lying(str):
 
 def with_hostile_keyword(act: Act) -> Any:
     for name, word in itertools.product(("update_nudge", "inject_heartbeat", "login"), ("working_dir", "n", "trigger")):
-        with_word = functools.partial(getattr(scenarios.m, name), **{Lying(word): "era_change"})
         try:
-            with_word()
+            getattr(scenarios.m, name)(**{Lying(word): "era_change"})
         except TypeError as exc:
             scenarios.say(str(exc))
     return act()
@@ -103,27 +86,19 @@ WAYS: tuple[Callable[[Act], Any], ...] = (
 )
 
 
-def ours() -> dict[str, types.FunctionType]:
-    module = scenarios.m
-    functions = {n: f for n, f in vars(module).items() if isinstance(f, types.FunctionType)}
-    return {name: f for name, f in functions.items() if f.__module__ == module.__name__}
-
-
 def copied(function: types.FunctionType) -> types.FunctionType:
     """Another function of the same code, in the same namespace."""
-    made = types.FunctionType(
-        function.__code__, function.__globals__, function.__name__, function.__defaults__, function.__closure__
-    )
-    made.__kwdefaults__ = function.__kwdefaults__
-    made.__module__ = function.__module__
+    given = function.__globals__, function.__name__, function.__defaults__, function.__closure__
+    made = types.FunctionType(function.__code__, *given)
+    made.__kwdefaults__, made.__module__ = function.__kwdefaults__, function.__module__
     return made
 
 
-# What takes the place of the module's functions in their namespace.
-INSTEAD: tuple[Callable[[types.FunctionType], Any], ...] = (
-    *(functools.partial, staticmethod, copied),
-    lambda function: functools.wraps(function)(lambda *args, **kwargs: function(*args, **kwargs)),
-)
+def wrapped(function: types.FunctionType) -> Any:
+    return functools.wraps(function)(lambda *args, **kwargs: function(*args, **kwargs))
+
+
+INSTEAD: tuple[Callable[[Any], Any], ...] = functools.partial, staticmethod, copied, wrapped
 
 
 class Sharing:
@@ -135,18 +110,19 @@ def drawn(seed: int) -> str:
     comparison: Any = importlib.import_module("support.comparison")
     draw = random.Random(seed)
     name, way, strike = draw.choice(list(CALLS)), draw.choice(WAYS), draw.choice(list(comparison.STRIKES))
+    at = draw.choice((None, *range(1, 12)))
     replaced, instead = draw.randrange(6), draw.choice(INSTEAD)
 
     def attacked(undo: Any) -> None:
-        functions = sorted(ours().items())
-        chosen = random.Random(seed).sample(functions, replaced)
-        sharing = Sharing()
-        sharing.__dict__ = vars(scenarios.m)
-        patched(sharing, **{name: instead(function) for name, function in chosen})(undo)
+        """Some functions of the namespace are replaced, through another object that shares it."""
+        module, sharing = scenarios.m, Sharing()
+        ours = [n for n, f in vars(module).items() if getattr(f, "__code__", 0) and f.__module__ == module.__name__]
+        chosen = random.Random(seed).sample(sorted(ours), replaced)
+        sharing.__dict__ = vars(module)
+        patched(sharing, **{name: instead(vars(module)[name]) for name in chosen})(undo)
 
     call = CALLS[name]
     try:
-        at = draw.choice((None, *range(1, 12)))
         comparison.same(lambda: way(call.act), *call.prepare, attacked, strike_at=at, strike=comparison.STRIKES[strike])
     except AssertionError as exc:
         return f"attack {seed}, {name}, {strike} at {at}: {exc}"
@@ -163,8 +139,6 @@ def attacks(seconds: float, first: int) -> Iterator[str]:
 
 def run(workshop: Workshop) -> Iterator[Result]:
     seconds = 5.0 if workshop.quick else 60.0
-    said = in_children([functools.partial(attacks, seconds, first) for first in range(os.cpu_count() or 1)])
-    made = [text for child in said for text in child]
-    yield Result(
-        f"attacks: random ones in {seconds:.0f} s, as in plain Python", len(made), [text for text in made if text]
-    )
+    said = in_children(functools.partial(attacks, seconds, first) for first in range(os.cpu_count() or 1))
+    made = list(itertools.chain.from_iterable(said))
+    yield Result(f"attacks: random ones in {seconds:.0f} s, as in plain Python", len(made), list(filter(None, made)))

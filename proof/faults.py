@@ -112,7 +112,7 @@ class Copy:
         """Runs tests of the copy with a fault, or without."""
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
         how: Any = {"variables": {**self.variables(fault), "LD_PRELOAD": ""}, "seconds": seconds}
-        return self._workshop.pytest(self.root, "tests", *tests, **how)
+        return self._workshop.pytest(self.root, "tests", tests.names, "-k", tests.which, **how)
 
 
 def noticed(
@@ -156,7 +156,7 @@ def noticed(
     # What a sample shows varies: less than three standard errors below what is wanted, it shows nothing.
     possible = max(1, len(faults) - known)
     error = math.sqrt(wanted * (100 - wanted) / possible) if len(faults) < all_of else 0
-    share, least = 100 * count["failed"] / possible, wanted - 3 * error
+    share, least = 100 - 100 * (len(faults) - known - count["failed"]) / possible, wanted - 3 * error
     said = f"{share:.1f} % of what can be noticed is; wanted: {least:.1f} %" + " of a sample" * bool(error)
     figures = {"noticed": count["failed"], "cannot be noticed, for a known reason": known, "tests hang": count["hung"]}
     return Result(f"{what}; {said}", len(faults), [said] if share < least else [], figures)

@@ -3,7 +3,6 @@
 import contextlib
 import ctypes
 import importlib
-import json
 import os
 import re
 import shutil
@@ -11,30 +10,57 @@ import subprocess
 import tempfile
 import traceback
 import types
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any
 
 from proof.workshop import IN_MEMORY, Missing, Result, Variables, Workshop, side_by_side
 
-# What may be raised; what fuzzing begins with. ValueError: not JSON, not UTF-8, a number of more than 4,300 digits;
-# AttributeError: JSON, but not an object.
-TARGETS: dict[str, tuple[tuple[type[Exception], ...], str]] = {
-    "manifest": (
+
+def manifest(m: Any, data: bytes) -> object:
+    Path("manifest.json").write_bytes(data)
+    read = m._read_manifest(".")
+    entries = list(m._runtime_module_manifest_entries(read))
+    return read, entries, m._select_runtime_module_manifest_entry(read, "era_data")
+
+
+def eras(m: Any, data: bytes) -> object:
+    response = types.SimpleNamespace(status=200, read=lambda: data)
+    m.urllib.request.urlopen = lambda *args, **kwargs: contextlib.nullcontext(response)
+    return m._resolve_active_named_universe(types.SimpleNamespace(get_token=lambda: "token"))
+
+
+def key(m: Any, data: bytes) -> object:
+    Path("wallet.key").write_bytes(data)
+    return m._normalize_key(m._read_wallet_key("."))
+
+
+def heartbeat(m: Any, data: bytes) -> object:
+    path = Path("HEARTBEAT.md")
+    path.write_bytes(data)
+    m.inject_heartbeat(".")
+    m.update_nudge("first_signal")
+    after = path.read_bytes()
+    with contextlib.suppress(UnicodeDecodeError):
+        text = data.decode().replace("\r\n", "\n").replace("\r", "\n")
+        assert after.decode().startswith(text), "text of the file was lost"
+    return after
+
+
+# What reads it; what it may raise; what fuzzing begins with. ValueError: not JSON, not UTF-8, a number of more than
+# 4,300 digits; AttributeError: JSON, but not an object.
+TARGETS: dict[Callable[[Any, bytes], object], tuple[tuple[type[Exception], ...], str]] = {
+    manifest: (
         (ValueError, AttributeError, RecursionError),
         '{"era_id": 1e999, "files": {"b": {"kind": "runtime_module:era_data", "sha256": "0", "platform": ""}}}',
     ),
-    "eras": (
+    eras: (
         (RuntimeError, ValueError),
         '{"eras": [{"state": "active", "universes": [{"id": "x", "name": 1}], "named_universe": "u",'
         '"signal_pools": [{"allowed_named_universes": []}]}]}',
     ),
-    "key": ((ValueError,), "0x" + "5A" * 32 + "\n"),
-    "heartbeat": ((), "# Mine\r\nb\rc\n## [Corvane] Search Monitoring\nFirst signal found!"),
-    "configure": (
-        (ValueError,),
-        '{"auto_heartbeat": true, "data_dir": "e", "server_url": "http://127.0.0.1", "named_universe": " u "}',
-    ),
+    key: ((ValueError,), "0x" + "5A" * 32 + "\n"),
+    heartbeat: ((), "# Mine\r\nb\rc\n## [Corvane] Search Monitoring\nFirst signal found!"),
 }
 
 
@@ -43,39 +69,8 @@ def execute(target: str, *options: str) -> None:
     native: Any = importlib.import_module("corvane.agent_onboarding")
     twin: Any = importlib.import_module("support.twin")
     native.logger.disabled = True
-    defaults = dict(native._config)
-
-    def manifest(m: Any, data: bytes) -> object:
-        Path("manifest.json").write_bytes(data)
-        read = m._read_manifest(".")
-        entries = list(m._runtime_module_manifest_entries(read))
-        return read, entries, m._select_runtime_module_manifest_entry(read, "era_data")
-
-    def eras(m: Any, data: bytes) -> object:
-        response = types.SimpleNamespace(status=200, read=lambda: data)
-        m.urllib.request.urlopen = lambda *args, **kwargs: contextlib.nullcontext(response)
-        return m._resolve_active_named_universe(types.SimpleNamespace(get_token=lambda: "token"))
-
-    def key(m: Any, data: bytes) -> object:
-        Path("wallet.key").write_bytes(data)
-        return m._normalize_key(m._read_wallet_key("."))
-
-    def heartbeat(m: Any, data: bytes) -> object:
-        path = Path("HEARTBEAT.md")
-        path.write_bytes(data)
-        m.inject_heartbeat(".")
-        m.update_nudge("first_signal")
-        after = path.read_bytes()
-        with contextlib.suppress(UnicodeDecodeError):
-            text = data.decode().replace("\r\n", "\n").replace("\r", "\n")
-            assert after.decode().startswith(text), "text of the file was lost"
-        return after
-
-    def configure(m: Any, data: bytes) -> object:
-        options = json.loads(data)
-        return m.configure(**options) if isinstance(options, dict) else None
-
-    act, stated = locals()[target], TARGETS[target][0]
+    act = globals()[target]
+    defaults, stated = dict(native._config), TARGETS[act][0]
 
     def outcome(m: Any, data: bytes) -> tuple[str, object]:
         m._config = dict(defaults)
@@ -114,9 +109,9 @@ def clang(folder: str) -> tuple[str, str]:
     raise Missing("no clang++-15 or newer links with its fuzzer: sudo apt-get install clang-16 libclang-rt-16-dev")
 
 
-def fuzz(workshop: Workshop, site: Variables, target: str) -> Result:
+def fuzz(workshop: Workshop, site: Variables, target: str, seed: str) -> Result:
     """Begins with the seed, and its words; what the inputs of the last run were is forgotten."""
-    work, runs, seed = workshop.folder / "fuzz" / target, 2_000 if workshop.quick else 100_000, TARGETS[target][1]
+    work, runs = workshop.folder / "fuzz" / target, 2_000 if workshop.quick else 100_000
     shutil.rmtree(work, ignore_errors=True)
     (corpus := work / "corpus").mkdir(parents=True)
     (corpus / "seed").write_text(seed)
@@ -144,4 +139,4 @@ def run(workshop: Workshop) -> Iterator[Result]:
         # Its warnings differ from those of the compiler that the extension is written for.
         options = f"-DCMAKE_CXX_COMPILER=clang++-{version}", "-DCMAKE_CXX_FLAGS=-w", "-DSANITIZE=fuzzer-no-link,address"
         site = {**workshop.build(f"fuzz-{version}", *options), "LD_PRELOAD": preloaded}
-        yield from side_by_side(lambda target: fuzz(workshop, site, target), TARGETS)
+        yield from side_by_side(lambda one: fuzz(workshop, site, one[0].__name__, one[1][1]), TARGETS.items())

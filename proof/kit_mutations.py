@@ -143,9 +143,8 @@ class Kit:
         ast.parse(faulty)  # what is not even Python, any test would notice
         try:
             path.write_bytes(faulty)
-            return self._workshop.pytest(
-                self._workshop.root, "localkit/tests", *tests, interpreter=self._python, seconds=seconds
-            )
+            how = {"interpreter": self._python, "seconds": seconds}
+            return self._workshop.pytest(self._workshop.root, "localkit/tests", tests.names, "-k", tests.which, **how)
         finally:
             path.write_bytes(content)
 

@@ -10,7 +10,7 @@ from collections import Counter
 from collections.abc import Callable, Iterable, Iterator
 from typing import Any
 
-from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
+from proof.workshop import Result, Workshop, descriptors, in_children
 from support.scenarios import CALLS, Call, base, m, manager, native, outcome, patched
 
 LOST = "SameFileError", "ImportError", "FileNotFoundError"  # the copy came, or went, while it was made or loaded
@@ -134,23 +134,19 @@ def in_a_storm(rounds: int) -> Counter[str]:
     return interrupts(STORMY * rounds, after, range(20, 400, 10))
 
 
-def told(what: str, seen: Counter[str]) -> Iterator[Result]:
+def told(what: str, seen: Counter[str]) -> Result:
     wrong = [f"{came} ({times} times)" for came, times in seen.items() if came not in ("raised", REPORTED)]
-    yield Result(f"interrupts: {what}", seen.total(), wrong)
-    if seen[REPORTED]:
-        yield Result(f"   of these, {REPORTED}", seen[REPORTED])
+    return Result(f"interrupts: {what}", seen.total(), wrong, {REPORTED: seen[REPORTED]})
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
-    quick = workshop.quick
-    processes, loads = (4, 5) if quick else (16, 40)
-    for what, builds in (("the same build", 1), ("five builds and pruning", 5)):
+    processes, loads, rounds = (4, 5, 1) if workshop.quick else (16, 40, 10)
+    for what, builds in ("the same build", 1), ("five builds and pruning", 5):
         found, lost = loading(builds, processes, loads)
-        yield Result(f"processes: {processes} load {what}", processes * loads, found)
-        yield Result("   of these, as documented, lost to one another", lost)
+        figures = {"lost to one another, as documented": lost}
+        yield Result(f"processes: {processes} load {what}", processes * loads, found, figures)
     yield Result("processes: forks in the middle of a call", 20, list(forked_in_the_middle()))
-    names = list(CALLS)[:: 30 if quick else 1]
-    parts = [part for n in range(20) if (part := names[n::20])]
-    seen = side_by_side(lambda part: Counter(workshop.answer("processes.at_each_event", *part)), parts)
-    yield from told(f"at each traced event of {len(names)} calls", sum(seen, Counter[str]()))
-    yield from told("by a signal every 10 us", in_a_storm(1 if quick else 10))
+    names = workshop.sample(CALLS, 30)
+    seen = map(Counter[str], workshop.shared_out("processes.at_each_event", names))
+    yield told(f"at each traced event of {len(names)} calls", sum(seen, Counter[str]()))
+    yield told("by a signal every 10 us", in_a_storm(rounds))

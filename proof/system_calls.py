@@ -10,11 +10,10 @@ import threading
 import time
 from collections import Counter
 from collections.abc import Iterator
-from concurrent.futures import Future
 from pathlib import Path
 from typing import Any
 
-from proof.workshop import Result, Workshop, descriptors, in_children, side_by_side
+from proof.workshop import Result, Workshop, descriptors, in_children, kept, side_by_side
 from support import scenarios as e
 
 # Memory, signals and what cannot fail.
@@ -53,17 +52,14 @@ def traced(call: Any, *options: str) -> tuple[str, list[tuple[str, int, str]], s
 
     def child() -> Iterator[str]:
         ctypes.CDLL(None).prctl(0x59616D61, -1, 0, 0, 0)  # PR_SET_PTRACER: a child may trace us
-        came, status, text = Future[Any](), os.open("/proc/self/status", os.O_RDONLY), bytearray(4096)
+        status, text = os.open("/proc/self/status", os.O_RDONLY), bytearray(4096)
         command = ["strace", "-qq", "-o", str(log), "-p", str(os.getpid()), *options]
         strace = os.posix_spawnp("strace", command, os.environ)  # makes no call of the system after this one
         while os.preadv(status, [text], 0) and b"TracerPid:\t0\n" in text:  # by calls that the scenarios do not make
             time.sleep(0.001)
         before = descriptors()
         os.getppid()  # a mark
-        try:
-            came.set_result(call.act())
-        except Exception as exc:
-            came.set_exception(exc)
+        came = kept(call.act)
         os.getppid()
         left = descriptors() - before
         os.kill(strace, signal.SIGTERM)
@@ -128,11 +124,12 @@ def run(workshop: Workshop) -> Iterator[Result]:
     workshop.tool("strace")
     names = ["read"] if workshop.quick else list(KEYS)
     jobs = [(name, fatal, of) for name in names for fatal, of in ((False, OURS), (False, "support.twin"), (True, OURS))]
-    seen = side_by_side(lambda j: workshop.answer("system_calls.failing", *j[:2], MODULE_CALLED=j[2]), jobs)
+    seen = side_by_side(
+        lambda j: workshop.answer("system_calls.failing", *j[:2], variables={"MODULE_CALLED": j[2]}), jobs
+    )
     for name, failed, twins, killed in zip(names, seen[::3], seen[1::3], seen[2::3], strict=True):
         found, ends = not_as_expected(KEYS[name], failed, twins, killed)
         # The first of each is the run without a failure.
+        empty = {"between truncation and write, with an empty wallet.key": sum(point[5] == "" for point in killed)}
         yield Result(f"system calls: {name}, each fails in {len(ERRORS)} ways", len(failed) - 1, found)
-        yield Result(f"system calls: {name}, killed at each of them", len(killed) - 1, ends)
-        if empty := sum(point[5] == "" for point in killed):
-            yield Result("   of these, between truncation and write, with an empty wallet.key", empty)
+        yield Result(f"system calls: {name}, killed at each of them", len(killed) - 1, ends, empty)

@@ -11,7 +11,7 @@ import subprocess
 import sys
 import tempfile
 from collections.abc import Callable, Iterable, Mapping, Sequence
-from concurrent.futures import ThreadPoolExecutor
+from concurrent.futures import Future, ThreadPoolExecutor
 from pathlib import Path
 from types import MappingProxyType
 from typing import Any, NamedTuple
@@ -108,26 +108,40 @@ class Workshop:
             raise RuntimeError(f"{function}{arguments} ended with {done.returncode}: {done.stderr[-20000:]}")
         return json.loads(done.stdout)
 
-    def pytest(self, root: Path, folder: str, names: str, which: str = "", **how: Any) -> Done:
+    def shared_out(self, function: str, names: Sequence[str], *arguments: Any, **how: Any) -> list[Any]:
+        """What a function returns for names that come last among its arguments, a part of them in each interpreter."""
+        parts = [part for n in range(20) if (part := names[n::20])]
+        return side_by_side(lambda part: self.answer(function, *arguments, *part, **how), parts)
+
+    def pytest(self, root: Path, folder: str, names: str, *options: str, **how: Any) -> Done:
         """Runs test files of a folder, such as "eras surface", in a checkout, until a test fails."""
-        options = "-c", f"{root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line", "-k", which
+        fixed = "-c", f"{root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line"
         files = [f"{root}/{folder}/test_{name}.py" for name in names.split()]
-        return self.python("-m", "pytest", *options, *files, **how)
+        return self.python("-m", "pytest", *fixed, *options, *files, **how)
 
     def tests(self, variables: Variables) -> tuple[int, list[str]]:
         """How many tests of the module pass, without those that have builds of their own, and what fails."""
         names = {path.stem.removeprefix("test_") for path in (self.root / "tests").glob("test_*.py")}
-        chosen = ["key_file"] if self.quick else sorted(names - {"docs", "proof", "wheel"})
-        done = side_by_side(lambda name: self.pytest(self.root, "tests", name, variables=variables), chosen)
-        passed = [int(found[1]) for one in done if (found := re.search(r"^(\d+) passed", one.stdout, re.M))]
-        wrong = [one.stdout[-1500:] + one.stderr[-500:] for one in done if one.returncode]
-        return sum(passed), wrong + ["some files have no tests"] * (len(passed) + len(wrong) < len(chosen))
+        chosen = "key_file" if self.quick else " ".join(names - {"docs", "proof", "wheel"})
+        done = self.pytest(self.root, "tests", chosen, "-nauto", "--dist=loadfile", variables=variables)
+        passed = re.search(r"^(\d+) passed", done.stdout, re.M)
+        return int(passed[1]) if passed else 0, [done.stdout[-3000:] + done.stderr[-500:]] * (done.returncode != 0)
 
 
 def side_by_side[Item, Answer](act: Callable[[Item], Answer], items: Iterable[Item]) -> list[Answer]:
     """What act returns for each item, on all processors."""
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         return list(pool.map(act, items))
+
+
+def kept(act: Callable[[], Any]) -> Future[Any]:
+    """Makes a call; its result, or what it raises, can be had later."""
+    came = Future[Any]()
+    try:
+        came.set_result(act())
+    except BaseException as exc:
+        came.set_exception(exc)
+    return came
 
 
 def in_children(acts: Iterable[Callable[[], Iterable[Any]]], seconds: int = 60) -> list[list[Any]]:
