@@ -37,20 +37,15 @@ class Fault(NamedTuple):
     instead: str = ""
 
 
-class Tests(NamedTuple):
-    """Test files, such as "eras surface", and for pytest's -k which of their tests."""
-
-    names: str
-    which: str = ""
-
-
-Trial = Callable[[Fault | None, Tests, float], Done]  # runs tests with a fault, or without, for so many seconds
-Rows = Sequence[tuple[str, ...]]  # how the path of a file begins, then the tests that see to it
+# How the path of a file begins; the test files that see to it, such as "eras surface"; for pytest's -k which of their
+# tests. The first row that fits is the one.
+Row = tuple[str, str, str]
+Trial = Callable[[Fault | None, Row, float], Done]  # runs tests with a fault, or without, for so many seconds
 
 
-def tests_of(file: str, rows: Rows) -> Tests:
-    """The tests of the first row that fits a file."""
-    return next(Tests(*tests) for beginning, *tests in rows if file.startswith(beginning))
+def row_of(file: str, rows: Sequence[Row]) -> Row:
+    """The row of a file."""
+    return next(row for row in rows if file.startswith(row[0]))
 
 
 def fault_at(rule: str, file: str, text: str, start: int, end: int = 0, instead: str = "") -> Fault:
@@ -108,17 +103,17 @@ class Copy:
         """Those of a process that has the last build and this fault."""
         return {**self._site, "FAULT": str(self._numbers[fault] if fault else 0)}
 
-    def trial(self, fault: Fault | None, tests: Tests, seconds: float) -> Done:
+    def trial(self, fault: Fault | None, row: Row, seconds: float) -> Done:
         """Runs tests of the copy with a fault, or without."""
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
         how: Any = {"variables": {**self.variables(fault), "LD_PRELOAD": ""}, "seconds": seconds}
-        return self._workshop.pytest(self.root, "tests", tests.names, "-k", tests.which, **how)
+        return self._workshop.pytest(self.root, "tests", row[1], "-k", row[2], **how)
 
 
 def noticed(
     what: str,
     trial: Trial,
-    rows: Rows,
+    rows: Sequence[Row],
     faults: Sequence[Fault],
     wanted: float,
     all_of: int,
@@ -130,20 +125,20 @@ def noticed(
     noticed: nobody has been told of it.
     """
 
-    def without(tests: Tests) -> float:
+    def without(row: Row) -> float:
         began = time.monotonic()
-        if (done := trial(None, tests, 1200)).returncode:
-            raise RuntimeError(f"without a fault these tests fail: {tests}: {done.stdout[-2000:]}{done.stderr[-2000:]}")
+        if (done := trial(None, row, 1200)).returncode:
+            raise RuntimeError(f"without a fault these tests fail: {row}: {done.stdout[-2000:]}{done.stderr[-2000:]}")
         return time.monotonic() - began
 
     def ended(fault: Fault) -> str:
-        tests = tests_of(fault.file, rows)
+        row = row_of(fault.file, rows)
         try:
-            return "failed" if trial(fault, tests, max(AT_LEAST, PATIENCE * times[tests])).returncode else "passed"
+            return "failed" if trial(fault, row, max(AT_LEAST, PATIENCE * times[row])).returncode else "passed"
         except subprocess.TimeoutExpired:
             return "hung"
 
-    needed = sorted({tests_of(fault.file, rows) for fault in faults})
+    needed = sorted({row_of(fault.file, rows) for fault in faults})
     times = dict(zip(needed, side_by_side(without, needed), strict=True))
     ends = dict(zip(faults, side_by_side(ended, faults), strict=True))
     count, known = Counter(ends.values()), 0

@@ -12,7 +12,7 @@ from queue import SimpleQueue
 from typing import Any
 
 import corvane
-from proof.faults import Fault, Tests, draw, noticed, tests_of
+from proof.faults import Fault, Row, draw, noticed, row_of
 from proof.workshop import Result, Workshop
 
 LINES, WANTED = 50, 90.0  # of a file for each fault, per cent that must be noticed
@@ -135,7 +135,7 @@ class Kit:
             (home / "bin" / name).write_text(f"#!{self._python}\n{script}")
             (home / "bin" / name).chmod(0o755)
 
-    def trial(self, fault: Fault | None, tests: Tests, seconds: float) -> Any:
+    def trial(self, fault: Fault | None, row: Row, seconds: float) -> Any:
         """Runs tests with a fault in the copy, or without."""
         path = self._site / (fault.file if fault else "corvane/__init__.py")
         content = path.read_bytes()
@@ -144,7 +144,7 @@ class Kit:
         try:
             path.write_bytes(faulty)
             how = {"interpreter": self._python, "seconds": seconds}
-            return self._workshop.pytest(self._workshop.root, "localkit/tests", tests.names, "-k", tests.which, **how)
+            return self._workshop.pytest(self._workshop.root, "localkit/tests", row[1], "-k", row[2], **how)
         finally:
             path.write_bytes(content)
 
@@ -154,7 +154,7 @@ def run(workshop: Workshop, only: str = "") -> Iterator[Result]:
     texts = {str(path.relative_to(INSTALLED)): path.read_text() for path in paths}
     every = {file: candidates(file, text) for file, text in texts.items()}
     unused: list[object] = [*RULES - {fault.rule for faults in every.values() for fault in faults}]
-    unused += [row for row in TESTS if Tests(*row[1:]) not in (tests_of(file, TESTS) for file in texts)]
+    unused += [row for row in TESTS if row not in (row_of(file, TESTS) for file in texts)]
     unused += [row for row in EXPLAINED if row[1] not in texts.get(row[0], "")]
     rows = len(RULES) + len(TESTS) + len(EXPLAINED)
     yield Result("kit mutations: rules, tests and reasons, each fits a place", rows, list(map(str, unused)))
