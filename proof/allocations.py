@@ -1,7 +1,10 @@
-"""No memory at each allocation of each call and of the import: MemoryError or the usual, and the next call works."""
+"""No memory at each allocation of each call and of the import: MemoryError or the usual, and the next call works.
+
+All of it is the interpreter's: the C++ asks for memory where it throws, and nowhere else, and the C++ library keeps a
+reserve for that (`coverage` looks whether it is still so).
+"""
 
 import contextlib
-import ctypes
 import dataclasses
 import gc
 import importlib
@@ -9,10 +12,8 @@ import importlib.util
 import operator
 import os
 import re
-import subprocess
 import sys
 import sysconfig
-import tempfile
 import traceback
 import types
 from collections.abc import Callable, Iterator
@@ -21,9 +22,7 @@ from typing import Any
 
 from proof.workshop import IN_MEMORY, Missing, Result, Workshop, descriptors, in_children
 
-# By kind: so many in a row fail, beginning at each, at each, at each 66th.
-OBJECTS, EXCEPTIONS = "object", "C++ exception"
-LENGTHS = {OBJECTS: (1, 3, 200), EXCEPTIONS: (1,)}
+LENGTHS = 1, 3, 200  # so many in a row fail, beginning at each, at each, at each 66th
 OURS = "corvane.agent_onboarding"
 IMPORT = "the import"
 KEPT: list[types.CodeType] = []
@@ -34,44 +33,20 @@ LOST = "good, but a Python function lost its error"
 LOSING = re.compile(
     r"error return without exception set|<(?:function (\S+) at \w+|class '(?!corvane)\S+')> returned NULL without .*"
 )
-# The extension itself asks the C library for memory where it throws, and nowhere else.
-FAILING_MALLOC = """
-#define _GNU_SOURCE
-#include <dlfcn.h>
-#include <stddef.h>
-#include <string.h>
-extern void* __libc_malloc(size_t);
-static long made, failing = -1;
-long made_before(long number) { long before = made; made = 0; failing = number; return before; }
-void* malloc(size_t size) {
-    Dl_info caller;
-    if (failing >= 0 && dladdr(__builtin_return_address(0), &caller) && strstr(caller.dli_fname, "agent_onboarding"))
-        if (made++ == failing)
-            return NULL;
-    return __libc_malloc(size);
-}
-"""
 
 
-def attempt(kind: str, act: Callable[[], Any], first: int, length: int) -> Future[Any] | None:
+def attempt(act: Callable[[], Any], first: int, length: int) -> Future[Any] | None:
     """What comes of a call when memory ends; None if it never gets to number `first`, told only where but one fails."""
-    came, reached = Future[Any](), True
-    testcapi, library = importlib.import_module("_testcapi"), ctypes.CDLL(None)
+    came, reached, testcapi = Future[Any](), True, importlib.import_module("_testcapi")
     result = raised = None
-    if kind == OBJECTS:
-        testcapi.set_nomemory(first, first + length)
-    else:
-        library.made_before(first)
+    testcapi.set_nomemory(first, first + length)
     try:
         result = act()
     except BaseException as exc:
         raised = exc
     try:
-        if kind == EXCEPTIONS:
-            reached = library.made_before(-1) > first
-        elif length == 1:
-            for _ in range(first + 10):
-                object()  # one of these fails where the call was done before
+        for _ in range(first + 10) if length == 1 else ():
+            object()  # one of these fails where the call was done before
     except MemoryError:
         reached = False
     testcapi.remove_mem_hooks()
@@ -86,26 +61,23 @@ def judged(told: list[Any]) -> str:
         while isinstance(exc, BaseException) and exc not in links:
             links.append(exc)
             exc = exc.__cause__ or exc.__context__
-    if any(is_lost(str(link)) or has_ended_a_generator(link) for link in links):
+    if any(map(is_lost, links)):
         return LOST
     # The interpreter's own words for it where a file gets no lock.
     good = any(isinstance(link, MemoryError) or str(link).startswith("can't allocate ") for link in links)
     return "good" if good else f"bad: {told}"
 
 
-def is_lost(text: str) -> bool:
+def is_lost(exc: BaseException) -> bool:
     """Whether a function lost its error: none of ours, unless in its import statement, which is the interpreter's."""
+    if isinstance(exc, StopIteration):  # so that a generator just ends
+        *_, last = [None, *traceback.walk_tb(exc.__traceback__)]
+        return last is not None and last[0].f_code.co_filename.startswith(LIBRARY)
     ours = object()
-    if lost := LOSING.fullmatch(text):
+    if lost := LOSING.fullmatch(str(exc)):
         with contextlib.suppress(AttributeError):
             ours = operator.attrgetter(lost[1] or "nothing")(importlib.import_module(OURS))
-    return bool(lost) and f" at {id(ours):#x}>" not in text
-
-
-def has_ended_a_generator(exc: BaseException) -> bool:
-    """Whether a generator of the interpreter's own library lost its error, so that it just ends."""
-    *_, last = [None, *traceback.walk_tb(exc.__traceback__)]
-    return isinstance(exc, StopIteration) and last is not None and last[0].f_code.co_filename.startswith(LIBRARY)
+    return bool(lost) and f" at {id(ours):#x}>" not in str(exc)
 
 
 def keep_nested_codes() -> None:
@@ -123,7 +95,7 @@ def spare_join() -> None:
         setattr(os.path, "join", lambda *parts: "/".join(map(os.fspath, parts)))  # noqa: B010
 
 
-def points_of_call(name: str, kind: str, length: int) -> Callable[[int], str]:
+def points_of_call(name: str, length: int) -> Callable[[int], str]:
     """Says for a number: "end" if the call never gets there, else "good" or what is bad."""
     scenarios = importlib.import_module("support.scenarios")
     call = scenarios.CALLS[name]
@@ -136,7 +108,7 @@ def points_of_call(name: str, kind: str, length: int) -> Callable[[int], str]:
     def one(number: int) -> str:
         with call.situation() as logged:
             before = descriptors()
-            came = attempt(kind, call.act, number, length)
+            came = attempt(call.act, number, length)
             if came is None:
                 return "end"
             told = [came.exception(), *(argument for record in logged for argument in record.args or ())]
@@ -154,7 +126,7 @@ def points_of_call(name: str, kind: str, length: int) -> Callable[[int], str]:
     return one
 
 
-def points_of_import(name: str, kind: str, length: int) -> Callable[[int], str]:
+def points_of_import(name: str, length: int) -> Callable[[int], str]:
     """The import into a process where all that it imports is there already."""
 
     def imported() -> list[str]:
@@ -170,7 +142,7 @@ def points_of_import(name: str, kind: str, length: int) -> Callable[[int], str]:
     setattr(dataclasses, "dataclass", lambda made: object() and made)  # noqa: B010 -- object() fails, too
 
     def one(number: int) -> str:
-        came = attempt(kind, lambda: importlib.import_module(OURS), number, length)
+        came = attempt(lambda: importlib.import_module(OURS), number, length)
         if came is None:
             return "end"
         verdict = judged([came.exception()]) if came.exception() else "good"
@@ -179,14 +151,14 @@ def points_of_import(name: str, kind: str, length: int) -> Callable[[int], str]:
     return one
 
 
-def tried(kind: str, *names: str) -> tuple[int, int, list[str]]:
+def tried(*names: str) -> tuple[int, int, list[str]]:
     """How many points there were, at how many the interpreter lost an error, and what is bad."""
     total, lost, bad = 0, 0, list[str]()
     for name in names:
         points, batch = (points_of_import, 1) if name == IMPORT else (points_of_call, 50)
         end = 100_000
-        for length in LENGTHS[kind]:
-            numbers, seen, one = range(0, end, max(1, length // 3)), list[str](), points(name, kind, length)
+        for length in LENGTHS:
+            numbers, seen, one = range(0, end, max(1, length // 3)), list[str](), points(name, length)
             while seen.count("end") < 3 and len(seen) < len(numbers):  # how many there are differs a little
                 some = numbers[len(seen) :][:batch]
                 [said] = in_children([lambda: map(one, some)], 5)  # noqa: B023
@@ -202,16 +174,11 @@ def tried(kind: str, *names: str) -> tuple[int, int, list[str]]:
 def run(workshop: Workshop) -> Iterator[Result]:
     if importlib.util.find_spec("_testcapi") is None:
         raise Missing("this interpreter comes without its test modules (_testcapi)")
-    calls = list(importlib.import_module("support.scenarios").CALLS)
-    with tempfile.TemporaryDirectory() as folder:  # LD_PRELOAD ends a path at a blank, which the checkout's can have
-        library, compiler = f"{folder}/failing_malloc.so", [workshop.tool("cc"), "-shared", "-fPIC", "-xc", "-", "-o"]
-        subprocess.run([*compiler, library], input=FAILING_MALLOC, text=True, check=True)
-        for what, kind, names, variables in (
-            ("object of calls", OBJECTS, workshop.sample(calls, 60), IN_MEMORY),
-            ("C++ exception of calls", EXCEPTIONS, workshop.sample(calls, 10), {**IN_MEMORY, "LD_PRELOAD": library}),
-            ("object of the import", OBJECTS, [IMPORT], IN_MEMORY),
-        )[: 2 if workshop.quick else 3]:
-            seen = workshop.shared_out("allocations.tried", names, kind, variables=variables)
-            lost = {"the interpreter lost the error of a Python function": sum(lost for _, lost, _ in seen)}
-            bad = [text for *_, texts in seen for text in texts]
-            yield Result(f"no memory: each {what}, {len(names)}", sum(points for points, *_ in seen), bad, lost)
+    calls = workshop.sample(importlib.import_module("support.scenarios").CALLS, 60)
+    for names in [calls] if workshop.quick else [calls, [IMPORT]]:
+        seen = workshop.shared_out("allocations.tried", names, variables=IN_MEMORY)
+        points, lost, found = zip(*seen, strict=True)
+        what = IMPORT if names == [IMPORT] else f"{len(names)} calls"
+        figures = {"the interpreter lost the error of a Python function": sum(lost)}
+        bad = [text for texts in found for text in texts]
+        yield Result(f"no memory: each allocation of {what}", sum(points), bad, figures)

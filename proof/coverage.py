@@ -63,6 +63,9 @@ def run(workshop: Workshop) -> Iterator[Result]:
     built = workshop.folder / "coverage"
     shutil.rmtree(built, ignore_errors=True)  # counts of an earlier run would be added
     site = workshop.build("coverage", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=--coverage")
+    [extension] = built.glob("agent_onboarding*.so")
+    asks = ["operator new is linked in"] * (b"_Znw" in extension.read_bytes())  # the names are in a debug build
+    yield Result("coverage: no memory is asked for by `new`", 1, asks)
     # LD_PRELOAD tells the tests that frames are larger than those of a release.
     yield Result("coverage: tests in the build that counts", *workshop.tests({**site, "LD_PRELOAD": ""}))
     done = workshop.python("-m", "support.scenarios", variables=site)

@@ -3,7 +3,6 @@
 from collections.abc import Callable, Iterator
 
 from proof import sanitizers
-from proof.allocations import OBJECTS
 from proof.faults import Copy, Fault
 from proof.workshop import Result, Variables, Workshop
 
@@ -32,7 +31,7 @@ PLANTED = (
 )
 METERS: dict[str, Callable[[Workshop, Variables], object]] = {
     "leaks": lambda workshop, fault: workshop.answer("leaks.grown", *CALLS, variables=fault),
-    "allocations": lambda workshop, fault: workshop.answer("allocations.tried", OBJECTS, *CALLS, variables=fault),
+    "allocations": lambda workshop, fault: workshop.answer("allocations.tried", *CALLS, variables=fault),
     "valgrind": lambda workshop, fault: sanitizers.valgrind(workshop, fault, *CALLS),
     "ASan": lambda workshop, fault: sanitizers.leaks(workshop, fault, *CALLS),
     "TSan": lambda workshop, fault: sanitizers.races(workshop, fault, 3),

@@ -98,25 +98,22 @@ def in_threads(rounds: int) -> int:
 
     def work(home: Path) -> None:
         (home / "manifest.json").write_text('{"files": {"a.so": {"kind": "runtime_module:a", "sha256": "1"}}}')
-        heartbeat = home / "HEARTBEAT.md"
         for _ in range(rounds):
             key = os.urandom(32).hex()
-            heartbeat.write_text("x")
+            (heartbeat := home / "HEARTBEAT.md").write_text("x")
             m.inject_heartbeat(home)
-            assert heartbeat.read_text().endswith(m._HEARTBEAT_STATIC_SECTION)
-            assert len(m._sha256_file(str(heartbeat))) == 64
             m._write_wallet_key(home, key)
-            assert m._read_wallet_key(home) == key
-            assert m.configure(named_universe=key, auto_heartbeat=True) is None
+            m.configure(named_universe=key, auto_heartbeat=True)
+            assert heartbeat.read_text().endswith(m._HEARTBEAT_STATIC_SECTION)
+            assert m._read_wallet_key(home) == key and m._normalize_key(key) == "0x" + key
             assert m._exception_chain_detail(ValueError(key)) == f"ValueError: {key}"
             assert [name for name, *_ in m._runtime_module_manifest_entries(m._read_manifest(home))] == ["a"]
             assert m._active_era_named_universe_candidates({"universes": [{"id": key}, "b"]}) == [key, "b"]
-            assert m.create_runtime_freshness_guard(home) is not None
-            assert m._normalize_key(key) == "0x" + key
+            assert m.create_runtime_freshness_guard(home) and len(m._sha256_file(str(heartbeat))) == 64
             assert m._LocalRuntimeSyncManager(key).get_manifest() == key
 
     with tempfile.TemporaryDirectory() as folder, ThreadPoolExecutor(8) as pool:
         before = descriptors()
         list(pool.map(work, [Path(tempfile.mkdtemp(dir=folder)) for _ in range(8)]))
         assert descriptors() == before, "a descriptor is left open"
-    return 10 * rounds * 8
+    return 12 * rounds * 8

@@ -18,7 +18,7 @@ from typing import Any, NamedTuple
 
 import corvane
 
-PACKAGES = {"cc": "gcc", "setarch": "util-linux"}  # where the command is not their name
+PACKAGES = {"setarch": "util-linux"}  # where the command is not their name
 # Where a million files are made faster.
 IN_MEMORY = {"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {}
 
