@@ -11,7 +11,7 @@ import time
 from collections import Counter
 from collections.abc import Iterator
 from pathlib import Path
-from typing import Any
+from typing import Any, NamedTuple
 
 from proof.workshop import Result, Workshop, descriptors, in_children, kept, side_by_side
 from support import scenarios as e
@@ -19,9 +19,19 @@ from support import scenarios as e
 # Memory, signals and what cannot fail.
 LEFT_OUT = re.compile(r"brk|munmap|mprotect|madvise|futex|rt_sig|getp?[pu]id|clock_|mmap\(.*-1, 0\)|exit|---|\+\+\+")
 HIT = re.compile(r"\(INJECTED\)$|= \?$")  # failed, killed
-OURS = "corvane.agent_onboarding"
 ERRORS = "EIO", "EACCES", "EMFILE", "EINTR", "ENOSPC"
 KEYS = {"save": "old", "read": "5a" * 32, "load": None, "heartbeat": None, "journey": None}  # wallet.key before
+
+
+class Try(NamedTuple):
+    """Which call of the system failed, and how; the outcome, and wallet.key afterwards."""
+
+    call: str
+    number: int
+    line: str
+    error: str
+    said: str
+    key: str | None
 
 
 class Eras(socketserver.BaseRequestHandler):
@@ -79,11 +89,11 @@ def traced(call: Any, *options: str) -> tuple[str, list[tuple[str, int, str]], s
     return said, points, after
 
 
-def failing(scenario: str, fatal: bool) -> list[Any]:
-    """For each call of the system and error: name, number, line, error, outcome, wallet.key; first without an error."""
+def failing(scenario: str, fatal: bool) -> list[Try]:
+    """What comes of it when each call of the system fails, by each error; the first without an error."""
     call = scenarios()[scenario]
     usual, points, key = traced(call)
-    seen: list[Any] = [["", 0, "", "", usual, key]]
+    seen = [Try("", 0, "", "", usual, key)]
     for place, (name, number, line) in enumerate(points):
         for error in ("EIO:signal=SIGKILL",) if fatal else ERRORS:
             for _ in range(9):
@@ -95,41 +105,48 @@ def failing(scenario: str, fatal: bool) -> list[Any]:
                 number = others[place][1] if len(others) == len(points) else number
             else:
                 raise RuntimeError(f"{name} {number} of {scenario} could not be made to fail")
-            seen.append([name, number, line, error, said, key])
+            seen.append(Try(name, number, line, error, said, key))
     return seen
 
 
-def not_as_expected(before: str | None, ours: list[Any], twins: list[Any], killed: list[Any]) -> tuple[list[str], ...]:
-    """What is not as in plain Python, or leaks; where killing leaves a key that is neither the old nor the new one."""
-    found, ends, truncated, after = list[str](), list[str](), False, killed[0][5]
-    for (call, number, line, error, said, _), twin in itertools.zip_longest(ours, twins, fillvalue=[""] * 6):
+def unlike_python(tries: list[Try], twins: list[Try]) -> Iterator[str]:
+    """What is not as in plain Python, or leaves a descriptor, to itself or to a child."""
+    for one, twin in itertools.zip_longest(tries, twins, fillvalue=Try("", 0, "", "", "", None)):
         # A close that did not happen, since strace itself answers it, leaves the descriptor open.
-        left = "; [01] descriptors left" if call == "close" else "; 0 descriptors left"
-        if [call, said] != [twin[0], twin[4]] or not re.search(left, said):
-            found.append(f"{call} {number} {error} ({line[:80]}): {said[:200]}, in plain Python {twin[4][:200]}")
+        left = "; [01] descriptors left" if one.call == "close" else "; 0 descriptors left"
+        if (one.call, one.said) != (twin.call, twin.said) or not re.search(left, one.said):
+            yield f"{one}, in plain Python {twin}"
         # OpenSSL opens its list of authorities, for a moment, so that a child would inherit it.
-        if re.match(r"openat|socket\(|pipe|memfd", line) and not re.search("CLOEXEC|/etc/ssl", line):
-            found.append(f"{call} {number} ({line[:80]}): a child would inherit the descriptor")
-    for call, number, line, _, said, key in killed[1:]:
+        if re.match(r"openat|socket\(|pipe|memfd", one.line) and not re.search("CLOEXEC|/etc/ssl", one.line):
+            yield f"{one}: a child would inherit the descriptor"
+
+
+def lost_keys(before: str | None, killed: list[Try]) -> Iterator[str]:
+    """Where killing leaves a key that is neither the old nor the new one."""
+    truncated, after = False, killed[0].key
+    for one in killed[1:]:
         # From the truncation to the write there is an empty file, as documented.
-        if key not in ([""] if truncated else [before, after]) or not said.startswith("ended with status 9:"):
-            ends.append(f"killed at {call} {number} ({line[:80]}): {key!r}")
-        truncated = truncated or ("wallet.key" in line and "O_TRUNC" in line)
-        if call == "write":
+        if one.key not in ([""] if truncated else [before, after]) or not one.said.startswith("ended with status 9:"):
+            yield str(one)
+        truncated = truncated or ("wallet.key" in one.line and "O_TRUNC" in one.line)
+        if one.call == "write":
             truncated, before = False, after
-    return found, ends
 
 
 def run(workshop: Workshop) -> Iterator[Result]:
     workshop.tool("strace")
     names = ["read"] if workshop.quick else list(KEYS)
-    jobs = [(name, fatal, of) for name in names for fatal, of in ((False, OURS), (False, "support.twin"), (True, OURS))]
-    seen = side_by_side(
-        lambda j: workshop.answer("system_calls.failing", *j[:2], variables={"MODULE_CALLED": j[2]}), jobs
-    )
+
+    def tries(job: tuple[str, bool, str]) -> list[Try]:
+        name, fatal, of = job
+        rows = workshop.answer("system_calls.failing", name, fatal, variables={"MODULE_CALLED": of})
+        return [Try(*row) for row in rows]
+
+    ways = (False, "corvane.agent_onboarding"), (False, "support.twin"), (True, "corvane.agent_onboarding")
+    seen = side_by_side(tries, [(name, *way) for name in names for way in ways])
     for name, failed, twins, killed in zip(names, seen[::3], seen[1::3], seen[2::3], strict=True):
-        found, ends = not_as_expected(KEYS[name], failed, twins, killed)
         # The first of each is the run without a failure.
-        empty = {"between truncation and write, with an empty wallet.key": sum(point[5] == "" for point in killed)}
+        found, lost = list(unlike_python(failed, twins)), list(lost_keys(KEYS[name], killed))
+        empty = {"between truncation and write, with an empty wallet.key": sum(one.key == "" for one in killed)}
         yield Result(f"system calls: {name}, each fails in {len(ERRORS)} ways", len(failed) - 1, found)
-        yield Result(f"system calls: {name}, killed at each of them", len(killed) - 1, ends, empty)
+        yield Result(f"system calls: {name}, killed at each of them", len(killed) - 1, lost, empty)
