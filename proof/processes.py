@@ -7,7 +7,7 @@ import re
 import signal
 import sys
 from collections import Counter
-from collections.abc import Callable, Iterable, Iterator
+from collections.abc import Callable, Iterator
 from typing import Any
 
 from proof.workshop import Result, Workshop, descriptors, in_children
@@ -38,9 +38,10 @@ def loading(builds: int, processes: int, loads: int) -> tuple[list[str], int]:
     with Call(lambda: None, "", (digests,)).situation():
         answers = in_children(functools.partial(worker, number) for number in range(processes))
     seen = Counter(itertools.chain.from_iterable(answers))
-    loaded = seen.pop("", 0)
-    lost = (*LOST, KILLED) if builds > 1 else LOST
-    return [f"{why} {n} times" for why, n in seen.items() if not why.startswith(lost)], processes * loads - loaded
+    lost = processes * loads - seen.pop("", 0)
+    stated = (*LOST, KILLED) if builds > 1 else LOST
+    found = [f"{why} {n} times" for why, n in seen.items() if not why.startswith(stated)]
+    return found + ["more than half of the loads are lost"] * (2 * lost > processes * loads), lost
 
 
 def forked_in_the_middle() -> Iterator[str]:
@@ -113,9 +114,16 @@ def struck(call: Call, arm: Callable[[Strike], object]) -> str:
         return seen if came else "missed"
 
 
-def interrupts(names: Iterable[str], arm: Callable[[int, Strike], None], places: Iterable[int]) -> Counter[str]:
+# What arms the strike, and at which places of a call it strikes.
+ARMS: dict[str, tuple[Callable[[int, Strike], None], range]] = {
+    "event": (at_event, range(1, 1_000_000)),
+    "signal": (after, range(20, 400, 10)),
+}
+
+
+def interrupts(kind: str, *names: str) -> Counter[str]:
     """What comes of an interrupt at each place, until the call is over before."""
-    seen = Counter[str]()
+    seen, (arm, places) = Counter[str](), ARMS[kind]
     for name in names:
         for place in places:
             came = struck(CALLS[name], functools.partial(arm, place))
@@ -126,19 +134,6 @@ def interrupts(names: Iterable[str], arm: Callable[[int, Strike], None], places:
     return seen
 
 
-def at_each_event(*names: str) -> Counter[str]:
-    return interrupts(names, at_event, range(1, 1_000_000))
-
-
-def in_a_storm(rounds: int) -> Counter[str]:
-    return interrupts(STORMY * rounds, after, range(20, 400, 10))
-
-
-def told(what: str, seen: Counter[str]) -> Result:
-    wrong = [f"{came} ({times} times)" for came, times in seen.items() if came not in ("raised", REPORTED)]
-    return Result(f"interrupts: {what}", seen.total(), wrong, {REPORTED: seen[REPORTED]})
-
-
 def run(workshop: Workshop) -> Iterator[Result]:
     processes, loads, rounds = (4, 5, 1) if workshop.quick else (16, 40, 10)
     for what, builds in ("the same build", 1), ("five builds and pruning", 5):
@@ -147,6 +142,10 @@ def run(workshop: Workshop) -> Iterator[Result]:
         yield Result(f"processes: {processes} load {what}", processes * loads, found, figures)
     yield Result("processes: forks in the middle of a call", 20, list(forked_in_the_middle()))
     names = workshop.sample(CALLS, 30)
-    seen = map(Counter[str], workshop.shared_out("processes.at_each_event", names))
-    yield told(f"at each traced event of {len(names)} calls", sum(seen, Counter[str]()))
-    yield told("by a signal every 10 us", in_a_storm(rounds))
+    by_event = map(Counter[str], workshop.shared_out("processes.interrupts", names, "event"))
+    for what, seen in (
+        (f"at each traced event of {len(names)} calls", sum(by_event, Counter[str]())),
+        ("by a signal every 10 us", interrupts("signal", *STORMY * rounds)),
+    ):
+        wrong = [f"{came} ({times} times)" for came, times in seen.items() if came not in ("raised", REPORTED)]
+        yield Result(f"interrupts: {what}", seen.total(), wrong, {REPORTED: seen[REPORTED]})
