@@ -116,10 +116,11 @@ def drawn(seed: int) -> str:
     def attacked(undo: Any) -> None:
         """Some functions of the namespace are replaced, through another object that shares it."""
         module, sharing = scenarios.m, Sharing()
-        ours = [n for n, f in vars(module).items() if getattr(f, "__code__", 0) and f.__module__ == module.__name__]
-        chosen = random.Random(seed).sample(sorted(ours), replaced)
+        functions = {name: f for name, f in vars(module).items() if isinstance(f, types.FunctionType)}
+        ours = sorted(name for name, function in functions.items() if function.__module__ == module.__name__)
         sharing.__dict__ = vars(module)
-        patched(sharing, **{name: instead(vars(module)[name]) for name in chosen})(undo)
+        chosen = random.Random(seed).sample(ours, replaced)
+        patched(sharing, **{name: instead(functions[name]) for name in chosen})(undo)
 
     call = CALLS[name]
     try:
