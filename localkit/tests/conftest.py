@@ -3,6 +3,7 @@
 import contextlib
 import json
 import os
+import shlex
 import socket
 import socketserver
 import ssl
@@ -42,14 +43,18 @@ class Service(demo.Service):
 
 @contextlib.contextmanager
 def serving(state, *options):
-    """A service whose certificate authority this process trusts; killed at the end, having logged nothing."""
+    """A service that this process trusts, by the line for the shell; killed at the end, having logged nothing."""
     command = [sys.executable, "-P", "-m", "corvane_local", "serve", "--port", "0", "--state", state, *options]
+    state.mkdir(mode=0o700, exist_ok=True)
     service, log = Service(state), state / "log"
     with log.open("w") as errors, subprocess.Popen(command, stdout=-1, stderr=errors, text=True) as service.process:
-        service.url = service.process.stdout.readline().strip()
-        trust = mock.patch.dict(os.environ, SSL_CERT_FILE=str(state / "ca.pem"))
         try:
-            with trust, httpx.Client(base_url=service.url, verify=ssl.create_default_context()) as service.client:
+            service.url, export, service.told = (service.process.stdout.readline().strip() for _ in range(3))
+            _, variable = shlex.split(export)
+            with (
+                mock.patch.dict(os.environ, [variable.split("=")]),
+                httpx.Client(base_url=service.url, verify=ssl.create_default_context()) as service.client,
+            ):
                 yield service
         finally:
             service.process.kill()
@@ -89,7 +94,7 @@ def forks():
 @pytest.fixture
 def start(tmp_path):
     """Starts one more service, again in the same directory."""
-    return lambda *options: serving(tmp_path, *options)
+    return lambda *options: serving(tmp_path / "its state", *options)
 
 
 def http(body=b"", status=200, **headers):

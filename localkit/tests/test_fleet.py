@@ -70,7 +70,7 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
     base, most, largest = tmp_path / "agents", 0, 0
     with contextlib.ExitStack() as stack:
         service = stack.enter_context(start())
-        stores = Store(tmp_path / "elsewhere.db"), Store(tmp_path / "service.db")
+        stores = Store(tmp_path / "elsewhere.db"), Store(service.state / "service.db")
         bad = {f"agent-{number}": number // 4 % 3 for number in range(1, AGENTS, 4)}
         for number, (name, kind) in enumerate(bad.items(), 1):
             bad[name] = f"junk-{number}" if kind == 2 else stores[kind].make_invite()

@@ -282,11 +282,10 @@ def test_a_page_of_200_agents_and_5000_signals_is_quick_and_small(shell, fleet, 
 # -- The operator's page ----------------------------------------------------------------------------------------------
 
 
-def test_only_the_token_opens_the_operators_page(start, tmp_path):
+def test_only_the_token_opens_the_operators_page(start):
     with start("--failure-seconds", "60") as service:
-        first = [service.process.stdout.readline() for _ in "12"][1]
-        token = (tmp_path / "operator.token").read_text().strip()
-        assert token in first and (tmp_path / "operator.token").stat().st_mode & 0o777 == 0o600
+        token = (service.state / "operator.token").read_text().strip()
+        assert token in service.told and (service.state / "operator.token").stat().st_mode & 0o777 == 0o600
         free, address = service.invite(), service.sign_up(1).get_wallet_address()
         wallet = service.sign_in(1).get_token()
         get = service.client.get
@@ -314,7 +313,7 @@ def test_only_the_token_opens_the_operators_page(start, tmp_path):
         assert address not in get("/", headers=held).text
         assert get("/health").json() == {"status": "ok"}
     with start("--exchange-seconds", "1") as service:
-        assert token not in [service.process.stdout.readline() for _ in "12"][1]
+        assert token not in service.told
         assert service.get("/operator.json", token).json()["refusals"] == []  # on a connection that stays open
         trust, address = ssl.create_default_context(), ("127.0.0.1", int(service.url.rpartition(":")[2]))
         with socket.create_connection(address) as plain, trust.wrap_socket(plain, server_hostname=address[0]) as slow:
@@ -322,14 +321,14 @@ def test_only_the_token_opens_the_operators_page(start, tmp_path):
             with contextlib.suppress(OSError):
                 assert slow.recv(1) == b""
         assert service.get("/operator.json", token).json()["connections_cut_off"] == {"too slow": 1}
-    serve = [sys.executable, "-P", "-m", "corvane_local", "serve", "--port", "0", "--state", tmp_path]
+    serve = [sys.executable, "-P", "-m", "corvane_local", "serve", "--port", "0", "--state", service.state]
     changes = {
         "private": lambda path: path.chmod(0o640),
         "holds no": lambda path: path.chmod(0o600) or path.write_text("x"),
         "is a link": lambda path: path.unlink() or path.symlink_to("ca.key"),
     }
     for text, change in changes.items():
-        change(tmp_path / "operator.token")
+        change(service.state / "operator.token")
         refused = subprocess.run(serve, capture_output=True, text=True, timeout=30)
         assert (refused.returncode, refused.stderr.count("\n")) == (1, 1) and text in refused.stderr
 

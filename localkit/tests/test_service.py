@@ -199,17 +199,26 @@ def test_failures_are_forgotten_one_by_one():
 
 def test_slow_clients_are_cut_off_and_block_nobody(start):
     with start("--exchange-seconds", "3") as service, contextlib.ExitStack() as stack:
-        address = "127.0.0.1", int(service.url.rpartition(":")[2])
+        address, trust = ("127.0.0.1", int(service.url.rpartition(":")[2])), ssl.create_default_context()
         for _ in range(1200):
             stack.enter_context(socket.create_connection(address))  # and no TLS
-        slow = ssl.create_default_context().wrap_socket(socket.create_connection(address), server_hostname=address[0])
-        stack.enter_context(slow).sendall(b"POST /auth/login HTTP/1.1\r\nHost: x\r\nContent-Length: 9999\r\n\r\n")
+        head, body = (
+            stack.enter_context(trust.wrap_socket(socket.create_connection(address), server_hostname=address[0]))
+            for _ in range(2)
+        )
+        head.sendall(b"GET / HT")
+        body.sendall(b"POST /auth/login HTTP/1.1\r\nHost: x\r\nContent-Length: 9999\r\n\r\n")
         began = time.monotonic()
         with pytest.raises(OSError):
             while time.monotonic() - began < 10:
-                slow.sendall(b" ")
+                body.sendall(b" ")
                 assert service.client.get("/health").elapsed.total_seconds() < 3
         assert time.monotonic() - began < 9
+        head.settimeout(9)
+        with contextlib.suppress(ConnectionError):
+            assert head.recv(1) == b""
+        seen = service.get("/operator.json", (service.state / "operator.token").read_text().strip()).json()
+        assert seen["connections_cut_off"] == {"too slow": 1}
 
 
 def test_too_many_connections_cost_nobody_an_answer_that_is_being_made(start):
@@ -340,17 +349,17 @@ def test_certificates_are_replaced_when_they_are_of_no_use(tmp_path, monkeypatch
     assert [new == old for new, old in zip(after, before, strict=True)] == [True] * kept + [False] * (4 - kept)
 
 
-def test_what_the_service_keeps_is_open_to_nobody_else(start, tmp_path):
+def test_what_the_service_keeps_is_open_to_nobody_else(start):
     mask = os.umask(0)
     try:
         with start() as service:
             service.sign_up(1)
-            modes = {path.name: path.stat().st_mode & 0o077 for path in tmp_path.rglob("*") if path.name != "log"}
+            modes = {path.name: path.stat().st_mode & 0o077 for path in service.state.rglob("*") if path.name != "log"}
             assert modes.keys() > {"ca.key", "server.key", "service.db"} and set(modes.values()) == {0}
     finally:
         os.umask(mask)
-    tmp_path.chmod(0o750)
-    refused = subprocess.run([*COMMAND, "invite", "--state", tmp_path], capture_output=True, text=True)
+    service.state.chmod(0o750)
+    refused = subprocess.run([*COMMAND, "invite", "--state", service.state], capture_output=True, text=True)
     assert refused.returncode == 1 and "is open to other users" in refused.stderr
 
 
@@ -373,9 +382,9 @@ def test_the_operator_sees_everything_but_secrets(start, tmp_path):
     assert subprocess.run([*COMMAND, "list"], capture_output=True).returncode == 2
     nowhere = subprocess.run([*COMMAND, "list", "--state", tmp_path / "x"], capture_output=True, text=True)
     assert nowhere.returncode == 1 and "There is no service in" in nowhere.stderr and not (tmp_path / "x").exists()
-    (tmp_path / "service.db").write_bytes(b"?" * 5000)
+    (service.state / "service.db").write_bytes(b"?" * 5000)
     for name in ("list", "invite", "serve"):
-        spoilt = subprocess.run([*COMMAND, name, "--state", tmp_path], capture_output=True, text=True, timeout=30)
+        spoilt = subprocess.run([*COMMAND, name, "--state", service.state], capture_output=True, text=True, timeout=30)
         assert (spoilt.returncode, spoilt.stderr.count("\n")) == (1, 1) and "database" in spoilt.stderr
     for line in ("serve --help >/dev/full", f"serve --port 0 --state {tmp_path}/new >/dev/full", "--version >&-"):
         full = subprocess.run(["sh", "-c", f"{shlex.join(COMMAND)} {line}"], capture_output=True, text=True, timeout=30)
