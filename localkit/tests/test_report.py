@@ -238,6 +238,8 @@ def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path
     assert [row[:2] for row in signals] == [[name, number] for name in ("open", "plain", FOREIGN) for number in "321"]
     assert signals[8][4] == FOREIGN and signals[0][7:] == ["0.100", "0.200", "0.70", "0.80", "2027-01-15 08:05"]
     assert [bool(row[6]) for row in signals] == [False] * 3 + [True] * 5 + [False] and "4 signals have no cur" in text
+    charts = re.findall(r"<figcaption><span>(.*?)</span><b>(.*?)</b>", text)
+    assert charts == [("expressions tried", "2700"), ("signals found", "9")]
     lines = re.findall(r'<path d="M0 \d+l([^"]+)"/><path d="M168 0v60"/>', text)  # 1500 days of 2148 are searched
     assert [len(re.findall(r"\d+", line)) for line in lines] == [2 * 240] * 5
 
