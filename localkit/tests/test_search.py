@@ -2,16 +2,15 @@
 
 import dataclasses
 import math
-import sqlite3
+import re
 import subprocess
 import sys
-import time
 import urllib.request
 from array import array
 from bisect import bisect_left
 from collections import Counter
-from contextlib import closing
-from importlib import resources, util
+from functools import partial
+from importlib import resources
 from itertools import islice
 from pathlib import Path
 from types import SimpleNamespace
@@ -26,21 +25,17 @@ from corvane import _runtime, agent_onboarding, errors, search_templates, skills
 from corvane._batch import Expression, FunctionRegistry, compute_search_plan
 from corvane._evaluation import Vault
 from corvane.runtime_module_freshness import is_runtime_module_kind, runtime_module_name_from_kind
-from corvane.search_tracking import SearchTracker
+from corvane.search_tracking import Record, Run, SearchTracker
+from corvane_cli.capital import load_native
+from localkit.tests.conftest import wait_until
 
 DAYS, RANDOM = 80, np.random.default_rng(7)
 X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
 Y[:3] = math.nan
 
 
-def load(name, file):
-    path = resources.files("corvane_local") / "native_modules" / file
-    module = util.module_from_spec(util.spec_from_file_location(name, str(path)))
-    module.__loader__.exec_module(module)
-    return module
-
-
-ERA, B = load("era_data", "era_data.so"), load("backtester", "backtester-1.so")
+NATIVE = resources.files("corvane_local") / "native_modules"
+ERA, B = load_native("era_data", NATIVE / "era_data.so"), load_native("backtester", NATIVE / "backtester-1.so")
 
 
 def test_the_era_is_what_it_says():
@@ -168,47 +163,60 @@ def facts(signals):
     return [dataclasses.astuple(dataclasses.replace(signal, found_at=0)) for signal in signals]
 
 
-def test_a_seed_decides_what_is_found(start, bootstrap):
+def test_a_seed_decides_what_is_found(start, bootstrap, monkeypatch, tmp_path):
+    search = partial(search_templates.start_search, seed=5, max_evaluations=3000)
     with start() as service:
         limits = bootstrap(service).search_era_config
-        first = search_templates.start_search(seed=5, max_evaluations=3000)
+        (heartbeat := tmp_path / "HEARTBEAT.md").touch()
+        first = search()
         assert first.evaluations == 3000 >= first.candidates > len(first.signals) >= 10
         assert all(min(s.correlation, s.rest_correlation) >= limits.correlation for s in first.signals)
         assert all(min(s.sharpe, s.rest_sharpe) >= limits.sharpe for s in first.signals)
-        assert search_templates.start_search(seed=5, max_evaluations=3000).signals == ()  # all known by now
+        assert all(s.mutual_information >= limits.mutual_information for s in first.signals)
+        told = {name for name, text in agent_onboarding._NUDGE_TEXTS.items() if text in heartbeat.read_text()}
+        assert told == {"first_signal", "10_signals", "discovery_rate_declining"}
+        assert "## [Corvane]" in heartbeat.read_text() and search().signals == ()  # all known by now
         bootstrap(service, "other")
-        _runtime.close_runtime()
-    assert agent_onboarding.ensure_runtime_bootstrapped(strict=False) is _runtime.get_runtime()  # without the service
-    assert facts(search_templates.start_search(seed=5, max_evaluations=3000, n_jobs=2).signals) == facts(first.signals)
+    _runtime.close_runtime()
+    with monkeypatch.context() as patch:  # without the service, and without what makes up expressions
+        patch.delattr(_runtime, "_import_batch_runtime")
+        evaluator = agent_onboarding.ensure_runtime_bootstrapped(strict=False).evaluator
+        assert list(evaluator.evaluate("IBM")) == list(ERA.SERIES["IBM"])
+        with pytest.raises(RuntimeError, match="without batch evaluation"):
+            search()
+    _runtime.close_runtime()
+    assert agent_onboarding.ensure_runtime_bootstrapped(strict=False) is _runtime.get_runtime()
+    assert facts(search(n_jobs=2).signals) == facts(first.signals)
 
 
 def test_the_status_is_true(service, bootstrap):
     tracker = bootstrap(service).search_tracker
     assert corvane.search_status() == search_templates.SearchStatus(False, None, 0)
     with subprocess.Popen([sys.executable, "-Pc", SEARCHER, service.url]) as searcher:
-        while not tracker.signals() or not tracker.runs()[0].evaluations:
-            assert searcher.poll() is None
-            time.sleep(0.02)
-        assert corvane.search_status().running
-        with pytest.raises(RuntimeError, match="already running"):
-            search_templates.start_search()
-        searcher.kill()
+        try:
+            wait_until(lambda: searcher.poll() or (tracker.signals() and tracker.runs()[0].evaluations))
+            assert corvane.search_status().running
+            with pytest.raises(RuntimeError, match="already running"):
+                search_templates.start_search()
+        finally:
+            searcher.kill()
     kept, run = tracker.signals(), tracker.runs()[0]
     assert corvane.search_status() == search_templates.SearchStatus(False, run, len(kept))
     assert corvane.search_status().error == "killed"
     result = search_templates.start_search(seed=1, max_evaluations=400)
     assert tracker.signals() == [*kept, *result.signals] and corvane.search_status().error is None
+    assert search_templates.start_search(max_evaluations=1).evaluations == 1
 
 
 @pytest.mark.parametrize("pool", [None, "momentum", "reversal"])
-def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap):
+def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_path):
     runtime = bootstrap(service)
     prices, cost, train = list(runtime.vault["IBM"]), runtime.era_config["cost"], runtime.era_config["train_days"]
     subject, side = "delta(IBM, 5)", -1 if pool == "reversal" else 1
     if pool:
         found = search_templates.FoundSignal(3, f"local-3-{pool}", "IBM", subject, 0.1, 0.2, 0.7, 0.1, 0.7, 1, 0.0)
         subject = runtime.search_tracker.add_signal(found, [])[0].id
-    result = corvane.simulate_signal(subject)
+    result = corvane.simulate_signal(subject, picture=tmp_path / "p.svg")
     held = np.array([0.0] * 5 + [side * np.sign(b - a) for a, b in zip(prices, prices[5:-1], strict=False)])
     profit = np.append(0.0, held * (np.diff(prices) / prices[:-1]) - cost * np.abs(np.diff(held, prepend=0.0)))
     assert list(result.profit) == pytest.approx(list(profit), abs=1e-15)
@@ -217,6 +225,8 @@ def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap):
     assert (result.total_return, result.max_drawdown) == pytest.approx((capital[-1] - 1, fall))
     ratios = [p.mean() / p.std() * 252**0.5 for p in (profit, profit[:train], profit[train:])]
     assert [result.sharpe, result.train_sharpe, result.rest_sharpe] == pytest.approx(ratios)
+    assert f"Sharpe ratio {ratios[1]:.2f} on the days" in (tmp_path / "p.svg").read_text()
+    assert re.fullmatch(r"Simulation\(expression='delta\(IBM, 5\)'(, \w+=['\w.-]+){6}\)", repr(result))
 
 
 ERA_3 = {"era_id": 3, "named_universe": "us", "signal_pools": [{"id": "p", "name": "P", "allowed_named_universes": []}]}
@@ -258,38 +268,41 @@ def test_a_plan_is_the_same_for_the_same_seed_and_gaps_are_filled():
 
 def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap, tmp_path):
     runtime, simulate = bootstrap(service), corvane.simulate_signal
-    with pytest.raises(ValueError, match="There is no instrument 'MSF'; there are AAPL, "):
-        simulate("delta(IBM, 5)", instrument="MSF")
-    with pytest.raises(ValueError, match="does not use just one instrument"):
-        simulate("AAPL - IBM")
-    assert simulate("AAPL - IBM", instrument="MSFT").instrument == "MSFT"
-    with pytest.raises(ValueError, match="does not allow the windows 7; it allows 5, 10"):
-        simulate("delta(IBM, 7)")
     evaluator, series = runtime.evaluator, dict(ERA.SERIES)
+    assert simulate("AAPL - IBM", instrument="MSFT").instrument == "MSFT"
     evaluator.vault = Vault(SimpleNamespace(SERIES=series, DATES=ERA.DATES, SEAL=b"another"))
-    with pytest.raises(errors.RuntimeModuleReloadFailed, match=r"The backtester refuses the data: .* the seal"):
-        evaluator.raw_backtester = B
-    manifest = tmp_path / "agent/manifest.json"
-    manifest.write_text("[]")
-    with pytest.raises(ValueError, match=r"manifest\.json does not contain a JSON object"):
-        runtime.runtime_freshness_guard.refresh()
-    with pytest.raises(errors.RuntimeModuleDownloadIncomplete, match=r"does not name era_config\.json"):
-        _runtime._verified_json(str(tmp_path), {"files": {}}, "era_config.json")
+    for act, error, reason in (
+        (lambda: simulate("delta(IBM, 5)", instrument="MSF"), ValueError, "no instrument 'MSF'; there are AAPL, "),
+        (lambda: simulate("AAPL - IBM"), ValueError, "does not use just one instrument"),
+        (lambda: simulate("delta(IBM, 7)"), ValueError, "does not allow the windows 7; it allows 5, 10"),
+        (lambda: simulate(7), LookupError, "Era 3 has no found signal with the number 7"),
+        (
+            lambda: setattr(evaluator, "raw_backtester", B),
+            errors.RuntimeModuleReloadFailed,
+            "refuses the data: .* seal",
+        ),
+        (
+            lambda: (tmp_path / "agent/manifest.json").write_text("[]") and simulate("IBM"),
+            ValueError,
+            "manifest.json does",
+        ),
+        (lambda: _runtime._verified_json("", {"files": {}}, "a"), errors.RuntimeModuleDownloadIncomplete, "not name a"),
+    ):
+        with pytest.raises(error, match=reason):
+            act()
 
 
 def test_a_running_runtime_follows_builds_and_eras(start, bootstrap, tmp_path):
     (tmp_path / "HEARTBEAT.md").write_text("# Mine")
     with start() as service:
-        runtime = bootstrap(service)
-        syncs, evaluator, manifest = runtime.sync_manager, runtime.evaluator, tmp_path / "agent/manifest.json"
-        assert (
-            runtime.load_vocabulary() == runtime.load_vocabulary("us_large") and evaluator.raw_backtester.VERSION == "1"
-        )
+        runtime, manifest = bootstrap(service), tmp_path / "agent/manifest.json"
+        syncs, evaluator, told = runtime.sync_manager, runtime.evaluator, []
+        assert runtime.load_vocabulary() == runtime.load_vocabulary("us_large")
+        assert evaluator.raw_backtester.VERSION == "1"
         service.command("publish", "--backtester", "2")
         assert len(syncs.request_for_sync()) == 1
         runtime.runtime_freshness_guard.refresh()
         assert {runtime.raw_backtester.VERSION, evaluator.raw_backtester.VERSION} == {"2"}
-        told = []
         for close in (lambda: None, _runtime.close_runtime):
             close()
             manifest.write_text(manifest.read_text().replace('"era_id": 3', '"era_id": 2'))
@@ -298,33 +311,42 @@ def test_a_running_runtime_follows_builds_and_eras(start, bootstrap, tmp_path):
         assert told[0] == told[1] and "New era" in told[0]
 
 
-KINDS = {"runtime_module:a": "a", "runtime_module:": None, "runtime_module:a b": None, "vocabulary_of_the_era": None}
+def test_a_native_module_has_a_name_that_can_be_imported():
+    kinds = {"runtime_module:a": "a", "runtime_module:": None, "runtime_module:a b": None, "vocabulary": None}
+    assert {kind: runtime_module_name_from_kind(kind) for kind in kinds} == kinds
+    assert [kind for kind in kinds if is_runtime_module_kind(kind)] == ["runtime_module:a"]
 
 
-@pytest.mark.parametrize("kind", KINDS)
-def test_a_native_module_has_a_name_that_can_be_imported(kind):
-    assert runtime_module_name_from_kind(kind) == KINDS[kind] and is_runtime_module_kind(kind) == bool(KINDS[kind])
+SIGNAL = search_templates.FoundSignal(3, "p", "IBM", "log(IBM)", 0.1, 0.2, 0.7, 0.1, 0.7, 90, 0.0)
 
 
-def test_velocity_and_suggestions_are_counted(tmp_path, monkeypatch):
+@pytest.mark.parametrize(("late", "trend"), [(0, "down"), (1, "stable"), (3, "stable"), (4, "up"), (8, "up")])
+def test_a_trend_is_that_of_the_newest_quarter(late, trend):
+    runs = [Run(number, "random_expressions", 1, 0.0, 900.0, 200, 9, "finished") for number in (1, 2)]
+    signals = [dataclasses.replace(SIGNAL, evaluation=301 if n < late else 200) for n in range(8)]
+    record = Record(runs, signals)
+    assert (record.trend(), record.per_hour(), record.found_by()) == (trend, 16.0, {1: 8 - late, 2: late})
+    assert Record(runs, signals[1:]).trend() == "unknown"
+
+
+def test_outcomes_and_suggestions_are_those_of_the_record(tmp_path, monkeypatch):
     monkeypatch.setattr(agent_onboarding, "_config", agent_onboarding._config | {"data_dir": str(tmp_path)})
     tracker, names = SearchTracker(tmp_path), {"function": ["abs", "log", "rank", "sign"], "input": ["IBM"]}
-    run = tracker.begin_run("random_expressions", 1, names)
-    tried = {"abs": 50, "log": 45, "rank": 5}
-    tracker.note(run, 100, 9, {("function", name): count for name, count in tried.items()}, "finished")
-    with closing(sqlite3.connect(tmp_path / "search.db", isolation_level=None)) as db:
-        for hours, rate in {0: 0.0, 0.5: 16.0}.items():
-            db.execute("UPDATE runs SET noted_at = started_at + ?", (hours * 3600,))
-            signal = search_templates.FoundSignal(3, "p", "IBM", "log(IBM)", 0.1, 0.2, 0.7, 0.1, 0.7, 90, 0.0)
-            for number in range(1, 8 if hours == 0 else 2):
-                assert tracker.add_signal(signal, [("function", "log")])[1] == number + (7 if hours else 0)
-            trend = "up" if hours else "unknown"
-            assert corvane.get_search_velocity() == search_templates.SearchVelocity(rate, trend)
+    first, *_ = (tracker.begin_run("random_expressions", 1, names) for _ in range(3))
+    tried = {("function", name): count for name, count in {"abs": 50, "log": 45, "rank": 5}.items()}
+    tracker.note(first, 100, 9, tried, "finished")
+    assert [tracker.add_signal(SIGNAL, [("function", "log")])[1] for _ in range(3)] == [1, 2, 3]
     found = [(one.reason, one.use.name, one.use.tried, one.use.found) for one in corvane.get_suggestions()]
-    assert found == [("promising", "log", 45, 8), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
+    assert found == [("promising", "log", 45, 3), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
+    with tracker.searching():
+        record = tracker.record()
+        assert [record.outcome(run) for run in record.runs] == ["finished", "killed", "running"]
+    assert tracker.record().outcome(record.runs[2]) == "killed"
+    assert corvane.get_search_velocity().trend == "unknown"
 
 
 def test_the_skills_are_there():
-    names = [Path(path).parent.name for path in skills.list_skills()]
-    assert names == ["onboard-a-wallet", "read-the-heartbeat", "search-for-signals", "simulate-a-signal"]
-    assert all(Path(path).read_text().startswith("---\nname: ") for path in skills.list_skills())
+    paths = [Path(path) for path in skills.list_skills()]
+    names = ["onboard-a-wallet", "read-the-heartbeat", "search-for-signals", "simulate-a-signal"]
+    assert [path.parent.name for path in paths] == names
+    assert all(path.read_text().startswith("---\nname: ") for path in paths)
