@@ -2,10 +2,12 @@
 
 import itertools
 import logging
+import math
 import socket
 import time
 from contextlib import ExitStack
 from hashlib import sha256
+from types import SimpleNamespace
 
 import pytest
 
@@ -18,70 +20,67 @@ TOKEN = "token-that-nobody-may-see"
 GOOD = {"token": TOKEN, "expires_at": 4_000_000_000.5}  # the same for each process that collects the tests
 
 
-class Anybody:
-    def get_token(self):
-        return TOKEN
-
-
-def sign_in(server, *answers):
+def sign_in(server, home, *answers):
     server.script = iter(answers)
     auth.AuthManager(f"0x{7:064x}", server.url).authenticate()
 
 
-def sync(server, home, *answers, **options):
+def sync(server, home, *answers):
     server.script = iter(answers)
-    return SyncManager(Anybody(), home, server.url, **options).request_for_sync()
+    return SyncManager(SimpleNamespace(get_token=lambda: TOKEN), home, server.url).request_for_sync()
+
+
+def release(content, digest):
+    """The manifest of one file."""
+    entry = {"kind": "k", "sha256": digest, "size": len(content)}
+    return http({"era_id": 1, "version": 1, "files": {"runtime/x": entry}})
 
 
 PAGE = b"<!DOCTYPE html><title>502 Bad Gateway</title>"
 CHALLENGE = http({"challenge": "a"})
 ENDLESS = [b"HTTP/1.1 200 OK\r\n\r\n", *itertools.repeat(b" " * 2**20, 40)]
-ANSWERS = {
-    "a proxy's page": (http(PAGE, 502), auth.AuthBusyError, "HTTP 502"),
-    "too many": (http({"error": "too many"}, 429), auth.AuthBusyError, "too many|HTTP 429"),
-    "busy": (http(PAGE, 503), auth.AuthBusyError, "HTTP 503"),
-    "busy, an odd reason": (http({"error": {}}, 500), auth.AuthBusyError, "away or busy .HTTP 500"),
-    "a redirect": (http(status=302, Location="http://h/"), auth.PortalError, "redirects to http://h/"),
-    "a redirect to nonsense": (http(status=307, Location="http://h:x/"), auth.PortalError, "redirects to http://h:x/"),
-    "a redirect to nowhere": (http(status=301), auth.PortalError, "redirects without saying where"),
-    "a captive portal": (http(b"Welcome", Content_Type="text/html"), auth.PortalError, "web page"),
-    "a page without a type": (http(b" <html>"), auth.PortalError, "web page"),
-    "no reason": (http({}, 404), auth.NotTheServiceError, "HTTP 404"),
-    "an odd reason": (http({"error": [1]}, 400), auth.NotTheServiceError, "HTTP 400"),
-    "a page that is missing": (http(PAGE, 404), auth.NotTheServiceError, "HTTP 404"),
-    "a teapot": (http([], 418), auth.NotTheServiceError, "HTTP 418"),
-    "nothing": (http(status=304), auth.NotTheServiceError, "HTTP 304"),
-    "a refusal": (http({"error": "not you"}, 403), auth.AuthError, "not you"),
-    "an empty answer": (http(), auth.NotTheServiceError, "JSON"),
-    "a list": (http([]), auth.NotTheServiceError, "not a JSON object"),
-    "no HTTP": (b"220 mail.example ESMTP\r\n", ConnectionError, "cannot be reached"),
-    "an endless body": (ENDLESS, auth.NotTheServiceError, "more than"),
-    "a deep body": (http(b"[" * 100_000), auth.NotTheServiceError, "JSON"),
-}
-OF_SYNC = {auth.AuthBusyError: ServiceBusy, auth.AuthError: auth.RequestRefusedError}
+BUSY, PORTAL, OTHER = auth.AuthBusyError, auth.PortalError, auth.NotTheServiceError
+ANSWERS = [
+    (http(PAGE, 502), BUSY, "HTTP 502"), (http({"error": "too many"}, 429), BUSY, "too many|HTTP 429"),
+    (http(PAGE, 503), BUSY, "HTTP 503"), (http({"error": {}}, 500), BUSY, "away or busy .HTTP 500"),
+    (http(status=302, Location="http://h/"), PORTAL, "redirects to http://h/"),
+    (http(status=307, Location="http://h:x/"), PORTAL, "redirects to http://h:x/"),
+    (http(status=301), PORTAL, "redirects without saying where"),
+    (http(b"Welcome", Content_Type="text/html"), PORTAL, "web page"), (http(b" <html>"), PORTAL, "web page"),
+    (http({}, 404), OTHER, "HTTP 404"), (http({"error": [1]}, 400), OTHER, "HTTP 400"),
+    (http(PAGE, 404), OTHER, "HTTP 404"), (http([], 418), OTHER, "HTTP 418"), (http(status=304), OTHER, "HTTP 304"),
+    (http({"error": "not you"}, 403), auth.AuthError, "not you"),
+    (http(), OTHER, "JSON"), (http([]), OTHER, "not a JSON object"), (http(b"[" * 100_000), OTHER, "JSON"),
+    (b"220 mail.example ESMTP\r\n", ConnectionError, "cannot be reached"), (ENDLESS, OTHER, "more than"),
+]  # fmt: skip
+OF_SYNC = {BUSY: ServiceBusy, auth.AuthError: auth.RequestRefusedError}
 
 
-@pytest.mark.parametrize("kind", ANSWERS)
-def test_what_answers_is_named(kind, scripted, tmp_path, monkeypatch):
+@pytest.mark.parametrize(("answer", "refusal", "text"), ANSWERS, ids=itertools.count())
+def test_what_answers_is_named(answer, refusal, text, scripted, tmp_path, monkeypatch):
     monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 20.0)
-    answer, refusal, text = ANSWERS[kind]
-    answer = answer if isinstance(answer, bytes) else list(answer)
-    with pytest.raises(refusal, match=text) as info:
-        sign_in(scripted, answer)
-    with pytest.raises(OF_SYNC.get(refusal, refusal), match=text) as of_sync:
-        sync(scripted, tmp_path, answer)
-    assert (info.type, of_sync.type) == (refusal, OF_SYNC.get(refusal, refusal))
+    for act, kind in ((sign_in, refusal), (sync, OF_SYNC.get(refusal, refusal))):
+        with pytest.raises(kind, match=text) as info:
+            act(scripted, tmp_path, answer)
+        assert info.type is kind
     assert not (tmp_path / "manifest.json").exists()
 
 
-@pytest.mark.parametrize("slow", ["challenge", "answer", "manifest", "file", "silence", "nobody"])
+INTERIM = b"HTTP/1.1 102 Processing\r\n\r\n" * 10  # what comes before an answer is a part of it
+SLOW = {
+    "challenge": (sign_in, slowly(INTERIM + CHALLENGE)),
+    "answer": (sign_in, CHALLENGE, slowly(INTERIM + http(GOOD))),
+    "manifest": (sync, slowly(INTERIM + release(b"", "0" * 64))),
+    "file": (sync, release(bytes(600), "0" * 64), slowly(http(bytes(600)))),
+    "silence": (sign_in, (time.sleep(20) for _ in "1")),
+    "nobody": (sign_in,),
+}
+
+
+@pytest.mark.parametrize("slow", SLOW)
 def test_a_service_that_drips_is_given_up(slow, scripted, tmp_path, monkeypatch):
     monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 1.0)
-    manifest = {"era_id": 1, "version": 1, "files": {"runtime/x": {"kind": "k", "sha256": "0" * 64, "size": 600}}}
-    interim = b"HTTP/1.1 102 Processing\r\n\r\n" * 10  # what comes before an answer is a part of it
-    answers = {"challenge": [slowly(interim + CHALLENGE)], "answer": [CHALLENGE, slowly(interim + http(GOOD))]}
-    answers |= {"manifest": [slowly(interim + http(manifest))], "file": [http(manifest), slowly(http(bytes(600)))]}
-    answers |= {"silence": [(time.sleep(20) for _ in "1")], "nobody": []}
+    act, *answers = SLOW[slow]
     with ExitStack() as stack:
         if slow == "nobody":  # a queue of connections that is full: the next one is neither accepted nor refused
             listening = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
@@ -91,35 +90,31 @@ def test_a_service_that_drips_is_given_up(slow, scripted, tmp_path, monkeypatch)
                 waiting.connect_ex(listening.getsockname())
         began = time.monotonic()
         with pytest.raises(ConnectionError, match="in time, or sends too slowly"):
-            if slow in ("manifest", "file"):
-                sync(scripted, tmp_path, *answers[slow])
-            sign_in(scripted, *answers[slow])
+            act(scripted, tmp_path, *answers)
         assert 0.9 < time.monotonic() - began < 18
 
 
 def test_a_download_that_goes_on_may_take_its_time(scripted, tmp_path, monkeypatch):
     monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 1.5)
     content = bytes(9_000)
-    entry = {"kind": "k", "sha256": sha256(content).hexdigest(), "size": len(content)}
     pieces = (time.sleep(0.3) or piece for piece in [http(content)[:-9_000], *[bytes(1_500)] * 6])
-    manifest = http({"era_id": 1, "version": 1, "files": {"runtime/x": entry}})
-    assert sync(scripted, tmp_path, manifest, pieces) == ["runtime/x"]
+    assert sync(scripted, tmp_path, release(content, sha256(content).hexdigest()), pieces) == ["runtime/x"]
 
 
-ODD = [
-    ("does not say how long", CHALLENGE, http({**GOOD, "expires_at": odd}))
-    for odd in (True, "1e9", None, [], float("nan"), float("inf"), -5, 10**400, {})
-]
-TOKENS = 5, None, "", "a\nb", "a b", "\u00e9", "x" * 5_000
-ODD += [("contains no token", CHALLENGE, http({**GOOD, "token": odd})) for odd in TOKENS]
-ODD += [("contains no challenge", http({"challenge": odd})) for odd in (5, None, "\u00e9", ["a"])]
+ODD = {  # a field of an answer, what is odd in it, and what is said to be missing then
+    "expires_at": ([True, "1e9", None, [], math.nan, math.inf, -5, 10**400, {}], "does not say how long"),
+    "token": ([5, None, "", "a\nb", "a b", "\u00e9", "x" * 5_000], "contains no token"),
+    "challenge": ([5, None, "\u00e9", ["a"]], "contains no challenge"),
+}
 
 
-@pytest.mark.parametrize("odd", ODD, ids=lambda odd: odd[-1].rpartition(b"\r\n")[2].decode()[:40])
-def test_odd_answers_are_refused(odd, scripted):
-    lacks, *answers = odd
-    with pytest.raises(auth.AuthError, match=f"The service's answer {lacks}"):
-        sign_in(scripted, *answers)
+@pytest.mark.parametrize("field", ODD)
+def test_odd_answers_are_refused(field, scripted):
+    values, lacks = ODD[field]
+    for odd in values:
+        answer = http({**GOOD, "challenge": "a", field: odd})
+        with pytest.raises(auth.AuthError, match=f"The service's answer {lacks}"):
+            sign_in(scripted, None, answer, answer)
 
 
 def test_the_token_goes_nowhere_else(scripted, tmp_path, monkeypatch, caplog):
@@ -135,21 +130,13 @@ def test_the_token_goes_nowhere_else(scripted, tmp_path, monkeypatch, caplog):
     assert TOKEN not in caplog.text + repr(manager) and f"{7:064x}" not in caplog.text
 
 
-ADDRESSES = {
-    "https://a.example:8443/b//": True,
-    "http://localhost:1": True,
-    "http://127.0.0.1": True,
-    "http://[::1]:80/": True,
-}
-for bad in ("localhost.evil", "localhost@h.example", "127.0.0.1.h.example", "127.0.0.1@h", "h.example", "0.0.0.0"):
-    ADDRESSES[f"http://{bad}"] = False
-ADDRESSES |= dict.fromkeys(("", "ftp://a", "https://", "https://u@a", "https://a?", "https://a b"), False)
+ADDRESSES = "https://a.example:8443/b//", "http://localhost:1", "http://127.0.0.1", "http://[::1]:80/"
+HOSTS = "localhost.evil", "localhost@h.example", "127.0.0.1.h.example", "127.0.0.1@h", "h.example", "0.0.0.0"
 
 
-@pytest.mark.parametrize("url", ADDRESSES)
-def test_plain_http_is_for_this_machine(url):
-    if ADDRESSES[url]:
-        assert auth._validate_server_url(url) == url.rstrip("/")
-    else:
+def test_plain_http_is_for_this_machine():
+    assert [auth._validate_server_url(url) for url in ADDRESSES] == [url.rstrip("/") for url in ADDRESSES]
+    odd = ["", "ftp://a", "https://", "https://u@a", "https://a?", "https://a b"]
+    for url in [*odd, *(f"http://{host}" for host in HOSTS)]:
         with pytest.raises(ValueError, match="server_url must"):
             auth._validate_server_url(url)
