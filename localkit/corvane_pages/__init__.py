@@ -10,7 +10,7 @@ from collections.abc import Iterable, Sequence
 from dataclasses import dataclass
 from functools import cache
 from importlib.resources import files
-from itertools import pairwise
+from itertools import accumulate, pairwise
 
 from jinja2 import Environment, PackageLoader, StrictUndefined
 from markupsafe import Markup
@@ -79,16 +79,14 @@ def curve(values: Sequence[float], mark: float) -> Markup:
 def growth(moments: Sequence[float], amounts: Sequence[float]) -> Markup:
     """How a sum has grown: at each of the moments, in order, by an amount."""
     begin, end, total = moments[0], moments[-1], sum(amounts)
-    x, y, path = 0, _HEIGHT, ["M0 60"]
-    reached = 0.0
-    for moment, amount in zip(moments, amounts, strict=True):
-        reached += amount
-        to_x = round(_WIDTH * (moment - begin) / ((end - begin) or 1))
-        to_y = round(_HEIGHT - (_HEIGHT - 2) * reached / (total or 1))
-        if (to_x, to_y) != (x, y):
-            path.append(f"L{to_x} {to_y}")
-            x, y = to_x, to_y
-    return Markup(f'<svg viewBox="0 0 {_WIDTH} {_HEIGHT}" preserveAspectRatio="none"><path d="{"".join(path)}"/></svg>')
+    points = [f"0 {_HEIGHT}"]
+    for moment, reached in zip(moments, accumulate(amounts), strict=True):
+        x = round(_WIDTH * (moment - begin) / ((end - begin) or 1))
+        y = round(_HEIGHT - (_HEIGHT - 2) * reached / (total or 1))
+        if (point := f"{x} {y}") != points[-1]:
+            points.append(point)
+    path = f"M{'L'.join(points)}"
+    return Markup(f'<svg viewBox="0 0 {_WIDTH} {_HEIGHT}" preserveAspectRatio="none"><path d="{path}"/></svg>')
 
 
 def _style(table: Table) -> str:
@@ -127,5 +125,5 @@ def _environment() -> Environment:
     # No other kind of template is here: everything is escaped, whatever a template is called.
     return Environment(
         loader=PackageLoader(__name__, "."), autoescape=True, undefined=StrictUndefined, trim_blocks=True,
-        lstrip_blocks=True, keep_trailing_newline=True,
+        keep_trailing_newline=True,
     )  # fmt: skip
