@@ -53,7 +53,10 @@ TESTS = (
     ("corvane_local/", "service", "not certificates and not spoilt and not sync and not cut and not kill_at"),
 )
 EXPLAINED = (
+    ("corvane/_batch.py", "if len(waiting) > ", "a batch more or less in advance"),
     ("corvane/_runtime.py", "slice(0, 1)", "any few days show whether an expression is well-formed"),
+    ("corvane/search_templates.py", "strict=True", "there is a correlation for each instrument"),
+    ("corvane/search_tracking.py", "_BUSY_TIMEOUT = ", "a second more or less of patience"),
     ("corvane/sync.py", "LOCK_SECONDS = ", "a second more or less of patience"),
     ("corvane/errors.py", "super().__init__(message)", "BaseException.__new__ has noted the message"),
     ("corvane/_http.py", "timeout=None, trust_env=False", "with a transport of its own the environment is not asked"),
