@@ -25,6 +25,7 @@ from corvane_cli import listing
 from corvane_local import operator_page
 from corvane_local.app import create_app
 from corvane_local.store import Refused, Store
+from corvane_pages import curve, growth
 from localkit.tests.test_cli import Shell
 
 FOREIGN = '<img src=x onerror="alert(1)">&amp;'
@@ -239,6 +240,14 @@ def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path
     assert text.endswith("</script>\n</html>\n")
     lines = re.findall(r'<path d="M0 \d+l([^"]+)"/><path d="M168 0v60"/>', text)  # 1500 days of 2148 are searched
     assert [len(re.findall(r"\d+", line)) for line in lines] == [2 * 240] * 5
+
+
+def test_a_drawing_of_a_page_is_to_scale():
+    drawings = [curve([1.0, 3.0, 2.0], 0.25), curve([7.0, 7.0], 0.5)]
+    drawings += [growth([5.0, 7.0, 9.0], [0, 1, 3]), growth([5.0], [0])]
+    assert [re.findall(' d="(.*?)"', drawing) for drawing in drawings] == [
+        ["M0 58l120-56 120 28", "M60 0v60"], ["M0 2l240 0", "M120 0v60"], ["M0 60L120 46L240 2"], ["M0 60"],
+    ]  # fmt: skip
 
 
 def test_growth_is_what_simulate_says_and_the_service_is_asked_only_if_told(shell, fleet, tmp_path):
