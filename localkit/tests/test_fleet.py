@@ -8,13 +8,13 @@ import os
 import signal
 import subprocess
 import sys
-import time
 from pathlib import Path
 
 import pytest
 
 from corvane import auth
 from corvane_local.store import Store
+from localkit.tests.conftest import wait_until
 
 EXAMPLES = Path(__file__).parents[2] / "examples"
 COMMAND, NURSERY = ([sys.executable, "-P", EXAMPLES / name] for name in ("fleet.py", "fleet_nursery.py"))
@@ -38,14 +38,14 @@ def outcomes(process, status):
     return dict(line.split(maxsplit=1) for line in out.splitlines())
 
 
-def at_work(base):
-    """The processes that have the lock file of an agent open."""
+def holders(path):
+    """The processes that have a file open whose path begins like this, without this one."""
     found = set()
     for descriptor in Path("/proc").glob("[0-9]*/fd/*"):
         with contextlib.suppress(OSError):
-            if os.readlink(descriptor).startswith(f"{base}/.locks/"):
+            if os.readlink(descriptor).startswith(str(path)):
                 found.add(int(descriptor.parts[2]))
-    return found
+    return found - {os.getpid()}
 
 
 def private_kilobytes(process):
@@ -59,7 +59,7 @@ def kill_at_work(base, generation):
     """Kills a process at work, the one that forks, or Ray's: an agent's own, its parent or its grandparent."""
     while True:
         with contextlib.suppress(IndexError, OSError):
-            victim = sorted(at_work(base))[0]
+            victim = sorted(holders(base / ".locks/"))[0]
             for _ in range(generation):
                 victim = int(Path(f"/proc/{victim}/stat").read_text().rpartition(")")[2].split()[1])
             return os.kill(victim, signal.SIGKILL)
@@ -81,7 +81,7 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
         process = fleet(good | bad, base, service.url)
         for generation, wanted in enumerate(range(2, AGENTS // 2, max(1, AGENTS // 36))):
             while len(service.rows("SELECT * FROM wallets")) < len(used) + wanted:
-                working = at_work(base) - {process.pid}
+                working = holders(base / ".locks/") - {process.pid}
                 most, largest = max(most, len(working)), max([largest, *map(private_kilobytes, working)])
             service.process.kill()
             assert process.poll() is None, process.communicate()[1]
@@ -110,12 +110,10 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
 def test_an_interruption_ends_all_processes_and_says_what_is_done(send, number, service, tmp_path):
     base, agents = tmp_path / "agents", {f"a{number}": service.invite() for number in range(10 * AT_ONCE)}
     process = fleet(agents, base, service.url, "--json")
-    while not any(lock.stat().st_size for lock in base.glob(".locks/*")):
-        assert process.poll() is None, process.communicate()[1]
-        time.sleep(0.01)
+    wait_until(lambda: process.poll() or any(lock.stat().st_size for lock in base.glob(".locks/*")))
     send(process.pid, number)
     out, err = process.communicate()
-    assert process.returncode == 130 and "Interrupted: " in err and not at_work(base)
+    assert process.returncode == 130 and "Interrupted: " in err and not holders(base / ".locks/")
     done = {lock.name: lock.read_text().split()[1] for lock in base.glob(".locks/*") if lock.stat().st_size}
     table = {row["name"]: row["address"] for row in json.loads(out)}
     assert table == dict.fromkeys(agents) | done and 0 < len(done) < len(agents)
@@ -124,29 +122,30 @@ def test_an_interruption_ends_all_processes_and_says_what_is_done(send, number, 
     assert table.keys() == agents.keys() and all(table.values()) and table | done == table
 
 
+def onboarding(process, agents, **options):
+    """What a process that forks a child for each agent is told, with the defaults of this test."""
+    job = {"agents": agents, "server_url": URL, "at_once": 5, "time_limit": 60, "attempts": 1, "certificates": None}
+    json.dump(job | options, process.stdin)
+    process.stdin.close()
+
+
 def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
     agents = {name: service.invite() for name in ("good", "no lock", "held", "killed")} | {"bad": "junk"}
-    base, job = tmp_path / "agents", {"agents": list(agents.items()), "locks": "", "at_once": 5, "attempts": 1}
-    base.mkdir()
+    (base := tmp_path / "agents").mkdir()
     with contextlib.ExitStack() as held:
         for name in agents.keys() - {"no lock"}:
             lock = held.enter_context(open(tmp_path / name, "w"))
             if name in ("held", "killed"):
                 fcntl.lockf(lock, fcntl.LOCK_EX)
-        job |= {"locks": "..", "base": str(base), "server_url": service.url, "time_limit": 3, "parent": os.getpid()}
-        job |= {"certificates": os.environ["SSL_CERT_FILE"]}
         with subprocess.Popen(NURSERY, stdin=-1, stdout=-1, text=True) as nursery:
-            json.dump(job, nursery.stdin)
-            nursery.stdin.close()
+            told = {"base": str(base), "locks": "..", "server_url": service.url, "time_limit": 3, "parent": os.getpid()}
+            onboarding(nursery, list(agents.items()), certificates=os.environ["SSL_CERT_FILE"], **told)
             killed = set()
             while len(killed) < 4:
                 assert nursery.poll() is None
-                for descriptor in Path("/proc").glob("[0-9]*/fd/*"):
-                    process = int(descriptor.parts[2])
-                    with contextlib.suppress(OSError):
-                        if os.readlink(descriptor) == f"{tmp_path}/killed" and process not in {os.getpid(), *killed}:
-                            os.kill(process, signal.SIGKILL)
-                            killed.add(process)
+                for process in holders(tmp_path / "killed") - killed:
+                    os.kill(process, signal.SIGKILL)
+                    killed.add(process)
             told = {name: (onboarded, text) for name, onboarded, text in map(json.loads, nursery.stdout)}
     address = service.rows("SELECT used_by FROM invites WHERE code = ?", agents["good"])[0][0]
     assert told.pop("good") == (True, address) and (tmp_path / "good").read_text() == f"{service.url} {address}\n"
@@ -158,19 +157,13 @@ def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
 
 def test_no_process_outlives_the_one_that_started_it(tmp_path):
     (tmp_path / ".locks").mkdir()
-    job = {"agents": [("a", "CODE")], "base": str(tmp_path), "locks": ".locks", "at_once": 1, "time_limit": 60}
-    job |= {"server_url": URL, "attempts": 1, "certificates": None}
     with open(tmp_path / ".locks/a", "w") as lock:
         fcntl.lockf(lock, fcntl.LOCK_EX)  # so that the agent's process waits
         with subprocess.Popen(["sh", "-c", '"$@"; :', "sh", *NURSERY], stdin=-1, text=True) as parent:
-            json.dump(job | {"parent": parent.pid}, parent.stdin)
-            parent.stdin.close()
-            while at_work(tmp_path) == {os.getpid()}:
-                assert parent.poll() is None
+            onboarding(parent, [("a", "CODE")], base=str(tmp_path), locks=".locks", parent=parent.pid)
+            wait_until(lambda: parent.poll() or holders(tmp_path / ".locks/"))
             parent.kill()
-        end = time.monotonic() + 20
-        while at_work(tmp_path) != {os.getpid()}:
-            assert time.monotonic() < end
+        wait_until(lambda: not holders(tmp_path / ".locks/"))
 
 
 URL = "https://127.0.0.1:1"
