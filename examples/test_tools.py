@@ -30,14 +30,13 @@ from langchain_core.outputs import ChatGeneration, ChatResult
 from langchain_core.tools import StructuredTool
 from mcp import Client, StdioServerParameters
 from mcp.server import MCPServer
-from openai.types.responses import ResponseFunctionToolCall, ResponseOutputMessage, ResponseOutputText
+from openai.types.responses import ResponseFunctionToolCall, ResponseOutputMessage
 from pydantic_ai import ModelResponse, TextPart, Tool, ToolCallPart
 from pydantic_ai.models.function import FunctionModel
 
 from corvane import _runtime, search_templates
 from corvane.auth import AuthManager
 from corvane_local.demo.service import Service
-from corvane_local.store import Store
 from support.comparison import files, native, twin
 
 ANY = ToolContext(None, tool_name="any", tool_call_id="1", tool_arguments="")
@@ -140,22 +139,16 @@ def test_the_page_says_which_functions_are_tools_as_they_are():
 
 
 @pytest.fixture
-def examples(monkeypatch):
-    monkeypatch.syspath_prepend(EXAMPLES)
-
-
-@pytest.mark.parametrize("framework", ["openai", "langchain", "pydantic-ai", "google-adk", "smolagents"])
-def test_example(framework, capsys, tmp_path, monkeypatch, examples):
-    [page] = EXAMPLES.glob(f"{framework.replace('-', '_')}_*.py")
-    tools = {tool.name: tool for tool in runpy.run_path(str(page), run_name="__main__")["tools"]}
-    assert sorted(capsys.readouterr().out.split()) == sorted(tools) == ALL
-    assert set(get_args(sys.modules["corvane_tools"].Trigger)) == set(native._NUDGE_TEXTS)
-    for name, tool in tools.items():
-        assert FRAMEWORKS[framework][1](tool)[1] if framework != "google-adk" else tool.description, name
-    (tmp_path / "HEARTBEAT.md").touch()
+def work(service, tmp_path, monkeypatch):
+    """The workspace of an agent that has done nothing yet."""
+    (tmp_path / "HEARTBEAT.md").write_text("# Mine\n")
     monkeypatch.chdir(tmp_path)
-    assert "The checklist is in" in str(FRAMEWORKS[framework][2](tools["inject_heartbeat"], {}))
-    assert "## [Corvane]" in (tmp_path / "HEARTBEAT.md").read_text()
+    monkeypatch.syspath_prepend(EXAMPLES)
+    options = {"server_url": service.url, "data_dir": str(tmp_path / "agent"), "auto_heartbeat": True}
+    monkeypatch.setattr(native, "_config", native._config | options)
+    for owner, name in ((native, "_auth_manager"), (_runtime, "_runtime"), (search_templates, "_library_runtime")):
+        monkeypatch.setattr(owner, name, None)
+    return tmp_path
 
 
 # A model reads what each call came to, then makes the next one of a script: `told` returns its name and arguments, or
@@ -164,20 +157,18 @@ def test_example(framework, capsys, tmp_path, monkeypatch, examples):
 
 async def drive_openai(page, told):
     class Model(agents.Model):
+        stream_response = None
+
         async def get_response(self, system_instructions, input, *_, **__):
             call = told(input[-1]["output"] if isinstance(input, list) and "output" in input[-1] else None)
-            if call is None:
-                text = ResponseOutputText(annotations=[], text="Done.", type="output_text")
-                done = {"id": "m", "content": [text], "role": "assistant", "status": "completed", "type": "message"}
-                return agents.ModelResponse(
-                    output=[ResponseOutputMessage(**done)], usage=agents.Usage(), response_id=None
-                )
-            arguments = {"name": call[0], "arguments": json.dumps(call[1]), "call_id": os.urandom(4).hex()}
-            output = [ResponseFunctionToolCall(type="function_call", **arguments)]
-            return agents.ModelResponse(output=output, usage=agents.Usage(), response_id=None)
-
-        async def stream_response(self, *_, **__):
-            raise NotImplementedError
+            if call:
+                given = {"name": call[0], "arguments": json.dumps(call[1]), "call_id": os.urandom(4).hex()}
+                output = ResponseFunctionToolCall(type="function_call", **given)
+            else:
+                content = [{"annotations": [], "text": "Done.", "type": "output_text"}]
+                said = {"id": "m", "content": content, "role": "assistant", "status": "completed"}
+                output = ResponseOutputMessage(type="message", **said)
+            return agents.ModelResponse(output=[output], usage=agents.Usage(), response_id=None)
 
     agents.set_tracing_disabled(True)
     await agents.Runner.run(page["agent"].clone(model=Model()), "Begin.", max_turns=30)
@@ -252,25 +243,21 @@ FIRST_DAY = [  # what happens before, what the model calls, and what it then rea
     ("", "update_nudge", {"trigger": "no_such"}, REFUSED),
     ("", "update_nudge", {"trigger": "era_change"}, "The line was added to .*HEARTBEAT.md"),
     ("", "update_nudge", {"trigger": "first_signal"}, "HEARTBEAT.md is unchanged"),
+    ("", "inject_heartbeat", {}, "The checklist is in .*HEARTBEAT.md"),
 ]  # fmt: skip
 DRIVERS = {"openai": drive_openai, "langchain": drive_langchain, "mcp": drive_mcp, "pydantic_ai": drive_pydantic_ai,
            "google_adk": drive_google_adk, "smolagents": drive_smolagents}  # fmt: skip
 
 
 @pytest.mark.parametrize("framework", DRIVERS)
-def test_a_model_does_the_first_day(framework, service, examples, tmp_path, monkeypatch, caplog):
-    (tmp_path / "HEARTBEAT.md").write_text("# Mine\n")
-    monkeypatch.chdir(tmp_path)
-    options = {**native._config, "server_url": service.url, "data_dir": str(tmp_path / "agent"), "auto_heartbeat": True}
-    for owner, state, value in (
-        (native, "_config", options),
-        (native, "_auth_manager", None),
-        (_runtime, "_runtime", None),
-        (search_templates, "_library_runtime", None),
-    ):
-        monkeypatch.setattr(owner, state, value)
-    store = Store(service.state / "service.db")
-    codes = [store.make_invite() for _ in "12"]
+def test_a_model_does_the_first_day(framework, service, work, monkeypatch, caplog, capsys):
+    [path] = EXAMPLES.glob(f"{framework}_*.py")
+    page = runpy.run_path(str(path), run_name="page" if framework == "mcp" else "__main__")
+    if framework != "mcp":  # which would serve
+        assert sorted(capsys.readouterr().out.split()) == ALL and all(tool.description for tool in page["tools"])
+    texts = native._NUDGE_TEXTS
+    assert set(get_args(sys.modules["corvane_tools"].Trigger)) == set(texts)
+    codes = service.command("invite", "--count", "2").split()
     AuthManager(f"0x{os.urandom(32).hex()}", service.url, codes[0]).authenticate()
     monkeypatch.setenv("CORVANE_INVITE_CODE", codes[0])
     before = {"": lambda: None, "stop": service.stop, "start": service.start}
@@ -284,51 +271,43 @@ def test_a_model_does_the_first_day(framework, service, examples, tmp_path, monk
         before[step[0]]()
         return step[1], step[2]
 
-    [page] = EXAMPLES.glob(f"{framework}_*.py")
     with caplog.at_level(logging.INFO, native.__name__):
-        run(DRIVERS[framework](runpy.run_path(str(page)), told))
+        run(DRIVERS[framework](page, told))
     for text, (_, name, given, expected) in zip(read[1:], FIRST_DAY, strict=True):
         assert re.search(expected, text, re.DOTALL), (name, given, text)
-    lines = (tmp_path / "HEARTBEAT.md").read_text().splitlines()
-    texts = native._NUDGE_TEXTS
+    lines = (work / "HEARTBEAT.md").read_text().splitlines()
     assert lines[0] == "# Mine" and "## [Corvane] Search Monitoring" in lines
     noted = {name for name, line in texts.items() if line in lines}
     assert {"era_change", "first_signal"} <= noted and "strategy_unlock" not in noted
     assert lines.count(texts["first_signal"]) == 1
     [address] = re.findall("0x[0-9a-f]{40}", "".join(read[4]))
     assert service.rows("SELECT address FROM wallets WHERE address = ?", address) == [(address,)]
-    key, token = (tmp_path / "agent/wallet.key").read_text(), native._auth_manager.get_token()
+    key, token = (work / "agent/wallet.key").read_text(), native._auth_manager.get_token()
     assert not [secret for secret in (key, token, *codes) for text in read[1:] if secret in text]
     [loaded] = [record for record in caplog.records if "Loaded per-era backtester" in record.getMessage()]
     assert (loaded.threadName == "MainThread") == (framework == "smolagents")  # the others do not block the event loop
 
 
-def test_example_of_a_server(service, tmp_path):
-    (tmp_path / "HEARTBEAT.md").touch()
+def test_example_of_a_server(service, work):
     command = [str(EXAMPLES / "mcp_server.py"), service.url]
-    environment = {**os.environ, "CORVANE_INVITE_CODE": service.invite(), "HOME": str(tmp_path)}
-    started = StdioServerParameters(command=sys.executable, args=command, env=environment, cwd=tmp_path)
+    environment = {**os.environ, "CORVANE_INVITE_CODE": service.invite(), "HOME": str(work)}
+    started = StdioServerParameters(command=sys.executable, args=command, env=environment, cwd=work)
     assert sorted(run(served(started))) == ALL
     answer = run(served(started, "register", {}))["structured_content"]["result"]
     [address] = re.findall("0x[0-9a-f]{40}", answer)
     assert service.rows("SELECT 1 FROM wallets WHERE address = ?", address) == [(1,)]
-    assert len((tmp_path / ".corvane/wallet.key").read_text()) == 64
-    (tmp_path / ".corvane/wallet.key").write_text("")
+    assert len((work / ".corvane/wallet.key").read_text()) == 64
+    (work / ".corvane/wallet.key").write_text("")
     assert "ValueError: Invalid private key format" in str(run(served(started, "register", {})))
 
 
-def test_a_call_goes_on_after_a_cancel(service, tmp_path, monkeypatch):
-    (tmp_path / "HEARTBEAT.md").touch()
-    monkeypatch.chdir(tmp_path)
-    options = {**native._config, "server_url": service.url, "data_dir": str(tmp_path / "agent"), "auto_heartbeat": True}
-    monkeypatch.setattr(native, "_config", options)
-    monkeypatch.setattr(native, "_auth_manager", None)
-    code = Store(service.state / "service.db").make_invite()
+def test_a_call_goes_on_after_a_cancel(service, work):
+    code = service.invite()
 
     async def cancelled():
         with pytest.raises(TimeoutError):
             await asyncio.wait_for(asyncio.to_thread(native.register, code), 0.001)
-        assert (tmp_path / "HEARTBEAT.md").read_text() == ""
+        assert (work / "HEARTBEAT.md").read_text() == "# Mine\n"
 
     run(cancelled())  # which waits for the thread at its end
-    assert (tmp_path / "agent/wallet.key").exists() and "## [Corvane]" in (tmp_path / "HEARTBEAT.md").read_text()
+    assert (work / "agent/wallet.key").exists() and "## [Corvane]" in (work / "HEARTBEAT.md").read_text()
