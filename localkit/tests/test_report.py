@@ -111,9 +111,6 @@ def check_layout(page):
             assert (ink - paper if (scheme, media) == ("dark", "screen") else paper - ink) > 500
 
 
-# -- Lists ------------------------------------------------------------------------------------------------------------
-
-
 @pytest.mark.parametrize("width", [24, 40, 44, 60, 80, 100, 1000])
 def test_lists_are_aligned_and_fit_the_terminal(width, monkeypatch):
     monkeypatch.setenv("COLUMNS", str(width))
@@ -137,11 +134,11 @@ def test_signals_searches_and_series_are_the_same_in_every_form(shell):
     assert [row["expression"] for row in table[:3]] == [one["expression"] for one in found]
     assert float(table[0]["mutual information (bits)"]) == first["mutual_information"]
     text = shell("signals --sort number", env={"COLUMNS": "80"}).stdout
-    assert max(map(len, text.splitlines())) <= 80 and all(word in text for word in (first["expression"], "Sharpe in"))
-    searches = shell.json("searches")
+    assert max(map(len, text.splitlines())) <= 80 and first["expression"] in text and "Sharpe in" in text
+    searches, text = shell.json("searches"), shell("searches").stdout
     [search] = searches["searches"]
     assert (search["evaluations"], search["outcome"], search["signals"]) == (600, "finished", listed["found"])
-    assert search["evaluations_per_second"] > 0 and not searches["running"] and "trend: " in shell("searches").stdout
+    assert search["evaluations_per_second"] > 0 and not searches["running"] and "trend: " in text
     series = list(csv.reader(io.StringIO(shell(f"simulate {first['id']} --csv").stdout)))
     assert [series[0][0], series[1][0], series[-1][0]] == ["date (YYYY-MM-DD)", "2004-08-19", "2013-03-01"]
     assert len(series) == 2149 and sum(int(row[3]) for row in series[1:]) == 1500
@@ -151,9 +148,6 @@ def test_signals_searches_and_series_are_the_same_in_every_form(shell):
         shell(line, expect=2)
     formulas = listing.csv_lines(["a", "b"], [("=1+1", -1), ("@x", "\x1b")])
     assert formulas == ["a,b", "'=1+1,-1", "'@x,\\x1b"]
-
-
-# -- Bad input --------------------------------------------------------------------------------------------------------
 
 
 def spoil(path, change):
@@ -200,9 +194,6 @@ def test_what_makes_no_sense_is_refused_and_nothing_is_overwritten(line, status,
     before = {**shell.tree(), **{path: path.read_text() for path in tmp_path.iterdir()}}
     assert text in shell(line.replace("W", str(tmp_path)).replace("H", str(shell.home)), expect=status).stderr
     assert before == {**shell.tree(), **{path: path.read_text() for path in tmp_path.iterdir()}}
-
-
-# -- The page ---------------------------------------------------------------------------------------------------------
 
 
 def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path):
@@ -298,9 +289,6 @@ def test_a_page_of_200_agents_and_5000_signals_is_quick_and_small(shell, fleet, 
             break
     assert (made["agents"], made["signals"], made["curves"], made["errors"]) == (200, 5000, 5000, 0)
     assert seconds < 5 and out.stat().st_size < 5e6 and len(cells(out.read_text(), "signals")) == 5000
-
-
-# -- The operator's page ----------------------------------------------------------------------------------------------
 
 
 def test_only_the_token_opens_the_operators_page(start):
