@@ -239,6 +239,8 @@ def test_a_drawing_of_a_page_is_to_scale():
     assert [re.findall(' d="(.*?)"', drawing) for drawing in drawings] == [
         ["M0 58l120-56 120 28", "M60 0v60"], ["M0 2l240 0", "M120 0v60"], ["M0 60L120 46L240 2"], ["M0 60"],
     ]  # fmt: skip
+    with pytest.raises(ValueError):
+        growth([5.0, 7.0], [1])
 
 
 def test_growth_is_what_simulate_says_and_the_service_is_asked_only_if_told(shell, fleet, tmp_path):
