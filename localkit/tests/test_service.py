@@ -385,7 +385,7 @@ def checked_manifest(home):
     return manifest
 
 
-def test_a_cut_download_is_resumed(start, tmp_path, capsys):
+def test_a_cut_download_is_resumed(start, tmp_path):
     home, files = tmp_path / "home", {"runtime/big": os.urandom(1 << 20) * 64, "era_config.json": b"{}"}
     part = home / "runtime/big.part"
     with start() as service, concurrent.futures.ThreadPoolExecutor() as pool:
@@ -403,9 +403,7 @@ def test_a_cut_download_is_resumed(start, tmp_path, capsys):
             file.write(b"?" * 100_000)  # what is held already; the rest alone is of use
         syncs = SyncManager(manager, home, service.url)
         assert syncs.request_for_sync() == ["era_config.json", "runtime/big"]
-        capsys.readouterr()
-        assert SyncManager(manager, home, service.url, progress=True).sync() == checked_manifest(home)
-        assert capsys.readouterr().err == ""  # no bar where there is nothing to do
+        assert syncs.sync() == checked_manifest(home)
         syncs.acquire()
         waiting = pool.submit(syncs.request_for_sync)
         assert not concurrent.futures.wait([waiting], 0.3).done
