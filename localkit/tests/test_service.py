@@ -186,7 +186,7 @@ def test_failures_are_forgotten_one_by_one():
 
 def connected(service, stack, secure=True):
     """One more connection to a service."""
-    plain = stack.enter_context(socket.create_connection(("127.0.0.1", service.client.base_url.port), timeout=9))
+    plain = stack.enter_context(socket.create_connection(("127.0.0.1", service.client.base_url.port), timeout=20))
     trust = ssl.create_default_context()
     return stack.enter_context(trust.wrap_socket(plain, server_hostname="127.0.0.1")) if secure else plain
 
