@@ -3,6 +3,7 @@
 import fcntl
 import json
 import os
+import pty
 import re
 import signal
 import subprocess
@@ -16,11 +17,12 @@ import pytest
 import corvane as kit
 from corvane_cli.command import Exit
 
+CORVANE = (sys.executable, "-BP", "-m", "corvane_cli")
+CATCH = partial(signal.signal, signal.SIGINT, signal.SIG_DFL)  # whoever runs the tests may ignore it
+
 
 class Shell:
     """Runs commands for one data directory; what they print never holds a key that was used."""
-
-    command = (sys.executable, "-BP", "-m", "corvane_cli")
 
     def __init__(self, url, work, forks):
         self.work, self.home, self.forks = work, work / "home", forks
@@ -29,12 +31,12 @@ class Shell:
         self.env |= {"HOME": str(work), "PATH": f"{work}:/usr/bin:/bin", "PYTHONPATH": str(work)}
         self.env |= {"CORVANE_SERVER_URL": url, "CORVANE_DATA_DIR": str(self.home)}
 
-    def __call__(self, line, text="", expect=0, env=(), **options):
+    def __call__(self, line, text="", expect=0, env=(), command=CORVANE, **options):
         env = {**self.env, **dict(env)}
-        if options or self.command != Shell.command:
+        if options or command != CORVANE:
             options = options if "stdin" in options else {"input": text} | options
             options |= {"cwd": self.work, "env": env, "timeout": 60, "capture_output": True, "text": True}
-            done = subprocess.run([*self.command, *line.split(" ")], **options)
+            done = subprocess.run([*command, *line.split(" ")], **options)
         else:
             done = self.forks(line.split(" "), text, env, self.work)
         assert done.returncode == expect, done.stdout + done.stderr
@@ -48,6 +50,11 @@ class Shell:
 
     def tree(self):
         return {p: (p.stat().st_mtime_ns, p.read_bytes()) for p in self.work.rglob("*") if p.is_file()}
+
+
+def limited(size):
+    """The command, which cannot write more than so many bytes into any file."""
+    return "prlimit", f"--fsize={size}", *CORVANE
 
 
 def hurried(seconds):
@@ -68,7 +75,6 @@ def test_a_day_with_the_command(service, corvane):
     home, heartbeat, drawn, code = corvane.home, corvane.work / "HEARTBEAT.md", corvane.work / "a.png", service.invite()
     heartbeat.write_text("# Mine")
     assert corvane.json(f"register --invite-code {code} --dry-run")["would"] and not home.exists()
-    corvane("register", expect=2)
     corvane("register --invite-code CORV-2222-2222-2222", expect=4)
     corvane.secrets.append((home / "wallet.key").read_text())
     made = corvane.json("register --bootstrap --verbose", env={"CORVANE_INVITE_CODE": code})
@@ -87,17 +93,17 @@ def test_a_day_with_the_command(service, corvane):
     for name, beginning in {"a.png": b"\x89PNG", "b.SVG": b"<?xml", "b.svg": b"<?xml"}.items():  # one was there
         corvane(f"simulate 1 --picture {corvane.work}/{name}")
         assert (corvane.work / name).read_bytes().startswith(beginning) and own.read_text() == "mine"
+    before = set(corvane.work.iterdir())
+    corvane("simulate 1 --picture c.png", command=limited(2000), expect=6)
+    assert "disk I/O error" in corvane("search --no-heartbeat", command=limited(0), expect=6).stderr
+    assert set(corvane.work.iterdir()) == before
+    corvane("simulate nonsense(", expect=2)
     table = corvane("search --max-evaluations 1000 --seed 9 --no-heartbeat").stdout
     assert re.search(r"^number +traded +pool +Sharpe +expression$\n^\d+ +[A-Z]+ +", table, re.M)
-    corvane("simulate nonsense(", expect=2)
-    corvane.command = ("prlimit", "--fsize=0", *Shell.command)
-    assert "disk I/O error" in corvane("search --no-heartbeat", expect=6).stderr
-    corvane.command = Shell.command
     private = [home / name for name in ("wallet.key", "session.json", "search.db")]
     assert [path.stat().st_mode & 0o777 for path in (home, *private)] == [0o700, 0o600, 0o600, 0o600]
-    command = [*corvane.command, "search", "--max-evaluations", "9999999", "--progress"]
-    catch = partial(signal.signal, signal.SIGINT, signal.SIG_DFL)  # whoever runs the tests may ignore it
-    options = {"stderr": -1, "text": True, "env": corvane.env, "cwd": corvane.work, "preexec_fn": catch}
+    command = [*CORVANE, "search", "--max-evaluations", "9999999", "--progress"]
+    options = {"stderr": -1, "text": True, "env": corvane.env, "cwd": corvane.work, "preexec_fn": CATCH}
     with subprocess.Popen(command, **options) as endless:
         while "search:" not in endless.stderr.readline(40):
             assert endless.poll() is None
@@ -105,15 +111,10 @@ def test_a_day_with_the_command(service, corvane):
         assert "Next: Run it again" in endless.communicate(timeout=30)[1] and endless.returncode == 130
     (home / "era_config.json").write_text("{}")
     assert not corvane.json("sync --check", expect=7)["intact"]
-    mended = corvane("sync --json")  # no bars where there is no terminal
-    assert mended.stderr == "" and json.loads(mended.stdout)["changed_files"] == ["era_config.json"]
-    assert corvane.json("sync --check")["intact"]
-    assert corvane.json("doctor")["findings"] == []
-    assert "Nothing is revoked" in corvane("logout").stdout and (home / "wallet.key").exists()
-    for line in ("sync", "sync --dry-run", "search --dry-run", "simulate 1 --dry-run", "status", "status --online"):
-        corvane(line, expect=3, env={"CORVANE_SERVER_URL": "https://127.0.0.1:1"})  # where nobody could be asked
+    repaired = corvane("sync --json")  # no bars where there is no terminal
+    assert repaired.stderr == "" and json.loads(repaired.stdout)["changed_files"] == ["era_config.json"]
+    assert corvane.json("sync --check")["intact"] and corvane.json("doctor")["findings"] == []
     corvane(f"logout --delete-key {corvane.addresses[0]}", expect=2)
-    assert corvane.json("register", env={"CORVANE_SERVER_URL": service.url})["address"] == made["address"]
     corvane(f"logout --delete-key {made['address']}")
     assert not (home / "wallet.key").exists()
 
@@ -125,7 +126,7 @@ def test_login_never_loses_a_wallet(corvane):
     corvane("login", first, expect=6, env={"SSL_CERT_FILE": "/dev/null"})
     assert not corvane.home.exists()
     assert corvane.json("login", first)["stored"] and path.read_text() == first
-    corvane.work.joinpath("HEARTBEAT.md").write_text("# Mine")
+    (corvane.work / "HEARTBEAT.md").write_text("# Mine")
     corvane(f"login --data-dir {corvane.work}/another", second)
     before, delete = corvane.tree(), f"logout --delete-key {corvane.addresses[0]}"
     for line in ("register", "login", delete, "sync", "search", "simulate 1", "heartbeat"):
@@ -147,15 +148,20 @@ def test_login_never_loses_a_wallet(corvane):
     assert corvane.tree() == before
     assert corvane.json("login", "0x" + first)["stored"] is False and path.read_text() == first
     assert [corvane.json("heartbeat")["added"] != "" for _ in "12"] == [True, False]
+    assert corvane.json("logout")["revoked"] is False and path.exists()
+    for line in ("sync", "sync --dry-run", "search --dry-run", "simulate 1 --dry-run", "status", "status --online"):
+        corvane(line, expect=3)
     read, write = os.pipe()
     os.write(write, second.encode() + b"\n")  # and nobody closes it
-    replaced = corvane.json(f"login --replace --key-fd {read}", pass_fds=[read])
-    backup = Path(replaced["backup"])
-    assert [backup.read_text(), path.read_text(), replaced["address"]] == [first, second, corvane.addresses[1]]
+    replaced = corvane(f"login --replace --json --key-fd {read}", pass_fds=[read])
+    backup = Path(json.loads(replaced.stdout)["backup"])
+    assert [backup.read_text(), path.read_text()] == [first, second] and f"is kept in {backup}" in replaced.stderr
     assert backup.stat().st_mode & 0o777 == 0o600
-    began, corvane.command = time.monotonic(), hurried("wallet_commands._KEY_SECONDS")
-    corvane("login", expect=2, stdin=read)
-    assert 0.9 < time.monotonic() - began < 40
+    for source, why in ((read, "No key has arrived"), (pty.openpty()[1], "No key is read from a terminal")):
+        began = time.monotonic()
+        assert why in corvane("login", command=hurried("wallet_commands._KEY_SECONDS"), expect=2, stdin=source).stderr
+        took = time.monotonic() - began
+        assert took < 40 and (took > 0.9 or source != read)
 
 
 def test_a_key_from_the_environment_comes_first_and_touches_no_file(corvane):
@@ -180,5 +186,7 @@ def test_help_completion_and_documented_statuses(corvane):
     assert corvane.json("agents-md")["fragment"].startswith("## Corvane Integration\n")
     assert corvane("heartbeat --print").stdout.count("- [ ] **") == 5
     corvane("heartbeat", expect=6)
+    (corvane.work / "corvane_local.py").touch()  # found before the kit's
+    assert "The demo has failed." in corvane("demo", expect=1).stderr
     documented = re.findall(r"^\| (\d+) \| (.+) \|$", Path(__file__).parents[1].joinpath("README.md").read_text(), re.M)
     assert dict(documented) == {str(int(status)): status.meaning for status in Exit}
