@@ -25,21 +25,23 @@ TESTS = (
     ("corvane/manifest.py", "service", "paths or spoilt or cut"),
     ("corvane/sync_backoff.py", "service", "back_off"),
     ("corvane/sync.py", "service http command", "paths or spoilt or cut or kill_at or back_off or sync"),
-    ("corvane/runtime_module_freshness.py", "search journey", ""),
+    ("corvane/runtime_module_freshness.py", "search demo", "not sabotage"),
     ("corvane/key_file.py", "command cli", "key or kill or disk or login"),
     ("corvane/skills.py", "search", "skills"),
-    ("corvane/_runtime.py", "search journey", ""),
+    ("corvane/_runtime.py", "search demo", "not sabotage"),
     ("corvane/simulate_signal.py", "search command cli", "profit or takes or picture or a_day"),
-    ("corvane/output_file.py", "report command", "refused or picture"),
+    ("corvane/output_file.py", "report command cli", "refused or picture or a_day"),
     ("corvane/search_tracking.py", "search report", "not browser and not 200"),
     ("corvane/", "search", ""),
+    ("corvane_cli/doctor_findings.py", "cli doctor", "a_day or doctor"),
     ("corvane_cli/doctor", "doctor", ""),
     ("corvane_cli/display.py", "display", ""),
     ("corvane_cli/interrupts.py", "command", "ctrl or drips or output"),
     ("corvane_cli/identity.py", "cli command", "login or environment or planted or stored or refused or spends"),
-    ("corvane_cli/command.py", "command cli", "answers or output or options or narrow or wrong or drips or help"),
+    ("corvane_cli/command.py", "command cli", "answer or output or option or word or wrong or drip or help or picture"),
     ("corvane_cli/report.py", "report", "not operator"),
     ("corvane_cli/capital.py", "report", "page or growth"),
+    ("corvane_cli/search_commands.py", "cli command report", "a_day or sync or picture or every_form"),
     ("corvane_cli/listing.py", "report", "lists or form"),
     ("corvane_cli/found_commands.py", "report", "not operator and not 200"),
     ("corvane_cli/", "cli command", ""),
@@ -48,8 +50,8 @@ TESTS = (
     ("corvane_local/failures.py", "service", "failures"),
     ("corvane_local/operator_page.py", "report", "operator or sessions"),
     ("corvane_pages/", "report", "page"),
-    ("corvane_local/releases.py", "service journey", "published or journey or keeps"),
-    ("corvane_local/eras.py", "service journey", "published or journey"),
+    ("corvane_local/releases.py", "service demo", "(published or keeps or demo) and not sabotage"),
+    ("corvane_local/eras.py", "service demo", "(published or demo) and not sabotage"),
     ("corvane_local/", "service", "not certificates and not spoilt and not sync and not cut and not kill_at"),
 )
 EXPLAINED = (
@@ -61,6 +63,8 @@ EXPLAINED = (
     ("corvane/errors.py", "super().__init__(message)", "BaseException.__new__ has noted the message"),
     ("corvane/_http.py", "timeout=None, trust_env=False", "with a transport of its own the environment is not asked"),
     ("corvane/_http.py", "if (left := ", "the very nanosecond"),
+    ("corvane_cli/identity.py", "1 < at < ", "the second second of 1970"),
+    ("corvane_cli/doctor_directory.py", "os.fsync", "matters where a disk tells late that it is full, on a network"),
     ("corvane_cli/doctor_directory.py", "include_url=False", "what is left out is not shown either"),
     ("corvane_local/certificates.py", "os.fsync", "matters after a power cut"),
     ("corvane_local/certificates.py", "lasts = ", "the very microsecond"),
@@ -147,7 +151,7 @@ class Kit:
         try:
             path.write_bytes(faulty)
             how = {"interpreter": self._python, "seconds": seconds}
-            return self._workshop.pytest(self._workshop.root, "localkit/tests", row[1], "-k", row[2], **how)
+            return self._workshop.pytest(self._workshop.root, row[1], "-k", row[2], **how)
         finally:
             path.write_bytes(content)
 

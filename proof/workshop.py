@@ -113,17 +113,17 @@ class Workshop:
         parts = [part for n in range(20) if (part := names[n::20])]
         return side_by_side(lambda part: self.answer(function, *arguments, *part, **how), parts)
 
-    def pytest(self, root: Path, folder: str, names: str, *options: str, **how: Any) -> Done:
-        """Runs test files of a folder, such as "eras surface", in a checkout, until a test fails."""
+    def pytest(self, root: Path, names: str, *options: str, **how: Any) -> Done:
+        """Runs test files, such as "eras surface", of a checkout, until a test fails."""
         fixed = "-c", f"{root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line"
-        files = [f"{root}/{folder}/test_{name}.py" for name in names.split()]
+        files = [str(file) for name in names.split() for file in root.glob(f"[lt]*/**/test_{name}.py")]
         return self.python("-m", "pytest", *fixed, *options, *files, **how)
 
     def tests(self, variables: Variables) -> tuple[int, list[str]]:
         """How many tests of the module pass, without those that have builds of their own, and what fails."""
         names = {path.stem.removeprefix("test_") for path in (self.root / "tests").glob("test_*.py")}
         chosen = "key_file" if self.quick else " ".join(names - {"docs", "proof", "wheel"})
-        done = self.pytest(self.root, "tests", chosen, "-nauto", "--dist=loadfile", variables=variables)
+        done = self.pytest(self.root, chosen, "-nauto", "--dist=loadfile", variables=variables)
         passed = re.search(r"^(\d+) passed", done.stdout, re.M)
         return int(passed[1]) if passed else 0, [done.stdout[-3000:] + done.stderr[-500:]] * (done.returncode != 0)
 

@@ -12,29 +12,13 @@ from corvane.sync import SyncManager
 from localkit.tests.conftest import http
 
 KEY, CODE, TOKEN = f"{0xC0FFEE:064x}", "CORV-KEPT-FRMN-SEEN", "a-token-for-nobody-else"
-CHALLENGE = http({"challenge": "a"})
 TOO_LARGE = "x" * 50_000_000  # for the buffers of a socket that nobody reads
 
 
-def register(server, home):
-    agent_onboarding.configure(server_url=server.url, data_dir=str(home), auto_heartbeat=False)
-    agent_onboarding.register()
-
-
-def login(server, home):
-    agent_onboarding.configure(server_url=server.url, data_dir=str(home), auto_heartbeat=False)
-    agent_onboarding.login(KEY)
-
-
-def sign_in(server, home):
-    AuthManager(f"0x{KEY}", server.url, CODE).authenticate()
-
-
-def send_more_than_is_read(server, home):
-    with Service(server.url) as service:
-        headers = {"Authorization": f"Bearer {TOKEN}"}
-        with service.send("POST", "/", headers, {"code": CODE, "more": TOO_LARGE}):
-            raise AssertionError("unreachable")
+def send_more_than_is_read(url, home):
+    headers = {"Authorization": f"Bearer {TOKEN}"}
+    with Service(url) as service, service.send("POST", "/", headers, {"code": CODE, "more": TOO_LARGE}):
+        raise AssertionError("unreachable")
 
 
 class SignedIn:
@@ -42,29 +26,42 @@ class SignedIn:
         return TOKEN
 
 
-def sync(server, home):
-    SyncManager(SignedIn(), str(home), server.url).sync()
+def sign_in(key):
+    return lambda url, home: AuthManager(key, url, CODE).authenticate()
 
 
-def make_a_second_key(server, home):
+def register(url, home):
+    agent_onboarding.register()
+
+
+def login(url, home):
+    agent_onboarding.login(KEY)
+
+
+def sync(url, home):
+    SyncManager(SignedIn(), str(home), url).sync()
+
+
+def make_a_second_key(url, home):
     (home / "wallet.key").write_text("")
     key_file.write_whole(home / "wallet.key", KEY.encode(), replace=False)
 
 
+CHALLENGE, CUT_SHORT = http({"challenge": "a"}), b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{"
 CALLS = {  # what is called, what the service answers, and the exception
     "no service": (register, None, ConnectionError),
     "a used code": (register, [CHALLENGE, http({"error": "used", "code": "used_invite"}, 409)], Exception),
-    "half an answer": (register, [CHALLENGE, b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{"], ConnectionError),
-    "no HTTP": (sign_in, [CHALLENGE, b"220 mail.example ESMTP\r\n"], ConnectionError),
+    "half an answer": (register, [CHALLENGE, CUT_SHORT], ConnectionError),
+    "not HTTP": (sign_in(f"0x{KEY}"), [CHALLENGE, b"220 mail.example ESMTP\r\n"], ConnectionError),
     "login refused": (login, [CHALLENGE, http({"error": "unknown"}, 404)], Exception),
-    "no expiry": (sign_in, [CHALLENGE, http({"token": TOKEN})], Exception),
+    "no expiry": (sign_in(f"0x{KEY}"), [CHALLENGE, http({"token": TOKEN})], Exception),
     "a refused token": (sync, [http(status=401)], Exception),
-    "a manifest that breaks off": (sync, [b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{"], ConnectionError),
+    "a manifest that breaks off": (sync, [CUT_SHORT], ConnectionError),
     "a request that is not read": (send_more_than_is_read, [(time.sleep(20) for _ in "1")], ConnectionError),
-    "not hexadecimal": (lambda *_: AuthManager(KEY, "https://h", CODE), None, Exception),
-    "not a key": (lambda *_: AuthManager("0x" + "f" * 60 + KEY[-6:-2], "https://h", CODE), None, Exception),
+    "not hexadecimal": (sign_in(KEY), None, Exception),
+    "not a key": (sign_in("0x" + "f" * 60 + KEY[-6:-2]), None, Exception),
     "a key that is there": (make_a_second_key, None, FileExistsError),
-}  # fmt: skip
+}
 
 
 def frames(error):
@@ -77,21 +74,18 @@ def frames(error):
 @pytest.mark.parametrize("name", CALLS)
 def test_locals_tell_no_secret(name, scripted, tmp_path, monkeypatch):
     call, answers, expected = CALLS[name]
+    config = {"server_url": scripted.url, "data_dir": str(tmp_path), "auto_heartbeat": False}
+    monkeypatch.setattr(agent_onboarding, "_config", agent_onboarding._config | config)
+    monkeypatch.setattr(agent_onboarding, "_auth_manager", None)
     monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 3.0)
     monkeypatch.setenv("CORVANE_INVITE_CODE", CODE)
-    for state in ("_config", "_auth_manager"):
-        value = vars(agent_onboarding)[state]
-        monkeypatch.setattr(agent_onboarding, state, dict(value) if state == "_config" else value)
+    scripted.script = iter(answers or [])
     if answers is None:
         scripted.server_close()
-    else:
-        scripted.script = iter([[piece] if isinstance(piece, bytes) else piece for piece in answers])
     with pytest.raises(expected) as info:
-        call(scripted, tmp_path)
-    if (key := tmp_path / "wallet.key").exists() and call is register:
-        monkeypatch.setitem(globals(), "KEY", key.read_text())
+        call(scripted.url, tmp_path)
+    key = (tmp_path / "wallet.key").read_text() if call is register else KEY
     seen = [(frame.f_code.co_name, repr(frame.f_locals)) for frame in frames(info.value)]
-    assert seen and "AssertionError" not in repr(info.value)
-    secrets = {"key": KEY, "its number": str(int(KEY, 16)), "code": CODE, "token": TOKEN}
-    told = [(secret, *place) for place in seen for secret, text in secrets.items() if text in place[1]]
-    assert not told
+    assert seen and "unreachable" not in repr(info.value)
+    secrets = {"key": key, "its number": str(int(key, 16)), "code": CODE, "token": TOKEN}
+    assert not [(secret, *place) for place in seen for secret, text in secrets.items() if text in place[1]]
