@@ -107,7 +107,7 @@ class Copy:
         """Runs tests of the copy with a fault, or without."""
         # LD_PRELOAD tells the tests that frames are larger than those of a release.
         how: Any = {"variables": {**self.variables(fault), "LD_PRELOAD": ""}, "seconds": seconds}
-        return self._workshop.pytest(self.root, "tests", row[1], "-k", row[2], **how)
+        return self._workshop.pytest(self.root, row[1], "-k", row[2], **how)
 
 
 def noticed(
