@@ -6,24 +6,24 @@ import logging
 import os
 import re
 import resource
-import shutil
 import sys
-import tempfile
 import urllib.error
 import urllib.request
 from pathlib import Path
+from unittest import mock
 
 import pytest
 
 import corvane
 from corvane import _runtime, auth
 from corvane import agent_onboarding as m
+from corvane.sync import SyncManager
 from localkit.tests.conftest import http
 
 ROOT = Path(__file__).parents[2]
 PAGE = (ROOT / "docs/operating.md").read_text("utf-8").partition("## Messages")[2]
 ROWS = dict(re.findall(r"^\| `([^`]+)`(?: \((\w+)\))? \|", PAGE, re.M))
-AWAY, KEY, NOBODY = "https://127.0.0.1:9", "5a" * 32, 65534
+AWAY, KEY = "https://127.0.0.1:9", "5a" * 32
 LIMIT = resource.getrlimit(resource.RLIMIT_FSIZE)
 
 
@@ -33,11 +33,7 @@ class Agent:
     def __init__(self, service, scripted, home, patch, used):
         self.service, self.scripted, self.home, self.patch, self.used = service, scripted, home, patch, used
         self.key, self.heartbeat, self.manifest = home / "wallet.key", home / "HEARTBEAT.md", home / "manifest.json"
-        self.backup, self.limit, self.undo = (
-            self.key.read_bytes(),
-            resource.getrlimit(resource.RLIMIT_FSIZE),
-            patch.undo,
-        )
+        self.backup, self.replace = self.key.read_bytes(), patch.setattr
 
     def gets_a_code(self, code=None):
         self.patch.setenv("CORVANE_INVITE_CODE", code or self.service.invite())
@@ -73,7 +69,7 @@ class Agent:
 
     def is_behind_a_proxy(self):
         self.patch.delenv("NO_PROXY", raising=False)
-        self.kit(urllib.request, _opener=None)  # it asks for the proxies once
+        self.patch.setattr(urllib.request, "_opener", None)  # it asks for the proxies once
         self.patch.setenv("https_proxy", "http://127.0.0.1:9")
         assert m.register()  # the kit connects directly
 
@@ -106,29 +102,6 @@ class Agent:
     def lacks_export(self):
         self.patch.delattr(sys.modules["corvane.simulate_signal"], "_simulate_signal_export")
 
-    def kit(self, owner, **others):
-        for name, value in others.items():
-            self.patch.setattr(owner, name, value)
-
-    def key_is_unreadable(self):
-        """To its own owner, who is not root: no permission stops root."""
-        root, directory = os.getuid() == 0, Path(tempfile.mkdtemp())
-        self.key, self.home = directory / "wallet.key", directory
-        self.key.write_bytes(self.backup)
-        self.key.chmod(0)
-        if root:
-            os.chown(directory, NOBODY, NOBODY)
-            os.chown(self.key, NOBODY, NOBODY)
-            os.setresuid(NOBODY, NOBODY, 0)
-        self.undo = lambda: (os.setresuid(0, 0, 0) if root else None, shutil.rmtree(directory))
-
-
-def raising(error):
-    def function(*_args, **_kwargs):
-        raise error
-
-    return function
-
 
 def option(**options):
     return lambda agent: m.configure(**options) or True
@@ -140,7 +113,6 @@ CALLS = {
     "sync": lambda a: m.register(bootstrap_runtime=True),
     "login": lambda a: m.login(KEY),
     "login again": lambda a: m.login(a.backup.decode()),
-    "read key": lambda a: m._read_wallet_key(str(a.home)),
     "eras": lambda a: m._resolve_active_named_universe(m._auth_manager),
     "strict": lambda a: m.ensure_runtime_bootstrapped(),
     "tolerant": lambda a: m.ensure_runtime_bootstrapped(strict=False) or True,
@@ -151,23 +123,22 @@ CALLS = {
 }
 ADVICE = {
     "back": Agent.is_back,
-    "undo": lambda a: a.undo(),
+    "undo": lambda a: a.patch.undo(),
     "restore": Agent.restore,
     "another code": Agent.gets_a_code,
     "sync": CALLS["sync"],
-    "register": lambda a: a.undo() or m.register(),
+    "register": lambda a: a.patch.undo() or m.register(),
     "no proxy": lambda a: a.patch.setenv("no_proxy", "127.0.0.1,localhost"),
-    "chmod": lambda a: a.key.chmod(0o600),
     "make room": Agent.disk_has_room,
     "make room and restore": lambda a: a.disk_has_room() or a.restore(),
     "choose": lambda a: a.is_back() or m.configure(named_universe="us_large"),
-    "undo, back": lambda a: a.undo() or a.is_back(),
+    "undo, back": lambda a: a.patch.undo() or a.is_back(),
     "as UTF-8": lambda a: a.heartbeat.write_text(""),
     "none": lambda a: None,
 }
-REFUSED, NOTHING = raising(OSError("not today")), lambda *_args, **_kwargs: None
 DIAGNOSED = type("Diagnosed", (Exception,), {"diagnostic_detail": "it rained"})("no")
 DIAGNOSED.__cause__ = OSError("not today")
+REFUSED, NOTHING = mock.Mock(side_effect=DIAGNOSED), mock.Mock(return_value=None)
 # A part of the message, what is wrong, the call that says so, the advice; and the call after it, if that is another.
 CASES = [
     ("Invite code required", lambda a: a.is_new("CORV-O0"), "register", "another code"),
@@ -177,17 +148,16 @@ CASES = [
     ("Registration failed", lambda a: a.is_new(a.used), "register", "another code", "with the code"),
     ("Authentication failed", None, "login", "restore", "register"),
     ("Authentication failed", lambda a: a.answers(503), "login again", "back", "register"),
-    ("No wallet", lambda a: a.kit(m, _auth_manager=None), "strict", "register"),
+    ("No wallet", lambda a: a.replace(m, "_auth_manager", None), "strict", "register"),
     ("Unsafe", lambda a: a.key.rename("other") and a.key.symlink_to("other"), "register", "restore"),
-    ("Unsafe", Agent.key_is_unreadable, "read key", "chmod"),
     ("Cannot write", Agent.disk_is_full, "login", "make room and restore", "register"),
-    ("Failed to set", lambda a: a.kit(auth, _set_active_auth_manager=REFUSED), "register", "undo"),
+    ("Failed to set", lambda a: a.replace(auth, "_set_active_auth_manager", REFUSED), "register", "undo"),
     ("Unknown configuration", None, option(colour=1), "none", option(auto_heartbeat=True)),
     ("Option", None, option(data_dir=Path("d")), "none", option(data_dir=str(Path("d")))),
     ("data_dir", None, option(data_dir=""), "none", "register"),
     ("named_universe cannot", None, option(named_universe=" "), "none", "eras"),
     ("named_universe must", None, option(named_universe="a/us"), "none", option(named_universe="us")),
-    ("could not fetch /eras", lambda a: a.kit(m._auth_manager, get_token=NOTHING), "eras", "register"),
+    ("could not fetch /eras", lambda a: a.replace(m._auth_manager, "get_token", NOTHING), "eras", "register"),
     ("failed to fetch /eras.", lambda a: a.answers(401), "eras", "back"),
     ("failed to fetch /eras.", Agent.is_behind_a_proxy, "eras", "no proxy"),
     ("failed to fetch /eras: HTTP", lambda a: a.answers(204), "eras", "back"),
@@ -203,14 +173,14 @@ CASES = [
     ("Runtime module '<name>' is missing", lambda a: a.backtester().unlink(), "load one", "sync"),
     ("Runtime module '<name>' hash", Agent.has_rubbish, "load", "sync"),
     ("Runtime module '<name>' failed", lambda a: a.has_rubbish(listed=True), "load", "sync"),
-    ("Could not create", lambda a: a.kit(importlib.util, spec_from_file_location=NOTHING), "load one", "undo"),
+    ("Could not create", lambda a: a.replace(importlib.util, "spec_from_file_location", NOTHING), "load one", "undo"),
     ("Loaded per-era", None, "load", "none"),
-    ("auth bootstrap failed", lambda a: a.kit(auth, _set_active_auth_manager=REFUSED), "strict", "undo"),
+    ("auth bootstrap failed", lambda a: a.replace(auth, "_set_active_auth_manager", REFUSED), "strict", "undo"),
     ("Failed to bootstrap corvane", Agent.is_away, "tolerant", "back"),
     ("data bootstrap failed", Agent.is_away, "strict", "back"),
-    ("returned no runtime", lambda a: a.kit(_runtime, bootstrap_runtime=NOTHING), "strict", "undo"),
+    ("returned no runtime", lambda a: a.replace(_runtime, "bootstrap_runtime", NOTHING), "strict", "undo"),
     ("Failed to bootstrap local", lambda a: a.is_away() or a.has_rubbish(), "tolerant", "back"),
-    ("Batch", lambda a: a.is_away() or a.kit(_runtime, _import_batch_runtime=REFUSED), "tolerant", "undo, back"),
+    ("Batch", lambda a: a.is_away() or a.replace(_runtime, "_import_batch_runtime", REFUSED), "tolerant", "undo, back"),
     ("Failed to inject runtime", lambda a: a.lacks("search_templates"), "tolerant", "undo"),
     ("Failed to inject existing", lambda a: CALLS["sync"](a) and a.lacks("search_templates"), "tolerant", "undo"),
     ("Corvane search runtime", lambda a: a.lacks("search_templates"), "strict", "undo"),
@@ -220,40 +190,28 @@ CASES = [
     ("Failed to restore", Agent.lacks_export, "tolerant", "undo"),
     ("simulate exports bootstrap failed", Agent.lacks_export, "strict", "undo"),
     ("local variable", lambda a: a.lacks("sync_backoff"), "strict", "undo"),
-    ("<class>", lambda a: a.kit(_runtime, bootstrap_runtime=raising(DIAGNOSED)), "strict", "undo"),
+    ("<class>", lambda a: a.replace(_runtime, "bootstrap_runtime", REFUSED), "strict", "undo"),
     ("Failed to read", lambda a: a.heartbeat.write_bytes(b"\xff"), "heartbeat", "as UTF-8"),
     ("Failed to write", Agent.disk_is_full, "heartbeat", "make room"),
     ("update_nudge", lambda a: a.heartbeat.write_bytes(b"\xff"), "nudge", "as UTF-8"),
 ]  # fmt: skip
 
 
-@pytest.fixture(scope="module")
-def at_home(service, tmp_path_factory):
-    """A directory with everything in it, the manager of its wallet, and the invite code that the wallet has used."""
-    home, code = tmp_path_factory.mktemp("home"), service.invite()
-    with pytest.MonkeyPatch.context() as patch:
-        patch.setattr(m, "_config", {**m._config, "auto_heartbeat": False, "server_url": service.url})
-        patch.setattr(m, "_auth_manager", None)
-        m.register(code, data_dir=str(home), bootstrap_runtime=True)
-        _runtime.close_runtime()
-        yield home, m._auth_manager, code
-
-
 @pytest.fixture
-def agent(at_home, service, scripted, tmp_path, monkeypatch):
-    home, manager, code = at_home
-    shutil.copytree(home, tmp_path, dirs_exist_ok=True)
-    (tmp_path / "HEARTBEAT.md").touch()
-    monkeypatch.chdir(tmp_path)
-    config = {**m._config, "auto_heartbeat": True, "named_universe": "", "data_dir": str(tmp_path)}
-    monkeypatch.setattr(m, "_config", config)
-    monkeypatch.setattr(m, "_auth_manager", manager)
+def agent(service, scripted, tmp_path, monkeypatch):
+    config = m._config | {"auto_heartbeat": False, "named_universe": "", "server_url": service.url}
+    monkeypatch.setattr(m, "_config", config | {"data_dir": str(tmp_path)})
+    monkeypatch.setattr(m, "_auth_manager", None)
     monkeypatch.setattr(_runtime, "_ATTEMPTS", 1)
     monkeypatch.delenv("CORVANE_INVITE_CODE", raising=False)
+    monkeypatch.chdir(tmp_path)
+    m.register(code := service.invite())
+    SyncManager(m._auth_manager, str(tmp_path), service.url).sync()
+    m.configure(auto_heartbeat=True)
+    (tmp_path / "HEARTBEAT.md").touch()
     with pytest.MonkeyPatch.context() as patch:
-        yield (agent := Agent(service, scripted, tmp_path, patch, code))
-        agent.disk_has_room()
-        agent.undo()
+        yield Agent(service, scripted, tmp_path, patch, code)
+    resource.setrlimit(resource.RLIMIT_FSIZE, LIMIT)
     _runtime.close_runtime()
 
 
