@@ -45,7 +45,7 @@ class EraCapital:
             capital = np.cumprod(1 + np.asarray(self.backtester.profit(values, prices, direction, cost)))
         except ValueError:
             return None
-        if not np.isfinite(capital[-1]):  # nor does anything finite come after what is not
+        if not np.isfinite(capital).all():
             return None
         taken = np.linspace(0, len(capital) - 1, pieces + 1).round().astype(int)
         return list(capital[taken].tolist())

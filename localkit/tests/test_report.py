@@ -155,6 +155,13 @@ def spoil(path, change):
         db.executescript(change)
 
 
+def test_a_page_shows_no_growth_of_what_the_era_does_not_have(shell, fleet, tmp_path):
+    base = fleet(["odd"], 4)
+    for number, change in enumerate(("era_id = 99", "pool = 'x'", "instrument = 'x'"), 1):
+        spoil(base / "odd/search.db", f"UPDATE signals SET {change} WHERE id = {number}")
+    assert shell.json(f"report {base} --out {tmp_path}/r.html")["curves"] == 1
+
+
 SPOILT = [
     lambda path: path.write_bytes(b"no database" * 500),
     lambda path: path.unlink() or path.symlink_to("elsewhere"),
