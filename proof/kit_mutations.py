@@ -63,6 +63,7 @@ EXPLAINED = (
     ("corvane/errors.py", "super().__init__(message)", "BaseException.__new__ has noted the message"),
     ("corvane/_http.py", "timeout=None, trust_env=False", "with a transport of its own the environment is not asked"),
     ("corvane/_http.py", "if (left := ", "the very nanosecond"),
+    ("corvane_cli/capital.py", "init_reconstruction", "a manifest names modules that fit one another"),
     ("corvane_cli/identity.py", "1 < at < ", "the second second of 1970"),
     ("corvane_cli/doctor_directory.py", "os.fsync", "matters where a disk tells late that it is full, on a network"),
     ("corvane_cli/doctor_directory.py", "include_url=False", "what is left out is not shown either"),

@@ -130,13 +130,9 @@ def test_a_day_with_the_command(service, addresses, shell):
     assert re.search(r"^number +traded +pool +Sharpe +expression$\n^\d+ +[A-Z]+ +", table, re.M)
     private = [home / name for name in ("wallet.key", "session.json", "search.db")]
     assert [path.stat().st_mode & 0o777 for path in (home, *private)] == [0o700, 0o600, 0o600, 0o600]
-    command = [*CORVANE, "search", "--max-evaluations", "9999999", "--progress"]
-    options = {"stderr": -1, "text": True, "env": shell.env, "cwd": shell.work, "preexec_fn": CATCH}
-    with subprocess.Popen(command, **options) as endless:
-        while "search:" not in endless.stderr.readline(40):
-            assert endless.poll() is None
-        endless.send_signal(signal.SIGINT)
-        assert "Next: Run it again" in endless.communicate(timeout=30)[1] and endless.returncode == 130
+    after = ("timeout", "--preserve-status", "-s", "INT", "4", *CORVANE)
+    endless = shell("search --max-evaluations 9999999 --progress", command=after, preexec_fn=CATCH, expect=130)
+    assert "Next: Run it again" in endless.stderr
     (home / "era_config.json").write_text("{}")
     assert not shell.json("sync --check", expect=7)["intact"]
     repaired = shell("sync --json")  # no bars where there is no terminal
@@ -254,12 +250,8 @@ def test_a_kill_loses_no_wallet(service, shell):
     for number in range(8):
         env = shell.env | {"CORVANE_DATA_DIR": str(home := shell.work / f"agent-{number}")}
         code, before = service.invite(), set(service.rows("SELECT address FROM wallets"))
-        command = [*CORVANE, "register", "--invite-code", code]
-        with subprocess.Popen(command, env=env, stdout=-3, stderr=-3) as process:
-            try:
-                process.wait(longest * (number + 1) / 9)
-            except subprocess.TimeoutExpired:
-                process.kill()
+        killed = ["timeout", "-s", "KILL", f"{longest * (number + 1) / 9}", *CORVANE]
+        subprocess.run([*killed, "register", "--invite-code", code], env=env, capture_output=True)
         for (address,) in set(service.rows("SELECT address FROM wallets")) - before:
             key = (home / "wallet.key").read_text()
             assert auth.AuthManager(f"0x{key}", service.url).get_wallet_address() == address
@@ -389,19 +381,15 @@ interrupts.begin()
 group = command.Group("corvane")
 
 class Lost:
-    def __del__(self):
-        os.kill(os.getpid(), signal.SIGINT)
+    def __del__(self): os.kill(os.getpid(), signal.SIGINT)
 
 @group.command(cls=command.Command)
-def destructor():
-    Lost()
+def destructor(): Lost()
 
 @group.command(cls=command.Command)
 def cleaning():
-    try:
-        os.kill(os.getpid(), signal.SIGINT)
-    finally:
-        os.close(99)
+    try: os.kill(os.getpid(), signal.SIGINT)
+    finally: os.close(99)
 
 sys.exit(group.run(sys.argv[1:]))"""
 
@@ -446,11 +434,6 @@ WRONG = {  # what the service says to a login, the status, and what is said of i
     "busy, foreign": (http({"error": FOREIGN}, 503), 5, "1b[2J"),
     "echo": (http({"error": f"what is {KEY.upper()}?"}, 403), 4, "<hidden>"),
 }
-OF_SYNC = {  # the next step, what the service says to a sync, the status
-    "ask the operator why": (http({"error": "not you"}, 403), 4),
-    "in a browser": (http(PAGE, Content_Type="text/html"), 5),
-    "Correct the address": (http({"era_id": 1}), 6),
-}
 
 
 @pytest.mark.parametrize("wrong", WRONG)
@@ -465,11 +448,14 @@ def test_what_answers_is_named_and_cannot_forge_a_line(wrong, shell, scripted):
         assert KEY not in said.lower() and said.replace("\n", "").isprintable() and "\nNext: rm" not in said
 
 
-@pytest.mark.parametrize("step", OF_SYNC)
-def test_after_a_refused_sync_a_step_leads_on(step, session_at, shell, scripted):
-    answer, status = OF_SYNC[step]
-    scripted.script = iter([*GOOD, answer])
-    assert step in shell("sync", expect=status).stderr
+def test_after_a_refused_sync_a_step_leads_on(session_at, shell, scripted):
+    for answer, status, step in (
+        (http({"error": "not you"}, 403), 4, "ask the operator why"),
+        (http(PAGE, Content_Type="text/html"), 5, "in a browser"),
+        (http({"era_id": 1}), 6, "Correct the address"),
+    ):
+        scripted.script = iter([*GOOD, answer])
+        assert step in shell("sync", expect=status).stderr
 
 
 SECRETS = [
@@ -494,30 +480,31 @@ def test_a_secret_in_the_wrong_place_is_not_repeated(line, shell):
         assert KEY[:40] not in said and "password" not in said and "traceback" not in said.replace("  traceback", "")
 
 
+STEPS = [  # one after the other
+    ("register --invite-code CORV-1", 2, "malformed"),
+    ("register", 2, "a new one needs an invite code"),
+    ("whoami", 3, "`corvane register --invite-code CODE` makes"),
+    ("register --invite-code CORV-2222-2222-2222", 4, "register --invite-code CODE` uses the stored key"),
+    ("status", 3, "`corvane register --invite-code CODE` signs"),
+    ("sync", 3, "`corvane register --invite-code CODE` signs"),
+    ("whoami", 0, "the service has not accepted this key yet. Next: `corvane register --invite-code CODE` signs"),
+    ("whoami --json", 0, '"accepted": false, "next_step": "`corvane register --invite-code CODE` signs'),
+    ("register --invite-code CODE --dry-run", 0, " up, "),
+    ("register --invite-code -", 0, "existed already and was used"),
+    ("whoami --json", 0, '"accepted": true }'),
+    ("register --invite-code CODE --dry-run", 0, " in at "),
+    ("register --invite-code CORV-O000-0000-0000", 2, "malformed"),
+    ("logout", 0, "`corvane register --server-url"),
+    ("whoami", 0, "there is no session of this key with this service. Next: `corvane register` signs"),
+]
+
+
 def test_next_steps_lead_on_after_a_refused_invite(service, shell):
-    assert "malformed" in shell("register --invite-code CORV-1", expect=2).stderr and not shell.home.exists()
-    assert "new one needs" in shell("register", expect=2).stderr
-    assert shell("whoami", expect=3).stderr.count("corvane register --invite-code CODE")
-    refused = shell("register --invite-code CORV-2222-2222-2222", expect=4)
-    assert "register --invite-code CODE` uses the stored key" in refused.stderr
-    key = (shell.home / "wallet.key").read_text()
-    for line, status in {"status": 3, "sync": 3, "whoami": 0}.items():
-        done = shell(line, expect=status)
-        assert "`corvane register --invite-code CODE` signs" in done.stdout + done.stderr
-    said = shell.json("whoami")
-    assert said["accepted"] is False and "`corvane register --invite-code CODE` signs" in said["next_step"]
-    assert "has not accepted this key yet" in " ".join(shell("whoami").stdout.split())
     code = service.invite()
-    assert " up, " in shell.json(f"register --invite-code {code} --dry-run")["would"][0]
-    made = shell.json("register --invite-code -", f" {code.lower()}\n")
-    assert made["reused"] and (shell.home / "wallet.key").read_text() == key
-    assert shell.json("whoami") == {"address": made["address"], "server_url": service.url, "accepted": True}
-    assert " in at " in shell.json(f"register --invite-code {code} --dry-run")["would"][0]
-    assert "malformed" in shell("register", expect=2, env={"CORVANE_INVITE_CODE": "CORV-O000-0000-0000"}).stderr
-    (shell.home / "session.json").unlink()
-    said = " ".join(shell("whoami").stdout.split())
-    assert "no session of this key" in said and "with --invite-code CODE, even one" in said and " yet" not in said
-    shell("register --invite-code -", expect=2)
+    for line, status, text in STEPS:
+        done = shell(line.replace("CODE", code), f" {code.lower()}\n", expect=status)
+        assert text in " ".join((done.stdout + done.stderr).split()), line
+    assert "No invite code has arrived" in shell("register --invite-code -", expect=2).stderr
 
 
 def test_a_stored_key_is_for_its_service_only(signed_in, shell, scripted):

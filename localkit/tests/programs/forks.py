@@ -4,26 +4,22 @@ Each message on the socket of standard input is a command: arguments, environmen
 descriptors that are to be its standard input, output and error. What comes back is its exit status.
 """
 
-import importlib
 import json
 import os
 import socket
 import sys
+from importlib import import_module
 
 # Not the onboarding module, which may look at the environment while it is imported.
-for name in ("corvane_cli.main", "corvane_cli.doctor", "corvane._http", "corvane.sync", "corvane.manifest"):
-    importlib.import_module(name)
-for name in ("cryptography.hazmat.primitives.asymmetric.ec", "numpy", "matplotlib.backends.backend_agg", "tqdm"):
-    importlib.import_module(name)
+OURS = "corvane_cli.main corvane_cli.doctor corvane._http corvane.sync corvane.manifest"
+THEIRS = "cryptography.hazmat.primitives.asymmetric.ec numpy matplotlib.backends.backend_agg tqdm"
+for name in f"{OURS} {THEIRS}".split():
+    import_module(name)
 
 requests = socket.socket(fileno=0)
-while True:
-    message, descriptors, _, _ = socket.recv_fds(requests, 2**17, 3)
-    if not message:
-        break
+while (received := socket.recv_fds(requests, 2**17, 3))[0]:
+    message, descriptors, _, _ = received
     if (child := os.fork()) == 0:
-        from corvane_cli.__main__ import run
-
         for number, descriptor in enumerate(descriptors):
             os.dup2(descriptor, number)
         os.closerange(3, 99)
@@ -33,7 +29,7 @@ while True:
         os.chdir(directory)
         sys.argv = ["corvane", *arguments]
         try:
-            run()
+            import_module("corvane_cli.__main__").run()
         except SystemExit as exc:
             sys.stdout.flush()
             os._exit(exc.code)  # without tearing all of it down
