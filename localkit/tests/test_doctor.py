@@ -282,16 +282,17 @@ def test_the_clock_comes_before_the_certificate(patient, scripted, tmp_path, beg
         assert ("`timedatectl set-ntp true`" in one.next_step) == (check == "clock")
 
 
-def test_a_certificate_of_another_host_means_the_address(patient, monkeypatch):
+@pytest.mark.parametrize("host", ["h.example", "192.0.2.1"])
+def test_a_certificate_of_another_host_means_the_address(host, patient, monkeypatch):
     ask = socket.getaddrinfo
 
     def both(name, *of, **how):  # at the second address of that name
         return [*ask("127.0.0.9", *of, **how), *ask("127.0.0.1", *of, **how)]
 
     monkeypatch.setattr(socket, "getaddrinfo", both)
-    patient.env["CORVANE_SERVER_URL"] = patient.service.url.replace("127.0.0.1", "h.example")
+    patient.env["CORVANE_SERVER_URL"] = patient.service.url.replace("127.0.0.1", host)
     [_, found] = patient.examine().findings
-    assert "Hostname mismatch" in found.problem and "for another host" in found.next_step
+    assert "mismatch" in found.problem and "for another host" in found.next_step
     patient.follow(found)
     assert patient.examine().findings == []
 
