@@ -41,6 +41,7 @@ TESTS = (
     ("corvane_cli/command.py", "cli", "answer or output or option or word or wrong or drip or help or picture"),
     ("corvane_cli/report.py", "report", "not operator"),
     ("corvane_cli/capital.py", "report", "page or growth"),
+    ("corvane_cli/shared.py", "cli report", "a_day or login or planted or refused or sync or the_page_is_true"),
     ("corvane_cli/search_commands.py", "cli report", "a_day or sync or picture or every_form"),
     ("corvane_cli/listing.py", "report", "lists or form"),
     ("corvane_cli/found_commands.py", "report", "not operator and not 200"),
