@@ -43,7 +43,6 @@ CALLS = {  # what is called, and what the service answers
     "login refused": (lambda url, home: agent_onboarding.login(KEY), [CHALLENGE, http({"error": "unknown"}, 404)]),
     "no expiry": (sign_in(f"0x{KEY}"), [CHALLENGE, http({"token": TOKEN})]),
     "a refused token": (sync, [http(status=401)]),
-    "a manifest that breaks off": (sync, [CUT_SHORT]),
     "a request that is not read": (send_more_than_is_read, [(time.sleep(20) for _ in "1")]),
     "not hexadecimal": (sign_in(KEY), None),
     "not a key": (sign_in("0x" + "f" * 60 + KEY[-6:-2]), None),
