@@ -24,8 +24,9 @@ from corvane import agent_onboarding as m
 from support import scenarios, twin
 from support.comparison import same, tried
 from support.programs import run
-from support.scenarios import Clash, call
+from support.scenarios import Clash
 
+NAMES = [n for n in vars(m) if not n.startswith("__")]  # before any test patches one
 FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__}
 PUBLIC = [name for name in FUNCTIONS if not name.startswith("_")]
 FIXED_SIGNATURE_LINES = {
@@ -34,63 +35,48 @@ FIXED_SIGNATURE_LINES = {
     " bootstrap_runtime: bool = False) -> corvane.agent_onboarding.WalletRegistration",
     "update_nudge": "update_nudge(trigger: str, **context) -> None",
 }
-
-
-NAMES = [n for n in vars(m) if not n.startswith("__")]  # before any test patches one
-
-
-def declared():
-    """The names that declarations.py binds, in their order; statements and steps have none in the module."""
-    source = Path(__file__).parents[1] / "src/agent_onboarding/declarations.py"
-    for node in ast.parse(source.read_text("utf-8")).body:
-        if isinstance(node, ast.Import | ast.ImportFrom):
-            yield from ((alias.asname or alias.name).split(".")[0] for alias in node.names)
-        elif hasattr(node, "name") and not {"statement", "step"} & {ast.unparse(d) for d in node.decorator_list}:
-            yield node.name
+OTHER_NAMES = """importlib hashlib json logging os secrets shutil _stat sys urllib dataclass field SimpleNamespace List
+    Optional auth RuntimeModuleDownloadIncomplete RuntimeModuleHashMismatch RuntimeModuleReloadFailed
+    RuntimeFreshnessGuard is_runtime_module_kind runtime_module_name_from_kind list_skills CURRENT_PLATFORM logger
+    WalletRegistration AuthToken _HEARTBEAT_STATIC_SECTION _NUDGE_TEXTS _AGENTS_MD_FRAGMENT _config _auth_manager
+    _VALID_OPTIONS _LocalRuntimeSyncManager"""
 
 
 def test_names_in_their_order():
-    state = "_HEARTBEAT_STATIC_SECTION _NUDGE_TEXTS _AGENTS_MD_FRAGMENT _config _auth_manager _VALID_OPTIONS"
-    names = list(dict.fromkeys(declared()))
-    for first, given in (("_exception_chain_detail", "logger"), ("_find_heartbeat", state)):
-        names[names.index(first) : names.index(first)] = given.split()
-    assert names == NAMES and len(FUNCTIONS) == 41
-    public = "create_runtime_freshness_guard register login configure ensure_runtime_bootstrapped inject_heartbeat"
-    assert [*public.split(), "update_nudge", "get_agents_md_fragment"] == PUBLIC
-    assert [n for n in NAMES if isinstance(vars(m)[n], type) and vars(m)[n].__module__ == m.__name__] == [
-        *("WalletRegistration", "AuthToken", "_LocalRuntimeSyncManager")
+    assert [name for name in NAMES if name not in FUNCTIONS] == OTHER_NAMES.split()
+    assert [*FUNCTIONS] == [
+        n for n, f in vars(twin).items() if getattr(f, "__code__", None) and f.__module__ == twin.__name__
     ]
+    public = "create_runtime_freshness_guard register login configure ensure_runtime_bootstrapped inject_heartbeat"
+    assert [*public.split(), "update_nudge", "get_agents_md_fragment"] == PUBLIC and len(FUNCTIONS) == 41
     assert m.__doc__ == "Agent onboarding subcomponent -- register, login, configure, heartbeat."
     server = "https://api.corvane.example"
     options = {"auto_heartbeat": True, "data_dir": "~/.corvane/", "server_url": server, "named_universe": ""}
     assert list(m._config.items()) == list(options.items())
-    assert list(m._VALID_OPTIONS.items()) == list(twin._VALID_OPTIONS.items())
+    assert list(m._VALID_OPTIONS.items()) == [(name, type(value)) for name, value in options.items()]
     assert m.logger.name == "corvane.agent_onboarding" and m._auth_manager is None
 
 
 def test_texts_are_unchanged():
     """Agents and their hosts search for these texts; whoever changes one on purpose changes its digest here."""
-    texts = m._HEARTBEAT_STATIC_SECTION, repr(list(m._NUDGE_TEXTS.items())), m._AGENTS_MD_FRAGMENT
+    texts = m._HEARTBEAT_STATIC_SECTION, repr(list(m._NUDGE_TEXTS.items()))
     assert [hashlib.sha256(text.encode()).hexdigest() for text in texts] == [
         "e91142ac9eda4043a746a94b43e6b403980cde88f1250e84c199d33b82cd6acc",
         "3fd54e0178a5379df8d7f17e4d34a9287cc6ecde7281acf5b121143e585948e8",
-        "328fe7796ec48ef62d742dbd5546a98f64ae719a32d1efcad4923d4f36afb907",
     ]
 
 
 @pytest.mark.parametrize("name", FUNCTIONS)
 def test_real_functions(name):
     f, python = FUNCTIONS[name], getattr(twin, name)
-    assert isinstance(f, types.FunctionType) and f.__qualname__ == python.__qualname__ == name
+    assert f.__qualname__ == python.__qualname__ == name
     assert str(inspect.signature(f)).replace(m.__name__, twin.__name__) == str(inspect.signature(python))
-    assert f.__defaults__ == python.__defaults__ and f.__kwdefaults__ == python.__kwdefaults__
     assert pickle.loads(pickle.dumps(f)) is f and copy.deepcopy(f) is f
     assert inspect.getsource(f).startswith(f"def {name}(")
     signature_line = FIXED_SIGNATURE_LINES.get(name, f"{name}{inspect.signature(f)}")
     assert f.__doc__.split("\n")[0] == signature_line and len(f.__doc__.split("\n")) > 1
     if name in PUBLIC:
-        hints = typing.get_type_hints(f)
-        assert set(hints) == {*inspect.signature(f).parameters, "return"}
+        assert set(typing.get_type_hints(f)) == {*inspect.signature(f).parameters, "return"}
 
 
 class Keyword(str):
@@ -125,38 +111,31 @@ def test_well_formed_calls_bind_like_python():
     """Positional, keyword, mixed, unpacked, as a method, with changed defaults, with another code object."""
 
     def bound():
-        inject, seen = scenarios.m.inject_heartbeat, []
+        inject, prune, seen = scenarios.m.inject_heartbeat, scenarios.m._prune_runtime_extension_copies, []
         inject(), inject("p"), inject(working_dir="k"), inject(*["u"], **{}), inject(**{Keyword("working_dir"): "s"})
         type("Holder", (), {"method": inject})().method()
+        changed = (inject, "__code__"), (inject, "__defaults__"), (prune, "__kwdefaults__")
         with contextlib.ExitStack() as undo:
-            undo.callback(setattr, inject, "__code__", inject.__code__)
-            undo.callback(setattr, inject, "__defaults__", inject.__defaults__)
+            for function, name in changed:
+                undo.callback(setattr, function, name, getattr(function, name))
             inject.__defaults__ = ("changed",)
             inject()
             inject.__defaults__ = None
             seen.append(tried(inject))
             inject.__code__ = (lambda working_dir=None: repr(working_dir)).__code__
             seen.append(inject("x"))
+            for prune.__kwdefaults__ in None, {}, {"max_copies": 5}:
+                seen.append(tried(lambda: prune("x", "nowhere/y")))
         return seen, tried(lambda: inject(**{Clash("nonsense"): 1}))
 
     same(bound, scenarios.ours(_find_heartbeat=lambda path: scenarios.note(repr(path))))
 
 
-@pytest.mark.parametrize("defaults", [None, {}, {"max_copies": 5}])
-def test_keyword_defaults_that_are_changed(defaults):
-    def prepare(undo):
-        prune = scenarios.m._prune_runtime_extension_copies
-        undo.callback(setattr, prune, "__kwdefaults__", prune.__kwdefaults__)
-        prune.__kwdefaults__ = defaults
-
-    seen = same(call("_prune_runtime_extension_copies", "x", "nowhere/y"), prepare)
-    assert (seen["raised"] is None) is bool(defaults)
-
-
 def test_the_stub_says_the_same():
     stub = ast.parse((Path(m.__file__).parent / "agent_onboarding.pyi").read_text())
-    public = [n for n in stub.body if getattr(n, "name", "_")[0] != "_"]
-    documented = {n.name: inspect.cleandoc(ast.get_docstring(n)) for n in public}
+    documented = {
+        n.name: inspect.cleandoc(ast.get_docstring(n)) for n in stub.body if getattr(n, "name", "_")[0] != "_"
+    }
     assert set(documented) == {*PUBLIC, "WalletRegistration", "AuthToken"}
     for name in PUBLIC:
         assert inspect.cleandoc(FUNCTIONS[name].__doc__.split("\n", 1)[1]) == documented[name]
@@ -166,7 +145,7 @@ def test_records():
     def records():
         for record, copied in ((scenarios.m.AuthToken, ("secret", 1.5)), (scenarios.m.WalletRegistration, ("0xab",))):
             made = record(*copied)
-            yield repr(made), str(made), f"{made}", made == record(*copied), made != record(*"xy"[: len(copied)])
+            yield repr(made), str(made), made == record(*copied), made != record(*"xy"[: len(copied)])
             yield dataclasses.asdict(made), [(f.name, f.type, f.repr) for f in dataclasses.fields(made)]
             yield record.__module__, record.__hash__, record.__repr__.__qualname__
             for wrong in (record, lambda made=record: made(1, 2, 3), record.__repr__, lambda r=record: r.__repr__(5)):
@@ -186,28 +165,28 @@ def test_traceback_names_function_file_and_line():
     assert entry.name == "configure" and entry.filename == "src/agent_onboarding/entry_points.cpp"
     source = Path(__file__).parents[1] / entry.filename
     assert "raise(" in source.read_text().splitlines()[entry.lineno - 1]
-    frame = info.value.__traceback__.tb_next.tb_frame
-    assert frame.f_globals is vars(m)
+    assert info.tb.tb_next.tb_frame.f_globals is vars(m)
     assert linecache.getline("<corvane.agent_onboarding.configure>", 1).startswith("def configure(**kwargs")
 
 
-# A program, and what it prints.
-PROGRAMS = {
-    "code_changes_in_a_call": "None 5",
-    "missing_sibling": "corvane.agent_onboarding",
-    "no_room_at_the_exit": "the interpreter takes no more exit functions",
-    "import_too_deep": "40 None",
-    "failed_import": "not today\nnative body not reached",
+BAD_IMPORTS = {
+    "missing_sibling": "cannot import name 'list_skills' from 'corvane.skills' (unknown location)",
+    "kept_function": "native body not reached",
     "two_modules": "corvane.agent_onboarding is already initialised",
-    "failed_import_elsewhere": "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)",
     "another_name": "corvane.agent_onboarding is being initialised already",
-    "daemon_threads": "",
+    "no_room_at_the_exit": "the interpreter takes no more exit functions",
 }
 
 
-@pytest.mark.parametrize("program", PROGRAMS)
-def test_an_import_or_an_exit_at_a_bad_moment_ends_well(program):
-    assert run(program) == PROGRAMS[program]
+@pytest.mark.parametrize("moment", BAD_IMPORTS)
+def test_after_an_import_at_a_bad_moment_the_next_one_succeeds(moment):
+    assert run("bad_imports", moment) == BAD_IMPORTS[moment]
+
+
+def test_another_interpreter_is_refused():
+    missing = "cannot import name 'CURRENT_PLATFORM' from 'corvane.sync' (unknown location)"
+    refused = "corvane.agent_onboarding can be loaded into only one interpreter per process"
+    assert run("other_interpreters").splitlines() == [missing, *3 * [refused]]
 
 
 EMBEDDING = """
@@ -238,12 +217,7 @@ def test_an_interpreter_that_is_started_again(tmp_path):
     assert (done.returncode, done.stderr) == (0, "")
 
 
-IMPORT = "import atexit, gc, sys, threading, time; import corvane.agent_onboarding as m; gc.disable()\n"
-POOLS = (
-    f"import multiprocessing as p\nwith p.get_context({method!r}).Pool(2) as pool:\n"
-    "    assert pool.map(m._normalize_key, ['ab', '0xcd']) == ['0xab', '0xcd']"
-    for method in ("fork", "spawn", "forkserver")
-)
+IMPORT = "import atexit, gc, importlib, sys, threading, time; import corvane.agent_onboarding as m; gc.disable()\n"
 ENDS = {
     "alive in globals": "a, b = m.AuthToken('t', 1.0), m.register",
     "in a cycle": "a = [m.register, m._LocalRuntimeSyncManager(1)]; a.append(a); del a",
@@ -255,33 +229,20 @@ ENDS = {
     "after the module is gone": "f = m._normalize_key; del sys.modules[m.__name__], m; gc.collect(); f('ab')",
     "after its namespace was emptied": "f = m._find_heartbeat; vars(m).clear()\ntry: f()\nexcept NameError: pass",
     "with an exception": "try: m.login(None)\nexcept ValueError as exc: sys.kept = exc",
-    "after reloading": "import importlib\ntry: importlib.reload(m)\nexcept ImportError: pass",
+    "after reloading": "try: importlib.reload(m)\nexcept ImportError: pass",
+    "after fifty imports": "for _ in range(50):\n    del sys.modules[m.__name__]\n"
+    "    assert importlib.import_module(m.__name__) is m and m._normalize_key('a') == '0xa'",
+    **{
+        f"in a pool by {method}": f"import multiprocessing as p\nwith p.get_context({method!r}).Pool(2) as pool:\n"
+        "    assert pool.map(m._normalize_key, ['ab', '0xcd']) == ['0xab', '0xcd']"
+        for method in ("fork", "spawn", "forkserver")
+    },
 }
-TEXT = """
-try:
-    import corvane.agent_onboarding
-    raise SystemExit("a second interpreter got it")
-except ImportError as exc:
-    assert str(exc) == "corvane.agent_onboarding can be loaded into only one interpreter per process", str(exc)
-"""
-OTHERS = {
-    f"own lock {own}, strict {strict}": "from test.support import run_in_subinterp_with_config as run; assert run("
-    f"{TEXT!r}, use_main_obmalloc={not own}, allow_fork=True, allow_exec=True, allow_threads=True,"
-    f" allow_daemon_threads=True, check_multi_interp_extensions={strict}, own_gil={own}) == 0"
-    for own, strict in ((False, False), (False, True), (True, True))
-}
-AGAIN = """
-import importlib
-for _ in range(50):
-    del sys.modules[m.__name__]
-    again = importlib.import_module(m.__name__)
-    assert again is m and m._normalize_key("a") == "0xa"
-"""
 
 
-@pytest.mark.parametrize("script", [*POOLS, *ENDS.values(), *OTHERS.values(), AGAIN])
-def test_pools_ends_and_other_interpreters_end_well(script):
-    assert run(IMPORT + script) == ""
+@pytest.mark.parametrize("how", ENDS)
+def test_the_interpreter_ends_well(how):
+    assert run(IMPORT + ENDS[how]) == ""
 
 
 def test_only_the_entry_point_is_exported():

@@ -23,18 +23,8 @@ def wait(*args, sleep=time.sleep, waits=waiting.set):
         sleep(0.3)
 
 
-class Ending:
-    def __del__(self, sleep=time.sleep):
-        sleep(0.7)
-
-
 class Waiting(type):
     __subclasscheck__ = __repr__ = wait
-
-
-class Name(str):
-    __hash__ = str.__hash__
-    __eq__ = wait
 
 
 def load():
@@ -65,6 +55,12 @@ def raised(exception):
     load().login(None)
 
 
+def handling():
+    load().logger = types.SimpleNamespace(warning=wait)
+    load()._find_heartbeat = lambda directory: "/"
+    load().inject_heartbeat()
+
+
 def old_cause():
     """The cause that an exception has already is thrown away when it gets another."""
     failure, m = ValueError(), load()
@@ -82,12 +78,14 @@ WHERE = {
     "source cache": cached,
     "exception": lambda: raised(Waiting("Slow", (Exception,), {})),
     "no exception": lambda: raised(lambda text: Waiting("Slow", (Exception,), {"__new__": lambda cls: 5})),
+    "handler": handling,
     "old cause": old_cause,
-    "arguments": lambda: load().login(**{Name("x"): 1}),
+    "arguments": lambda: load().login(**{type("Name", (str,), {"__hash__": str.__hash__, "__eq__": wait})("x"): 1}),
 }
 logging.disable()
 thread = threading.Thread(target=WHERE[sys.argv[1]], daemon=True)
 thread.start()
 assert waiting.wait(10)
-sys.modules["held"] = types.SimpleNamespace(ending=Ending())
+ending = type("Ending", (), {"__del__": lambda self, sleep=time.sleep: sleep(0.7)})
+sys.modules["held"] = types.SimpleNamespace(ending=ending())
 sys.exit(7)

@@ -35,37 +35,27 @@ class Unreadable(type):
         raise AttributeError(name)
 
 
-def with_representation(cls):
-    """The record has another __repr__."""
-    made = dataclass(cls)
-    function = made.__repr__
-    made.__repr__ = {
-        "builtin": NEIGHBOURS[500],
-        "descriptor": float.__repr__,
-        "partial": functools.partial(function, RECORD),
-        "static": staticmethod(functools.partial(function, RECORD)),
-        "property": property(lambda self: lambda: f"property, {function(self)}"),
-        "object": type("Callable", (), {"__call__": lambda self: f"object, {function(RECORD)}"})(),
-        "wrapper": functools.wraps(function)(lambda self: f"own code, {function(self)}"),
-        "ours": sys.modules[NAME]._sha256_file,
-        "none": None,
-    }[kind]
-    return made
-
-
-CLASSES = {
-    "class none": lambda cls: None,
-    "class text": lambda cls: "AuthToken",
-    "class unreadable": lambda cls: Unreadable("AuthToken", (dataclass(cls),), {}),
-    "class empty": lambda cls: type("AuthToken", (), {}),
-    "class slots": lambda cls: dataclass(cls, slots=True),
-}
-
-
 def record():
-    """The decorator gives another record, or something else."""
-    decorate = CLASSES.get(kind, with_representation)
-    dataclasses.dataclass = lambda cls: decorate(cls) if cls.__name__ == "AuthToken" else dataclass(cls)
+    """The decorator gives a record with another __repr__, or something else."""
+
+    def decorated(cls):
+        if cls.__name__ != "AuthToken" or kind == "no-class":
+            return dataclass(cls) if kind != "no-class" else None
+        made = dataclass(cls)
+        if kind == "unreadable":
+            return Unreadable("AuthToken", (made,), {})
+        function = made.__repr__
+        made.__repr__ = {
+            "builtin": NEIGHBOURS[500],
+            "partial": functools.partial(function, RECORD),
+            "object": type("Callable", (), {"__call__": lambda self: f"object, {function(RECORD)}"})(),
+            "wrapper": functools.wraps(function)(lambda self: f"own code, {function(self)}"),
+            "ours": sys.modules[NAME]._sha256_file,
+            "none": None,
+        }[kind]
+        return made
+
+    dataclasses.dataclass = decorated
     native, twin = importlib.import_module(NAME), importlib.import_module("support.twin")
     records = [tried(lambda m=m: repr(m.AuthToken("t", 1.5))) for m in (native, twin)]
     print(records[0] == records[1] or records, native._sha256_file(os.devnull)[:4])
@@ -88,22 +78,17 @@ def method():
     print(tried(lambda: manager.get_manifest()), manager.request_for_sync())
 
 
-REPLACED = {
-    "object": ("login", object()),
-    "none": ("login", None),
-    "partial": ("login", functools.partial(print)),
-    "ours": ("login", "_normalize_key"),
-    "class": ("AuthToken", None),
-    "manager": ("_LocalRuntimeSyncManager", dict),
-    "generator": ("_runtime_module_manifest_entries", list),
-    "function deleted": ("_read_manifest", "no such name"),
-    "manager deleted": ("_LocalRuntimeSyncManager", "no such name"),
-}
-
-
 def replaced():
     """A trace function replaces or deletes, as soon as it is there, what the module has defined."""
-    name, value = REPLACED[kind]
+    name, value = {
+        "object": ("login", object()),
+        "ours": ("login", "_normalize_key"),
+        "class": ("AuthToken", None),
+        "manager": ("_LocalRuntimeSyncManager", dict),
+        "generator": ("_runtime_module_manifest_entries", list),
+        "function deleted": ("_read_manifest", "no such name"),
+        "manager deleted": ("_LocalRuntimeSyncManager", "no such name"),
+    }[kind]
 
     def trace(frame, event, argument):
         names = frame.f_globals
@@ -119,19 +104,16 @@ def replaced():
     print(str(vars(m).pop(name, "deleted")).split(" at ")[0], m._normalize_key("ab"), m.get_agents_md_fragment()[:4])
 
 
-CACHES = {"user": UserDict, "none": lambda: None, "list": list, "refusing": type("R", (UserDict,), {"__setitem__": 0})}
-MODULES = {"halted": None, "stand-in": types.SimpleNamespace(cache={}), "text": "linecache"}
-
-
 def cache():
     """linecache is not what it usually is."""
-    if kind in CACHES:
-        linecache.cache = CACHES[kind]()
-    elif kind in MODULES:
-        sys.modules["linecache"] = MODULES[kind]
-    elif kind == "removed":
+    caches = {"user": UserDict(), "none": None, "list": [], "refusing": type("R", (UserDict,), {"__setitem__": 0})()}
+    linecache.cache = caches.get(kind, linecache.cache)
+    sys.modules |= {"halted": {"linecache": None}, "stand-in": {"linecache": types.SimpleNamespace(cache={})}}.get(
+        kind, {}
+    )
+    if kind == "removed":
         del sys.modules["linecache"]
-    else:
+    elif kind == "emptied":
         vars(linecache).clear()
     m = importlib.import_module(NAME)
     there = tried(lambda: sys.modules["linecache"].cache["<corvane.agent_onboarding.configure>"][2][0][:15])

@@ -12,6 +12,7 @@ import sys
 import tempfile
 import threading
 import types
+from unittest import mock
 
 from corvane import agent_onboarding as m
 
@@ -23,7 +24,7 @@ FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionTyp
     "configure": functools.partial(m.configure, colour=1),
     "_runtime_module_manifest_entries": lambda manifest: list(ENTRIES(manifest)),
 }
-ABSENT = object()
+reached = []
 
 
 class Again:
@@ -41,61 +42,46 @@ class Again:
     __getitem__ = __bool__ = __iter__ = __str__ = __getattr__
 
 
-def raises(function, arguments, name="m", value=None):
+def stop(*args, **kwargs):
+    reached.append((args, kwargs))
+    raise RecursionError
+
+
+def raises(function, arguments, name="unused", value=None):
     """Whether RecursionError comes of the call while the module has this value under the name."""
-    before = vars(m).get(name, ABSENT)
-    setattr(m, name, value)
     try:
-        function(*arguments)
-    except RecursionError:
-        return True
-    except Exception:
-        return False
-    finally:
-        delattr(m, name) if before is ABSENT else setattr(m, name, before)
+        with mock.patch.object(m, name, value, create=True):
+            function(*arguments)
+    except Exception as exc:
+        return isinstance(exc, RecursionError)
+    return False
+
+
+def leads_back(*how):
+    reached.clear()
+    return raises(*how) and len(reached) == 1
+
+
+def sorting(function, given):
+    """Takes much of the C stack on its way back."""
+    return Again(lambda *args, **kwargs: sorted([0, 1], key=lambda number: function(*given)))
 
 
 def ways(function):
     """How the function comes back to itself, once and outside of handlers: arguments, a name and its value."""
     parameters = inspect.signature(function).parameters.values()
     arguments = ["x" for p in parameters if p.default is p.empty and p.kind is not p.VAR_KEYWORD]
-    reached = []
-
-    def stop(*args, **kwargs):
-        reached.append((args, kwargs))
-        raise RecursionError
-
-    def leads_back(*how):
-        reached.clear()
-        return raises(function, *how) and len(reached) == 1
-
-    def sorting(given):
-        """Takes much of the C stack on its way back."""
-        return Again(lambda *args, **kwargs: sorted([0, 1], key=lambda number: function(*given)))
-
     for number in range(len(arguments)):
         given = [*arguments]
         given[number] = Again(stop)
-        if leads_back(given):
-            given[number] = sorting(given)
-            yield given, "m", None
-    for name in itertools.islice((name for name in NAMES if leads_back(arguments, name, Again(stop))), 3):
+        if leads_back(function, given):
+            given[number] = sorting(function, given)
+            yield given, "unused", None
+    for name in itertools.islice((name for name in NAMES if leads_back(function, arguments, name, Again(stop))), 3):
         [(args, kwargs)] = reached
-        yield arguments, name, sorting(arguments)
-        if not kwargs and leads_back(args, name, Again(stop)):
+        yield arguments, name, sorting(function, arguments)
+        if not kwargs and leads_back(function, args, name, Again(stop)):
             yield arguments, name, function
-
-
-def on_each_stack(name, function, arguments, replaced, value):
-    for kibibytes, limit in itertools.product(map(int, sys.argv[1:]), (1000, 1_000_000)):
-        print(name, replaced, *(type(given).__name__ for given in (value, *arguments)), kibibytes, limit, end=": ")
-        sys.stdout.flush()
-        threading.stack_size(kibibytes * 1024)
-        thread = threading.Thread(target=lambda: print(raises(function, arguments, replaced, value)))
-        sys.setrecursionlimit(limit)
-        thread.start()
-        thread.join()
-        sys.setrecursionlimit(1000)
 
 
 logging.disable()
@@ -105,4 +91,11 @@ with tempfile.TemporaryDirectory() as directory:
     m._config["server_url"] = "http://127.0.0.1:1"
     for name, function in FUNCTIONS.items():
         for way in ways(function):
-            on_each_stack(name, function, *way)
+            for size, limit in itertools.product(map(int, sys.argv[1:]), (1000, 1_000_000)):
+                print(name, way[1], *(type(given).__name__ for given in way[0]), size, limit, end=": ", flush=True)
+                threading.stack_size(size * 1024)
+                thread = threading.Thread(target=lambda: print(raises(function, *way)))  # noqa: B023
+                sys.setrecursionlimit(limit)
+                thread.start()
+                thread.join()
+                sys.setrecursionlimit(1000)

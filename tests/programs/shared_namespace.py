@@ -30,10 +30,6 @@ class Value:
     getcwd = __call__
 
 
-class Sharing:
-    """Has no attributes of its own, so that the store can be specialised."""
-
-
 class Calling:
     def __del__(self):
         seen.append(getattr(act(), "number", None))
@@ -64,12 +60,12 @@ shared, name, act = {
     "builtins": (builtins, "isinstance", lambda: m._safe_named_universe("x")),
     "auth": (m.auth, "_normalize_invite_code", lambda: m._resolve_optional_invite_code("x")),
 }[whose]
-sharing, kept = Sharing(), vars(shared)[name]
+sharing, kept = type("Sharing", (), {})(), vars(shared)[name]  # of its own, it has no attributes
 sharing.__dict__ = vars(shared)
 store = types.FunctionType(compile(f"sharing.{name} = value", "store", "exec"), globals())
+dying = {"itself": lambda: CallingValue(50), "held": lambda: Value(50, Calling()), "function": function}[last]
 values = [Value(number) for number in range(50)]
-last_but_one = {"itself": lambda: CallingValue(50), "held": lambda: Value(50, Calling()), "function": function}[last]
-for make in (*(lambda value=value: value for value in values), last_but_one, lambda: Value(51)):
+for make in (*(lambda value=value: value for value in values), dying, lambda: Value(51)):
     value = make()
     act()
     store()

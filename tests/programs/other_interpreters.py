@@ -1,4 +1,4 @@
-"""The import fails in another interpreter; then this one gets the module."""
+"""The import fails in another interpreter, this one gets the module, and others are refused it."""
 
 import importlib
 import sys
@@ -9,7 +9,7 @@ from test.support import run_in_subinterp_with_config
 for name in "urllib.request", "secrets", "shutil", "dataclasses", "typing", "corvane.auth", "corvane.sync":
     importlib.import_module(name)
 # Without the real corvane.auth and corvane.sync: their libraries refuse other interpreters on their own.
-FAILING = f"""
+IMPORT = f"""
 import sys
 sys.path[:] = {sys.path!r}
 import corvane
@@ -20,9 +20,16 @@ except ImportError as exc:
     print(exc, flush=True)
 """
 allowed = dict.fromkeys(("allow_fork", "allow_exec", "allow_threads", "allow_daemon_threads"), True)
-run_in_subinterp_with_config(
-    FAILING, own_gil=True, use_main_obmalloc=False, check_multi_interp_extensions=True, **allowed
-)
+
+
+def elsewhere(own, strict):
+    given = {"own_gil": own, "use_main_obmalloc": not own, "check_multi_interp_extensions": strict, **allowed}
+    assert run_in_subinterp_with_config(IMPORT, **given) == 0
+
+
+elsewhere(True, True)
 m = importlib.import_module("corvane.agent_onboarding")
 assert m._normalize_key("a") == "0xa"
 assert list(m._config)[1] is sys.intern("data" + "_dir"[:])  # a text of this interpreter
+for own, strict in (False, False), (False, True), (True, True):
+    elsewhere(own, strict)
