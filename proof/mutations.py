@@ -10,9 +10,8 @@ EACH, WANTED = 8, 95.0  # faults in a file, per cent that must be noticed
 # How the path of a file begins, the test files that see to it.
 TESTS = (
     ("eras", "promises differential eras", ""),
-    ("runtime_", "promises differential runtime", ""),
     ("wallet_store", "promises differential key_file", ""),
-    ("", "promises differential surface runtime eras attacks", ""),
+    ("", "promises differential surface eras attacks", ""),
 )
 STEP = r"[a-z_]+(?:(?:\.|->)[a-z_]+)?\((?:(?!raise|throw|return|delete).)*\);"
 # Rule, what it looks for, what stands there instead; M is whether the fault is selected.

@@ -167,7 +167,7 @@ def test_the_wheels_pass_the_tests_beside_the_kit(built, interpreters, tmp_path_
     for version, interpreter in interpreters.items():
         fresh = Fresh(tmp_path_factory.mktemp("beside"), version, interpreter)
         assert fresh.tried(*INSTALL, wheel_in(built[0], version), fresh.kit) == ""
-        fresh.passes("surface", "key_file", "runtime")
+        fresh.passes("surface", "key_file", "promises")
 
 
 def test_beside_the_kit_in_every_order(built, tmp_path):
