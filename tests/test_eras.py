@@ -1,7 +1,7 @@
 """/eras from a real socket, well and badly behaved."""
 
 import contextlib
-import socket
+import socketserver
 import threading
 
 import pytest
@@ -19,24 +19,19 @@ def answer(status="200 OK", body=b"{}", *headers, length=None):
 def serving(given):
     """A loopback server that gives these bytes to each connection, and keeps the requests."""
     requests = []
-    with socket.create_server(("127.0.0.1", 0)) as listener:
 
-        def serve():
-            while True:
-                try:
-                    connection, _ = listener.accept()
-                except OSError:
-                    return  # shut down
-                with contextlib.suppress(OSError), connection:
-                    requests.append(connection.recv(65536))
-                    connection.sendall(given)
+    class Handler(socketserver.BaseRequestHandler):
+        def handle(self):
+            requests.append(self.request.recv(65536))
+            self.request.sendall(given)
 
-        thread = threading.Thread(target=serve)
+    with socketserver.TCPServer(("127.0.0.1", 0), Handler) as server:
+        thread = threading.Thread(target=server.serve_forever, args=(0.01,))
         thread.start()
         try:
-            yield f"http://127.0.0.1:{listener.getsockname()[1]}", requests
+            yield f"http://127.0.0.1:{server.server_address[1]}", requests
         finally:
-            listener.shutdown(socket.SHUT_RDWR)
+            server.shutdown()
             thread.join()
 
 
@@ -48,24 +43,20 @@ def fetched(url, **given):
 
 FAILED = "raised RuntimeError: Registration bootstrap failed to fetch /eras"
 JSON = "raised RuntimeError: Registration bootstrap received invalid /eras JSON. from ["
+GOOD = answer(body=b'{"eras": []}')
 ANSWERS = {
-    "an object": (answer(body=b'{"eras": []}'), "returned {'eras': []}"),
-    "a list": (answer(body=b"[]"), "raised RuntimeError: Registration bootstrap received invalid /eras payload."),
+    "an object": (GOOD, "returned {'eras': []}"),
     "a deep list": (answer(body=b"[" * 100_000), "raised RecursionError: "),
     "a long number": (answer(body=b"1" * 5_000), "raised ValueError: Exceeds the limit (4300 digits)"),
     "nothing": (answer(body=b""), JSON + "JSONDecodeError: "),
     "gzip": (answer("200 OK", b"\x1f\x8b\x08\x00", "Content-Encoding: gzip"), JSON + "UnicodeDecodeError: "),
-    "204": (answer("204 No Content", b""), FAILED + ": HTTP 204"),
     "206": (answer("206 Partial Content"), FAILED + ": HTTP 206"),
     **{
         f"{code}": (answer(f"{code} Refused"), f"{FAILED}. from [HTTPError: HTTP Error {code}: Refused]")
-        for code in (304, 400, 401, 403, 404, 500, 503)
+        for code in (304, 401, 403, 404, 500)
     },
     "a redirect loop": (answer("302 Found", b"", "Location: /eras"), FAILED + ". from [HTTPError: HTTP Error 302: "),
-    "a redirect to a file": (
-        answer("302 Found", b"", "Location: file:///x"),
-        FAILED + ". from [HTTPError: HTTP Error 302: ",
-    ),
+    "a redirect to a file": (answer("302 Found", b"", "Location: file:///x"), FAILED + ". from [HTTPError: HTTP Error"),
     "a short body": (answer(length=100), "raised IncompleteRead: IncompleteRead(2 bytes read, 98 more expected)"),
     "junk": (b"no HTTP at all\r\n\r\n", "raised BadStatusLine: no HTTP at all"),
     "closed at once": (b"", FAILED + ". from [RemoteDisconnected: "),
@@ -77,34 +68,37 @@ def test_every_answer_is_the_eras_or_an_error(kind):
     given, seen = ANSWERS[kind]
     with serving(given) as (url, requests):
         assert fetched(url + "//").startswith(seen)
-    assert requests and all(
-        r.startswith(b"GET /eras HTTP/1.1\r\n") and b"\r\nAuthorization: Bearer token\r\n" in r for r in requests
-    )
+    for request in requests:
+        assert request.startswith(b"GET /eras HTTP/1.1\r\n") and b"\r\nAuthorization: Bearer token\r\n" in request
+    assert requests
 
 
 @pytest.mark.parametrize("status", [301, 302, 303, 307, 308])
 def test_redirects_carry_the_token_on(status):
     """A property of the HTTP library that operators are told about; it must not change unnoticed."""
-    elsewhere = serving(ANSWERS["an object"][0])
-    with elsewhere as (other, taken), serving(answer(f"{status} Moved", b"", f"Location: {other}/eras")) as (url, _):
+    with (
+        serving(GOOD) as (other, taken),
+        serving(answer(f"{status} Moved", b"", f"Location: {other}/eras")) as (url, _),
+    ):
         assert fetched(url) == "returned {'eras': []}"
     assert [b"Authorization: Bearer token\r\n" in request for request in taken] == [True]
 
 
-@pytest.mark.parametrize(
-    ("token", "seen"), [("a\nb", "raised ValueError: "), ("\u20ac", "raised UnicodeEncodeError: "), (5, "returned {}")]
-)
-def test_a_token_is_sent_or_refused_as_it_is(token, seen):
-    with serving(answer()) as (url, requests):
-        assert fetched(url, get_token=lambda: token).startswith(seen)
-    assert len(requests) == (token == 5)
+REFUSED = {"a\nb": "raised ValueError: ", "\u20ac": "raised UnicodeEncodeError: "}
+
+
+@pytest.mark.parametrize("token", REFUSED)
+def test_a_token_that_no_header_can_hold_is_not_sent(token):
+    with serving(GOOD) as (url, requests):
+        assert fetched(url, get_token=lambda: token).startswith(REFUSED[token]) and not requests
 
 
 ADDRESSES = {
-    "http://127.0.0.1:1": FAILED + ". from [URLError: ", "https://127.0.0.1:1": FAILED + ". from [URLError: ",
-    "file:///nowhere": FAILED + ". from [URLError: ", "nonsense": "raised ValueError: unknown url type: ",
-    "http://[": "raised ValueError: ", 5: "raised AttributeError: 'int' object has no attribute 'rstrip'",
-}  # fmt: skip
+    **dict.fromkeys(["http://127.0.0.1:1", "https://127.0.0.1:1", "file:///nowhere"], FAILED + ". from [URLError: "),
+    "nonsense": "raised ValueError: unknown url type: ",
+    "http://[": "raised ValueError: ",
+    5: "raised AttributeError: 'int' object has no attribute 'rstrip'",
+}
 
 
 @pytest.mark.parametrize("url", ADDRESSES)

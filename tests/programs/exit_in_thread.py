@@ -1,6 +1,5 @@
 """A daemon thread waits somewhere in the import or in a body while the interpreter ends; the exit status is 7."""
 
-import builtins
 import dataclasses
 import importlib
 import linecache
@@ -38,10 +37,9 @@ def imported(name):
     load()
 
 
-def called(module, name):
-    """The module is imported while this function takes long."""
-    good = getattr(module, name)
-    setattr(module, name, lambda *args, **kwargs: (wait(), good(*args, **kwargs))[1])
+def decorated(good=dataclasses.dataclass):
+    """The module is imported while its records take long."""
+    dataclasses.dataclass = lambda cls: (wait(), good(cls))[1]
     load()
 
 
@@ -50,8 +48,8 @@ def cached():
     load()
 
 
-def raised(exception):
-    load().ValueError = exception
+def raised():
+    load().ValueError = Waiting("Slow", (Exception,), {})
     load().login(None)
 
 
@@ -72,12 +70,9 @@ def old_cause():
 WHERE = {
     "linecache": lambda: imported("linecache"),
     "sibling": lambda: imported("corvane.skills"),
-    "logger": lambda: called(logging, "getLogger"),
-    "record": lambda: called(dataclasses, "dataclass"),
-    "class": lambda: called(builtins, "__build_class__"),
+    "record": decorated,
     "source cache": cached,
-    "exception": lambda: raised(Waiting("Slow", (Exception,), {})),
-    "no exception": lambda: raised(lambda text: Waiting("Slow", (Exception,), {"__new__": lambda cls: 5})),
+    "exception": raised,
     "handler": handling,
     "old cause": old_cause,
     "arguments": lambda: load().login(**{type("Name", (str,), {"__hash__": str.__hash__, "__eq__": wait})("x"): 1}),

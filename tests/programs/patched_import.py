@@ -28,22 +28,15 @@ def tried(act):
         return f"{type(exc).__name__}: {exc}"
 
 
-class Unreadable(type):
-    """Its classes do not give their methods away."""
-
-    def __getattribute__(cls, name):
-        raise AttributeError(name)
-
-
 def record():
     """The decorator gives a record with another __repr__, or something else."""
 
     def decorated(cls):
-        if cls.__name__ != "AuthToken" or kind == "no-class":
-            return dataclass(cls) if kind != "no-class" else None
         made = dataclass(cls)
-        if kind == "unreadable":
-            return Unreadable("AuthToken", (made,), {})
+        if cls.__name__ != "AuthToken":
+            return made
+        if kind == "no-class":
+            return None
         function = made.__repr__
         made.__repr__ = {
             "builtin": NEIGHBOURS[500],

@@ -30,24 +30,9 @@ class Value:
     getcwd = __call__
 
 
-class Calling:
+class Calling(Value):
     def __del__(self):
         seen.append(getattr(act(), "number", None))
-
-
-class CallingValue(Value, Calling):
-    pass
-
-
-def function():
-    dying = Calling()
-
-    def made(*args):
-        seen.append(dying and "function")
-        return "/"
-
-    made.getcwd, made.path = os.getcwd, os.path
-    return made
 
 
 if whose == "os":
@@ -55,15 +40,13 @@ if whose == "os":
     vars(m.os).update(vars(os))
 shared, name, act = {
     "fragment": (m, "_AGENTS_MD_FRAGMENT", m.get_agents_md_fragment),
-    "heartbeat": (m, "os", m._find_heartbeat),
     "os": (m.os, "getcwd", m._find_heartbeat),
     "builtins": (builtins, "isinstance", lambda: m._safe_named_universe("x")),
-    "auth": (m.auth, "_normalize_invite_code", lambda: m._resolve_optional_invite_code("x")),
 }[whose]
 sharing, kept = type("Sharing", (), {})(), vars(shared)[name]  # of its own, it has no attributes
 sharing.__dict__ = vars(shared)
 store = types.FunctionType(compile(f"sharing.{name} = value", "store", "exec"), globals())
-dying = {"itself": lambda: CallingValue(50), "held": lambda: Value(50, Calling()), "function": function}[last]
+dying = {"itself": lambda: Calling(50), "held": lambda: Value(50, Calling(None))}[last]
 values = [Value(number) for number in range(50)]
 for make in (*(lambda value=value: value for value in values), dying, lambda: Value(51)):
     value = make()
