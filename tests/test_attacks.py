@@ -93,20 +93,27 @@ class Lying(str):
 
 
 LIES = (), (False,) * 8, (True,), (LookupError,), (False, LookupError), (0, [], "", [1])
+WRONG = [
+    *(((), {}), ((1,) * 9, {}), ((), {"nonsense": 1}), ((), {"data_dirr": 1, "bootstrap": 2}), ((), {1: 2})),
+    ((1,), {"invite_code": 2, "private_key": 2, "exc": 2, "trigger": 2, "working_dir": 2, "data_dir": 2}),
+]
 
 
 @pytest.mark.parametrize("name", FUNCTIONS)
-def test_arguments_are_bound_in_one_pass(name):
+def test_arguments_are_bound_in_one_pass_and_errors_are_the_interpreters(name):
     code = getattr(m, name).__code__
     parameters = (*code.co_varnames[: code.co_argcount + code.co_kwonlyargcount], "other")
 
     def each():
+        function = getattr(scenarios.m, name)
         for lie, positional, parameter in itertools.product(LIES, ((), ("x",) * code.co_argcount), parameters):
             keyword = Lying(parameter)
             keyword.answers = lie
-            yield tried(lambda: getattr(scenarios.m, name)(*positional, **{keyword: "x"}))  # noqa: B023
+            yield tried(lambda: function(*positional, **{keyword: "x"}))  # noqa: B023
+        yield from (tried(lambda a=args, k=kwargs: function(*a, **k)) for args, kwargs in WRONG)
 
-    same(lambda: list(each()), config(server_url="http://127.0.0.1:1"), kit())
+    seen = same(lambda: list(each()), config(server_url="http://127.0.0.1:1"), kit())
+    assert seen["outcome"].count(f"{name}() ") >= 2  # of an error in binding
 
 
 class Bare:

@@ -27,6 +27,7 @@ from support.programs import run
 from support.scenarios import Clash
 
 NAMES = [n for n in vars(m) if not n.startswith("__")]  # before any test patches one
+TWINS = [n for n, f in vars(twin).items() if isinstance(f, types.FunctionType) and f.__module__ == twin.__name__]
 FUNCTIONS = {n: f for n, f in vars(m).items() if isinstance(f, types.FunctionType) and f.__module__ == m.__name__}
 PUBLIC = [name for name in FUNCTIONS if not name.startswith("_")]
 FIXED_SIGNATURE_LINES = {
@@ -44,11 +45,9 @@ OTHER_NAMES = """importlib hashlib json logging os secrets shutil _stat sys urll
 
 def test_names_in_their_order():
     assert [name for name in NAMES if name not in FUNCTIONS] == OTHER_NAMES.split()
-    assert [*FUNCTIONS] == [
-        n for n, f in vars(twin).items() if getattr(f, "__code__", None) and f.__module__ == twin.__name__
-    ]
+    assert [*FUNCTIONS] == TWINS and len(TWINS) == 41
     public = "create_runtime_freshness_guard register login configure ensure_runtime_bootstrapped inject_heartbeat"
-    assert [*public.split(), "update_nudge", "get_agents_md_fragment"] == PUBLIC and len(FUNCTIONS) == 41
+    assert [*public.split(), "update_nudge", "get_agents_md_fragment"] == PUBLIC
     assert m.__doc__ == "Agent onboarding subcomponent -- register, login, configure, heartbeat."
     server = "https://api.corvane.example"
     options = {"auto_heartbeat": True, "data_dir": "~/.corvane/", "server_url": server, "named_universe": ""}
@@ -88,25 +87,6 @@ class Keyword(str):
         return super().__eq__(other)
 
 
-BAD_ARGUMENTS = [
-    *(((), {}), ((1,), {}), ((1,) * 9, {}), ((), {"nonsense": 1}), ((), {"data_dirr": 1, "bootstrap": 2})),
-    ((1,), {"invite_code": 2, "private_key": 2, "exc": 2, "trigger": 2, "working_dir": 2, "data_dir": 2}),
-    *(((), {1: 2}), ((), {Keyword("nonsense"): 1}), ((1, 2, 3), {"nonsense": 1})),
-]
-
-
-@pytest.mark.parametrize("name", FUNCTIONS)
-def test_argument_errors_are_the_interpreters(name):
-    compared = 0
-    for args, kwargs in BAD_ARGUMENTS:
-        try:
-            inspect.signature(FUNCTIONS[name]).bind(*args, **kwargs)
-        except TypeError:
-            seen = same(lambda a=args, k=kwargs: getattr(scenarios.m, name)(*a, **k))
-            compared += seen["raised"]["type"] is TypeError
-    assert compared >= 2
-
-
 def test_well_formed_calls_bind_like_python():
     """Positional, keyword, mixed, unpacked, as a method, with changed defaults, with another code object."""
 
@@ -143,11 +123,10 @@ def test_the_stub_says_the_same():
 
 def test_records():
     def records():
-        for record, copied in ((scenarios.m.AuthToken, ("secret", 1.5)), (scenarios.m.WalletRegistration, ("0xab",))):
-            made = record(*copied)
-            yield repr(made), str(made), made == record(*copied), made != record(*"xy"[: len(copied)])
+        for record, given in ((scenarios.m.AuthToken, ("secret", 1.5)), (scenarios.m.WalletRegistration, ("0xab",))):
+            made = record(*given)
+            yield repr(made), str(made), made == record(*given), made != record(*"xy"[: len(given)]), record.__hash__
             yield dataclasses.asdict(made), [(f.name, f.type, f.repr) for f in dataclasses.fields(made)]
-            yield record.__module__, record.__hash__, record.__repr__.__qualname__
             for wrong in (record, lambda made=record: made(1, 2, 3), record.__repr__, lambda r=record: r.__repr__(5)):
                 yield tried(wrong)
 

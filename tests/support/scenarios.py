@@ -348,7 +348,6 @@ MANAGER = ours(_auth_manager=manager())
 LOGIN = call("login", KEY)
 LOAD = call("_load_manifest_runtime_module", "d", "backtester")
 IMPORT = call("_load_extension_from_path", "backtester", "d/backtester.so")
-SOMEBODY_ELSES = types.SimpleNamespace(st_mode=0o100600, st_uid=12345)
 
 
 def read_only(path: str, mode: str, **how: str) -> object:

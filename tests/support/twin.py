@@ -24,8 +24,7 @@ def _exception_chain_detail(exc):
         seen[id(current)] = current
         text = str(current).strip()
         item = f"{type(current).__name__}: {text}" if text else type(current).__name__
-        diagnostic = getattr(current, "diagnostic_detail", None)
-        if diagnostic:
+        if diagnostic := getattr(current, "diagnostic_detail", None):
             item = f"{item}; diagnostic: {diagnostic}"
         if item not in details:
             details.append(item)
@@ -36,10 +35,7 @@ def _exception_chain_detail(exc):
 def _sha256_file(path):
     digest = hashlib.sha256()
     with open(path, "rb") as f:
-        while True:
-            chunk = f.read(1024 * 1024)
-            if not chunk:
-                break
+        while chunk := f.read(1024 * 1024):
             digest.update(chunk)
     return digest.hexdigest()
 
@@ -141,15 +137,12 @@ def _runtime_module_manifest_entries(manifest):
         platform = file_info.get("platform")
         if platform and platform != CURRENT_PLATFORM:
             continue
-        module_name = runtime_module_name_from_kind(kind)
-        if module_name:
+        if module_name := runtime_module_name_from_kind(kind):
             yield module_name, relative_path, file_info
 
 
 def _select_runtime_module_manifest_entry(manifest, module_name):
-    aliases = {module_name}
-    if module_name == "era_data":
-        aliases.add("vault")
+    aliases = {module_name} | ({"vault"} if module_name == "era_data" else set())
     for candidate_name, relative_path, file_info in _runtime_module_manifest_entries(manifest):
         if candidate_name in aliases:
             return relative_path, file_info
@@ -182,8 +175,7 @@ def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None
         failed = f"Runtime module {module_name!r} failed to load from {candidate!s}: {exc!s}"
         raise RuntimeModuleReloadFailed(failed, **fields, actual_sha256=actual) from exc
     if expected:
-        stamped = getattr(module, "_corvane_module_sha256", None)
-        if stamped != expected:
+        if (stamped := getattr(module, "_corvane_module_sha256", None)) != expected:
             unexpected = f"Runtime module {module_name!r} loaded with unexpected hash."
             raise RuntimeModuleHashMismatch(unexpected, **fields, actual_sha256=stamped)
     return module
@@ -315,8 +307,7 @@ def _active_era_named_universe_candidates(era):
     if isinstance(universes, list):
         for universe in universes:
             if isinstance(universe, dict):
-                stable_name = universe.get("named_universe") or universe.get("id") or universe.get("name")
-                if stable_name:
+                if stable_name := universe.get("named_universe") or universe.get("id") or universe.get("name"):
                     _append_unique_named_universe(candidates, stable_name)
             else:
                 _append_unique_named_universe(candidates, universe)
@@ -330,21 +321,17 @@ def _first_allowed_named_universe_from_era_config(era_config):
     if not isinstance(era_config, dict):
         return None
     signal_pools = era_config.get("signal_pools")
-    holders = []
-    if isinstance(signal_pools, list):
-        holders = [pool for pool in signal_pools if isinstance(pool, dict)]
-    for holder in [*holders, era_config]:
+    pools = [pool for pool in signal_pools if isinstance(pool, dict)] if isinstance(signal_pools, list) else []
+    for holder in [*pools, era_config]:
         allowed = holder.get("allowed_named_universes")
         for value in allowed if isinstance(allowed, list) else [allowed]:
-            usable = _safe_named_universe(value)
-            if usable:
+            if usable := _safe_named_universe(value):
                 return usable
     return _safe_named_universe(era_config.get("named_universe"))
 
 
 def _resolve_active_named_universe(am):
-    configured = _safe_named_universe(_config.get("named_universe"))
-    if configured:
+    if configured := _safe_named_universe(_config.get("named_universe")):
         _config["named_universe"] = configured
         return configured
     eras = _fetch_eras_payload(am).get("eras")
@@ -506,7 +493,6 @@ def _bootstrap_local_runtime_from_config(am):
     )  # fmt: skip
     runtime_freshness_guard.register_module_consumer("backtester", evaluator, "raw_backtester")
     tracker = SearchTracker(data_dir)
-    named_universes = (named_universe,)
     feature_dirs = {named_universe: os.path.join(data_dir, "features", named_universe)}
     adapter = _runtime._RuntimeManifestAdapter(
         manifest, feature_epoch="signal_is", named_universe=named_universe, era_config=era_config
@@ -515,7 +501,7 @@ def _bootstrap_local_runtime_from_config(am):
         auth=am, auth_proxy=am, data_dir=data_dir,
         server_url=_config.get("server_url") or "https://api.corvane.example", sync_manager=sync_manager,
         era_id=era_id, era_thread=_runtime._EraThreadProxy(sync_manager), era_config=era_config,
-        search_era_config=_runtime._SearchEraConfig(era_config), named_universes=named_universes,
+        search_era_config=_runtime._SearchEraConfig(era_config), named_universes=(named_universe,),
         default_named_universe=named_universe, vocabularies={named_universe: vocabulary}, feature_dirs=feature_dirs,
         manifest_adapters={named_universe: adapter}, vocabulary_raw=vocabulary, registry=evaluator.registry,
         vault=vault, raw_backtester=raw_backtester, evaluator=evaluator, search_tracker=tracker,
@@ -550,9 +536,9 @@ def _propagate_auth(am, strict=False):
     except Exception as e:
         logger.warning("Failed to bootstrap corvane runtime: %s", e)
         if strict:
+            failed = "Corvane registration authenticated, but runtime data bootstrap failed"
             detail = _exception_chain_detail(e)
-            suffix = f": {detail}" if detail else ""
-            raise RuntimeError(f"Corvane registration authenticated, but runtime data bootstrap failed{suffix}") from e
+            raise RuntimeError(f"{failed}: {detail}" if detail else failed) from e
         try:
             runtime = _bootstrap_local_runtime_from_config(am)
         except Exception as local_e:
@@ -596,9 +582,8 @@ def _propagate_auth(am, strict=False):
     except Exception as e:
         logger.warning("Failed to initialize simulate_signal: %s", e)
         if strict:
-            detail = _exception_chain_detail(e)
-            suffix = f": {detail}" if detail else ""
-            raise RuntimeError(f"Corvane simulate_signal bootstrap failed{suffix}") from e
+            failed, detail = "Corvane simulate_signal bootstrap failed", _exception_chain_detail(e)
+            raise RuntimeError(f"{failed}: {detail}" if detail else failed) from e
     return runtime
 
 
@@ -611,8 +596,7 @@ def _normalize_key(raw_key):
 def _resolve_invite_code(invite_code):
     if invite_code is None:
         invite_code = os.environ.get("CORVANE_INVITE_CODE")
-    canonical = auth._normalize_invite_code(invite_code)
-    if canonical is None:
+    if (canonical := auth._normalize_invite_code(invite_code)) is None:
         raise ValueError(
             "Invite code required. Pass --invite-code, set CORVANE_INVITE_CODE, or call register(invite_code=...)."
         )
