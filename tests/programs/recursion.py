@@ -1,4 +1,4 @@
-"""Each function without end, through each name and each argument that leads back into it, on a thread's small stack.
+"""Functions without end, through the names that lead back into them, on a thread's small stack.
 
 Usage: recursion.py KIBIBYTES... Says what it tries, so that the last line tells where the process has died.
 """
@@ -47,7 +47,7 @@ def stop(*args, **kwargs):
     raise RecursionError
 
 
-def raises(function, arguments, name="unused", value=None):
+def raises(function, arguments, name, value):
     """Whether RecursionError comes of the call while the module has this value under the name."""
     try:
         with mock.patch.object(m, name, value, create=True):
@@ -62,24 +62,14 @@ def leads_back(*how):
     return raises(*how) and len(reached) == 1
 
 
-def sorting(function, given):
-    """Takes much of the C stack on its way back."""
-    return Again(lambda *args, **kwargs: sorted([0, 1], key=lambda number: function(*given)))
-
-
 def ways(function):
-    """How the function comes back to itself, once and outside of handlers: arguments, a name and its value."""
+    """How the function comes back to itself, once and outside of handlers: a name and its value."""
     parameters = inspect.signature(function).parameters.values()
     arguments = ["x" for p in parameters if p.default is p.empty and p.kind is not p.VAR_KEYWORD]
-    for number in range(len(arguments)):
-        given = [*arguments]
-        given[number] = Again(stop)
-        if leads_back(function, given):
-            given[number] = sorting(function, given)
-            yield given, "unused", None
     for name in itertools.islice((name for name in NAMES if leads_back(function, arguments, name, Again(stop))), 3):
         [(args, kwargs)] = reached
-        yield arguments, name, sorting(function, arguments)
+        # It takes much of the C stack on its way back.
+        yield arguments, name, Again(lambda *args, **kwargs: sorted([0, 1], key=lambda number: function(*arguments)))
         if not kwargs and leads_back(function, args, name, Again(stop)):
             yield arguments, name, function
 
@@ -92,7 +82,7 @@ with tempfile.TemporaryDirectory() as directory:
     for name, function in FUNCTIONS.items():
         for way in ways(function):
             for size, limit in itertools.product(map(int, sys.argv[1:]), (1000, 1_000_000)):
-                print(name, way[1], *(type(given).__name__ for given in way[0]), size, limit, end=": ", flush=True)
+                print(name, way[1], type(way[2]).__name__, size, limit, end=": ", flush=True)
                 threading.stack_size(size * 1024)
                 thread = threading.Thread(target=lambda: print(raises(function, *way)))  # noqa: B023
                 sys.setrecursionlimit(limit)

@@ -33,7 +33,6 @@ from typing import Any
 import corvane
 import corvane_local
 from corvane import auth
-from corvane.sync import CURRENT_PLATFORM
 
 m: Any = importlib.import_module(os.environ.get("MODULE_CALLED", "corvane.agent_onboarding"))
 DEFAULTS: dict[str, Any] = dict(m._config)
@@ -368,10 +367,6 @@ def entry(kind: object = "runtime_module:backtester", **fields: Any) -> dict[Any
 
 FILES: list[dict[Any, Any]] = [
     {"b/x.so": entry(), "a/y.so": entry(), "a/z.so": entry("runtime_module:other"), "c": 5, "d": entry("text")},
-    {"x": entry(platform=""), "y": entry(platform=None), "z": entry(platform="else")},
-    {"x": entry(platform="else"), "y": entry(platform=CURRENT_PLATFORM)},
-    {"x": entry("runtime_module:vault"), "y": entry("runtime_module:era_data")},
-    {"y": entry("runtime_module:vault"), "x": entry("runtime_module:era_data")},
     {"x": entry(), 5: entry()},
     {("x",): entry(), ("a",): entry(5)},
     {"y": entry("runtime_module:"), "x": {Clash("kind"): 1}},
