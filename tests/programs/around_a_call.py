@@ -1,5 +1,6 @@
 """What is around a call changes in the middle of it. Argument: what. Prints what comes of it."""
 
+import builtins
 import gc
 import os
 import random
@@ -86,6 +87,46 @@ def traceback():
     except ValueError as exc:
         sys.settrace(None)
         return exc
+
+
+def shared_namespace():
+    """An object shares a namespace; what dies when the last value is stored through it calls a function of the module.
+
+    Stored often enough, the interpreter specialises the store: it destroys the old value before the dictionary has
+    changed in every respect.
+    """
+
+    class Value:
+        def __init__(self, number):
+            self.number = number
+
+        def __call__(self, *args):
+            seen.append(self.number)
+            return True
+
+    class Calling(Value):
+        def __del__(self):
+            act()
+
+    found = []
+    for shared, name, act in (
+        (m, "_AGENTS_MD_FRAGMENT", lambda: m.get_agents_md_fragment()()),
+        (m.auth, "_normalize_invite_code", lambda: m._resolve_optional_invite_code("x")),
+        (builtins, "isinstance", lambda: m._safe_named_universe("x")),
+    ):
+        seen, sharing, kept = [], type("Sharing", (), {})(), vars(shared)[name]
+        sharing.__dict__ = vars(shared)
+        names = {"sharing": sharing}
+        store = types.FunctionType(compile(f"sharing.{name} = value", "store", "exec"), names)
+        values = [Value(number) for number in range(50)]
+        for make in (*(lambda value=value: value for value in values), lambda: Calling(50), lambda: Value(51)):
+            names["value"] = make()
+            store()
+            del names["value"]
+            act()
+        setattr(shared, name, kept)
+        found.append(seen == [*range(51), 51, 51])
+    return found
 
 
 def other_watcher():

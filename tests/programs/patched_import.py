@@ -16,7 +16,6 @@ from corvane import auth, runtime_module_freshness, skills, sync  # noqa: F401
 
 NAME = "corvane.agent_onboarding"
 warnings.simplefilter("ignore", FutureWarning)  # of 3.13 for a partial in a class
-RECORD = types.SimpleNamespace(expires_at=7)
 NEIGHBOURS = ["text".upper for _ in range(1000)]  # in memory, too; whoever takes one for a function hits the next
 dataclass, build_class = dataclasses.dataclass, builtins.__build_class__
 
@@ -28,47 +27,31 @@ def tried(act):
         return f"{type(exc).__name__}: {exc}"
 
 
-def record():
-    """The decorator gives a record with another __repr__, or something else."""
-
-    def decorated(cls):
-        made = dataclass(cls)
-        if cls.__name__ != "AuthToken":
-            return made
-        if kind == "no-class":
-            return None
-        function = made.__repr__
-        made.__repr__ = {
-            "builtin": NEIGHBOURS[500],
-            "partial": functools.partial(function, RECORD),
-            "object": type("Callable", (), {"__call__": lambda self: f"object, {function(RECORD)}"})(),
-            "wrapper": functools.wraps(function)(lambda self: f"own code, {function(self)}"),
-            "ours": sys.modules[NAME]._sha256_file,
-            "none": None,
-        }[kind]
-        return made
-
-    dataclasses.dataclass = decorated
-    native, twin = importlib.import_module(NAME), importlib.import_module("support.twin")
-    records = [tried(lambda m=m: repr(m.AuthToken("t", 1.5))) for m in (native, twin)]
-    print(records[0] == records[1] or records, native._sha256_file(os.devnull)[:4])
-
-
 def method():
-    """The class statement gives a manager with another method."""
+    """The class statement gives a class with another method, or the decorator of a record gives no class."""
 
     def build(function, name, *bases, **options):
         made = build_class(function, name, *bases, **options)
-        if name == "_LocalRuntimeSyncManager":
-            method = made.get_manifest
-            called = functools.wraps(method)(lambda *args: ("own code", method(*args)))
-            others = {"wrapper": called, "partial": functools.partialmethod(method), "builtin": NEIGHBOURS[500]}
-            made.get_manifest = others[kind]
+        patched = {"AuthToken": "__repr__", "_LocalRuntimeSyncManager": "get_manifest"}.get(name)
+        if patched and kind != "no-class":
+            method = getattr(made, patched)
+            others = {
+                "builtin": NEIGHBOURS[500],
+                "partial": functools.partialmethod(method),
+                "object": type("Callable", (), {"__call__": lambda self: "object"})(),
+                "wrapper": functools.wraps(method)(lambda *args: f"own code, {method(*args)}"),
+                "ours": sys.modules[NAME]._sha256_file,
+            }
+            setattr(made, patched, others[kind])
         return made
 
     builtins.__build_class__ = build
-    manager = importlib.import_module(NAME)._LocalRuntimeSyncManager("manifest")
-    print(tried(lambda: manager.get_manifest()), manager.request_for_sync())
+    no_class = kind == "no-class"
+    dataclasses.dataclass = lambda cls: None if no_class and cls.__name__ == "AuthToken" else dataclass(cls)
+    m = importlib.import_module(NAME)
+    manager = m._LocalRuntimeSyncManager("manifest")
+    print(*(tried(act)[:30] for act in (lambda: repr(m.AuthToken("t", 1.5)), lambda: manager.get_manifest())))
+    assert manager.request_for_sync() == [] and m._sha256_file(os.devnull).startswith("e3b0")
 
 
 def replaced():
