@@ -182,13 +182,13 @@ int main(int, char** arguments) {
 
 def test_an_interpreter_that_is_started_again(tmp_path):
     (tmp_path / "embed.cpp").write_text(EMBEDDING)
-    moved = sys.base_prefix, f"{sys.base_prefix}/lib"  # an interpreter that lies elsewhere than it was built for
-    folders = sysconfig.get_config_var("LIBDIR"), *moved
+    # Also of an interpreter that lies elsewhere than it was built for.
+    folders = sysconfig.get_config_var("LIBDIR"), sys.base_prefix, f"{sys.base_prefix}/lib"
     name = f"libpython{sysconfig.get_config_var('LDVERSION')}.*"
-    library = next((path for folder in folders for path in sorted(Path(folder).glob(name), reverse=True)), None)
-    if library is None:
+    found = [path for folder in folders for path in sorted(Path(folder).glob(name), reverse=True)]
+    if not found:
         pytest.skip("the interpreter comes without its library")
-    link = [f"-I{sysconfig.get_paths()['include']}", library, f"-Wl,-rpath,{library.parent}", "-rdynamic"]
+    link = [f"-I{sysconfig.get_paths()['include']}", found[0], f"-Wl,-rpath,{found[0].parent}", "-rdynamic"]
     subprocess.run(["c++", "embed.cpp", "-o", "embed", *link, "-ldl", "-lm"], cwd=tmp_path, check=True)
     script = Path(__file__).with_name("programs").joinpath("embedded.py").read_text()
     environment = {**os.environ, "PYTHONHOME": sys.base_prefix, "MODULE": m.__file__}

@@ -220,33 +220,23 @@ def imports():
         unknown = patched(sys.modules["importlib.util"], spec_from_file_location=lambda *args, found=found: found)
         yield f"import: a file {what} is refused", IMPORT, (*steps, no_spec, fresh[1]), BOTH, unknown
 
+    in_its_place = types.SimpleNamespace(_corvane_module_sha256="other")
+    swapping = lambda *args: (sys.modules.update(backtester=in_its_place), raising(LookupError, "no")())  # noqa: E731
+    yield "import: what has taken its place stays after a failure", *failure[:1], (*failure[1],
+        "loaded backtester: [None, 'other', None]"), BOTH, present(), ours(_prune_runtime_extension_copies=swapping)
+
     class Loader:
-        """Executes a module by putting this in its place in the module table."""
-
         create_module = staticmethod(lambda spec: None)
+        exec_module = staticmethod(lambda made: say(f"executed({made is sys.modules['backtester']})"))
 
-        def __init__(self, instead):
-            self.instead = instead
+    def specified(name, path):
+        say(f"specified({name}, {path})")
+        return importlib.machinery.ModuleSpec(name, Loader())
 
-        def exec_module(self, made):
-            say(f"executed({made is sys.modules['backtester']})")
-            sys.modules["backtester"] = self.instead or made
-
-    def loading(instead=None):
-        def specified(name, path):
-            say(f"specified({name}, {path})")
-            return importlib.machinery.ModuleSpec(name, Loader(instead))
-
-        return patched(sys.modules["importlib.util"], spec_from_file_location=specified)
-
-    executed = f"specified(backtester, {copy})", "executed(True)"
-    yield "import: a module is registered before it is executed", IMPORT, (*steps, *executed, "returned <module "
-        "'backtester' (<support.promises.imports.<locals>.Loader object>)>", fresh[1], f"loaded backtester: [None, "
-        f"'{D1}', './d/backtester.so']"), BOTH, loading()
-    act, (*_, raised, left), *given = failure
-    yield "import: what a failing module has put in its place stays", act, (*steps, *executed, raised, left, "loaded "
-        "backtester: [None, 'other', None]"), *given, present(), loading(types.SimpleNamespace(_corvane_module_sha256=
-        "other"))
+    in_table = patched(sys.modules["importlib.util"], spec_from_file_location=specified)
+    yield "import: a module is registered before it is executed", IMPORT, (*steps, f"specified(backtester, {copy})",
+        "executed(True)", "returned <module 'backtester' (<support.promises.imports.<locals>.Loader object>)>",
+        fresh[1], f"loaded backtester: [None, '{D1}', './d/backtester.so']"), BOTH, in_table
 
 
 def manifests():
