@@ -241,10 +241,9 @@ def _find_heartbeat(working_dir=None):
         path = os.path.join(current, "HEARTBEAT.md")
         if os.path.exists(path):
             return path
-        parent = os.path.dirname(current)
-        if parent == current:
-            return None
-        current = parent
+        child, current = current, os.path.dirname(current)
+        if current == child:
+            break
     return None
 
 
@@ -434,11 +433,8 @@ def _read_json_if_present(path):
 
 
 def _local_vocabulary_path(data_dir, named_universe):
-    candidates = []
-    if named_universe:
-        candidates.append(os.path.join(data_dir, "features", named_universe, "vocabulary.json"))
-    candidates.append(os.path.join(data_dir, "vocabulary.json"))
-    for path in candidates:
+    own = [os.path.join(data_dir, "features", named_universe, "vocabulary.json")] if named_universe else []
+    for path in [*own, os.path.join(data_dir, "vocabulary.json")]:
         if os.path.exists(path):
             return path
     return None
