@@ -55,7 +55,6 @@ RESOLVE = e.call("_resolve_active_named_universe", e.manager(get_token=str))
 REFUSED = several(e.call("configure", x=1), e.register(data_dir="e"), e.register(), e.LOGIN, INJECT, RESOLVE)
 STRANGE_FILES = (
     type("NoExit", (), {"__enter__": dict}),
-    type("NotBound", (), {"__enter__": dict, "__exit__": dict}),  # called without the file, since they are no functions
     functools.partial(contextlib.suppress, AttributeError),  # its reading fails, and it swallows that
 )
 STRANGE_ERRORS = OSError, type("NoInstance", (OSError,), {"__new__": lambda cls, *args: 5})
@@ -66,18 +65,6 @@ KITS = [
     *({"_runtime.get_runtime()": LookupError}, {"simulate_signal.init_simulate_signal()": e.Cancelled}),
     *({name: None} for name in e.SIBLINGS),
 ]
-
-
-def in_a_generator():
-    """The implicit context is the exception handled where the call is made, also inside a generator."""
-
-    def generator():
-        try:
-            raise KeyError("in the generator")
-        except KeyError:
-            yield READ()
-
-    return next(generator())
 
 
 def loader_without_its_directory():
@@ -102,7 +89,6 @@ def rows():
         yield f"strange file {number}", several(INJECT, NUDGE), CHECKLIST, opened
     for kind in STRANGE_ERRORS:
         yield f"{kind} is raised", READ, *VICTIM, e.ours(_unsafe_wallet_error=lambda p, kind=kind: kind)
-    yield "inside a generator and handlers", in_a_generator, *VICTIM
     yield "a loader without its directory", loader_without_its_directory
     yield "a module without the function", e.register(), e.patched(secrets, token_hex=e.MISSING)
     for exc in e.Anything("x", {"x.diagnostic_detail": KeyError}), e.Anything(__str__=1):
