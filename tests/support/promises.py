@@ -356,9 +356,6 @@ def loading():
     yield "load all: era data first, then by name", call("_load_runtime_modules_from_manifest", "d", listing), (*order,
         f"returned {dict.fromkeys(in_order, 'module')}"), ours(_load_manifest_runtime_module=Anything("load", {
         "load()": "module"}))
-    yield "guard: knows directory and loader", call("create_runtime_freshness_guard", "d"), "returned [('data_dir', " \
-        "'d'), ('module_loader', <function create_runtime_freshness_guard.<locals>._load>)]", ours(
-        RuntimeFreshnessGuard=lambda **given: list(given.items()))
     for what, digest, seen in (
         ("loads what has the digest", D1, full), ("insists on the digest that it expects", "5a", mismatch("5a")),
     ):
