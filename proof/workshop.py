@@ -116,7 +116,10 @@ class Workshop:
     def pytest(self, root: Path, names: str, *options: str, **how: Any) -> Done:
         """Runs test files, such as "eras surface", of a checkout, until a test fails."""
         fixed = "-c", f"{root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line"
-        files = [str(file) for name in names.split() for file in root.glob(f"[lt]*/**/test_{name}.py")]
+        files = []
+        for name in names.split():
+            [file] = root.glob(f"[lt]*/**/test_{name}.py")  # or its tests are gone, which must not go unnoticed
+            files.append(str(file))
         return self.python("-m", "pytest", *fixed, *options, *files, **how)
 
     def tests(self, variables: Variables) -> tuple[int, list[str]]:
