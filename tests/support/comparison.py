@@ -190,8 +190,12 @@ def same_at_each_step(strike, act, *prepare):
     return seen
 
 
+NAMES = frozenset(vars(native))
+
+
 def names(module):
-    return [name for name in vars(module) if not name.startswith("__")]
+    """Without those that only the twin has."""
+    return [name for name in vars(module) if not name.startswith("__") and name in NAMES]
 
 
 def other_code(module, undo):
