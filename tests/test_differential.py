@@ -58,8 +58,10 @@ STRANGE_FILES = (
     functools.partial(contextlib.suppress, AttributeError),  # its reading fails, and it swallows that
 )
 STRANGE_ERRORS = OSError, type("NoInstance", (OSError,), {"__new__": lambda cls, *args: 5})
+FAILING = {"_runtime.bootstrap_runtime()": ConnectionError}
 KITS = [
-    {"sync_backoff.SyncBackoffCancelled": 5, "_runtime.bootstrap_runtime()": ConnectionError},
+    *({"_runtime._import_batch_runtime()": batch, **FAILING} for batch in ((1,) * 5, None, "abcd")),
+    {"sync_backoff.SyncBackoffCancelled": 5, **FAILING},
     *({"_runtime.get_runtime()": LookupError}, {"simulate_signal.init_simulate_signal()": e.Cancelled}),
     *({name: None} for name in e.SIBLINGS),
 ]

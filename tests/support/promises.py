@@ -195,13 +195,13 @@ def imports():
     yield "import: the same build is returned as it is", lambda: IMPORT() is IMPORT(), (*steps, steps[0],
         "returned True", *fresh[1:]), BOTH
 
-    def present(**marks):
-        held = {name: mark() if callable(mark) else mark for name, mark in marks.items()}
-        return lambda undo: sys.modules.update(backtester=types.SimpleNamespace(**held))
+    def present(file=None, **marks):
+        named = lambda: {"__file__": file()} if file else {}  # noqa: E731
+        return lambda undo: sys.modules.update(backtester=types.SimpleNamespace(**named(), **marks))
 
     for what, marks in (
-        ("the same file with another digest is another build", {"__file__": here, "_corvane_module_sha256": "other"}),
-        ("another file with the same digest is another build", {"__file__": "other", "_corvane_module_sha256": D1}),
+        ("the same file with another digest is another build", {"file": here, "_corvane_module_sha256": "other"}),
+        ("another file with the same digest is another build", {"file": str, "_corvane_module_sha256": D1}),
         ("what was imported otherwise is replaced", {}),
     ):
         yield f"import: {what}", IMPORT, (*steps, *fresh), BOTH, present(**marks)
