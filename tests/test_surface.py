@@ -155,6 +155,7 @@ BAD_IMPORTS = {
     "kept_function": "native body not reached",
     "two_modules": "corvane.agent_onboarding is already initialised",
     "another_name": "corvane.agent_onboarding is being initialised already",
+    "no_stack": "(40, {'maximum recursion depth exceeded'})",
     "no_room_at_the_exit": "the interpreter takes no more exit functions",
 }
 
