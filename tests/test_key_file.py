@@ -52,6 +52,20 @@ def test_the_key_of_another_user_is_refused(act, seen, user):
 
 
 @needs_root
+def test_a_key_that_its_own_user_may_not_read_is_refused():
+    def closed():
+        os.chmod("d/wallet.key", 0)
+        try:
+            READ()
+        finally:
+            os.chmod("d/wallet.key", 0o600)
+
+    theirs = e.file("d/wallet.key", "old"), lambda undo: os.chown("d/wallet.key", NOBODY, NOBODY), nobody
+    denied = f"raised {p.UNSAFE} while [PermissionError: [Errno 13] Permission denied: '{p.K}']"
+    assert told(closed, *theirs) == (p.LSTAT, p.OPEN_READ, denied)
+
+
+@needs_root
 def test_a_user_who_is_not_root_reads_and_replaces_the_own_key():
     def owned(undo):
         for path in ".", "d", "d/wallet.key":
