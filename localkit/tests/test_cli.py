@@ -21,6 +21,7 @@ import pytest
 
 import corvane as kit
 from corvane import auth
+from corvane.key_file import make_key
 from corvane.sync import SyncManager
 from corvane_cli.command import Exit
 from localkit.tests.conftest import http, slowly
@@ -130,9 +131,12 @@ def test_a_day_with_the_command(service, addresses, shell):
     assert re.search(r"^number +traded +pool +Sharpe +expression$\n^\d+ +[A-Z]+ +", table, re.M)
     private = [home / name for name in ("wallet.key", "session.json", "search.db")]
     assert [path.stat().st_mode & 0o777 for path in (home, *private)] == [0o700, 0o600, 0o600, 0o600]
-    after = ("timeout", "--preserve-status", "-s", "INT", "4", *CORVANE)
-    endless = shell("search --max-evaluations 9999999 --progress", command=after, preexec_fn=CATCH, expect=130)
-    assert "Next: Run it again" in endless.stderr
+    endless = [*CORVANE, "search", "--max-evaluations", "9999999", "--progress"]
+    with subprocess.Popen(endless, stderr=-1, text=True, env=shell.env, cwd=shell.work, preexec_fn=CATCH) as search:
+        while "search:" not in search.stderr.readline(40):
+            assert search.poll() is None
+        search.send_signal(signal.SIGINT)
+        assert "Next: Run it again" in search.communicate(timeout=30)[1] and search.returncode == 130
     (home / "era_config.json").write_text("{}")
     assert not shell.json("sync --check", expect=7)["intact"]
     repaired = shell("sync --json")  # no bars where there is no terminal
@@ -294,6 +298,14 @@ def test_a_picture_replaces_nothing_but_a_picture(picture, shell):
     before = shell.tree()
     refused = shell(f"simulate 1 --picture {picture}", expect=2).stderr
     assert shell.tree() == before and re.search("PNG|NAME.png|link|wallet|directory", refused)
+
+
+def test_a_key_is_flushed_to_disk_before_it_has_its_name_and_the_name_after_it(tmp_path, monkeypatch):
+    order = []
+    for name, act in {"fsync": os.fsync, "link": os.link}.items():
+        monkeypatch.setattr(os, name, lambda *given, name=name, act=act: order.append(name) or act(*given))
+    make_key(tmp_path / "home")
+    assert order == ["fsync", "link", "fsync", "fsync"]
 
 
 # -- Nothing hangs, nothing ends in a traceback -----------------------------------------------------------------------
@@ -480,7 +492,6 @@ def test_a_secret_in_the_wrong_place_is_not_repeated(line, shell):
 
 
 STEPS = [  # one after the other
-    ("register --invite-code CORV-1", 2, "malformed"),
     ("register", 2, "a new one needs an invite code"),
     ("whoami", 3, "`corvane register --invite-code CODE` makes"),
     ("register --invite-code CORV-2222-2222-2222", 4, "register --invite-code CODE` uses the stored key"),
@@ -494,12 +505,17 @@ STEPS = [  # one after the other
     ("register --invite-code CODE --dry-run", 0, " in at "),
     ("register --invite-code CORV-O000-0000-0000", 2, "malformed"),
     ("logout", 0, "`corvane register --server-url"),
-    ("whoami", 0, "there is no session of this key with this service. Next: `corvane register` signs"),
+    (
+        "whoami",
+        0,
+        "no session of this key with this service. Next: `corvane register` signs the stored wallet in; with --inv",
+    ),
 ]
 
 
 def test_next_steps_lead_on_after_a_refused_invite(service, shell):
     code = service.invite()
+    assert "malformed" in shell("register --invite-code CORV-1", expect=2).stderr and not shell.home.exists()
     for line, status, text in STEPS:
         done = shell(line.replace("CODE", code), f" {code.lower()}\n", expect=status)
         assert text in " ".join((done.stdout + done.stderr).split()), line

@@ -18,7 +18,7 @@ GIVEN = [
     "https://user:pass word'/x@h.example", "user:pass@h.example", "https://user:pa@ss@h.example/", "http://:p\n@h.example",
 ]  # fmt: skip
 READABLE = [
-    "0x" + "ab" * 20, f"expected {DIGEST}, got {'ef' * 32}", "https://h.example:8443/a", "CORV-2222-3333-4444",
+    "0x" + "ab" * 20, DIGEST, f"expected {DIGEST}, got {'ef' * 32}", "https://h.example:8443/a", "CORV-2222-3333-4444",
 ]  # fmt: skip
 
 

@@ -42,6 +42,7 @@ CALLS = {  # what is called, and what the service answers
     "not HTTP": (sign_in(f"0x{KEY}"), [CHALLENGE, b"220 mail.example ESMTP\r\n"]),
     "login refused": (lambda url, home: agent_onboarding.login(KEY), [CHALLENGE, http({"error": "unknown"}, 404)]),
     "no expiry": (sign_in(f"0x{KEY}"), [CHALLENGE, http({"token": TOKEN})]),
+    "half a manifest": (sync, [CUT_SHORT]),
     "a refused token": (sync, [http(status=401)]),
     "a request that is not read": (send_more_than_is_read, [(time.sleep(20) for _ in "1")]),
     "not hexadecimal": (sign_in(KEY), None),
