@@ -25,7 +25,7 @@ REPLACEMENTS = 3  # how often an agent gets another process for one that was kil
 LONGEST_TEXT = 5000  # characters; in JSON less than what a pipe holds, so that no child waits for its text to be read
 PRELOADED = """corvane._http corvane.errors corvane.key_file corvane.runtime_module_freshness corvane.skills
     corvane.sync corvane.sync_backoff cryptography.hazmat.primitives.asymmetric.ec dataclasses random shutil
-    urllib.request"""
+    corvane_cli.identity urllib.request"""
 LIBC = ctypes.CDLL(None)
 PR_SET_PDEATHSIG = 1
 
@@ -52,6 +52,7 @@ def onboard(name: str, code: str, job: dict[str, Any]) -> str:
     from corvane.auth import AuthError, RegistrationError, _normalize_invite_code
     from corvane.key_file import make_key
     from corvane.sync_backoff import ServiceBusy, SyncBackoff
+    from corvane_cli.identity import Agent
 
     data_dir = base / name
     # Where this process runs says nothing about where the agent will have its HEARTBEAT.md.
@@ -73,6 +74,7 @@ def onboard(name: str, code: str, job: dict[str, Any]) -> str:
             raise ServiceBusy(str(exc)) from exc
 
     address = SyncBackoff(attempts=job["attempts"]).run(attempt)
+    Agent(str(data_dir), url).begin_session(address)  # so that the command and its report know the service
     os.write(lock, f"{url} {address}\n".encode())
     return address
 

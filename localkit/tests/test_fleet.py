@@ -97,7 +97,7 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
         assert len(second) == AGENTS and second | first == second
         for name, address in second.items():
             key = base / name / "wallet.key"
-            assert key.stat().st_mode == 0o100600 and [key] == list((base / name).iterdir())
+            assert key.stat().st_mode == 0o100600 and {key, key.with_name("session.json")} == {*(base / name).iterdir()}
             assert auth.AuthManager("0x" + key.read_text(), service.url).get_wallet_address() == address
         used |= {good[name]: address for name, address in second.items()}
         assert dict(service.rows("SELECT code, used_by FROM invites")) == used
