@@ -3,7 +3,9 @@
 import fcntl
 import math
 import os
+import shutil
 import sqlite3
+import tempfile
 import time
 from bisect import bisect_right
 from collections.abc import Iterable, Iterator, Mapping
@@ -146,11 +148,24 @@ def read_record(data_dir: str | os.PathLike[str]) -> Record:
     return Record(runs, signals, _is_locked(path.with_name("search.lock")))
 
 
+def _copied(*files: Path) -> sqlite3.Connection:
+    """A database and its log, read elsewhere, since whoever reads a log writes beside it."""
+    with tempfile.TemporaryDirectory() as folder:
+        for file in files:
+            shutil.copy(file, folder)
+        with closing(sqlite3.connect(f"{folder}/{files[0].name}")) as database:
+            in_memory = sqlite3.connect(":memory:", isolation_level=None)
+            database.backup(in_memory)
+            return in_memory
+
+
 def connect_to_read(path: Path, timeout: float) -> sqlite3.Connection:
     """A connection that changes nothing; where no search runs, it leaves no file behind either."""
     # Without shared memory nobody has it open, and then it can be read without the one that would be made for it. A
     # search opens it again and again: in between there is none, but there may be at any moment.
     is_open = Path(f"{path}-shm").exists() or _is_locked(path.with_name("search.lock"))
+    if not is_open and (log := Path(f"{path}-wal")).exists():
+        return _copied(path, log)  # of a search that was killed: the database was copied with it
     how = "mode=ro" if is_open else "mode=ro&immutable=1"
     return sqlite3.connect(f"{path.absolute().as_uri()}?{how}", uri=True, timeout=timeout, isolation_level=None)
 

@@ -3,12 +3,15 @@
 import dataclasses
 import math
 import re
+import shutil
+import sqlite3
 import subprocess
 import sys
 import urllib.request
 from array import array
 from bisect import bisect_left
 from collections import Counter
+from contextlib import closing
 from functools import partial
 from importlib import resources
 from itertools import islice
@@ -25,7 +28,7 @@ from corvane import _runtime, agent_onboarding, errors, search_templates, skills
 from corvane._batch import Expression, FunctionRegistry, compute_search_plan
 from corvane._evaluation import Vault
 from corvane.runtime_module_freshness import is_runtime_module_kind, runtime_module_name_from_kind
-from corvane.search_tracking import Record, Run, SearchTracker
+from corvane.search_tracking import Record, Run, SearchTracker, read_record
 from corvane_cli.capital import load_native
 from localkit.tests.conftest import wait_until
 
@@ -342,3 +345,16 @@ def test_the_skills_are_there():
     names = ["onboard-a-wallet", "read-the-heartbeat", "search-for-signals", "simulate-a-signal"]
     assert [path.parent.name for path in paths] == names
     assert all(path.read_text().startswith("---\nname: ") for path in paths)
+
+
+def test_a_copy_of_what_a_killed_search_has_left_is_read_whole(tmp_path):
+    (tmp_path / "copy").mkdir()
+    tracker, left = SearchTracker(tmp_path), [f"search.db{end}" for end in ("", "-wal")]
+    with closing(sqlite3.connect(tmp_path / left[0])) as reader:  # while somebody reads, the log stays
+        reader.execute("BEGIN")
+        assert reader.execute("SELECT * FROM runs").fetchall() == []
+        tracker.begin_run("random_expressions", 7, {})
+        for name in left:
+            shutil.copy(tmp_path / name, tmp_path / "copy")
+    assert [run.seed for run in read_record(tmp_path / "copy").runs] == [7]
+    assert sorted(path.name for path in (tmp_path / "copy").iterdir()) == left
