@@ -39,7 +39,7 @@ _FINE, _COARSE = 240, 60  # pieces of a curve
 
 _ADDRESS = re.compile(r"[a-zA-Z][a-zA-Z0-9+.-]*://[^\s'\"`]+")
 _LONGEST_SEGMENT = 24  # characters of a part of a path; what is longer may well be a token
-_INVITE = re.compile(r"CORV(?:-[0-9A-Za-z]{4}){3}")
+_INVITE = re.compile(r"CORV(?:-[0-9A-Z]{4}){3}", re.IGNORECASE)
 
 
 def is_identity(directory: Path) -> bool:
@@ -179,6 +179,7 @@ def write(agents: Sequence[Agent], sources: Sequence[Path], out: Path, online: b
     )
     content = page.text.encode()
     assert content.startswith(_OURS)
+    check_out(out, agents)  # once more: all that came before can take a minute
     with replacing(out, 0o600) as file:  # what is wrong with a machine is not for everybody
         file.write(content)
     return Written(**counts, bytes=len(content))
@@ -262,7 +263,7 @@ def _text(value: object) -> str:
     text = one_line(value)
     if "://" in text:
         text = _ADDRESS.sub(lambda match: _plain_address(match[0]), text)
-    return _INVITE.sub(HIDDEN, text) if "CORV-" in text else text
+    return _INVITE.sub(HIDDEN, text) if "CORV-" in text.upper() else text
 
 
 def _plain_address(address: str) -> str:

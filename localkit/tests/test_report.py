@@ -211,7 +211,7 @@ def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path
     session = (odd / "session.json").read_text()
     (odd / "session.json").write_text(session.replace("https://127.0.0.1", secret))
     spoil(odd / "search.db", f"UPDATE signals SET expression = '{FOREIGN}' WHERE id = 1;"
-          f"UPDATE runs SET outcome = 'Error: {FOREIGN} CORV-2222-3333-4444 {shell.secrets[-1]}'")  # fmt: skip
+          f"UPDATE runs SET outcome = 'Error: {FOREIGN} corv-2222-3333-4444 {shell.secrets[-1]}'")  # fmt: skip
     before = {path: path.lstat().st_mtime_ns for path in base.rglob("*")}
     assert "write" in shell.json(f"report {base} --out {out} --dry-run")["would"][-1] and not out.exists()
     env = {"CORVANE_SERVER_URL": "", "CORVANE_PRIVATE_KEY": "11" * 32}
@@ -220,7 +220,7 @@ def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path
     assert before == {path: path.lstat().st_mtime_ns for path in base.rglob("*")}
     assert (made["agents"], made["signals"], made["curves"], out.stat().st_mode & 0o777) == (3, 9, 5, 0o600)
     text, when = out.read_text(), "2027-01-15 08:00"
-    assert not [secret for secret in (*shell.secrets, TOKEN, "CORV-2222", "11" * 32) if secret in text]
+    assert not [secret for secret in (*shell.secrets, TOKEN, "corv-2222", "11" * 32) if secret in text]
     agents, findings, searches, signals = (cells(text, name) for name in ("agents", "findings", "searches", "signals"))
     assert [" ".join(row[7:]) for row in agents] == ["1 900 3 0 1", "1 900 3 1 0", "1 900 3 0 0"]
     assert agents[0][2] == "https://<hidden>@h.example/v1/<hidden>?<hidden>" and agents[2][3:5] == [when, "3 us_large"]
