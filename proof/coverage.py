@@ -33,15 +33,11 @@ REASONS = {
         py/function.cpp code_named throw_error(PyExc_SystemError, "a declaration is not code"
         py/function.cpp connect throw_error(PyExc_SystemError, "a function is not among the declarations"
         py/function.cpp connect throw_error(PyExc_SystemError, "a native body has other parameters""",
-    "an import begins where no stack is left for one more call": """
-        py/function.cpp start throw_error();""",
     "foreign C code breaks the rules of the interpreter": """
         py/error.cpp error PyErr_SetString(PyExc_SystemError, "error return without exception set");""",
     "the middle of a statement that gcov counts on its last line": """
         runtime_loading.cpp load_per_era_backtester object failure = incomplete("Per-era
         workspace.cpp nudge_texts "- [ ] [Corvane] Search discovery rate""",
-    "only within a few hundred bytes of the stack's end does an import get so far and no farther": """
-        py/function.cpp start throw_error();""",
     "another interpreter is refused before, when the module is created": """
         module.cpp execute refuse_another_interpreter();""",
 }
