@@ -3,13 +3,17 @@
 import contextlib
 import csv
 import fcntl
+import hashlib
+import io
 import json
 import os
+import runpy
 import signal
 import subprocess
 import sys
 from pathlib import Path
 
+import click
 import pytest
 
 from corvane import auth
@@ -187,3 +191,33 @@ def test_bad_input_starts_nothing(text, url, base, reason, tmp_path):
     done = subprocess.run(command, capture_output=True, text=True)
     said = " ".join(done.stderr.replace("\n", " ").split())
     assert done.returncode in (1, 2) and reason in said and "Traceback" not in said and not (tmp_path / base).exists()
+
+
+FLEET = runpy.run_path(str(EXAMPLES / "fleet.py"))
+CHANGES = {
+    "nothing": lambda key, lock: None,
+    "another service": lambda key, lock: lock.write_text("https://other.example 0xa\n"),
+    "a newer key": lambda key, lock: os.utime(lock, (0, key.stat().st_ctime - 1)),
+    "an empty key": lambda key, lock: (key.write_text(""), os.utime(lock, (2e9, 2e9))),
+    "no key": lambda key, lock: key.unlink(),
+}
+
+
+@pytest.mark.parametrize("what", CHANGES)
+def test_only_a_note_of_this_service_and_this_key_is_believed(what, tmp_path):
+    key, lock = tmp_path / "a/wallet.key", tmp_path / ".locks/a"
+    for file, text in ((key, "5a" * 32), (lock, f"{URL} 0xa\n")):
+        file.parent.mkdir()
+        file.write_text(text)
+    os.utime(lock, (0, key.stat().st_ctime + 1))
+    CHANGES[what](key, lock)
+    assert list(FLEET["noted"]([FLEET["Agent"]("a", "CORV-1")], tmp_path, URL)) == ["a"] * (what == "nothing")
+
+
+def test_agents_are_named_after_their_codes_in_directories_of_their_own(tmp_path):
+    agents = FLEET["read_agents"](io.StringIO("corv-1  # the first\n"))
+    assert agents == [(f"agent-{hashlib.sha256(b'CORV-1').hexdigest()[:12]}", "CORV-1")]
+    tmp_path.chmod(0o755)
+    with contextlib.ExitStack() as after, pytest.raises(click.ClickException, match="is open to other users"):
+        after.callback(os.umask, os.umask(0o077))
+        FLEET["make_locks"](agents, tmp_path)
