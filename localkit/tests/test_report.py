@@ -380,6 +380,8 @@ def test_the_operators_page_in_a_browser(service, browser):
     assert page.evaluate("document.cookie") == "" and token not in page.content() and address in page.content()
     assert all(url.startswith(service.url) and token not in url for url in page.asked)
     check_layout(page)
+    page.click("#wallets th >> nth=0")
+    assert page.locator("#wallets th[aria-sort]").count() == 1
     page.click("text=Sign out")
     page.wait_for_selector("[name=token]")
     assert page.complaints == []
