@@ -155,9 +155,10 @@ BAD_IMPORTS = {
     "kept_function": "native body not reached",
     "two_modules": "corvane.agent_onboarding is already initialised",
     "another_name": "corvane.agent_onboarding is being initialised already",
-    "no_stack": "(40, {'maximum recursion depth exceeded'})",
     "no_room_at_the_exit": "the interpreter takes no more exit functions",
 }
+if sys.version_info < (3, 14):  # from then on the interpreter measures the stack, and refuses the import's own calls
+    BAD_IMPORTS["no_stack"] = "(40, {'maximum recursion depth exceeded'})"
 
 
 @pytest.mark.parametrize("moment", BAD_IMPORTS)
