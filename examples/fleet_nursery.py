@@ -24,8 +24,8 @@ from typing import Any
 REPLACEMENTS = 3  # how often an agent gets another process for one that was killed
 LONGEST_TEXT = 5000  # characters; in JSON less than what a pipe holds, so that no child waits for its text to be read
 PRELOADED = """corvane._http corvane.errors corvane.key_file corvane.runtime_module_freshness corvane.skills
-    corvane.sync corvane.sync_backoff cryptography.hazmat.primitives.asymmetric.ec dataclasses random shutil
-    corvane_cli.identity urllib.request"""
+    corvane.sync corvane.sync_backoff corvane_cli.identity cryptography.hazmat.primitives.asymmetric.ec dataclasses
+    random shutil urllib.request"""
 LIBC = ctypes.CDLL(None)
 PR_SET_PDEATHSIG = 1
 

@@ -58,8 +58,8 @@ AROUND = {
     "class_gone": "Gone the key",
     "code": "(None, 5)",
     "traceback": "not enough values to unpack (expected 3, got 2)",
-    "other_watcher": "None",
-    "no_watcher": "None",
+    "other_watcher": "the new value",
+    "no_watcher": "the new value",
     "lowered_stack": "RecursionError",
 }
 

@@ -12,7 +12,7 @@ from corvane._batch import BatchOrchestrator, Expression, FunctionRegistry, Scre
 from corvane.auth import AuthManager
 from corvane.errors import RuntimeModuleReloadFailed
 from corvane.runtime_module_freshness import RuntimeFreshnessGuard
-from corvane.search_tracking import SearchTracker
+from corvane.search_tracking import FoundSignal, SearchTracker
 
 Series = NDArray[np.float64]
 
@@ -182,5 +182,8 @@ class RuntimeEvaluationAdapter:
 
     def load_found_signal_pnl(self, signal_id: int) -> Series:
         """What a found signal of this era earns each day; LookupError if there is none with this id."""
-        signal = SearchTracker(self.data_dir).signal(signal_id, self.era_config["era_id"])
-        return self.profit(self.evaluate(signal.expression), signal.instrument, self.directions[signal.pool])
+        return self.profit_of(SearchTracker(self.data_dir).signal(signal_id, self.era_config["era_id"]))
+
+    def profit_of(self, found: FoundSignal) -> Series:
+        """What a found signal earns each day."""
+        return self.profit(self.evaluate(found.expression), found.instrument, self.directions[found.pool])

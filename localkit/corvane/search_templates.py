@@ -130,11 +130,8 @@ class _Search:
         self._tracker, registry = runtime.search_tracker, runtime.evaluator.registry
         self._plan = TEMPLATES[template](runtime.evaluator, seed)
         self._evaluations_before = sum(run.evaluations for run in self._tracker.runs())
-        evaluator = self._evaluator
         self._known = [
-            evaluator.profit(evaluator.evaluate(known.expression), known.instrument, evaluator.directions[known.pool])
-            for known in self._tracker.signals()
-            if known.era_id == runtime.era_id
+            self._evaluator.profit_of(found) for found in self._tracker.signals() if found.era_id == runtime.era_id
         ]
         names = {"function": registry.functions, "input": registry.inputs}
         self._run = self._tracker.begin_run(template, seed, names)

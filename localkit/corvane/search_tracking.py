@@ -148,15 +148,18 @@ def read_record(data_dir: str | os.PathLike[str]) -> Record:
     return Record(runs, signals, _is_locked(path.with_name("search.lock")))
 
 
-def _copied(*files: Path) -> sqlite3.Connection:
-    """A database and its log, read elsewhere, since whoever reads a log writes beside it."""
+def _in_memory(path: Path, log: Path) -> sqlite3.Connection:
+    """A database with its log, read from a copy elsewhere: SQLite writes beside a log that it reads."""
     with tempfile.TemporaryDirectory() as folder:
-        for file in files:
-            shutil.copy(file, folder)
-        with closing(sqlite3.connect(f"{folder}/{files[0].name}")) as database:
-            in_memory = sqlite3.connect(":memory:", isolation_level=None)
-            database.backup(in_memory)
-            return in_memory
+        shutil.copy(log, folder)
+        with closing(sqlite3.connect(shutil.copy(path, folder))) as copy:
+            memory = sqlite3.connect(":memory:", isolation_level=None)
+            try:
+                copy.backup(memory)
+            except BaseException:
+                memory.close()
+                raise
+            return memory
 
 
 def connect_to_read(path: Path, timeout: float) -> sqlite3.Connection:
@@ -165,7 +168,7 @@ def connect_to_read(path: Path, timeout: float) -> sqlite3.Connection:
     # search opens it again and again: in between there is none, but there may be at any moment.
     is_open = Path(f"{path}-shm").exists() or _is_locked(path.with_name("search.lock"))
     if not is_open and (log := Path(f"{path}-wal")).exists():
-        return _copied(path, log)  # of a search that was killed: the database was copied with it
+        return _in_memory(path, log)  # of a search that was killed: the database was copied with it
     how = "mode=ro" if is_open else "mode=ro&immutable=1"
     return sqlite3.connect(f"{path.absolute().as_uri()}?{how}", uri=True, timeout=timeout, isolation_level=None)
 

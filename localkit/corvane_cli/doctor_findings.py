@@ -31,7 +31,7 @@ class Finding:
     next_step: str
 
     def lines(self) -> list[str]:
-        """The finding for people."""
+        """The finding for people; each of its texts on one line, whatever names of files and the like it holds."""
         problem, reason, next_step = map(one_line, (self.problem, self.reason, self.next_step))
         return [f"{self.severity}: {problem}", f"  why: {reason}", f"  next: {next_step}"]
 

@@ -263,7 +263,7 @@ def _text(value: object) -> str:
     text = one_line(value)
     if "://" in text:
         text = _ADDRESS.sub(lambda match: _plain_address(match[0]), text)
-    return _INVITE.sub(HIDDEN, text) if "CORV-" in text.upper() else text
+    return _INVITE.sub(HIDDEN, text)
 
 
 def _plain_address(address: str) -> str:

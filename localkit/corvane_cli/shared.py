@@ -42,7 +42,7 @@ def value_lines(values: dict[str, Any]) -> list[str]:
 
 
 def paragraphs(findings: "Iterable[Finding]") -> list[str]:
-    """The findings for people; each of their texts on one line, whatever names of files and the like it holds."""
+    """The findings for people."""
     return [line for finding in findings for line in finding.lines()]
 
 
@@ -54,7 +54,7 @@ def iso_time(seconds: float) -> str:
 
 
 def minute(seconds: float) -> str:
-    """The same for people, without the seconds."""
+    """A moment for people, in UTC: `2026-01-31 09:30`."""
     return iso_time(seconds)[:16].replace("T", " ")
 
 

@@ -56,7 +56,9 @@ ANSWERS = [
 OF_SYNC = {BUSY: ServiceBusy, auth.AuthError: auth.RequestRefusedError}
 
 
-@pytest.mark.parametrize(("answer", "refusal", "text"), ANSWERS, ids=itertools.count())
+@pytest.mark.parametrize(
+    ("answer", "refusal", "text"), ANSWERS, ids=lambda value: getattr(value, "__name__", str(value)[:16])
+)
 def test_what_answers_is_named(answer, refusal, text, scripted, tmp_path, monkeypatch):
     monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 20.0)
     for act, kind in ((sign_in, refusal), (sync, OF_SYNC.get(refusal, refusal))):
@@ -78,7 +80,7 @@ SLOW = {
 
 
 @pytest.mark.parametrize("slow", SLOW)
-def test_a_service_that_drips_is_given_up(slow, scripted, tmp_path, monkeypatch):
+def test_every_request_has_a_deadline_for_a_service_that_drips(slow, scripted, tmp_path, monkeypatch):
     monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 1.0)
     act, *answers = SLOW[slow]
     with ExitStack() as stack:
@@ -108,13 +110,15 @@ ODD = {  # a field of an answer, what is odd in it, and what is said to be missi
 }
 
 
-@pytest.mark.parametrize("field", ODD)
-def test_odd_answers_are_refused(field, scripted):
-    values, lacks = ODD[field]
-    for odd in values:
-        answer = http({**GOOD, "challenge": "a", field: odd})
-        with pytest.raises(auth.AuthError, match=f"The service's answer {lacks}"):
-            sign_in(scripted, None, answer, answer)
+@pytest.mark.parametrize(
+    ("field", "odd"),
+    [(field, odd) for field, (values, _) in ODD.items() for odd in values],
+    ids=lambda value: repr(value)[:12],
+)
+def test_odd_answers_are_refused(field, odd, scripted):
+    answer = http({**GOOD, "challenge": "a", field: odd})
+    with pytest.raises(auth.AuthError, match=f"The service's answer {ODD[field][1]}"):
+        sign_in(scripted, None, answer, answer)
 
 
 def test_the_token_goes_nowhere_else(scripted, tmp_path, monkeypatch, caplog):
@@ -134,9 +138,11 @@ ADDRESSES = "https://a.example:8443/b//", "http://localhost:1", "http://127.0.0.
 HOSTS = "localhost.evil", "localhost@h.example", "127.0.0.1.h.example", "127.0.0.1@h", "h.example", "0.0.0.0"
 
 
-def test_plain_http_is_for_this_machine():
+REFUSED = "", "ftp://a", "https://", "https://u@a", "https://a?", "https://a b", *(f"http://{host}" for host in HOSTS)
+
+
+@pytest.mark.parametrize("url", REFUSED)
+def test_plain_http_is_for_this_machine(url):
     assert [auth._validate_server_url(url) for url in ADDRESSES] == [url.rstrip("/") for url in ADDRESSES]
-    odd = ["", "ftp://a", "https://", "https://u@a", "https://a?", "https://a b"]
-    for url in [*odd, *(f"http://{host}" for host in HOSTS)]:
-        with pytest.raises(ValueError, match="server_url must"):
-            auth._validate_server_url(url)
+    with pytest.raises(ValueError, match="server_url must"):
+        auth._validate_server_url(url)

@@ -16,9 +16,9 @@ namespace corvane::onboarding {
 using namespace py; // NOLINT(google-build-using-namespace): the layer's vocabulary is this module's language
 
 // from shared.cpp: what more than one file writes
-/// Whether a function is the one of that name in the builtins, not what somebody has put in its place. Its static
-/// definition, once found, is remembered for the next time.
-bool is_builtin(handle function, std::string_view wanted, const PyMethodDef*& found) noexcept;
+/// Whether a function is the one of that name in the builtins, not what somebody has put in its place. The
+/// static definition that it was made from is kept by the caller, for the next time: comparing names takes longer.
+bool is_builtin(handle function, std::string_view wanted, const PyMethodDef*& definition) noexcept;
 /// `isinstance(value, type)`
 bool is_instance(handle value, name type, location at = location::current());
 /// `mapping.get(key)`, or `mapping.get(key, default)`

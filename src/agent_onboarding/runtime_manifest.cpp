@@ -72,8 +72,8 @@ object manifest_files(const frame&, handle manifest) {
 object sorted_files(const frame&, handle manifest) {
     callee sort = global("sorted"_n);
     object files = global("_manifest_files"_n)(manifest);
-    static const PyMethodDef* found = nullptr;
-    if (is_builtin(sort, "sorted", found) && PyDict_CheckExact(files.ptr())) {
+    static const PyMethodDef* definition = nullptr;
+    if (is_builtin(sort, "sorted", definition) && PyDict_CheckExact(files.ptr())) {
         if (object pairs = pairs_by_key(files))
             return pairs;
     }

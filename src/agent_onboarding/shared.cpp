@@ -6,21 +6,21 @@ namespace corvane::onboarding {
 // A manifest can have 100,000 entries. Where an operation is the builtin one on a plain value, which nobody can see, it
 // is done directly; every call that somebody has put in its place, or that goes to another module, is made.
 
-bool is_builtin(handle function, std::string_view wanted, const PyMethodDef*& found) noexcept {
+bool is_builtin(handle function, std::string_view wanted, const PyMethodDef*& definition) noexcept {
     if (!PyCFunction_CheckExact(function.ptr()))
         return false;
     const auto* made = reinterpret_cast<PyCFunctionObject*>(function.ptr());
-    if (made->m_ml != found && wanted == made->m_ml->ml_name && made->m_module != nullptr &&
+    if (made->m_ml != definition && wanted == made->m_ml->ml_name && made->m_module != nullptr &&
         PyUnicode_CheckExact(made->m_module) && PyUnicode_CompareWithASCIIString(made->m_module, "builtins") == 0)
-        found = made->m_ml;
-    return made->m_ml == found;
+        definition = made->m_ml;
+    return made->m_ml == definition;
 }
 
 bool is_instance(handle value, name type, location at) {
     callee test = global("isinstance"_n, at);
     callee class_or_tuple = global(type, at);
-    static const PyMethodDef* found = nullptr;
-    if (!is_builtin(test, "isinstance", found))
+    static const PyMethodDef* definition = nullptr;
+    if (!is_builtin(test, "isinstance", definition))
         return is_true(test(value, class_or_tuple), at);
     if (handle(Py_TYPE(value.ptr())).is(class_or_tuple))
         return true; // what PyObject_IsInstance looks at first

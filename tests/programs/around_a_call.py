@@ -146,12 +146,14 @@ def other_watcher():
         others = [Value() for _ in range(100)]
         assert m.get_agents_md_fragment().number == 7 and others
     m._AGENTS_MD_FRAGMENT = fragment
+    return "the new value"
 
 
 def no_watcher():
     """Somebody else has every watcher of dictionaries: nothing is remembered, and a patch is seen all the same."""
     for m._AGENTS_MD_FRAGMENT in "one", "two":
         assert m.get_agents_md_fragment() is m._AGENTS_MD_FRAGMENT
+    return "the new value"
 
 
 def lowered_stack():

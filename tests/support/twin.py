@@ -4,8 +4,6 @@ import types
 
 from corvane import agent_onboarding as native
 
-# One blank line between functions: it is read like a listing, beside the native bodies.
-# fmt: off
 # What it imports, its texts and its sync manager are the native module's; the scenarios say what that one must be.
 for name in [name for name in vars(native) if not name.startswith("__")]:
     if not isinstance(vars(native)[name], types.FunctionType) or vars(native)[name].__module__ != native.__name__:
@@ -18,6 +16,7 @@ _UNREACHABLE = "Cannot reach Corvane server. Check your network connection and t
 _NO_BACKTESTER = "Per-era backtester runtime is missing from manifest."
 _REFUSING = "Refusing to use wallet.key with unsafe ownership, type, or permissions."
 _INVALID = "Invalid private key format. Expected hex string (64 characters) or 32 bytes."
+
 
 def _exception_chain_detail(exc):
     details, seen, current = [], {}, exc
@@ -32,12 +31,14 @@ def _exception_chain_detail(exc):
         current = getattr(current, "__cause__", None)
     return "; caused by ".join(details)
 
+
 def _sha256_file(path):
     digest = hashlib.sha256()
     with open(path, "rb") as f:
         while chunk := f.read(1024 * 1024):
             digest.update(chunk)
     return digest.hexdigest()
+
 
 def _content_addressed_extension_path(module_name, path, digest):
     root = os.path.dirname(os.path.realpath(path))
@@ -49,6 +50,7 @@ def _content_addressed_extension_path(module_name, path, digest):
     except OSError:
         shutil.copy2(path, runtime_path)
     return runtime_path
+
 
 def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
     root = os.path.dirname(os.path.realpath(keep_path))
@@ -80,6 +82,7 @@ def _prune_runtime_extension_copies(module_name, keep_path, *, max_copies=2):
             except OSError:
                 pass
 
+
 def _load_extension_from_path(module_name, path):
     digest = _sha256_file(path)
     runtime_path = _content_addressed_extension_path(module_name, path, digest)
@@ -106,6 +109,7 @@ def _load_extension_from_path(module_name, path):
         raise
     return module
 
+
 def _read_manifest(data_dir):
     path = os.path.join(data_dir, "manifest.json")
     if not os.path.exists(path):
@@ -115,11 +119,13 @@ def _read_manifest(data_dir):
         data = json.load(f)
     return SimpleNamespace(era_id=data.get("era_id"), version=data.get("version"), files=data.get("files", {}))
 
+
 def _manifest_files(manifest):
     if manifest is None:
         return {}
     files = manifest.get("files", {}) if isinstance(manifest, dict) else getattr(manifest, "files", {})
     return files if isinstance(files, dict) else {}
+
 
 def _runtime_module_manifest_entries(manifest):
     for relative_path, file_info in sorted(_manifest_files(manifest).items()):
@@ -134,12 +140,14 @@ def _runtime_module_manifest_entries(manifest):
         if module_name := runtime_module_name_from_kind(kind):
             yield module_name, relative_path, file_info
 
+
 def _select_runtime_module_manifest_entry(manifest, module_name):
     aliases = {module_name} | ({"vault"} if module_name == "era_data" else set())
     for candidate_name, relative_path, file_info in _runtime_module_manifest_entries(manifest):
         if candidate_name in aliases:
             return relative_path, file_info
     return None, None
+
 
 def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None, manifest=None):
     expanded = os.path.expanduser(data_dir or _DEFAULT)
@@ -172,6 +180,7 @@ def _load_manifest_runtime_module(data_dir, module_name, *, expected_sha256=None
             raise RuntimeModuleHashMismatch(unexpected, **fields, actual_sha256=stamped)
     return module
 
+
 def _load_runtime_modules_from_manifest(data_dir, manifest):
     loaded = {}
     entries = list(_runtime_module_manifest_entries(manifest))
@@ -181,11 +190,13 @@ def _load_runtime_modules_from_manifest(data_dir, manifest):
         loaded[module_name] = load(data_dir, module_name, expected_sha256=expected, manifest=manifest)
     return loaded
 
+
 def create_runtime_freshness_guard(data_dir: str) -> RuntimeFreshnessGuard:
     def _load(module_name, expected_sha256):
         return _load_manifest_runtime_module(data_dir, module_name, expected_sha256=expected_sha256)
 
     return RuntimeFreshnessGuard(data_dir=data_dir, module_loader=_load)
+
 
 def _load_per_era_backtester(data_dir):
     expanded = os.path.expanduser(data_dir or _DEFAULT)
@@ -209,9 +220,11 @@ def _load_per_era_backtester(data_dir):
     logger.info("Loaded per-era backtester from manifest in %s", expanded)
     return module
 
+
 @dataclass
 class WalletRegistration:
     address: str
+
 
 @dataclass
 class AuthToken:
@@ -220,6 +233,7 @@ class AuthToken:
 
     def __repr__(self):
         return f"AuthToken(token='<redacted>', expires_at={self.expires_at!r})"
+
 
 def _find_heartbeat(working_dir=None):
     current = os.getcwd() if working_dir is None else working_dir
@@ -231,6 +245,7 @@ def _find_heartbeat(working_dir=None):
         if current == child:
             break
     return None
+
 
 def _fetch_eras_payload(am):
     token = am.get_token()
@@ -254,6 +269,7 @@ def _fetch_eras_payload(am):
         raise RuntimeError("Registration bootstrap received invalid /eras payload.")
     return payload
 
+
 def _safe_named_universe(value):
     if value is None:
         return None
@@ -262,10 +278,12 @@ def _safe_named_universe(value):
         return None
     return text
 
+
 def _append_unique_named_universe(candidates, value):
     name = _safe_named_universe(value)
     if name and name not in candidates:
         candidates.append(name)
+
 
 def _append_allowed_named_universes(candidates, values):
     if isinstance(values, list):
@@ -273,6 +291,7 @@ def _append_allowed_named_universes(candidates, values):
             _append_unique_named_universe(candidates, value)
     else:
         _append_unique_named_universe(candidates, values)
+
 
 def _active_era_named_universe_candidates(era):
     candidates = []
@@ -296,6 +315,7 @@ def _active_era_named_universe_candidates(era):
             _append_unique_named_universe(candidates, key)
     return candidates
 
+
 def _first_allowed_named_universe_from_era_config(era_config):
     if not isinstance(era_config, dict):
         return None
@@ -307,6 +327,7 @@ def _first_allowed_named_universe_from_era_config(era_config):
             if usable := _safe_named_universe(value):
                 return usable
     return _safe_named_universe(era_config.get("named_universe"))
+
 
 def _resolve_active_named_universe(am):
     if configured := _safe_named_universe(_config.get("named_universe")):
@@ -325,16 +346,20 @@ def _resolve_active_named_universe(am):
     _config["named_universe"] = candidates[0]
     return candidates[0]
 
+
 def _canonical_data_dir(data_dir):
     if not data_dir:
         data_dir = _DEFAULT
     return os.path.realpath(os.path.expanduser(data_dir))
 
+
 def _wallet_key_path(data_dir):
     return os.path.join(_canonical_data_dir(data_dir), "wallet.key")
 
+
 def _unsafe_wallet_error(wallet_path):
     return IOError(f"Unsafe wallet key at {wallet_path!s}. {_REFUSING}")
+
 
 def _check_wallet_fd(wallet_path, fd):
     st = os.fstat(fd)
@@ -344,6 +369,7 @@ def _check_wallet_fd(wallet_path, fd):
         raise _unsafe_wallet_error(wallet_path)
     if st.st_mode & 0o077:
         os.fchmod(fd, 0o600)
+
 
 def _read_wallet_key(data_dir):
     wallet_path = _wallet_key_path(data_dir)
@@ -371,6 +397,7 @@ def _read_wallet_key(data_dir):
         if fd is not None:
             os.close(fd)
 
+
 def _write_wallet_key(data_dir, key_content):
     data_dir = _canonical_data_dir(data_dir)
     os.makedirs(data_dir, exist_ok=True)
@@ -397,11 +424,13 @@ def _write_wallet_key(data_dir, key_content):
     except (IOError, OSError):
         raise IOError(f"Cannot write wallet to {wallet_path!s}. Check directory permissions.")
 
+
 def _read_json_if_present(path):
     if not path or not os.path.exists(path):
         return None
     with open(path, "r", encoding="utf-8") as f:
         return json.load(f)
+
 
 def _local_vocabulary_path(data_dir, named_universe):
     own = [os.path.join(data_dir, "features", named_universe, "vocabulary.json")] if named_universe else []
@@ -409,6 +438,7 @@ def _local_vocabulary_path(data_dir, named_universe):
         if os.path.exists(path):
             return path
     return None
+
 
 def _bootstrap_local_runtime_from_config(am):
     data_dir = os.path.realpath(os.path.expanduser(_config.get("data_dir") or _DEFAULT))
@@ -451,10 +481,20 @@ def _bootstrap_local_runtime_from_config(am):
         failed = "Batch runtime import failed during local bootstrap"
         logger.warning(failed + "; continuing without batch orchestration helpers: %s", e)
     evaluator = _runtime.RuntimeEvaluationAdapter(
-        data_dir=data_dir, era_config=era_config, raw_backtester=raw_backtester, vault=vault, manifest=manifest,
-        graph_validator=None, batch_orchestrator_cls=batch_cls, compute_search_plan=compute_plan,
-        expression_type_cls=expression_type_cls, expression_evaluator=expression_evaluator, registry=registry,
-        raw_vocabulary=vocabulary, named_universe=named_universe, auth=am,
+        data_dir=data_dir,
+        era_config=era_config,
+        raw_backtester=raw_backtester,
+        vault=vault,
+        manifest=manifest,
+        graph_validator=None,
+        batch_orchestrator_cls=batch_cls,
+        compute_search_plan=compute_plan,
+        expression_type_cls=expression_type_cls,
+        expression_evaluator=expression_evaluator,
+        registry=registry,
+        raw_vocabulary=vocabulary,
+        named_universe=named_universe,
+        auth=am,
         runtime_freshness_guard=runtime_freshness_guard,
     )
     runtime_freshness_guard.register_module_consumer("backtester", evaluator, "raw_backtester")
@@ -464,13 +504,26 @@ def _bootstrap_local_runtime_from_config(am):
         manifest, feature_epoch="signal_is", named_universe=named_universe, era_config=era_config
     )
     runtime = _runtime.LibraryRuntime(
-        auth=am, auth_proxy=am, data_dir=data_dir,
-        server_url=_config.get("server_url") or "https://api.corvane.example", sync_manager=sync_manager,
-        era_id=era_id, era_thread=_runtime._EraThreadProxy(sync_manager), era_config=era_config,
-        search_era_config=_runtime._SearchEraConfig(era_config), named_universes=(named_universe,),
-        default_named_universe=named_universe, vocabularies={named_universe: vocabulary}, feature_dirs=feature_dirs,
-        manifest_adapters={named_universe: adapter}, vocabulary_raw=vocabulary, registry=evaluator.registry,
-        vault=vault, raw_backtester=raw_backtester, evaluator=evaluator, search_tracker=tracker,
+        auth=am,
+        auth_proxy=am,
+        data_dir=data_dir,
+        server_url=_config.get("server_url") or "https://api.corvane.example",
+        sync_manager=sync_manager,
+        era_id=era_id,
+        era_thread=_runtime._EraThreadProxy(sync_manager),
+        era_config=era_config,
+        search_era_config=_runtime._SearchEraConfig(era_config),
+        named_universes=(named_universe,),
+        default_named_universe=named_universe,
+        vocabularies={named_universe: vocabulary},
+        feature_dirs=feature_dirs,
+        manifest_adapters={named_universe: adapter},
+        vocabulary_raw=vocabulary,
+        registry=evaluator.registry,
+        vault=vault,
+        raw_backtester=raw_backtester,
+        evaluator=evaluator,
+        search_tracker=tracker,
         runtime_freshness_guard=runtime_freshness_guard,
     )
     _runtime._runtime = runtime
@@ -482,6 +535,7 @@ def _bootstrap_local_runtime_from_config(am):
         raise
     runtime_freshness_guard.register_module_consumer("backtester", runtime, "raw_backtester")
     return runtime
+
 
 def _propagate_auth(am, strict=False):
     try:
@@ -524,17 +578,25 @@ def _propagate_auth(am, strict=False):
         if runtime is None:
             raise RuntimeError("private corvane runtime was not initialized")
         sim_mod.init_simulate_signal(
-            auth=am, sync_manager=runtime.sync_manager, vault=runtime.vault, backtester=runtime.evaluator,
-            search_tracker=runtime.search_tracker, era_thread=runtime.era_thread,
+            auth=am,
+            sync_manager=runtime.sync_manager,
+            vault=runtime.vault,
+            backtester=runtime.evaluator,
+            search_tracker=runtime.search_tracker,
+            era_thread=runtime.era_thread,
             graph_validator=getattr(runtime.evaluator, "graph_validator", None),
-            compute_search_plan=runtime.evaluator.compute_search_plan, era_config=runtime.era_config,
+            compute_search_plan=runtime.evaluator.compute_search_plan,
+            era_config=runtime.era_config,
             load_vocabulary=runtime.load_vocabulary,
             useful_signal_metadata=getattr(runtime.sync_manager, "_vocabulary", None),
             load_found_signal_pnl=getattr(runtime.evaluator, "load_found_signal_pnl", None),
-            signal_dir=runtime.data_dir, BatchOrchestrator_cls=runtime.evaluator.make_batch_orchestrator_cls(),
+            signal_dir=runtime.data_dir,
+            BatchOrchestrator_cls=runtime.evaluator.make_batch_orchestrator_cls(),
             correlate_per_pool=runtime.evaluator.correlate_per_pool,
-            compute_mi_per_pool=runtime.evaluator.compute_mi_per_pool, vocabulary=getattr(runtime, "registry", None),
-            vocabulary_raw=runtime.vocabulary_raw, runtime_freshness_guard=runtime.runtime_freshness_guard,
+            compute_mi_per_pool=runtime.evaluator.compute_mi_per_pool,
+            vocabulary=getattr(runtime, "registry", None),
+            vocabulary_raw=runtime.vocabulary_raw,
+            runtime_freshness_guard=runtime.runtime_freshness_guard,
         )
         try:
             import corvane
@@ -551,10 +613,12 @@ def _propagate_auth(am, strict=False):
             raise RuntimeError(f"{failed}: {detail}" if detail else failed) from e
     return runtime
 
+
 def _normalize_key(raw_key):
     if raw_key.startswith("0x") or raw_key.startswith("0X"):
         return raw_key
     return "0x" + raw_key
+
 
 def _resolve_invite_code(invite_code):
     if invite_code is None:
@@ -565,8 +629,10 @@ def _resolve_invite_code(invite_code):
         )
     return canonical
 
+
 def _resolve_optional_invite_code(invite_code):
     return auth._normalize_invite_code(invite_code)
+
 
 def register(
     invite_code: Optional[str] = None, data_dir: Optional[str] = None, bootstrap_runtime: bool = False
@@ -606,6 +672,7 @@ def register(
         inject_heartbeat()
     return WalletRegistration(address=address)
 
+
 def login(private_key: str, bootstrap_runtime: bool = False) -> AuthToken:
     global _auth_manager
     if private_key is None:
@@ -633,6 +700,7 @@ def login(private_key: str, bootstrap_runtime: bool = False) -> AuthToken:
         logger.warning("Failed to set active auth manager: %s", e)
     return AuthToken(token=am.get_token(), expires_at=am.get_token_expiry())
 
+
 def configure(**kwargs: object) -> None:
     for key, value in kwargs.items():
         if key not in _VALID_OPTIONS:
@@ -652,6 +720,7 @@ def configure(**kwargs: object) -> None:
             if value in (".", "..") or "/" in value or "\\" in value or "\0" in value:
                 raise ValueError("named_universe must be a single safe path segment.")
         _config[key] = value
+
 
 def ensure_runtime_bootstrapped(strict: bool = True) -> object:
     if _auth_manager is None:
@@ -673,6 +742,7 @@ def ensure_runtime_bootstrapped(strict: bool = True) -> object:
         return runtime
     _resolve_active_named_universe(_auth_manager)
     return _propagate_auth(_auth_manager, strict=strict)
+
 
 def inject_heartbeat(working_dir: Optional[str] = None) -> None:
     if not _config.get("auto_heartbeat", True):
@@ -697,6 +767,7 @@ def inject_heartbeat(working_dir: Optional[str] = None) -> None:
     except Exception as e:
         logger.warning("Failed to write HEARTBEAT.md at %s: %s", hb_path, e)
 
+
 def update_nudge(trigger: str, **context: object) -> None:
     if not _config.get("auto_heartbeat", True) or trigger not in _NUDGE_TEXTS:
         return
@@ -716,6 +787,7 @@ def update_nudge(trigger: str, **context: object) -> None:
             f.write(content)
     except Exception as e:
         logger.warning("update_nudge failed: %s", e)
+
 
 def get_agents_md_fragment() -> str:
     return _AGENTS_MD_FRAGMENT
