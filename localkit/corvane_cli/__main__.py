@@ -1,4 +1,4 @@
-"""The command `corvane`, also as `python -m corvane_cli`."""
+"""What the program `corvane` starts, also as `python -m corvane_cli`."""
 
 import sys
 

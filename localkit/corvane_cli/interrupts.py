@@ -32,6 +32,7 @@ def begin() -> None:
     if signal.getsignal(signal.SIGINT) is signal.default_int_handler:
         signal.signal(signal.SIGINT, _interrupted)
         sys.unraisablehook = _unraisable
+    signal.pthread_sigmask(signal.SIG_UNBLOCK, [signal.SIGINT])  # which the launcher has blocked until now
 
 
 def arm(seconds: float | None) -> None:

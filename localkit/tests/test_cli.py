@@ -10,6 +10,7 @@ import os
 import pty
 import re
 import shlex
+import shutil
 import signal
 import subprocess
 import sys
@@ -30,6 +31,7 @@ KEYS = 11, 12, 13
 KEY = "ab" * 32  # nobody's
 GOOD = [http({"challenge": "a"}), http({"token": "token", "expires_at": 9e9})]
 CORVANE = (sys.executable, "-BP", "-m", "corvane_cli")
+PROGRAM = Path(sys.executable).with_name("corvane")
 CATCH = partial(signal.signal, signal.SIGINT, signal.SIG_DFL)  # whoever runs the tests may ignore it
 
 
@@ -354,28 +356,21 @@ def test_a_sync_waits_for_another_as_long_as_it_is_told(signed_in, shell):
             assert waiting.wait(30) == 0
 
 
-# Ready once Ctrl-C is the command's: before that, Python itself is starting.
-PROGRAM = """import os, sys
-from corvane_cli import interrupts
-interrupts.begin()
-os.write(int(sys.argv.pop(1)), b"x")
-from corvane_cli.__main__ import run
-run()"""
-
-
 @pytest.mark.parametrize("line", ["status --json", "register", "--help"])
 def test_ctrl_c_ends_with_one_line_at_every_moment(line, signed_in, shell):
     times, statuses = [], []
-    for number in range(13):  # the first is left alone
-        read, write = os.pipe()
-        command = [sys.executable, "-BPc", PROGRAM, str(write), *line.split()]
-        options = {"env": shell.env, "cwd": shell.work, "pass_fds": [write], "preexec_fn": CATCH, "text": True}
-        with open(read, "rb"), subprocess.Popen(command, stdout=-3, stderr=-1, **options) as process:
-            os.close(write)
-            os.read(read, 1)
+    for number in range(17):  # the first is left alone
+        command = [PROGRAM, *line.split()]
+        options = {"env": shell.env, "cwd": shell.work, "preexec_fn": CATCH, "text": True}
+        with subprocess.Popen(command, stdout=-3, stderr=-1, **options) as process:
+            # A program that is only being loaded can do nothing yet.
+            signals = re.compile(r"Sig(?:Blk|Ign|Cgt):\t(\w+)").findall
+            state = Path(f"/proc/{process.pid}/status")
+            while process.poll() is None and not any(int(mask, 16) & 2 for mask in signals(state.read_text())):
+                pass
             began = time.monotonic()
             if number:
-                time.sleep((number - 1) / 12 * times[0])
+                time.sleep((number - 1) / 16 * times[0])
                 process.send_signal(signal.SIGINT)
             said = process.communicate(timeout=60)[1]
         times.append(time.monotonic() - began)
@@ -384,6 +379,13 @@ def test_ctrl_c_ends_with_one_line_at_every_moment(line, signed_in, shell):
             assert process.returncode == 130 and said.count("\n") == 1 and "Interrupted." in said
             assert "--json" not in line or json.loads(said)["exit_status"] == 130
     assert statuses[0] == 0 and statuses.count(130) >= 4
+
+
+def test_the_program_takes_its_interpreter_from_beside_it_and_no_module_from_here(shell):
+    (shell.work / "corvane_cli.py").write_text("raise SystemExit(99)")
+    shell("--version", command=[PROGRAM], env={"PYTHONPATH": ""})
+    moved = shutil.copy(PROGRAM, shell.work)
+    assert "cannot be started" in shell("--version", command=[moved], env={"PATH": str(shell.work)}, expect=6).stderr
 
 
 UNTIDY = """import os, signal, sys
