@@ -9,7 +9,6 @@ import contextlib
 import functools
 import hashlib
 import importlib
-import importlib.machinery
 import itertools
 import json
 import logging
@@ -21,13 +20,10 @@ import stat
 import sys
 import tempfile
 import types
-import urllib.error
 import urllib.request
-from collections import OrderedDict
 from collections.abc import Callable, Iterator, Mapping
 from dataclasses import dataclass
 from pathlib import Path
-from types import MappingProxyType
 from typing import Any
 
 import corvane
@@ -36,7 +32,7 @@ from corvane import auth
 
 m: Any = importlib.import_module(os.environ.get("MODULE_CALLED", "corvane.agent_onboarding"))
 DEFAULTS: dict[str, Any] = dict(m._config)
-KEY = "5a" * 32
+KEY, CODE = "5a" * 32, "CORV-AAAA-BBBB-CCCC"
 SIBLINGS = "_runtime", "sync_backoff", "search_tracking", "search_templates", "simulate_signal"
 MISSING = object()
 note: Callable[[str], None] | None = None  # is told what the fakes are asked for
@@ -72,7 +68,6 @@ class Call:
 
         with contextlib.ExitStack() as undo:
             patched(m.logger, level=logging.DEBUG, _cache={}, handle=handle)(undo)
-            undo.callback(shutil.rmtree, work, ignore_errors=True)
             undo.enter_context(contextlib.chdir(base()))
             shutil.rmtree(work, ignore_errors=True)
             work.mkdir()
@@ -187,7 +182,6 @@ def native(**entries: Mapping[str, Any]) -> Prepare:
         for name, entry in entries.items():
             path, source = Path(f"d/{name}.so"), entry.get("source", f"{name}.so")
             path.parent.mkdir(exist_ok=True)
-            path.unlink(missing_ok=True)
             if isinstance(source, bytes):
                 path.write_bytes(source)
             elif source:
@@ -277,12 +271,8 @@ def kit(changes: Mapping[str, Any] | None = None, **siblings: Any) -> Prepare:
     return prepare
 
 
-def runtime(**given: Any) -> Anything:
-    return Anything("_runtime", USUAL, **given)
-
-
-def manager(**given: Any) -> Anything:
-    return Anything("manager", USUAL, **given)
+runtime = functools.partial(Anything, "_runtime", USUAL)
+manager = functools.partial(Anything, "manager", USUAL)
 
 
 def service(*failure: Any) -> Prepare:
@@ -291,19 +281,12 @@ def service(*failure: Any) -> Prepare:
     return patched(auth, AuthManager=lambda *args, **kwargs: Anything("manager", changes))
 
 
-def answer(body: bytes, status: int | None = 200) -> Prepare:
-    """What /eras answers."""
-    response = types.SimpleNamespace(read=lambda: body, **({} if status is None else {"status": status}))
-    return opening(lambda: contextlib.nullcontext(response))
-
-
-def opening(answers: Callable[[], object]) -> Prepare:
-    """An HTTP library that notes the request."""
+def answer(body: bytes) -> Prepare:
+    """What /eras answers. The HTTP library notes the request."""
 
     def urlopen(request: urllib.request.Request, timeout: float) -> object:
-        if note:
-            note(f"{request.get_method()} {request.full_url} {request.headers} in {timeout} s")
-        return answers()
+        say(f"{request.get_method()} {request.full_url} {request.headers} in {timeout} s")
+        return contextlib.nullcontext(types.SimpleNamespace(read=lambda: body, status=200))
 
     return patched(urllib.request, urlopen=urlopen)
 
@@ -318,6 +301,7 @@ def usual(undo: contextlib.ExitStack) -> None:
     patched(m, _config={**DEFAULTS, "data_dir": "d"}, _auth_manager=None)(undo)
     patched(auth, _active=None)(undo)
     patched(os, environ={**os.environ, "HOME": str(base() / "work")})(undo)
+    os.environ.pop("CORVANE_INVITE_CODE", None)
     patched(secrets, token_hex=lambda n: "ab" * n)(undo)
     patched(sys, path=[*sys.path])(undo)
     service()(undo)
@@ -333,8 +317,7 @@ def config(**options: Any) -> Prepare:
     return lambda undo: m._config.update(options)
 
 
-INVITED = patched(os, environ={**os.environ, "CORVANE_INVITE_CODE": "corv-aaaa-bbbb-cccc"})
-UNINVITED = patched(os, environ={name: value for name, value in os.environ.items() if name != "CORVANE_INVITE_CODE"})
+INVITED = lambda undo: os.environ.update(CORVANE_INVITE_CODE=CODE.lower())  # noqa: E731
 LINK = made(lambda p: p.symlink_to("victim"))
 KEY_FILE = file("d/wallet.key", KEY + "\n")
 BOTH = native(backtester={"source": "backtester-1.so"}, era_data={})
@@ -347,14 +330,6 @@ MANAGER = ours(_auth_manager=manager())
 LOGIN = call("login", KEY)
 LOAD = call("_load_manifest_runtime_module", "d", "backtester")
 IMPORT = call("_load_extension_from_path", "backtester", "d/backtester.so")
-
-
-def read_only(path: str, mode: str, **how: str) -> object:
-    say(spelled("open", (path, mode), how))
-    return {"r": open}[mode](path, mode, **how)  # type: ignore[call-overload]
-
-
-READ_ONLY = ours(open=read_only)
 
 
 def eras(*given: object) -> Prepare:
@@ -370,12 +345,11 @@ FILES: list[dict[Any, Any]] = [
     {"x": entry(), 5: entry()},
     {("x",): entry(), ("a",): entry(5)},
     {"y": entry("runtime_module:"), "x": {Clash("kind"): 1}},
-    OrderedDict(b=entry(), a=entry("runtime_module:vault")),
 ]  # fmt: skip
 
 
 def register(**kwargs: Any) -> Callable[[], object]:
-    return call("register", **{"invite_code": "CORV-AAAA-BBBB-CCCC", **kwargs})
+    return call("register", **{"invite_code": CODE, **kwargs})
 
 
 ON_DISK = {"era_config": {"era_id": 3, "signal_pools": [{"allowed_named_universes": ["u"]}]}}
@@ -384,29 +358,21 @@ RAW = types.SimpleNamespace(_corvane_module_sha256="5a")
 CONTENTS: dict[str, Any] = {VOCABULARY: '{"era_id": "7"}', MANIFEST: '{"files": {"x": {}}}'}
 
 
-def on_disk(
-    files: Mapping[str, Any] = MappingProxyType({}), modules: Any = MISSING, **options: Any
-) -> tuple[Prepare, ...]:
+def on_disk(files: Mapping[str, Any] | None = None, modules: Any = MISSING, **options: Any) -> tuple[Prepare, ...]:
     """Configuration and files of a data directory that is complete but for what is changed."""
-    there = [file(name, text) for name, text in {**CONTENTS, **files}.items() if text is not None]
+    there = [file(name, text) for name, text in {**CONTENTS, **(files or {})}.items() if text is not None]
     modules = {"backtester": RAW, "era_data": "data"} if modules is MISSING else modules
     loader = Anything("load_modules", {"load_modules()": modules})
     guard = Anything("guard", {"guard()": Anything("guard")})
-    return (
-        config(**{**ON_DISK, **options}),
-        *there,
-        ours(create_runtime_freshness_guard=guard, _load_runtime_modules_from_manifest=loader),
-    )
-
-
-CALLS: dict[str, Call]  # by what is promised
+    seams = ours(create_runtime_freshness_guard=guard, _load_runtime_modules_from_manifest=loader)
+    return config(**{**ON_DISK, **options}), *there, seams
 
 
 def __getattr__(name: str) -> Any:
-    """The table needs what is above, and is read when it is asked for."""
-    if name == "CALLS":
-        return importlib.import_module("support.promises").CALLS
-    raise AttributeError(name)
+    """The table, CALLS, needs what is above, and is read when it is asked for."""
+    if name != "CALLS":
+        raise AttributeError(name)
+    return importlib.import_module("support.promises").CALLS
 
 
 if __name__ == "__main__":
