@@ -4,15 +4,12 @@ import contextlib
 import json
 import os
 import shlex
-import socket
 import socketserver
 import ssl
 import subprocess
 import sys
-import tempfile
 import threading
 import time
-from pathlib import Path
 from unittest import mock
 
 import httpx
@@ -65,30 +62,6 @@ def serving(state, *options):
 def service(tmp_path_factory):
     with serving(tmp_path_factory.mktemp("service")) as running:
         yield running
-
-
-@pytest.fixture(scope="session")
-def forks():
-    """Does for the command `corvane` what `subprocess.run` does, in a fraction of the time."""
-    ours, theirs = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
-    command = [sys.executable, "-BP", Path(__file__).parent / "programs/forks.py"]
-
-    def run(arguments, text, env, work):
-        with contextlib.ExitStack() as stack:
-            given, *said = files = [stack.enter_context(tempfile.TemporaryFile()) for _ in range(3)]
-            given.write(text.encode())
-            given.seek(0)
-            message = json.dumps([arguments, env, str(work)]).encode()
-            socket.send_fds(ours, [message], [file.fileno() for file in files])
-            status = int(ours.recv(9))
-            return subprocess.CompletedProcess(arguments, status, *[f.seek(0) or f.read().decode() for f in said])
-
-    with ours, subprocess.Popen(command, stdin=theirs) as process:
-        theirs.close()
-        ours.settimeout(60)
-        yield run
-        ours.close()
-        process.wait(10)
 
 
 @pytest.fixture

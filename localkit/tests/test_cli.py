@@ -38,24 +38,19 @@ CATCH = partial(signal.signal, signal.SIGINT, signal.SIG_DFL)  # whoever runs th
 class Shell:
     """Runs commands for one data directory; what they print never holds a key that was used."""
 
-    def __init__(self, url, work, forks):
-        self.work, self.home, self.forks = work, work / "home", forks
+    def __init__(self, url, work):
+        self.work, self.home = work, work / "home"
         self.secrets = [f"{number:064x}" for number in KEYS]
         self.env = {k: v for k, v in os.environ.items() if not k.startswith(("CORVANE_", "COLUMNS"))}
         self.env |= {"HOME": str(work), "PATH": f"{work}:/usr/bin:/bin", "PYTHONPATH": str(work)}
         self.env |= {"CORVANE_SERVER_URL": url, "CORVANE_DATA_DIR": str(self.home)}
 
     def __call__(self, line, text="", expect=0, env=(), command=CORVANE, **options):
-        env = {**self.env, **dict(env)}
-        if options or command != CORVANE:
-            options = options if "stdin" in options else {"input": text} | options
-            options |= {"cwd": self.work, "env": env, "timeout": 60, "capture_output": True, "text": True}
-            done = subprocess.run([*command, *line.split(" ")], **options)
-        else:
-            done = self.forks(line.split(" "), text, env, self.work)
-        assert done.returncode == expect, done.stdout + done.stderr
+        options |= {"cwd": self.work, "env": self.env | dict(env), "timeout": 60, "capture_output": True, "text": True}
+        done = subprocess.run([*command, *line.split(" ")], input=text, **options)
+        assert expect in (None, done.returncode), done.stdout + done.stderr
         assert not any(secret in done.stdout + done.stderr for secret in self.secrets)
-        if 0 < expect < 7 and "status" not in line:
+        if expect in range(1, 7) and "status" not in line:
             assert done.stdout == "" and re.search("\\nNext: |next_step", done.stderr)
         return done
 
@@ -84,9 +79,9 @@ def addresses(service):
 
 
 @pytest.fixture
-def shell(service, addresses, tmp_path, forks):
+def shell(service, addresses, tmp_path):
     """A shell for an empty data directory, at the real service."""
-    return Shell(service.url, tmp_path, forks)
+    return Shell(service.url, tmp_path)
 
 
 @pytest.fixture
@@ -187,9 +182,10 @@ def test_login_never_loses_a_wallet(addresses, shell):
     backup = Path(json.loads(replaced.stdout)["backup"])
     assert [backup.read_text(), path.read_text()] == [first, second] and f"is kept in {backup}" in replaced.stderr
     assert backup.stat().st_mode & 0o777 == 0o600
+    hurry = hurried("wallet_commands._KEY_SECONDS")
     for source, why in ((read, "No key has arrived"), (pty.openpty()[1], "No key is read from a terminal")):
         began = time.monotonic()
-        assert why in shell("login", command=hurried("wallet_commands._KEY_SECONDS"), expect=2, stdin=source).stderr
+        assert why in shell(f"login --key-fd {source}", command=hurry, expect=2, pass_fds=[source]).stderr
         took = time.monotonic() - began
         assert took < 40 and (took > 0.9 or source != read)
 
@@ -487,8 +483,8 @@ VARIABLES = ["CORVANE_SERVER_URL", "CORVANE_INVITE_CODE", "CORVANE_PRIVATE_KEY",
 def test_a_secret_in_the_wrong_place_is_not_repeated(line, shell):
     for more, key in {" --json": KEY, " --verbose": f"0x{KEY[:-1]}"}.items():
         lines = ["status", "register", "sync"] if line in VARIABLES else [line.format(k=key)]
-        env = shell.env | {name: f"https://{key}0" for name in VARIABLES if name == line}
-        done = [shell.forks((one + more).split(), key, env, shell.work) for one in lines]
+        env = {name: f"https://{key}0" for name in VARIABLES if name == line}
+        done = [shell(one + more, key, env=env, expect=None) for one in lines]
         said = "".join(one.stdout + one.stderr for one in done).lower()
         assert KEY[:40] not in said and "password" not in said and "traceback" not in said.replace("  traceback", "")
 

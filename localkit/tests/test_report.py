@@ -33,9 +33,9 @@ TOKEN = "tok-3f9a0c77e1"
 
 
 @pytest.fixture(scope="module")
-def shell(service, tmp_path_factory, forks):
+def shell(service, tmp_path_factory):
     """An agent that has searched."""
-    shell = Shell(service.url, tmp_path_factory.mktemp("searched"), forks)
+    shell = Shell(service.url, tmp_path_factory.mktemp("searched"))
     shell(f"register --invite-code {service.invite()} --no-heartbeat")
     shell("search --max-evaluations 600 --no-heartbeat")
     shell.secrets.append((shell.home / "wallet.key").read_text())
@@ -292,7 +292,7 @@ def test_a_page_of_200_agents_and_5000_signals_is_quick_and_small(shell, fleet, 
     base, out = fleet([f"agent-{number:03}" for number in range(200)], 25), tmp_path / "r.html"
     for _ in "123":  # a machine that is busy disturbs some of them
         before = resource.getrusage(resource.RUSAGE_CHILDREN)
-        made = shell.json(f"report {base} --out {out}", bufsize=-1)  # as a child of this process, and no fork
+        made = shell.json(f"report {base} --out {out}")
         after = resource.getrusage(resource.RUSAGE_CHILDREN)
         if (seconds := after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime) < 5:
             break
