@@ -6,7 +6,6 @@ import os
 import re
 import shlex
 import shutil
-import socket
 import sqlite3
 import ssl
 import subprocess
@@ -21,31 +20,31 @@ from unittest import mock
 import pytest
 
 import corvane as kit
-from corvane_cli import display, doctor
+from corvane_cli import doctor
 from corvane_cli.command import Exit
 from corvane_cli.identity import Agent
 from corvane_local import certificates
 from localkit.tests.conftest import http, slowly
+from localkit.tests.test_cli import Shell
 
 FIRST, SECOND = f"{21:064x}", f"{22:064x}"
 PYTHON = shlex.quote(sys.executable)
 BACKUP = "wallet.key.backup-20260101T000000.000000Z"
-ONLINE = ("trust", "service", "sign-in")
 
 
 def text(report):
     return "\n".join(report.lines())
 
 
-class Patient:
-    """An identity with its environment, as a shell has it."""
+class Patient(Shell):
+    """An agent in whose shell the doctor's next steps are typed."""
 
     def __init__(self, service, work):
-        self.service, self.work, self.home = service, work, work / "home"
+        super().__init__(service.url, work)
+        self.service, self.secrets = service, [FIRST, SECOND]
+        self.env["PATH"] = f"{work}/bin:/usr/bin:/bin"
         (work / "bin").mkdir()
         self.write("corvane", f'exec {PYTHON} -BP -m corvane_cli "$@"')
-        self.env = {"HOME": str(work), "PATH": f"{work}/bin:/usr/bin:/bin", "SSL_CERT_FILE": f"{service.state}/ca.pem"}
-        self.env |= {"CORVANE_SERVER_URL": service.url, "CORVANE_DATA_DIR": str(self.home)}
         (work / "copy").write_text(FIRST)
 
     def write(self, command, script):
@@ -60,14 +59,9 @@ class Patient:
         subprocess.run(["sh", "-c", script], env=self.env, check=True, stdout=-3)
         self.env = dict(item.split("=", 1) for item in seen.read_text().split("\0") if item)
 
-    def corvane(self, line, **options):
-        options |= {"env": self.env, "stdout": -1, "text": True, "timeout": 60}
-        return subprocess.run(["corvane", *line.split()], **options)
-
-    def examine(self, online=True, how=doctor.diagnose):
+    def examine(self, online=True):
         with mock.patch.dict(os.environ, self.env, clear=True):
-            agent = Agent(os.environ.get("CORVANE_DATA_DIR", "~/.corvane"), os.environ.get("CORVANE_SERVER_URL"))
-            return how(agent, online) if how is doctor.diagnose else how(agent)
+            return doctor.diagnose(Agent(self.env["CORVANE_DATA_DIR"], self.env.get("CORVANE_SERVER_URL")), online)
 
     def follow(self, finding):
         """Types the first thing between backquotes, with our values for the words in capitals."""
@@ -75,9 +69,6 @@ class Patient:
         values = {"FILE": f"{self.work}/copy", "URL": self.service.url, "CA": f"{self.service.state}/ca.pem"}
         values |= {"CODE": self.service.invite()}
         self.run(re.sub(r"\b(FILE|URL|CA|CODE)\b", lambda word: values[word[0]], step))
-
-    def tree(self):
-        return {p: p.lstat().st_mtime_ns for p in self.home.rglob("*")}
 
 
 @pytest.fixture(scope="module")
@@ -105,8 +96,7 @@ def test_healthy_it_says_what_it_looked_at(patient, service):
     for part in (str(patient.home), service.url, "4 files of the manifest", "accepts 0x", "errors: 0, warnings: 0"):
         assert part in text(report)
     before, asked = patient.tree(), service.rows("SELECT count(*) FROM tokens")
-    said = json.loads(patient.corvane("doctor --offline --json", check=True).stdout)
-    assert said["errors"] == 0 and [one["check"] for one in said["looked_at"]] == expected
+    assert [one["check"] for one in patient.json("doctor --offline")["looked_at"]] == expected
     assert patient.tree() == before and service.rows("SELECT count(*) FROM tokens") == asked
 
 
@@ -114,36 +104,30 @@ ENTRY = """echo '{"era_id": 3, "version": 1, "files": {"%s": {"kind": "k", "size
 DIGEST = f', "sha256": "{"0" * 64}"'
 LOST = f"{PYTHON} -c 'import sqlite3, sys; d = sqlite3.connect(sys.argv[1]); d.execute(sys.argv[2]); d.commit()'"
 ADDRESS = "0x[0-9a-f]{40}"
+OTHER_NAME = "echo $CORVANE_SERVER_URL | sed s/127.0.0.1/127.1/"
 # Check (and which others see the same), spoiling, what the problem says, what the step says.
 REPAIRED = [
     ("directory", "chmod 777 ..", "can be written by everybody", "chmod go-w"),
-    ("directory", "chmod 770 ..", "can be written by its group", "chmod go-w"),
     ("directory", "chmod 750 .", "can be read by other users", "chmod 700"),
+    ("directory", "export CORVANE_DATA_DIR=$PWD/wallet.key", "is not a directory", "export CORVANE_DATA_DIR="),
     ("names", "ln -sf /etc/passwd wallet.lock", "wallet.lock is a symbolic link", "mv .*aside"),
     ("names", "mkdir runtime/x.part runtime/x.part.aside", "x.part is a directory", "mv .*aside-1"),
     ("names", "rm session.json; mkdir session.json", "session.json is a directory", "mv .* && corvane register"),
-    ("names", "mv manifest.json m; ln -s m manifest.json", "manifest.json is a symbolic link", "mv .* && corvane sync"),
-    ("names", "mkfifo search.db", "search.db is not a regular file", "mv .*aside"),
     ("names files files", "rm -r runtime; echo >runtime", "runtime is not a directory", "mv .* && corvane sync"),
     ("names", "echo 'evil()' >json.py", "json.py can be imported", "mv .*aside"),
-    ("names", "mkdir numpy; echo >numpy/__init__.py", "numpy can be imported", "mv .*aside"),
-    ("names", "echo >numpy.abi3.so", "numpy.abi3.so can be imported", "mv .*aside"),
     ("key", ": >wallet.key", "is empty", f"login < .* of the wallet {ADDRESS}: .* no copy anywhere"),
     ("key", f"rm session.json; cp -p wallet.key {BACKUP}; echo >wallet.key", "is empty", f"login < .*{BACKUP}. with"),
     ("key", "echo abc >wallet.key", "contains no key", "login --replace <"),
     ("key", "chmod 644 wallet.key", "is open to other users .mode 644", "chmod 600"),
     ("key", "ln wallet.key second", "has 2 names", "cp -p .* && mv"),
     ("key", "mv wallet.key k; ln -s k wallet.key", "it is a symbolic link", "mv .* && corvane login < FILE"),
-    ("key", "mv wallet.key ../k; mkdir wallet.key", "regular file", "mv .* && corvane login < FILE"),
     ("key", "chown 12345 wallet.key", "it belongs to user 12345", "mv .* && corvane login < FILE"),
     ("key", "rm wallet.key session.json", "There is no wallet key", "register --invite-code CODE"),
-    ("key", "rm wallet.key", "There is no wallet key", f"login < .* of the wallet {ADDRESS}"),
     ("key", f"cp wallet.key {BACKUP}; chmod 640 {BACKUP}", f"{BACKUP} is open to other users", "chmod 600"),
     ("key", "export CORVANE_PRIVATE_KEY=abc", "CORVANE_PRIVATE_KEY contains no key", "unset CORVANE_PRIVATE_KEY"),
     ("session", "rm session.json", "There is no session", "register"),
     ("session", 'sed -i \'s/"signed_in_at":[^}]*/"signed_in_at": null/\' session.json', "not accepted", "-code CODE"),
     ("session", "echo '{' >session.json", "is not a session", "register"),
-    ("session", "sed -i 's/\"signed_in_at\":/&1e30/' session.json", "is not a session", "register"),
     ("session", f"echo {SECOND} >wallet.key", f"The session is for {ADDRESS}", "register"),
     ("session service", "export CORVANE_SERVER_URL=https://127.0.0.1:1", "127.0.0.1:1 is asked for", "unset"),
     ("manifest", ENTRY % ("era_config.json", ""), "era_config.json sha256 Field required", "rm .* && corvane sync"),
@@ -158,7 +142,7 @@ REPAIRED = [
     ("trust", "export SSL_CERT_FILE=/dev/null", "holds no certificate", "export SSL_CERT_FILE=CA"),
     ("service", "unset SSL_CERT_FILE", "CERTIFICATE_VERIFY_FAILED", "export SSL_CERT_FILE=CA"),
     ("service session", "export CORVANE_SERVER_URL=https://127.0.0.1:1", "Connection refused", "SERVER_URL=URL"),
-    ("service session", "export CORVANE_SERVER_URL=http://a.example", "must use https", "SERVER_URL=URL"),
+    ("service session", f"export CORVANE_SERVER_URL=$({OTHER_NAME})", "mismatch", "for another host"),
     ("sign-in", f"{LOST} $(dirname $SSL_CERT_FILE)/service.db 'DELETE FROM wallets'", "refuses 0x", "register --inv"),
 ]
 
@@ -176,98 +160,68 @@ def test_what_is_wrong_is_found_and_the_step_repairs_it(patient, service, checks
     assert not found.next_step.startswith("`rm") or "wallet.key" not in found.next_step
     for secret in (FIRST, SECOND, "abc"):
         assert secret not in text(report)
-    offline = [one for one in report.findings if one.check not in ONLINE]
-    assert patient.examine(how=doctor.examine_identity) == offline
     patient.follow(found)
     assert patient.examine().findings == [], found.next_step
     if checks == "sign-in":
         service.sign_up(int(SECOND, 16))
 
 
-HOSTS = {
-    **dict.fromkeys(("2026.8.1", "2026.7.2-beta.5"), "does not read HEARTBEAT.md"),
-    **{version: f"openclaw, {version[:8]}" for version in ("2026.7.35", "2026.7.2-beta.4")},
-    "?": "does not report its version",
-}
-
-
 def test_it_sees_what_it_cannot_repair(patient, tmp_path):
-    for version, problem in HOSTS.items():
+    unread, known = "does not read HEARTBEAT.md", "openclaw, 2026.7.35"
+    hosts = {"2026.8.1": unread, "2026.7.2-beta.5": unread, "2026.7.35": known, "?": "does not report its version"}
+    for version, said in hosts.items():
         patient.write("openclaw", f"echo OpenClaw {version}")
-        assert problem in text(patient.examine(online=False))
+        assert said in text(patient.examine(online=False))
     extension = next(Path(kit.__path__[0]).glob("agent_onboarding*.so"))
     other = shutil.copytree(extension.parent, tmp_path / "site/corvane")
     (other / extension.name).rename(other / "agent_onboarding.so.1")
     patient.env["PYTHONPATH"] = str(tmp_path / "site")
-    done = patient.corvane("doctor --offline")
-    assert done.returncode == Exit.ERRORS and "agent_onboarding cannot be loaded" in done.stdout
-    assert "-m pip install WHEEL` with" in done.stdout
+    said = patient("doctor --offline", expect=Exit.ERRORS).stdout
+    assert "agent_onboarding cannot be loaded" in said and "-m pip install WHEEL` with" in said
 
 
-OPTIONS = [
-    ("--data-dir {home}/wallet.key --server-url {url}", "corvane doctor --data-dir {home}"),
-    ("--data-dir {home}/new --server-url {url}", "corvane register --invite-code CODE {options}"),
-    ("--data-dir {home} --server-url https://127.0.0.1:1", "corvane doctor --data-dir {home}"),
-    ("--data-dir {home}/session.json --server-url {url}", "corvane doctor --data-dir {home}"),
-]
+def test_steps_name_the_options_that_were_given(patient, service):
+    del patient.env["CORVANE_DATA_DIR"], patient.env["CORVANE_SERVER_URL"]
+    options = f"--data-dir {patient.home}/new --server-url {service.url}"
+    [found] = patient.json(f"doctor {options}", expect=Exit.WARNINGS)["findings"]
+    assert f"`corvane register --invite-code CODE {options}`" in found["next_step"]
+    [found] = patient.json(f"doctor --offline --data-dir {patient.home}/wallet.key", expect=Exit.ERRORS)["findings"]
+    assert f"`corvane doctor --data-dir {patient.home}`" in found["next_step"]
 
 
-@pytest.mark.parametrize(("options", "step"), OPTIONS)
-def test_steps_name_the_options_that_were_given(patient, service, options, step):
-    for name in ("CORVANE_DATA_DIR", "CORVANE_SERVER_URL"):
-        del patient.env[name]
-    options = options.format(home=patient.home, url=service.url)
-    step = step.format(home=patient.home, options=options)
-    findings = json.loads(patient.corvane(f"doctor --json {options}").stdout)["findings"]
-    found = next(one for one in findings if one["check"] != "service")
-    assert f"`{step}`" in found["next_step"]
-    assert "CODE" in step or patient.corvane(step.removeprefix("corvane ")).returncode == 0
-
-
-DISK = "mkdir -p ../disk; mount -t tmpfs -o size=4m,mode=700 none ../disk; cp -a . ../disk; cd ../disk"
-DISK += "; export CORVANE_DATA_DIR=$PWD; "
 LIMITED = [
-    ("ulimit -S -f 0", "File too large", "ulimit -f unlimited", ""),
-    ("chmod 500 .", "Permission denied", "chmod 700", ""),
-    ("chmod 000 session.json", "session.json: Permission denied", "chmod u\\+rwX", ""),
-    ("chmod 000 wallet.key", "wallet.key cannot be opened", "chmod 600", ""),
-    ("chmod 000 .", "Permission denied", "chmod 700", ""),
-    (DISK + "head -c 9999999 /dev/zero >fill 2>/dev/null", "No space left", "df -h", "rm fill;"),
-    (DISK + "mount -o remount,ro .", "Read-only file system", "mount -o remount,rw", ""),
+    ("ulimit -S -f 0", "File too large", "ulimit -f unlimited"),
+    ("chmod 500 .", "Permission denied", "chmod 700"),
+    ("chmod 000 .", "Permission denied", "chmod 700"),
+    ("chmod 000 session.json", "session.json: Permission denied", "chmod u\\+rwX"),
 ]
 
 
-@pytest.mark.parametrize(("spoil", "problem", "step", "then"), LIMITED)
-def test_what_this_user_or_disk_does_not_allow_is_seen(patient, spoil, problem, step, then):
-    if "mount" in spoil and os.getuid() != 0:
-        pytest.skip("only root can mount")
+@pytest.mark.parametrize(("spoil", "problem", "step"), LIMITED)
+def test_what_this_user_may_not_do_is_seen(patient, spoil, problem, step):
     # Root, too, is stopped by permissions without the capability to pass over them.
     examine = "setpriv --bounding-set=-dac_override,-dac_read_search " * (os.getuid() == 0) + "corvane doctor --offline"
 
     def run(step):
-        shell = [*["unshare", "--mount"] * ("mount" in spoil), "sh", "-c", f"({spoil}; {step}) | cat"]
+        shell = ["sh", "-c", f"({spoil}; {step}) | cat"]
         return subprocess.run(shell, env=patient.env, cwd=patient.home, stdout=-1, text=True).stdout
 
     [found] = json.loads(run(f"{examine} --json"))["findings"]
     assert re.search(problem, found["problem"]) and re.search(step, found["next_step"])
-    step = re.search("`(.+?)`", found["next_step"])[1]
-    assert run(f"{step}; {then} {examine}").endswith("errors: 0, warnings: 0\n")
+    assert run(f"{re.search('`(.+?)`', found['next_step'])[1]}; {examine}").endswith("errors: 0, warnings: 0\n")
 
 
-CLOCKS = [
-    # When the certificate begins, by how much the service's clock is off (days): what is found.
-    (-1, 0, "", "", ""),
-    (3000, 3010, "clock", "This clock is 3,010 days behind", "error"),
-    (-3000, -2990, "clock", "This clock is 2,990 days ahead", "error"),
-    (-1, -0.3, "clock", "This clock is 2592. s ahead", "error"),
-    (-1, 0.001, "clock", "This clock is 8. s behind", "warning"),
-    (-3000, 0, "service", "certificate has expired", "error"),
-    (3000, 0, "service", "certificate is not yet valid", "error"),
+CLOCKS = [  # when the certificate begins, by how much the service's clock is off (days), and what is found
+    (-1, 0, ""),
+    (3000, 3010, "error: This clock is 3,010 days behind"),
+    (-3000, -2990, "error: This clock is 2,990 days ahead"),
+    (-1, 0.001, "warning: This clock is 8. s behind"),
+    (-3000, 0, "error: .*certificate has expired"),
 ]
 
 
-@pytest.mark.parametrize(("begins", "off", "check", "problem", "severity"), CLOCKS)
-def test_the_clock_comes_before_the_certificate(patient, scripted, tmp_path, begins, off, check, problem, severity):
+@pytest.mark.parametrize(("begins", "off", "problem"), CLOCKS)
+def test_the_clock_comes_before_the_certificate(patient, scripted, tmp_path, begins, off, problem):
     now, made = datetime.now(UTC), [tmp_path / name for name in ("server.pem", "server.key")]
     clock = SimpleNamespace(now=lambda zone: now + timedelta(days=begins))
     with mock.patch.object(certificates, "dt", SimpleNamespace(datetime=clock, timedelta=timedelta, UTC=UTC)):
@@ -279,31 +233,15 @@ def test_the_clock_comes_before_the_certificate(patient, scripted, tmp_path, beg
     scripted.script = itertools.repeat(http({"status": "ok"}, Date=date))
     patient.run(f"rm session.json wallet.key; export CORVANE_SERVER_URL={scripted.url.replace('http', 'https')}")
     _, *found = patient.examine().findings  # the first is that there is no key
-    assert [(one.check, one.severity) for one in found] == ([(check, severity)] if check else [])
+    assert len(found) == bool(problem)
     for one in found:
-        assert re.search(problem, one.problem)
-        assert ("`timedatectl set-ntp true`" in one.next_step) == (check == "clock")
-
-
-@pytest.mark.parametrize("host", ["h.example", "192.0.2.1"])
-def test_a_certificate_of_another_host_means_the_address(host, patient, monkeypatch):
-    ask = socket.getaddrinfo
-
-    def both(name, *of, **how):  # at the second address of that name
-        return [*ask("127.0.0.9", *of, **how), *ask("127.0.0.1", *of, **how)]
-
-    monkeypatch.setattr(socket, "getaddrinfo", both)
-    patient.env["CORVANE_SERVER_URL"] = patient.service.url.replace("127.0.0.1", host)
-    [_, found] = patient.examine().findings
-    assert "mismatch" in found.problem and "for another host" in found.next_step
-    patient.follow(found)
-    assert patient.examine().findings == []
+        assert re.match(problem, f"{one.severity}: {one.problem}")
+        assert ("`timedatectl set-ntp true`" in one.next_step) == ("clock" in problem)
 
 
 ANSWERS = [
     (http(b"<html>Welcome to the hotel", Content_Type="text/html"), "error", "a web page", "CORVANE_SERVER_URL=URL"),
     (http({"status": "well"}), "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
-    (http(b"<html>", 404), "error", "no Corvane service", "Correct the address"),
     (http(b"", 302, Location="https://h.example/"), "error", "redirects to https://h", "CORVANE_SERVER_URL=URL"),
     (http(b"<html>", 502, Content_Type="text/html"), "warning", "away or busy", "corvane doctor"),
 ]
@@ -316,9 +254,6 @@ def test_what_answers_is_looked_at(patient, scripted, answer, severity, problem,
     [session, found] = patient.examine().findings
     assert (session.check, found.check, found.severity) == ("session", "service", severity)
     assert problem in found.problem and step in found.next_step and len(scripted.requests) == 1
-    if severity == "error":
-        patient.follow(found)
-        assert patient.examine().findings == []
 
 
 def test_a_key_is_used_only_where_it_has_signed_in(patient, scripted):
@@ -326,22 +261,13 @@ def test_a_key_is_used_only_where_it_has_signed_in(patient, scripted):
     patient.env["CORVANE_SERVER_URL"] = scripted.url
     assert [one.check for one in patient.examine().findings] == ["session"]
     assert [request.split()[1] for request in scripted.requests] == ["/health"]
-    patient.run(f"sed -i 's,https://127.0.0.1:[0-9]*,{scripted.url},' session.json")
-    steps = {501: ("warning", "HTTP 501", "`corvane doctor`"), 404: ("error", "HTTP 404", "SERVER_URL=URL`")}
-    for status, (severity, problem, step) in steps.items():  # neither says that the wallet is refused
-        scripted.script = iter([http({"status": "ok"}), http({}, status)])
-        [found] = patient.examine().findings
-        assert (found.check, found.severity) == ("sign-in", severity)
-        assert problem in found.problem and "refuses" not in found.problem and step in found.next_step
-    assert [request.split()[1] for request in scripted.requests[1:]] == ["/health", "/auth/challenge"] * 2
 
 
 def test_out_of_time_it_still_says_what_it_has_found(patient, scripted):
     patient.run(f"export CORVANE_SERVER_URL={scripted.url}; mkdir session.json.new")
     scripted.script = iter([slowly(http(bytes(5_000)))] * 2)
-    done = patient.corvane("doctor --json --timeout 6", stderr=-1)  # enough for a slow machine to ask the service
-    assert (done.returncode, done.stderr) == (Exit.ERRORS, "")
-    names, session, late = json.loads(done.stdout)["findings"]
+    # Enough for a slow machine to ask the service.
+    names, session, late = patient.json("doctor --timeout 6", expect=Exit.ERRORS)["findings"]
     assert [one["check"] for one in (names, session, late)] == ["names", "session", "time"]
     assert "session.json.new is a directory" in names["problem"] and "running: service" in late["problem"]
     assert "`corvane doctor --timeout 300" in late["next_step"]
@@ -352,17 +278,11 @@ def test_foreign_text_and_secrets_stay_out_of_the_report(patient):
     entry = {"kind": "k", "size": 2, "sha256": "0" * 64}
     (patient.home / "manifest.json").unlink()
     (patient.home / "manifest.json").write_text(json.dumps({"era_id": 3, "version": 1, "files": {evil: entry}}))
-    (patient.home / "evil\x1b]0;\n.py").touch()
     (patient.home / "a\nb.new").mkdir()
     patient.env["CORVANE_SERVER_URL"] = f"https://user:pa55word@{FIRST}.example"
-    with mock.patch.object(display, "_secrets", set()):
-        display.remember(f"x{FIRST}")
-        report = patient.examine()
-        shown = text(report)
-    assert {"names", "manifest", "session", "service"} == {one.check for one in report.findings}
+    shown = patient("doctor --offline", expect=Exit.ERRORS).stdout
     assert shown.replace("\n", "").isprintable() and "\\x1b[2J\\n" in shown and "<hidden>" in shown
-    assert "pa55word" not in shown and FIRST not in shown and "\nerror: forged" not in shown
-    assert len(shown.splitlines()) == len(report.looked_at) + 3 * len(report.findings) + 1
+    assert "pa55word" not in shown and "\nerror: forged" not in shown and "a\\nb.new is a directory" in shown
 
 
 def test_a_search_that_is_under_way_is_no_damage(patient):
