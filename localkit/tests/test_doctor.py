@@ -6,11 +6,9 @@ import os
 import re
 import shlex
 import shutil
-import sqlite3
 import ssl
 import subprocess
 import sys
-from contextlib import closing
 from datetime import UTC, datetime, timedelta
 from email.utils import format_datetime
 from pathlib import Path
@@ -131,7 +129,7 @@ REPAIRED = [
     ("session", f"echo {SECOND} >wallet.key", f"The session is for {ADDRESS}", "register"),
     ("session service", "export CORVANE_SERVER_URL=https://127.0.0.1:1", "127.0.0.1:1 is asked for", "unset"),
     ("manifest", ENTRY % ("era_config.json", ""), "era_config.json sha256 Field required", "rm .* && corvane sync"),
-    ("manifest", ENTRY % ("runtime/../../x", DIGEST), "is not allowed", "rm .* && corvane sync"),
+    ("manifest", ENTRY % (r"../\u001b[2J\u000aerror: forged", DIGEST), "is not allowed", "rm .* && corvane sync"),
     ("manifest", ENTRY % ("runtime/x", DIGEST) + "; mv runtime ../r; ln -s .. runtime", "by the link ", "rm .*sync"),
     ("files", ENTRY % ("era_config.json", DIGEST), "is damaged", "corvane sync"),
     ("files", "rm features/*/*.json; mkdir features/us_large/vocabulary.json", "is missing", "mv .* && corvane sync"),
@@ -158,8 +156,9 @@ def test_what_is_wrong_is_found_and_the_step_repairs_it(patient, service, checks
     assert re.search(problem, found.problem) and re.search(step, found.next_step), found
     assert found.reason and found.severity in (doctor.ERROR, doctor.WARNING)
     assert not found.next_step.startswith("`rm") or "wallet.key" not in found.next_step
-    for secret in (FIRST, SECOND, "abc"):
-        assert secret not in text(report)
+    said = report.lines()
+    assert len(said) == len(report.looked_at) + 3 * len(report.findings) + 1 and "".join(said).isprintable()
+    assert not [secret for secret in (FIRST, SECOND, "abc") if secret in "".join(said)]
     patient.follow(found)
     assert patient.examine().findings == [], found.next_step
     if checks == "sign-in":
@@ -211,18 +210,26 @@ def test_what_this_user_may_not_do_is_seen(patient, spoil, problem, step):
     assert run(f"{re.search('`(.+?)`', found['next_step'])[1]}; {examine}").endswith("errors: 0, warnings: 0\n")
 
 
-CLOCKS = [  # when the certificate begins, by how much the service's clock is off (days), and what is found
-    (-1, 0, ""),
-    (3000, 3010, "error: This clock is 3,010 days behind"),
-    (-3000, -2990, "error: This clock is 2,990 days ahead"),
-    (-1, 0.001, "warning: This clock is 8. s behind"),
-    (-3000, 0, "error: .*certificate has expired"),
+OK = {"body": {"status": "ok"}}
+HOTEL = {"body": b"<html>Welcome to the hotel", "Content_Type": "text/html"}
+BUSY = {"body": b"<html>", "status": 502}
+# When the certificate begins, by how much the service's clock is off (days), what it answers, and what is found.
+SERVICES = [
+    (-1, 0, OK, "", ""),
+    (3000, 3010, OK, "error: This clock is 3,010 days behind", "timedatectl set-ntp true"),
+    (-3000, -2990, OK, "error: This clock is 2,990 days ahead", "timedatectl set-ntp true"),
+    (-1, 0.001, OK, "warning: This clock is 8. s behind", "timedatectl set-ntp true"),
+    (-3000, 0, OK, "error: .*certificate has expired", "Tell the operator"),
+    (-1, 0, HOTEL, "error: .*a web page", "CORVANE_SERVER_URL=URL"),
+    (-1, 0, {"body": {"status": "well"}}, "error: .*is not a Corvane service", "CORVANE_SERVER_URL=URL"),
+    (-1, 0, {"status": 302, "Location": "https://h.example/"}, "error: .*redirects to https://h", "SERVER_URL=URL"),
+    (-1, 0, BUSY, "warning: .*away or busy", "corvane doctor"),
 ]
 
 
-@pytest.mark.parametrize(("begins", "off", "problem"), CLOCKS)
-def test_the_clock_comes_before_the_certificate(patient, scripted, tmp_path, begins, off, problem):
-    now, made = datetime.now(UTC), [tmp_path / name for name in ("server.pem", "server.key")]
+@pytest.mark.parametrize(("begins", "off", "answer", "problem", "step"), SERVICES)
+def test_another_service_is_looked_at_and_gets_no_key(patient, scripted, begins, off, answer, problem, step):
+    now, made = datetime.now(UTC), [patient.work / name for name in ("server.pem", "server.key")]
     clock = SimpleNamespace(now=lambda zone: now + timedelta(days=begins))
     with mock.patch.object(certificates, "dt", SimpleNamespace(datetime=clock, timedelta=timedelta, UTC=UTC)):
         certificates._make_server(*(patient.service.state / name for name in ("ca.pem", "ca.key")), *made)
@@ -230,37 +237,13 @@ def test_the_clock_comes_before_the_certificate(patient, scripted, tmp_path, beg
     context.load_cert_chain(*made)
     scripted.socket = context.wrap_socket(scripted.socket, server_side=True)
     date = format_datetime(now + timedelta(days=off), usegmt=True)
-    scripted.script = itertools.repeat(http({"status": "ok"}, Date=date))
-    patient.run(f"rm session.json wallet.key; export CORVANE_SERVER_URL={scripted.url.replace('http', 'https')}")
-    _, *found = patient.examine().findings  # the first is that there is no key
-    assert len(found) == bool(problem)
+    scripted.script = itertools.repeat(http(**answer, Date=date))
+    patient.env["CORVANE_SERVER_URL"] = scripted.url.replace("http", "https")
+    session, *found = patient.examine().findings
+    assert session.check == "session" and len(found) == bool(problem)
     for one in found:
-        assert re.match(problem, f"{one.severity}: {one.problem}")
-        assert ("`timedatectl set-ntp true`" in one.next_step) == ("clock" in problem)
-
-
-ANSWERS = [
-    (http(b"<html>Welcome to the hotel", Content_Type="text/html"), "error", "a web page", "CORVANE_SERVER_URL=URL"),
-    (http({"status": "well"}), "error", "is not a Corvane service", "CORVANE_SERVER_URL=URL"),
-    (http(b"", 302, Location="https://h.example/"), "error", "redirects to https://h", "CORVANE_SERVER_URL=URL"),
-    (http(b"<html>", 502, Content_Type="text/html"), "warning", "away or busy", "corvane doctor"),
-]
-
-
-@pytest.mark.parametrize(("answer", "severity", "problem", "step"), ANSWERS)
-def test_what_answers_is_looked_at(patient, scripted, answer, severity, problem, step):
-    scripted.script = iter([answer])
-    patient.env["CORVANE_SERVER_URL"] = scripted.url
-    [session, found] = patient.examine().findings
-    assert (session.check, found.check, found.severity) == ("session", "service", severity)
-    assert problem in found.problem and step in found.next_step and len(scripted.requests) == 1
-
-
-def test_a_key_is_used_only_where_it_has_signed_in(patient, scripted):
-    scripted.script = itertools.cycle([http({"status": "ok"})])
-    patient.env["CORVANE_SERVER_URL"] = scripted.url
-    assert [one.check for one in patient.examine().findings] == ["session"]
-    assert [request.split()[1] for request in scripted.requests] == ["/health"]
+        assert re.match(problem, f"{one.severity}: {one.problem}") and step in one.next_step
+    assert {request.split()[1] for request in scripted.requests} <= {"/health"}
 
 
 def test_out_of_time_it_still_says_what_it_has_found(patient, scripted):
@@ -271,24 +254,3 @@ def test_out_of_time_it_still_says_what_it_has_found(patient, scripted):
     assert [one["check"] for one in (names, session, late)] == ["names", "session", "time"]
     assert "session.json.new is a directory" in names["problem"] and "running: service" in late["problem"]
     assert "`corvane doctor --timeout 300" in late["next_step"]
-
-
-def test_foreign_text_and_secrets_stay_out_of_the_report(patient):
-    evil = "runtime/\x1b[2J\nerror: forged\n  next: `rm -rf /`\x9b"
-    entry = {"kind": "k", "size": 2, "sha256": "0" * 64}
-    (patient.home / "manifest.json").unlink()
-    (patient.home / "manifest.json").write_text(json.dumps({"era_id": 3, "version": 1, "files": {evil: entry}}))
-    (patient.home / "a\nb.new").mkdir()
-    patient.env["CORVANE_SERVER_URL"] = f"https://user:pa55word@{FIRST}.example"
-    shown = patient("doctor --offline", expect=Exit.ERRORS).stdout
-    assert shown.replace("\n", "").isprintable() and "\\x1b[2J\\n" in shown and "<hidden>" in shown
-    assert "pa55word" not in shown and "\nerror: forged" not in shown and "a\\nb.new is a directory" in shown
-
-
-def test_a_search_that_is_under_way_is_no_damage(patient):
-    with closing(sqlite3.connect(patient.home / "search.db", isolation_level=None)) as db:
-        db.executescript("PRAGMA journal_mode = WAL; CREATE TABLE a (b); BEGIN IMMEDIATE; INSERT INTO a VALUES (1)")
-        assert patient.examine(online=False).findings == []
-        db.execute("COMMIT")
-    before = patient.tree()
-    assert "with the found signals" in text(patient.examine(online=False)) and patient.tree() == before
