@@ -22,7 +22,7 @@ from corvane_cli import doctor
 from corvane_cli.command import Exit
 from corvane_cli.identity import Agent
 from corvane_local import certificates
-from localkit.tests.conftest import http, slowly
+from localkit.tests.conftest import http
 from localkit.tests.test_cli import Shell
 
 FIRST, SECOND = f"{21:064x}", f"{22:064x}"
@@ -101,7 +101,6 @@ def test_healthy_it_says_what_it_looked_at(patient, service):
 ENTRY = """echo '{"era_id": 3, "version": 1, "files": {"%s": {"kind": "k", "size": 2%s}}}' >manifest.json"""
 DIGEST = f', "sha256": "{"0" * 64}"'
 LOST = f"{PYTHON} -c 'import sqlite3, sys; d = sqlite3.connect(sys.argv[1]); d.execute(sys.argv[2]); d.commit()'"
-ADDRESS = "0x[0-9a-f]{40}"
 OTHER_NAME = "echo $CORVANE_SERVER_URL | sed s/127.0.0.1/127.1/"
 # Check (and which others see the same), spoiling, what the problem says, what the step says.
 REPAIRED = [
@@ -113,7 +112,7 @@ REPAIRED = [
     ("names", "rm session.json; mkdir session.json", "session.json is a directory", "mv .* && corvane register"),
     ("names files files", "rm -r runtime; echo >runtime", "runtime is not a directory", "mv .* && corvane sync"),
     ("names", "echo 'evil()' >json.py", "json.py can be imported", "mv .*aside"),
-    ("key", ": >wallet.key", "is empty", f"login < .* of the wallet {ADDRESS}: .* no copy anywhere"),
+    ("key", ": >wallet.key", "is empty", "login < .* of the wallet 0x[0-9a-f]{40}: .* no copy anywhere"),
     ("key", f"rm session.json; cp -p wallet.key {BACKUP}; echo >wallet.key", "is empty", f"login < .*{BACKUP}. with"),
     ("key", "echo abc >wallet.key", "contains no key", "login --replace <"),
     ("key", "chmod 644 wallet.key", "is open to other users .mode 644", "chmod 600"),
@@ -126,7 +125,7 @@ REPAIRED = [
     ("session", "rm session.json", "There is no session", "register"),
     ("session", 'sed -i \'s/"signed_in_at":[^}]*/"signed_in_at": null/\' session.json', "not accepted", "-code CODE"),
     ("session", "echo '{' >session.json", "is not a session", "register"),
-    ("session", f"echo {SECOND} >wallet.key", f"The session is for {ADDRESS}", "register"),
+    ("session", f"echo {SECOND} >wallet.key", "The session is for 0x[0-9a-f]{40}", "register"),
     ("session service", "export CORVANE_SERVER_URL=https://127.0.0.1:1", "127.0.0.1:1 is asked for", "unset"),
     ("manifest", ENTRY % ("era_config.json", ""), "era_config.json sha256 Field required", "rm .* && corvane sync"),
     ("manifest", ENTRY % (r"../\u001b[2J\u000aerror: forged", DIGEST), "is not allowed", "rm .* && corvane sync"),
@@ -191,7 +190,6 @@ def test_steps_name_the_options_that_were_given(patient, service):
 LIMITED = [
     ("ulimit -S -f 0", "File too large", "ulimit -f unlimited"),
     ("chmod 500 .", "Permission denied", "chmod 700"),
-    ("chmod 000 .", "Permission denied", "chmod 700"),
     ("chmod 000 session.json", "session.json: Permission denied", "chmod u\\+rwX"),
 ]
 
@@ -212,7 +210,6 @@ def test_what_this_user_may_not_do_is_seen(patient, spoil, problem, step):
 
 OK = {"body": {"status": "ok"}}
 HOTEL = {"body": b"<html>Welcome to the hotel", "Content_Type": "text/html"}
-BUSY = {"body": b"<html>", "status": 502}
 # When the certificate begins, by how much the service's clock is off (days), what it answers, and what is found.
 SERVICES = [
     (-1, 0, OK, "", ""),
@@ -223,7 +220,7 @@ SERVICES = [
     (-1, 0, HOTEL, "error: .*a web page", "CORVANE_SERVER_URL=URL"),
     (-1, 0, {"body": {"status": "well"}}, "error: .*is not a Corvane service", "CORVANE_SERVER_URL=URL"),
     (-1, 0, {"status": 302, "Location": "https://h.example/"}, "error: .*redirects to https://h", "SERVER_URL=URL"),
-    (-1, 0, BUSY, "warning: .*away or busy", "corvane doctor"),
+    (-1, 0, {"status": 502}, "warning: .*away or busy", "corvane doctor"),
 ]
 
 
@@ -244,13 +241,3 @@ def test_another_service_is_looked_at_and_gets_no_key(patient, scripted, begins,
     for one in found:
         assert re.match(problem, f"{one.severity}: {one.problem}") and step in one.next_step
     assert {request.split()[1] for request in scripted.requests} <= {"/health"}
-
-
-def test_out_of_time_it_still_says_what_it_has_found(patient, scripted):
-    patient.run(f"export CORVANE_SERVER_URL={scripted.url}; mkdir session.json.new")
-    scripted.script = iter([slowly(http(bytes(5_000)))] * 2)
-    # Enough for a slow machine to ask the service.
-    names, session, late = patient.json("doctor --timeout 6", expect=Exit.ERRORS)["findings"]
-    assert [one["check"] for one in (names, session, late)] == ["names", "session", "time"]
-    assert "session.json.new is a directory" in names["problem"] and "running: service" in late["problem"]
-    assert "`corvane doctor --timeout 300" in late["next_step"]

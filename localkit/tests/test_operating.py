@@ -59,12 +59,8 @@ class Agent:
         self.is_back()
 
     def answers(self, status, body=b""):
-        """Something else is at the address: a server with this one answer."""
         self.scripted.script = iter([http(body, status)])
         m.configure(server_url=self.scripted.url)
-
-    def has_two_universes(self):
-        self.answers(200, {"eras": [{"state": "active", "universes": ["us", "eu"]}]})
 
     def is_behind_a_proxy(self):
         self.patch.delenv("NO_PROXY", raising=False)
@@ -136,6 +132,7 @@ ADVICE = {
 }
 DIAGNOSED = type("Diagnosed", (Exception,), {"diagnostic_detail": "it rained"})("no")
 DIAGNOSED.__cause__ = OSError("not today")
+TWO = [{"state": "active", "universes": ["us", "eu"]}]
 REFUSED, NOTHING = mock.Mock(side_effect=DIAGNOSED), mock.Mock(return_value=None)
 # A part of the message, what is wrong, the call that says so, the advice; and the call after it, if that is another.
 CASES = [
@@ -161,7 +158,7 @@ CASES = [
     ("invalid /eras payload", lambda a: a.answers(200, []), "eras", "back"),
     ("missing eras list", lambda a: a.answers(200, {}), "eras", "back"),
     ("one active era", lambda a: a.answers(200, {"eras": []}), "eras", "back"),
-    ("one active named", Agent.has_two_universes, "tolerant", "choose"),
+    ("one active named", lambda a: a.answers(200, {"eras": TWO}), "tolerant", "choose"),
     ("Runtime manifest", lambda a: a.manifest.unlink(), "load one", "sync"),
     ("runtime is required", lambda a: a.manifest.unlink(), "load", "sync"),
     ("missing from manifest", lambda a: a.lists(dict.clear), "load", "sync"),
