@@ -220,7 +220,7 @@ def test_make_clean_removes_no_wallet(tmp_path):
 
 
 PICTURES = ["home/wallet.key", "linked/a.png", "wallet.key.png", "/dev/stdout", "link.png", "notes.png", "a.gif"]
-PLANTED = r"""mkdir home; echo key >home/wallet.key; ln -s home linked
+PLANTED = r"""mkdir home other; echo key >home/wallet.key; echo key >other/wallet.key; ln -s other linked
 printf '\211PNG\r\n\032\n' >a.png; ln -s a.png link.png; echo '# notes' >notes.png"""
 
 

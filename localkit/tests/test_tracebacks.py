@@ -28,7 +28,7 @@ CALLS = {  # what is called, and what the service answers
     "no expiry": (sign_up, [CHALLENGE, http({"token": TOKEN})]),
     "half a manifest": (sync, [b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{"]),
     "a refused token": (sync, [http(status=401)]),
-    "not a key": (lambda url, home: AuthManager("0x" + "f" * 60 + KEY[-6:-2], url), []),
+    "not hexadecimal": (lambda url, home: AuthManager(KEY, url), []),
     "a key that is there": (lambda url, home: key_file.write_whole(home, KEY.encode(), replace=False), []),
 }
 
