@@ -28,6 +28,8 @@ REASONS = {
         entry_points.cpp option_types }
         py/function.cpp define_generator };
         workspace.cpp nudge_texts }""",
+    "a thread whose stack has no room for the import": """
+        py/function.cpp start throw_error();""",
     "sources that contradict one another; no test would pass": """
         py/call.cpp call throw_error(PyExc_SystemError, "too many arguments"
         py/function.cpp code_named throw_error(PyExc_SystemError, "a declaration is not code"

@@ -4,10 +4,7 @@ import ctypes
 import dataclasses
 import importlib.util
 import logging
-import os
 import sys
-import threading
-import traceback
 import types
 
 NAME = "corvane.agent_onboarding"
@@ -27,14 +24,12 @@ def load():
 
 def missing_sibling():
     """More often than there is room at the exit."""
-    good, frames = importlib.import_module("corvane.skills"), set()
+    good = importlib.import_module("corvane.skills")
     for broken in (None, types.ModuleType("corvane.skills")) * 20:
         sys.modules["corvane.skills"] = broken
         exc = failure(load)
-        frames |= {frame.filename for frame in traceback.extract_tb(exc.__traceback__)}
         assert NAME not in sys.modules
     sys.modules["corvane.skills"] = good
-    assert {f"<{NAME}>", "src/agent_onboarding/py/function.cpp"} <= frames
     return exc
 
 
@@ -75,32 +70,6 @@ def another_name():
     logging.getLogger = load_again
     load()
     return failures[0]
-
-
-def no_stack():
-    """A small stack has no room for it, more often than there is room at the exit."""
-    spec, failures = importlib.util.find_spec(NAME), []
-    modules = [importlib.util.module_from_spec(spec) for _ in range(40)]
-    sys.setrecursionlimit(100_000)
-    threading.stack_size(512 * 1024)
-
-    def deep(levels, act):
-        return sorted([0], key=lambda number: deep(levels - 1, act)) if levels else act()
-
-    def fails(levels, act):
-        thread = threading.Thread(target=lambda: failures.append(failure(lambda: deep(levels, act))))
-        thread.start()
-        thread.join()
-        return len(failures)
-
-    if (child := os.fork()) == 0:  # finds out how deep is too deep for a function of the module
-        threading.excepthook = lambda arguments: None
-        function = load()._normalize_key
-        os._exit(next(steps for steps in range(255) if fails(4 * steps, lambda: function("a"))))
-    levels = 4 * os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) + 8
-    while modules:
-        fails(levels, lambda: spec.loader.exec_module(modules.pop()))
-    return len(failures), {*map(str, failures)}
 
 
 def no_room_at_the_exit():
