@@ -45,13 +45,10 @@ def class_gone():
             self.reused = [type(f"Reused{i}", (), {}) for i in range(50)]
             return False
 
-    def refusal(path):
-        nonlocal raised
-        asked = type("Asked", (type,), {"__subclasscheck__": lambda cls, subclass: Answer()})
-        raised = asked("Gone", (OSError,), {})(path)
-        return raised
-
-    raised, m._unsafe_wallet_error = None, refusal
+    asked = type("Asked", (type,), {"__subclasscheck__": lambda cls, subclass: Answer()})
+    raised = asked("Gone", (OSError,), {})("the key")
+    m._unsafe_wallet_error = lambda path: raised
+    del asked
     try:
         m._check_wallet_fd("the key", os.pipe()[0])
     except Exception as exc:
@@ -90,63 +87,41 @@ def traceback():
 
 
 def shared_namespace():
-    """An object shares a namespace; what dies when the last value is stored through it calls a function of the module.
+    """An object shares the namespace; what dies when a value is stored through it calls a function of the module.
 
     Stored often enough, the interpreter specialises the store: it destroys the old value before the dictionary has
     changed in every respect.
     """
 
     class Value:
-        def __init__(self, number):
-            self.number = number
-
-        def __call__(self, *args):
-            seen.append(self.number)
-            return True
-
-    class Calling(Value):
         def __del__(self):
-            act()
+            seen.append(m.get_agents_md_fragment())
 
-    found = []
-    for shared, name, act in (
-        (m, "_AGENTS_MD_FRAGMENT", lambda: m.get_agents_md_fragment()()),
-        (m.auth, "_normalize_invite_code", lambda: m._resolve_optional_invite_code("x")),
-        (builtins, "isinstance", lambda: m._safe_named_universe("x")),
-    ):
-        seen, sharing, kept = [], type("Sharing", (), {})(), vars(shared)[name]
-        sharing.__dict__ = vars(shared)
-        names = {"sharing": sharing}
-        store = types.FunctionType(compile(f"sharing.{name} = value", "store", "exec"), names)
-        values = [Value(number) for number in range(50)]
-        for make in (*(lambda value=value: value for value in values), lambda: Calling(50), lambda: Value(51)):
-            names["value"] = make()
-            store()
-            del names["value"]
-            act()
-        setattr(shared, name, kept)
-        found.append(seen == [*range(51), 51, 51])
-    return found
+    seen, sharing = [], type("Sharing", (), {})()
+    sharing.__dict__ = vars(m)
+    for number in range(50):
+        sharing._AGENTS_MD_FRAGMENT = Value()
+        sharing._AGENTS_MD_FRAGMENT = number
+        m.get_agents_md_fragment()
+    return seen == [*range(50)]
+
+
+def builtin():
+    """A builtin is replaced where all modules find it."""
+    manifest = {"files": {"x": 1}}
+    before = m._manifest_files(manifest)
+    builtins.isinstance = lambda value, kind: False
+    return before, m._manifest_files(manifest)
 
 
 def other_watcher():
     """Somebody else watches the namespace, and code of theirs runs between the announcement of a change and itself."""
     import _testcapi
 
-    class Value:
-        __slots__ = ("number",)
-
-    fragment = m._AGENTS_MD_FRAGMENT
     _testcapi.watch_dict(_testcapi.add_dict_watcher(1), vars(m))  # a watcher that fails at each event
     sys.unraisablehook = lambda unraisable: m.get_agents_md_fragment()
-    for _ in range(200):
-        m._AGENTS_MD_FRAGMENT = value = Value()
-        value.number = 7
-        del value
-        others = [Value() for _ in range(100)]
-        assert m.get_agents_md_fragment().number == 7 and others
-    m._AGENTS_MD_FRAGMENT = fragment
-    return "the new value"
+    m._AGENTS_MD_FRAGMENT = "the new value"
+    return m.get_agents_md_fragment()
 
 
 def no_watcher():

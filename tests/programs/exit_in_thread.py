@@ -1,14 +1,11 @@
 """A daemon thread waits somewhere in the import or in a body while the interpreter ends; the exit status is 7."""
 
-import dataclasses
 import importlib
-import linecache
 import logging
 import sys
 import threading
 import time
 import types
-from collections import UserDict
 
 from corvane import auth, runtime_module_freshness, skills, sync  # noqa: F401
 
@@ -22,34 +19,20 @@ def wait(*args, sleep=time.sleep, waits=waiting.set):
         sleep(0.3)
 
 
-class Waiting(type):
-    __subclasscheck__ = __repr__ = wait
-
-
 def load():
     return importlib.import_module("corvane.agent_onboarding")
 
 
-def imported(name):
-    """The module is imported while the import of this one takes long."""
-    sys.modules.pop(name)
-    sys.meta_path.insert(0, types.SimpleNamespace(find_spec=lambda full, *args: wait() if full == name else None))
+def importing():
+    """A module that ours imports takes long."""
+    del sys.modules["corvane.skills"]
+    find = types.SimpleNamespace(find_spec=lambda name, *args: wait() if name == "corvane.skills" else None)
+    sys.meta_path.insert(0, find)
     load()
 
 
-def decorated(good=dataclasses.dataclass):
-    """The module is imported while its records take long."""
-    dataclasses.dataclass = lambda cls: (wait(), good(cls))[1]
-    load()
-
-
-def cached():
-    linecache.cache = type("Slow", (UserDict,), {"__setitem__": wait})()
-    load()
-
-
-def raised():
-    load().ValueError = Waiting("Slow", (Exception,), {})
+def raising():
+    load().ValueError = type("Waiting", (type,), {"__subclasscheck__": wait})("Slow", (Exception,), {})
     load().login(None)
 
 
@@ -67,18 +50,8 @@ def old_cause():
     m._propagate_auth(None, strict=True)
 
 
-WHERE = {
-    "linecache": lambda: imported("linecache"),
-    "sibling": lambda: imported("corvane.skills"),
-    "record": decorated,
-    "source cache": cached,
-    "exception": raised,
-    "handler": handling,
-    "old cause": old_cause,
-    "arguments": lambda: load().login(**{type("Name", (str,), {"__hash__": str.__hash__, "__eq__": wait})("x"): 1}),
-}
 logging.disable()
-thread = threading.Thread(target=WHERE[sys.argv[1]], daemon=True)
+thread = threading.Thread(target=globals()[sys.argv[1]], daemon=True)
 thread.start()
 while not waiting.wait(0.1):
     assert thread.is_alive()
