@@ -2,13 +2,13 @@
 
 import ast
 import io
+import itertools
 import os
 import platform
 import runpy
 import shutil
 import subprocess
 import sys
-import tempfile
 import zipfile
 from pathlib import Path
 
@@ -98,9 +98,8 @@ class Fresh:
         return run([self.python, "-m", "pip", "-q", "--disable-pip-version-check", *arguments], self.python.parent)
 
     def tried(self, *arguments):
-        """What an import says after pip has done this, if anything."""
-        if arguments:
-            self.pip(*arguments)
+        """What an import says after pip has done this."""
+        self.pip(*arguments)
         command = [self.python, "-c", SCRIPT]
         return subprocess.run(command, stderr=-1, text=True, env=self.environment, cwd="/").stderr.strip()
 
@@ -120,37 +119,25 @@ def test_two_builds_give_the_same_bytes(built, interpreters, processors):
 def test_each_wheel_is_small_and_runs_on_old_systems(built, interpreters, processors):
     from elftools.elf.elffile import ELFFile
 
-    for version in interpreters:
-        for processor in processors:
-            wheel = wheel_in(built[0], version, processor)
-            assert wheel.name.endswith(f"-manylinux2014_{processor}.manylinux_2_17_{processor}.whl")
-            names = [name for name in zipfile.ZipFile(wheel).namelist() if not name.endswith("/")]
-            metadata = "entry_points.txt", "METADATA", "RECORD", "WHEEL"
-            assert sorted(names) == sorted(
-                [name_of(version, processor), "corvane/agent_onboarding.pyi", "corvane/py.typed"]
-                + [f"{HOOK}/__init__.py", f"{HOOK}/hook-corvane.agent_onboarding.py"]
-                + [f"corvane_agent_onboarding-0.1.0.dist-info/{name}" for name in metadata]
-            )
-            library = zipfile.ZipFile(wheel).read(name_of(version, processor))
-            elf = ELFFile(io.BytesIO(library))
-            assert elf.get_machine_arch() == {"x86_64": "x64", "aarch64": "AArch64"}[processor]
-            sections = [section.name for section in elf.iter_sections()]
-            assert ".dynsym" in sections and not any(name.startswith((".symtab", ".debug_")) for name in sections)
-            needed = {tag.needed for tag in elf.get_section_by_name(".dynamic").iter_tags("DT_NEEDED")}
-            assert {name for name in needed if not name.startswith("ld-linux")} == {"libgcc_s.so.1", "libc.so.6"}, wheel
-            versions = [
-                version.name.partition("_")
-                for _, names in elf.get_section_by_name(".gnu.version_r").iter_versions()
-                for version in names
-            ]
-            assert {kind for kind, _, _ in versions} == {"GLIBC", "GCC"}
-            oldest = {"GLIBC": (2, 17), "GCC": (4, 2, 0)}
-            assert all(tuple(map(int, number.split("."))) <= oldest[kind] for kind, _, number in versions), versions
-            symbols = elf.get_section_by_name(".dynsym").iter_symbols()
-            strange = [s.name for s in symbols if s["st_shndx"] == "SHN_UNDEF" and s.name.startswith("_Z")]
-            assert strange == [], "of a C++ library that is not loaded"
-            assert os.fsencode(tempfile.gettempdir()) + b"/" not in library
-            assert wheel.stat().st_size < 250_000
+    for version, processor in itertools.product(interpreters, processors):
+        wheel = wheel_in(built[0], version, processor)
+        assert wheel.name.endswith(f"-manylinux2014_{processor}.manylinux_2_17_{processor}.whl")
+        assert wheel.stat().st_size < 250_000
+        names = [name for name in zipfile.ZipFile(wheel).namelist() if not name.endswith("/")]
+        metadata = "entry_points.txt", "METADATA", "RECORD", "WHEEL"
+        assert sorted(names) == sorted(
+            [name_of(version, processor), "corvane/agent_onboarding.pyi", "corvane/py.typed"]
+            + [f"{HOOK}/__init__.py", f"{HOOK}/hook-corvane.agent_onboarding.py"]
+            + [f"corvane_agent_onboarding-0.1.0.dist-info/{name}" for name in metadata]
+        )
+        library = zipfile.ZipFile(wheel).read(name_of(version, processor))
+        elf = ELFFile(io.BytesIO(library))
+        assert elf.get_machine_arch() == {"x86_64": "x64", "aarch64": "AArch64"}[processor]
+        needed = {tag.needed for tag in elf.get_section_by_name(".dynamic").iter_tags("DT_NEEDED")}
+        assert {name for name in needed if not name.startswith("ld-linux")} == {"libgcc_s.so.1", "libc.so.6"}, wheel
+        wanted = elf.get_section_by_name(".gnu.version_r").iter_versions()
+        for kind, _, number in (symbol.name.partition("_") for _, symbols in wanted for symbol in symbols):
+            assert tuple(map(int, number.split("."))) <= {"GLIBC": (2, 17), "GCC": (4, 2, 0)}[kind]
 
 
 def test_the_sdist_builds_offline_to_the_same_extension(built, tmp_path):
@@ -167,31 +154,16 @@ def test_the_wheels_pass_the_tests_beside_the_kit(built, interpreters, tmp_path_
     for version, interpreter in interpreters.items():
         fresh = Fresh(tmp_path_factory.mktemp("beside"), version, interpreter)
         assert fresh.tried(*INSTALL, wheel_in(built[0], version), fresh.kit) == ""
-        fresh.passes("surface", "key_file", "promises")
+        fresh.passes("surface", "key_file", "promises", "eras")
 
 
-def test_wheel_and_kit_are_installed_in_any_order(built, tmp_path):
+def test_wheel_and_kit_are_installed_in_any_order(built, interpreters, tmp_path):
     fresh, ours = Fresh(tmp_path, HERE, sys.executable), wheel_in(built[0], HERE)
+    for other in [version for version in interpreters if version != HERE]:
+        with pytest.raises(AssertionError, match="is not a supported wheel on this platform"):
+            fresh.pip(*INSTALL, wheel_in(built[0], other))
     assert fresh.tried(*INSTALL, ours).endswith(WITHOUT_KIT) and fresh.tried(*INSTALL, fresh.kit) == ""
-    assert fresh.tried(*UNINSTALL, "corvane-local-kit").endswith(WITHOUT_KIT)
-    assert fresh.tried(*INSTALL, fresh.kit) == ""
     assert WITHOUT_US in fresh.tried(*UNINSTALL, "corvane-agent-onboarding") and fresh.tried(*INSTALL, ours) == ""
-    fresh.passes("eras")
-
-
-def test_a_wheel_of_another_interpreter_is_refused(built, interpreters, tmp_path):
-    if len(interpreters) < 2:
-        pytest.skip("only one interpreter was found")
-    fresh, other = Fresh(tmp_path, HERE, sys.executable), list(interpreters)[-1]
-    wheel = wheel_in(built[0], other)
-    with pytest.raises(AssertionError, match="is not a supported wheel on this platform"):
-        fresh.pip(*INSTALL, wheel)
-    fresh.pip(*INSTALL, fresh.kit)
-    [package] = (tmp_path / "fresh").glob("lib/python3.*/site-packages/corvane")
-    for name in (Path(name_of(other)).name, Path(name_of(HERE)).name, "agent_onboarding.so"):
-        (package / name).write_bytes(zipfile.ZipFile(wheel).read(name_of(other)))
-        assert "ImportError: " in fresh.tried(), name
-        (package / name).unlink()
 
 
 def test_bundles(built, tmp_path):
@@ -216,8 +188,6 @@ def test_bundles(built, tmp_path):
                 data.mkdir(mode=0o700)
                 invite = run([local, "invite", "--state", state], **fresh.environment).strip()
                 said = run([tmp_path / program, address, data, invite], "/", SSL_CERT_FILE=str(state / "ca.pem"))
-                registered, *sources = said.splitlines()
-                assert registered.startswith("WalletRegistration(address='0x") and (data / "wallet.key").is_file()
-                assert sources[0] in ("def register(", "no source") and sources[1:] == ["no source"]
+                assert said.startswith("WalletRegistration(address='0x") and (data / "wallet.key").is_file()
         finally:
             service.terminate()
