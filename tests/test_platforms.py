@@ -1,5 +1,6 @@
 """Where the module can be built, and what is said where it cannot."""
 
+import os
 import subprocess
 import sys
 from pathlib import Path
@@ -33,8 +34,17 @@ def test_an_interpreter_that_is_not_supported_is_refused_in_one_sentence(pretend
         assert done.stderr.count("\n") == 1
 
 
-def test_make_says_that_there_is_no_compiler(tmp_path):
-    command = ["make", "demo", f"VENV={tmp_path / 'venv'}", f"PYTHON={sys.executable}", "CXX=no-such-compiler"]
-    done = subprocess.run(command, cwd=ROOT, capture_output=True, text=True)
-    assert done.returncode != 0 and "No C++20 compiler: apt-get install g++\n" in done.stderr
-    assert not (tmp_path / "venv").exists()
+NO_INDEX = {"PIP_INDEX_URL": "https://127.0.0.1:9/", "PIP_RETRIES": "0", "PIP_NO_CACHE_DIR": "1"}
+MISSING = {
+    "No C++20 compiler: apt-get install g++\n": ({"CXX": "no-such-compiler"}, False),
+    "\npip could not install it: is a package index reachable?\n": (NO_INDEX, True),
+}
+
+
+@pytest.mark.parametrize("said", MISSING)
+def test_make_says_what_is_missing(tmp_path, said):
+    surroundings, sets_up = MISSING[said]
+    command = ["make", "demo", f"VENV={tmp_path / 'venv'}", f"PYTHON={sys.executable}"]
+    done = subprocess.run(command, cwd=ROOT, env=os.environ | surroundings, capture_output=True, text=True)
+    assert done.returncode != 0 and said in done.stderr
+    assert (tmp_path / "venv").exists() is sets_up

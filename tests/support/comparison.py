@@ -41,13 +41,13 @@ def told(exc):
 
 
 def frames(exc):
-    """The functions in its traceback, and in those of what it came from."""
+    """The functions in its traceback and its arguments, and those of what it came from."""
     if exc is None:
         return []
     names = [frame.name for frame in traceback.extract_tb(exc.__traceback__) if "site-packages" not in frame.filename]
     # Once where a name follows itself: another function of the same code has a frame beside that of the body.
     own = [name for name, _ in itertools.groupby(names) if name not in GENERATOR_STEPS]
-    return [*own, *frames(exc.__cause__ or exc.__context__)]
+    return [*own, text(exc.args), *frames(exc.__cause__ or exc.__context__)]
 
 
 def tried(act):
