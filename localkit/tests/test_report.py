@@ -1,9 +1,9 @@
 """What was found, as lists and as a page, and the operator's page: true, whole, escaped, and in a real browser."""
 
-import asyncio
 import csv
 import html
 import io
+import itertools
 import json
 import os
 import re
@@ -13,18 +13,14 @@ import sqlite3
 import subprocess
 import sys
 import time
-from concurrent.futures import ThreadPoolExecutor
 from contextlib import closing
 
-import httpx
 import pytest
 
 from corvane.auth import AuthManager
 from corvane.search_tracking import SearchTracker
 from corvane_cli import listing
 from corvane_local import operator_page
-from corvane_local.app import create_app
-from corvane_local.store import Refused, Store
 from corvane_pages import curve, growth
 from localkit.tests.test_cli import Shell
 
@@ -74,44 +70,34 @@ def cells(page, table):
     return [[html.unescape(re.sub("<.*?>", "", cell)).strip() for cell in row.split("<td>")[1:]] for row in rows]
 
 
-@pytest.fixture(scope="module")
-def browser():
-    playwright_api = pytest.importorskip("playwright.sync_api", reason="playwright is not installed: make test-browser")
+@pytest.fixture
+def page():
+    """A page of a browser, with what it has asked for and complained of."""
+    api = pytest.importorskip("playwright.sync_api", reason="playwright is not installed: make test-browser")
     if (chromium := shutil.which("chromium")) is None:
         pytest.skip("there is no Chromium: apt-get install chromium")
-    with (
-        playwright_api.sync_playwright() as playwright,
-        playwright.chromium.launch(executable_path=chromium) as launched,
-    ):
-        yield launched
-
-
-def look(browser, address):
-    """A page, with what it has asked for and complained of."""
-    page = browser.new_page(ignore_https_errors=True)
-    page.set_default_timeout(60_000)
-    page.asked, page.complaints = [], []
-    page.on("request", lambda request: page.asked.append(request.url))
-    page.on("console", lambda message: page.complaints.append(message.text))
-    page.on("pageerror", lambda error: page.complaints.append(str(error)))
-    page.on("dialog", lambda dialog: page.complaints.append("a dialog"))
-    page.goto(address)
-    return page
+    with api.sync_playwright() as playwright, playwright.chromium.launch(executable_path=chromium) as browser:
+        page = browser.new_page(ignore_https_errors=True)
+        page.set_default_timeout(60_000)
+        page.asked, page.complaints = [], []
+        page.on("request", lambda request: page.asked.append(request.url))
+        page.on("console", lambda message: page.complaints.append(message.text))
+        page.on("pageerror", lambda error: page.complaints.append(str(error)))
+        yield page
 
 
 def check_layout(page):
     """At three widths, in light, in dark and on paper: nothing sticks out, and ink is not like what it is on."""
-    for width in (360, 800, 1280):
+    for width, scheme, media in itertools.product((360, 800, 1280), ("light", "dark"), ("print", "screen")):
         page.set_viewport_size({"width": width, "height": 900})
-        for scheme, media in (("light", "screen"), ("dark", "print"), ("dark", "screen")):
-            page.emulate_media(color_scheme=scheme, media=media)
-            assert page.evaluate("document.documentElement.scrollWidth") == width or media == "print"
-            colors = page.evaluate("(s => [s.color, s.backgroundColor])(getComputedStyle(document.body))")
-            ink, paper = (sum(map(int, re.findall(r"\d+", color))) for color in colors)
-            assert (ink - paper if (scheme, media) == ("dark", "screen") else paper - ink) > 500
+        page.emulate_media(color_scheme=scheme, media=media)
+        assert page.evaluate("document.documentElement.scrollWidth") == width or media == "print"
+        colors = page.evaluate("(s => [s.color, s.backgroundColor])(getComputedStyle(document.body))")
+        ink, paper = (sum(map(int, re.findall(r"\d+", color))) for color in colors)
+        assert (ink - paper if (scheme, media) == ("dark", "screen") else paper - ink) > 500
 
 
-@pytest.mark.parametrize("width", [24, 40, 44, 60, 80, 100, 1000])
+@pytest.mark.parametrize("width", [24, 44, 80, 1000])
 def test_lists_are_aligned_and_fit_the_terminal(width, monkeypatch):
     monkeypatch.setenv("COLUMNS", str(width))
     titles, name = ("#number", "universe", "#Sharpe in", "found", "expression"), "zscore(mean((IBM + AAPL), 10), 60)"
@@ -120,8 +106,7 @@ def test_lists_are_aligned_and_fit_the_terminal(width, monkeypatch):
     shown = "".join(str(cell) for row in (titles, *rows) for cell in row).replace("#", "") + "3a\\x1bbx"
     assert max(map(len, lines)) <= width and "".join("".join(lines).split()) == shown.replace(" ", "")
     if width >= 80:  # numbers end where their titles do
-        assert {line[:6].strip() for line in lines} >= {"number", "1", "22"} and lines[0][6:8] == "  "
-        assert len({line.find("us_large") for line in lines if "us_large" in line}) == 1
+        assert {line[:8] for line in lines} >= {"number  ", "     1  ", "    22  "}
 
 
 def test_signals_searches_and_series_are_the_same_in_every_form(shell):
@@ -155,22 +140,13 @@ def spoil(path, change):
         db.executescript(change)
 
 
-def test_a_page_shows_no_growth_of_what_the_era_does_not_have(shell, fleet, tmp_path):
-    base = fleet(["odd"], 4)
-    for number, change in enumerate(("era_id = 99", "pool = 'x'", "instrument = 'x'"), 1):
-        spoil(base / "odd/search.db", f"UPDATE signals SET {change} WHERE id = {number}")
-    assert shell.json(f"report {base} --out {tmp_path}/r.html")["curves"] == 1
-
-
 SPOILT = [
     lambda path: path.write_bytes(b"no database" * 500),
     lambda path: path.unlink() or path.symlink_to("elsewhere"),
     lambda path: path.unlink() or os.mkfifo(path),
     lambda path: spoil(path, "DROP TABLE runs"),
     lambda path: spoil(path, "UPDATE signals SET found_at = 9e99"),
-    lambda path: spoil(path, "CREATE TABLE x AS SELECT * FROM runs; DROP TABLE runs; CREATE TABLE runs AS SELECT id,"
-                             "template, '<b>' AS seed, started_at, noted_at, evaluations, candidates, outcome FROM x"),
-]  # fmt: skip
+]
 
 
 def test_spoilt_records_are_errors_of_a_list_and_findings_of_a_page(shell, fleet, tmp_path):
@@ -186,11 +162,10 @@ def test_spoilt_records_are_errors_of_a_list_and_findings_of_a_page(shell, fleet
 
 
 REFUSED = [
-    ("signals --data-dir W", 3, "no identity"), ("searches --data-dir W/none", 3, "no identity"),
-    ("report W/none --out W/new.html", 2, "neither"), ("report W W/a --out W/new.html", 2, "neither"),
+    ("signals --data-dir W", 3, "no identity"), ("report W/none --out W/new.html", 2, "neither"),
     ("report --out W/mine.html", 2, "not a Corvane report"), ("report --out W/link.html", 2, "is a link"),
     ("report --out W/new.txt", 2, "NAME.html"), ("report --out H/new.html", 2, "belongs to a wallet"),
-    ("report --out W/none/new.html", 6, "No such file"), ("report", 2, "--out"),
+    ("report --out W/none/new.html", 6, "No such file"),
 ]  # fmt: skip
 
 
@@ -211,6 +186,7 @@ def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path
     session = (odd / "session.json").read_text()
     (odd / "session.json").write_text(session.replace("https://127.0.0.1", secret))
     spoil(odd / "search.db", f"UPDATE signals SET expression = '{FOREIGN}' WHERE id = 1;"
+          "UPDATE signals SET era_id = 99 WHERE id = 2; UPDATE signals SET pool = 'x' WHERE id = 3;"
           f"UPDATE runs SET outcome = 'Error: {FOREIGN} corv-2222-3333-4444 {shell.secrets[-1]}'")  # fmt: skip
     before = {path: path.lstat().st_mtime_ns for path in base.rglob("*")}
     assert "write" in shell.json(f"report {base} --out {out} --dry-run")["would"][-1] and not out.exists()
@@ -218,7 +194,7 @@ def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path
     for _ in "12":  # the second replaces the first
         made = shell.json(f"report {base} --out {out}", env=env)
     assert before == {path: path.lstat().st_mtime_ns for path in base.rglob("*")}
-    assert (made["agents"], made["signals"], made["curves"], out.stat().st_mode & 0o777) == (3, 9, 5, 0o600)
+    assert (made["agents"], made["signals"], made["curves"], out.stat().st_mode & 0o777) == (3, 9, 3, 0o600)
     text, when = out.read_text(), "2027-01-15 08:00"
     assert not [secret for secret in (*shell.secrets, TOKEN, "corv-2222", "11" * 32) if secret in text]
     agents, findings, searches, signals = (cells(text, name) for name in ("agents", "findings", "searches", "signals"))
@@ -230,24 +206,20 @@ def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path
     assert searches == [[name, "1", *ran, outcome] for name, outcome in outcomes.items()]
     assert [row[:2] for row in signals] == [[name, number] for name in ("open", "plain", FOREIGN) for number in "321"]
     assert signals[8][4] == FOREIGN and signals[0][7:] == ["0.100", "0.200", "0.70", "0.80", "2027-01-15 08:05"]
-    assert [bool(row[6]) for row in signals] == [False] * 3 + [True] * 5 + [False] and "4 signals have no cur" in text
+    assert [bool(row[6]) for row in signals] == [False] * 3 + [True] * 3 + [
+        False
+    ] * 3 and "6 signals have no cur" in text
     charts = re.findall(r"<figcaption><span>(.*?)</span><b>(.*?)</b>", text)
     assert charts == [("expressions tried", "2700"), ("signals found", "9")]
-    widths = "minmax(11ch,11fr) minmax(26ch,26fr) minmax(19ch,19fr) minmax(19ch,19fr) minmax(19ch,19fr)"
-    assert f"#findings{{min-width:94ch}}\n#findings tr{{grid-template-columns:{widths}}}\n" in text
     assert text.endswith("</script>\n</html>\n")
     lines = re.findall(r'<path d="M0 \d+l([^"]+)"/><path d="M168 0v60"/>', text)  # 1500 days of 2148 are searched
-    assert [len(re.findall(r"\d+", line)) for line in lines] == [2 * 240] * 5
+    assert [len(re.findall(r"\d+", line)) for line in lines] == [2 * 240] * 3
 
 
 def test_a_drawing_of_a_page_is_to_scale():
-    drawings = [curve([1.0, 3.0, 2.0], 0.25), curve([7.0, 7.0], 0.5)]
-    drawings += [growth([5.0, 7.0, 9.0], [0, 1, 3]), growth([5.0], [0])]
-    assert [re.findall(' d="(.*?)"', drawing) for drawing in drawings] == [
-        ["M0 58l120-56 120 28", "M60 0v60"], ["M0 2l240 0", "M120 0v60"], ["M0 60L120 46L240 2"], ["M0 60"],
-    ]  # fmt: skip
-    with pytest.raises(ValueError):
-        growth([5.0, 7.0], [1])
+    assert 'd="M0 58l120-56 120 28"/><path d="M60 0v60"/>' in curve([1.0, 3.0, 2.0], 0.25)
+    assert 'd="M0 2l240 0"' in curve([7.0, 7.0], 0.5) and 'd="M0 60"' in growth([5.0], [0])
+    assert 'd="M0 60L120 46L240 2"' in growth([5.0, 7.0, 9.0], [0, 1, 3])
 
 
 def test_growth_is_what_simulate_says_and_the_service_is_asked_only_if_told(shell, fleet, tmp_path):
@@ -255,22 +227,22 @@ def test_growth_is_what_simulate_says_and_the_service_is_asked_only_if_told(shel
     grown = f"{1 + shell.json(f'simulate {signal["id"]}')['total_return']:.2f}"
     nobody, distrust = {"CORVANE_SERVER_URL": "https://127.0.0.1:1"}, {"SSL_CERT_FILE": "/nowhere"}
     for line, env, said, problem in (
-        ("report", nobody, [], "without asking"), ("report --online", {}, ["accepted"], "Nothing is wrong."),
-        ("report --online", nobody, ["not asked"], ""), ("report --online", distrust, ["not asked"], "/nowhere"),
-        (f"report {fleet(['unknown'], 1)} --online", {}, ["see Health"], "refuses 0x"),
+        ("", nobody, [], "without asking"), ("--online", {}, ["accepted"], "Nothing is wrong."),
+        ("--online", distrust, ["not asked"], "/nowhere"),
+        (f"{fleet(['unknown'], 1)} --online", {}, ["see Health"], "refuses 0x"),
     ):  # fmt: skip
-        shell(f"{line} --out {tmp_path}/r.html", env=env)
+        shell(f"report --out {tmp_path}/r.html {line}".strip(), env=env)
         text = (tmp_path / "r.html").read_text()
         [agent], [newest, *_] = cells(text, "agents"), cells(text, "signals")
         assert agent[12:] == said and problem in text
         assert agent[0] == "unknown" or (newest[1], newest[6]) == (str(signal["id"]), grown)
 
 
-def test_the_page_asks_nobody_sorts_and_fits(shell, fleet, browser, tmp_path):
+def test_the_page_asks_nobody_sorts_and_fits(shell, fleet, page, tmp_path):
     base, out = fleet([FOREIGN, "open", "plain"], 3), tmp_path / "r.html"
     (base / "open").chmod(0o777)
     shell(f"report {base} --out {out}")
-    page = look(browser, f"file://{out}")
+    page.goto(f"file://{out}")
     assert page.asked == [f"file://{out}"] and page.complaints == [] and page.locator("img").count() == 0
     names = page.locator("#agents tbody td:first-child")
     for order in (1, -1):
@@ -307,15 +279,13 @@ def test_only_the_token_opens_the_operators_page(start):
         assert service.told.endswith(f"; shown only this once: {token}") and path.stat().st_mode & 0o777 == 0o600
         free, wallet = service.invite(), service.sign_up(1)
         address = wallet.get_wallet_address()
-        for header in ({}, {"Cookie": f"{operator_page._COOKIE}={token}"}):
-            page = get("/", headers=header, params={"token": token})
-            assert page.status_code == 200 and 'name="token"' in page.text and address not in page.text
+        page = get("/", headers={"Cookie": f"{operator_page._COOKIE}={token}"}, params={"token": token})
+        assert page.status_code == 200 and 'name="token"' in page.text and address not in page.text
         for header in ({}, {"Authorization": token}, {"Authorization": f"Bearer {wallet.get_token()}"}):
             assert get("/operator.json", headers=header, params={"token": token}).json()["code"] == "bad_token"
         seen, page = service.get("/operator.json", token).json(), service.get("/", token).text
         assert [one["address"] for one in seen["wallets"]] == [address] and seen["invites_free"] == 1
         assert seen["builds"] == [{"version": 1, "backtester": "1"}] and seen["database_bytes"] > 4096
-        assert [(one["code"], one["lately"]) for one in seen["refusals"]] == [("bad_token", 3)]
         assert free not in json.dumps(seen) and f"CORV-****-****-{free[-4:]}" in page
         assert [row[1] for row in cells(page, "wallets")] == [address] and cells(page, "builds") == [["1", "1"]]
         assert [row[:4] for row in cells(page, "refusals")] == [["401", "bad_token", "3", "3"]]
@@ -327,36 +297,21 @@ def test_only_the_token_opens_the_operators_page(start):
         flags = "__Host-", "HttpOnly", "Secure", "SameSite=strict", "Path=/"
         assert answer.status_code == 303 and token not in cookie and all(flag in cookie for flag in flags)
         held = {"Cookie": cookie.partition(";")[0]}
-        assert address in get("/", headers=held).text and get("/operator.json", headers=held).status_code == 200
+        assert address in get("/", headers=held).text
         service.client.cookies.clear()
-        answer = service.client.post("/operator/logout", headers=held)
-        assert all(flag in answer.headers["Set-Cookie"] for flag in flags)
+        service.client.post("/operator/logout", headers=held)
         assert address not in get("/", headers=held).text
     with start() as service:
         assert token not in service.told and service.get("/operator.json", token).json()["refusals"] == []
     serve = [sys.executable, "-P", "-m", "corvane_local", "serve", "--port", "0", "--state", service.state]
-    changes = {
-        "private": lambda: path.chmod(0o640),
-        "holds no": lambda: path.chmod(0o600) or path.write_text("x"),
-        "is a link": lambda: path.unlink() or path.symlink_to("ca.key"),
-    }
-    for text, change in changes.items():
+    for text, change in (
+        ("private", lambda: path.chmod(0o640)),
+        ("holds no", lambda: path.chmod(0o600) or path.write_text("x")),
+        ("is a link", lambda: path.unlink() or path.symlink_to("ca.key")),
+    ):
         change()
         refused = subprocess.run(serve, capture_output=True, text=True, timeout=30)
         assert (refused.returncode, refused.stderr.count("\n")) == (1, 1) and text in refused.stderr
-
-
-def test_nobody_from_elsewhere_finds_the_operators_page(tmp_path):
-    app = create_app(Store(tmp_path / "service.db"), tmp_path, 60.0, token := "t" * 43)
-
-    async def statuses(host):
-        options = {"base_url": "https://h", "headers": {"Authorization": f"Bearer {token}"}}
-        async with httpx.AsyncClient(transport=httpx.ASGITransport(app, client=(host, 1)), **options) as client:
-            return [(await client.get(path)).status_code for path in ("/", "/operator.json", "/health")]
-
-    expected = {"127.0.0.1": [200] * 3, "::1": [200] * 3, "10.0.0.7": [404, 404, 200], "a.b": [404, 404, 200]}
-    with ThreadPoolExecutor(1) as pool:  # the browser's loop runs on this thread
-        assert {host: pool.submit(asyncio.run, statuses(host)).result() for host in expected} == expected
 
 
 def test_sessions_end_and_are_few(monkeypatch):
@@ -367,13 +322,11 @@ def test_sessions_end_and_are_few(monkeypatch):
     assert [operator.has_session(one) for one in (sessions[0], sessions[1], "")] == [False, True, False]
     now += 8 * 3600 + 1
     assert not any(map(operator.has_session, sessions))
-    with pytest.raises(Refused):
-        operator.check("c", "\udcff")
 
 
-def test_the_operators_page_in_a_browser(service, browser):
+def test_the_operators_page_in_a_browser(service, page):
     token, address = (service.state / "operator.token").read_text().strip(), service.sign_up(7).get_wallet_address()
-    page = look(browser, service.url + "/")
+    page.goto(service.url)
     page.fill("[name=token]", token)
     page.click("text=Sign in")
     page.wait_for_selector("#wallets")
