@@ -2,7 +2,6 @@
 
 import dataclasses
 import math
-import re
 import shutil
 import sqlite3
 import subprocess
@@ -27,7 +26,6 @@ import corvane
 from corvane import _runtime, agent_onboarding, errors, search_templates, skills
 from corvane._batch import Expression, FunctionRegistry, compute_search_plan
 from corvane._evaluation import Vault
-from corvane.runtime_module_freshness import is_runtime_module_kind, runtime_module_name_from_kind
 from corvane.search_tracking import Record, Run, SearchTracker, read_record
 from corvane_cli.capital import load_native
 from localkit.tests.conftest import wait_until
@@ -35,20 +33,8 @@ from localkit.tests.conftest import wait_until
 DAYS, RANDOM = 80, np.random.default_rng(7)
 X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
 Y[:3] = math.nan
-
-
 NATIVE = resources.files("corvane_local") / "native_modules"
 ERA, B = load_native("era_data", NATIVE / "era_data.so"), load_native("backtester", NATIVE / "backtester-1.so")
-
-
-def test_the_era_is_what_it_says():
-    prices, dates = list(ERA.SERIES.values()), list(ERA.DATES)
-    assert list(ERA.SERIES) == ["AAPL", "GOOG", "IBM", "MSFT"] and (dates[0], dates[-1]) == (20040819, 20130301)
-    assert dates == sorted(set(dates)) and {len(p) for p in prices} == {len(dates)}
-    assert all(p.readonly and p.format == "d" and min(p) > 1 for p in prices)
-    B.init_reconstruction(ERA.SEAL, prices)
-    with pytest.raises(ValueError, match="the seal does not fit"):
-        B.init_reconstruction(ERA.SEAL, prices[::-1])
 
 
 def rolling(function, more=0):
@@ -93,8 +79,6 @@ def test_what_is_refused():
     for text, column in columns.items():
         with pytest.raises(ValueError, match=f"^column {column}: "):
             B.evaluate(text, {"x": X, "y": Y})
-    with pytest.raises(ValueError, match=r"^column 4: "):
-        B.screen(("x", "x +"), {"x": X}, (Y,), 0.1, 0.1)
     for none in (X[1:], memoryview(bytearray(81))[1:].cast("d"), memoryview(X)[::2], array("f", [1]), [1.0]):
         for function, arguments in (
             (B.evaluate, ("x", {"x": none, "y": Y})), (B.correlation, (X, none)), (B.profit, (X, none, 1, 0)),
@@ -113,14 +97,14 @@ def mutual_information(a, b, bins):
 def test_measures():
     x, y = X[3:], Y[3:]
     assert B.correlation(X, Y) == pytest.approx(np.corrcoef(x, y)[0, 1])
-    assert B.correlation(Y * 1e-90, Y * 1e-90) == pytest.approx(1) and B.mutual_information(SAME, SAME) == 0
     assert B.sharpe(Y) == pytest.approx(y.mean() / y.std() * math.sqrt(252))
     for bins in (1, 4, 16):
         assert B.mutual_information(X, Y, bins) == pytest.approx(mutual_information(x, y, bins))
+    assert B.mutual_information(SAME, SAME) == 0
     assert all(map(math.isnan, (B.sharpe(SAME), B.correlation(X, SAME), B.sharpe(array("d")))))
 
 
-@pytest.mark.parametrize(("least", "side"), [(0.0, 0.0), (0.2, 0.1), (0.05, 0.5)])
+@pytest.mark.parametrize(("least", "side"), [(0.0, 0.0), (0.2, 0.1)])
 def test_a_first_look_is_what_the_plain_measures_give(least, side):
     targets = (X, -Y, Y, SAME, RANDOM.normal(size=DAYS), X * Y)  # more than are taken at once
     texts = tuple(text for text in TEXTS if "90" not in text)
@@ -177,7 +161,7 @@ def test_a_seed_decides_what_is_found(start, bootstrap, monkeypatch, tmp_path):
         assert all(s.mutual_information >= limits.mutual_information for s in first.signals)
         told = {name for name, text in agent_onboarding._NUDGE_TEXTS.items() if text in heartbeat.read_text()}
         assert told == {"first_signal", "10_signals", "discovery_rate_declining"}
-        assert "## [Corvane]" in heartbeat.read_text() and search().signals == ()  # all known by now
+        assert search().signals == ()  # all known by now
         bootstrap(service, "other")
     _runtime.close_runtime()
     with monkeypatch.context() as patch:  # without the service, and without what makes up expressions
@@ -187,13 +171,12 @@ def test_a_seed_decides_what_is_found(start, bootstrap, monkeypatch, tmp_path):
         with pytest.raises(RuntimeError, match="without batch evaluation"):
             search()
     _runtime.close_runtime()
-    assert agent_onboarding.ensure_runtime_bootstrapped(strict=False) is _runtime.get_runtime()
+    agent_onboarding.ensure_runtime_bootstrapped(strict=False)
     assert facts(search(n_jobs=2).signals) == facts(first.signals)
 
 
 def test_the_status_is_true(service, bootstrap):
     tracker = bootstrap(service).search_tracker
-    assert corvane.search_status() == search_templates.SearchStatus(False, None, 0)
     with subprocess.Popen([sys.executable, "-Pc", SEARCHER, service.url]) as searcher:
         try:
             wait_until(lambda: searcher.poll() or (tracker.signals() and tracker.runs()[0].evaluations))
@@ -210,13 +193,13 @@ def test_the_status_is_true(service, bootstrap):
     assert search_templates.start_search(max_evaluations=1).evaluations == 1
 
 
-@pytest.mark.parametrize("pool", [None, "momentum", "reversal"])
+@pytest.mark.parametrize("pool", [None, "reversal"])
 def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_path):
     runtime = bootstrap(service)
     prices, cost, train = list(runtime.vault["IBM"]), runtime.era_config["cost"], runtime.era_config["train_days"]
-    subject, side = "delta(IBM, 5)", -1 if pool == "reversal" else 1
+    subject, side = "delta(IBM, 5)", -1 if pool else 1
     if pool:
-        found = search_templates.FoundSignal(3, f"local-3-{pool}", "IBM", subject, 0.1, 0.2, 0.7, 0.1, 0.7, 1, 0.0)
+        found = dataclasses.replace(SIGNAL, pool=f"local-3-{pool}", expression=subject)
         subject = runtime.search_tracker.add_signal(found, [])[0].id
     result = corvane.simulate_signal(subject, picture=tmp_path / "p.svg")
     held = np.array([0.0] * 5 + [side * np.sign(b - a) for a, b in zip(prices, prices[5:-1], strict=False)])
@@ -228,20 +211,15 @@ def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_
     ratios = [p.mean() / p.std() * 252**0.5 for p in (profit, profit[:train], profit[train:])]
     assert [result.sharpe, result.train_sharpe, result.rest_sharpe] == pytest.approx(ratios)
     assert f"Sharpe ratio {ratios[1]:.2f} on the days" in (tmp_path / "p.svg").read_text()
-    assert re.fullmatch(r"Simulation\(expression='delta\(IBM, 5\)'(, \w+=['\w.-]+){6}\)", repr(result))
 
 
 ERA_3 = {"era_id": 3, "named_universe": "us", "signal_pools": [{"id": "p", "name": "P", "allowed_named_universes": []}]}
-FULL = {"inputs": ["AAPL"], "functions": ["abs"], "windows": [5]}
 UNFIT = [
     (lambda: FunctionRegistry(("what",), ("AAPL",), (5,), {"abs": (1, 0)}), "has no function what"),
     (lambda: _runtime._normalize_era_config(ERA_3, {"era_id": 2}), "are of different eras"),
     (lambda: _runtime._normalize_era_config(ERA_3 | {"cost": math.nan}, {}), "finite number"),
-    (lambda: _runtime._normalize_era_config(ERA_3 | {"horizon_days": "5"}, {}), "valid integer"),
-    (lambda: _runtime._build_function_registry(FULL | {"inputs": []}, ERA_3), "era 3 lacks inputs or windows"),
-    (lambda: _runtime._build_function_registry(FULL | {"windows": []}, ERA_3), "era 3 lacks inputs or windows"),
+    (lambda: _runtime._build_function_registry({"inputs": [], "functions": [], "windows": []}, ERA_3), "lacks inputs"),
     (lambda: search_templates.start_search(max_evaluations=0), "must be at least 1"),
-    (lambda: search_templates.start_search(n_jobs=0), "must be at least 1"),
     (lambda: search_templates.start_search(seconds=0), "seconds more than 0"),
     (lambda: search_templates.start_search(seed=2**63), "seed must be from 0"),
     (lambda: search_templates.start_search("what"), "Unknown template 'what'"),
@@ -254,37 +232,32 @@ def test_what_does_not_fit_is_refused(act, reason):
         act()
 
 
-def test_a_plan_is_the_same_for_the_same_seed_and_gaps_are_filled():
-    arities = {"mean": (1, 1), "abs": (1, 0)}
-    plan = compute_search_plan(FunctionRegistry(("mean", "abs"), ("AAPL", "IBM"), (5, 10), arities), 7)
+def test_a_plan_is_the_same_for_the_same_seed():
+    registry = FunctionRegistry(("mean", "abs"), ("AAPL", "IBM"), (5, 10), {"mean": (1, 1), "abs": (1, 0)})
     texts = ["mean(mean(AAPL, 10), 5)", "mean(IBM, 10)", "AAPL", "mean(mean(mean(IBM, 5), 5), 5)"]
-    assert [expression.text for expression in islice(plan, 6)] == [
-        *texts, "mean(((IBM - AAPL) * AAPL), 5)", "abs(abs(abs(IBM)))",
-    ]  # fmt: skip
+    assert [expression.text for expression in islice(compute_search_plan(registry, 7), 4)] == texts
     assert Expression(texts[0]).windows == {5, 10} and Expression(texts[0]).functions == {"mean"}
-    assert _runtime._build_function_registry(FULL | {"functions": [], "windows": []}, ERA_3).functions == ()
+
+
+def test_gaps_of_an_era_are_filled():
     filled = _runtime._normalize_era_config(ERA_3, {"era_id": 3})
     assert filled["thresholds"] == {"correlation": 0.1, "mutual_information": 0.2, "sharpe": 0.5}
     assert (filled["horizon_days"], filled["train_days"], filled["cost"]) == (5, 1500, 0.0005)
 
 
-def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap, tmp_path):
+def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap):
     evaluator, simulate = bootstrap(service).evaluator, corvane.simulate_signal
     assert simulate("AAPL - IBM", instrument="MSFT").instrument == "MSFT"
     evaluator.vault = Vault(SimpleNamespace(SERIES=dict(ERA.SERIES), DATES=ERA.DATES, SEAL=b"another"))
-    manifest = tmp_path / "agent/manifest.json"
     for act, reason in (
         (lambda: simulate("delta(IBM, 5)", instrument="MSF"), "There is no instrument 'MSF'; there are AAPL, GOOG"),
-        (lambda: simulate("AAPL - IBM"), "ValueError: The expression does not use just one instrument"),
-        (lambda: simulate("delta(IBM, 7)"), "ValueError: Era 3 does not allow the windows 7; it allows 5, 10"),
-        (lambda: simulate(7), "LookupError: Era 3 has no found signal with the number 7"),
-        (lambda: setattr(evaluator, "raw_backtester", B), "ReloadFailed: The backtester refuses the data: "),
-        (lambda: manifest.write_text("[]") and simulate("IBM"), "manifest.json does not contain a JSON object"),
-        (lambda: _runtime._verified_json("", {"files": {}}, "a"), "Incomplete: The manifest does not name a"),
+        (lambda: simulate("AAPL - IBM"), "The expression does not use just one instrument"),
+        (lambda: simulate("delta(IBM, 7)"), "Era 3 does not allow the windows 7; it allows 5, 10"),
+        (lambda: simulate(7), "Era 3 has no found signal with the number 7"),
+        (lambda: setattr(evaluator, "raw_backtester", B), "The backtester refuses the data: "),
     ):  # fmt: skip
-        with pytest.raises((ValueError, LookupError, errors.RuntimeModuleError)) as info:
+        with pytest.raises((ValueError, LookupError, errors.RuntimeModuleError), match=reason):
             act()
-        assert reason in info.exconly()
 
 
 def test_a_running_runtime_follows_builds_and_eras(start, bootstrap, tmp_path):
@@ -293,10 +266,8 @@ def test_a_running_runtime_follows_builds_and_eras(start, bootstrap, tmp_path):
         runtime, manifest = bootstrap(service), tmp_path / "agent/manifest.json"
         syncs, evaluator, told = runtime.sync_manager, runtime.evaluator, []
         assert runtime.load_vocabulary() == runtime.load_vocabulary("us_large")
-        assert evaluator.raw_backtester.VERSION == "1"
         service.command("publish", "--backtester", "2")
         assert len(syncs.request_for_sync()) == 1
-        runtime.runtime_freshness_guard.refresh()
         assert {runtime.raw_backtester.VERSION, evaluator.raw_backtester.VERSION} == {"2"}
         for close in (lambda: None, _runtime.close_runtime):
             close()
@@ -306,16 +277,10 @@ def test_a_running_runtime_follows_builds_and_eras(start, bootstrap, tmp_path):
         assert told[0] == told[1] and "New era" in told[0]
 
 
-def test_a_native_module_has_a_name_that_can_be_imported():
-    kinds = {"runtime_module:a": "a", "runtime_module:": None, "runtime_module:a b": None, "vocabulary": None}
-    assert {kind: runtime_module_name_from_kind(kind) for kind in kinds} == kinds
-    assert [kind for kind in kinds if is_runtime_module_kind(kind)] == ["runtime_module:a"]
-
-
 SIGNAL = search_templates.FoundSignal(3, "p", "IBM", "log(IBM)", 0.1, 0.2, 0.7, 0.1, 0.7, 90, 0.0)
 
 
-@pytest.mark.parametrize(("late", "trend"), [(0, "down"), (1, "stable"), (3, "stable"), (4, "up"), (8, "up")])
+@pytest.mark.parametrize(("late", "trend"), [(0, "down"), (1, "stable"), (3, "stable"), (4, "up")])
 def test_a_trend_is_that_of_the_newest_quarter(late, trend):
     runs = [Run(number, "random_expressions", 1, 0.0, 900.0, 200, 9, "finished") for number in (1, 2)]
     signals = [dataclasses.replace(SIGNAL, evaluation=301 if n < late else 200) for n in range(8)]
@@ -330,14 +295,14 @@ def test_outcomes_and_suggestions_are_those_of_the_record(tmp_path, monkeypatch)
     first, *_ = (tracker.begin_run("random_expressions", 1, names) for _ in range(3))
     tried = {("function", name): count for name, count in {"abs": 50, "log": 45, "rank": 5}.items()}
     tracker.note(first, 100, 9, tried, "finished")
-    assert [tracker.add_signal(SIGNAL, [("function", "log")])[1] for _ in range(3)] == [1, 2, 3]
+    for _ in range(3):
+        tracker.add_signal(SIGNAL, [("function", "log")])
     found = [(one.reason, one.use.name, one.use.tried, one.use.found) for one in corvane.get_suggestions()]
     assert found == [("promising", "log", 45, 3), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
     with tracker.searching():
         record = tracker.record()
         assert [record.outcome(run) for run in record.runs] == ["finished", "killed", "running"]
     assert tracker.record().outcome(record.runs[2]) == "killed"
-    assert corvane.get_search_velocity().trend == "unknown"
 
 
 def test_the_skills_are_there():
@@ -348,13 +313,12 @@ def test_the_skills_are_there():
 
 
 def test_a_copy_of_what_a_killed_search_has_left_is_read_whole(tmp_path):
-    (tmp_path / "copy").mkdir()
-    tracker, left = SearchTracker(tmp_path), [f"search.db{end}" for end in ("", "-wal")]
-    with closing(sqlite3.connect(tmp_path / left[0])) as reader:  # while somebody reads, the log stays
+    (copy := tmp_path / "copy").mkdir()
+    tracker = SearchTracker(tmp_path)
+    with closing(sqlite3.connect(tmp_path / "search.db")) as reader:  # while somebody reads, the log stays
         reader.execute("BEGIN")
         assert reader.execute("SELECT * FROM runs").fetchall() == []
         tracker.begin_run("random_expressions", 7, {})
-        for name in left:
-            shutil.copy(tmp_path / name, tmp_path / "copy")
-    assert [run.seed for run in read_record(tmp_path / "copy").runs] == [7]
-    assert sorted(path.name for path in (tmp_path / "copy").iterdir()) == left
+        for name in ("search.db", "search.db-wal"):
+            shutil.copy(tmp_path / name, copy)
+    assert [run.seed for run in read_record(copy).runs] == [7] and not (copy / "search.db-shm").exists()
