@@ -13,7 +13,6 @@ from collections import Counter
 from contextlib import closing
 from functools import partial
 from importlib import resources
-from itertools import islice
 from pathlib import Path
 from types import SimpleNamespace
 
@@ -24,9 +23,8 @@ from hypothesis import strategies as st
 
 import corvane
 from corvane import _runtime, agent_onboarding, errors, search_templates, skills
-from corvane._batch import Expression, FunctionRegistry, compute_search_plan
 from corvane._evaluation import Vault
-from corvane.search_tracking import Record, Run, SearchTracker, read_record
+from corvane.search_tracking import SearchTracker, read_record
 from corvane_cli.capital import load_native
 from localkit.tests.conftest import wait_until
 
@@ -149,7 +147,7 @@ def facts(signals):
     return [dataclasses.astuple(dataclasses.replace(signal, found_at=0)) for signal in signals]
 
 
-def test_a_seed_decides_what_is_found(start, bootstrap, monkeypatch, tmp_path):
+def test_a_seed_decides_what_is_found(start, bootstrap, tmp_path):
     search = partial(search_templates.start_search, seed=5, max_evaluations=3000)
     with start() as service:
         limits = bootstrap(service).search_era_config
@@ -164,14 +162,7 @@ def test_a_seed_decides_what_is_found(start, bootstrap, monkeypatch, tmp_path):
         assert search().signals == ()  # all known by now
         bootstrap(service, "other")
     _runtime.close_runtime()
-    with monkeypatch.context() as patch:  # without the service, and without what makes up expressions
-        patch.delattr(_runtime, "_import_batch_runtime")
-        evaluator = agent_onboarding.ensure_runtime_bootstrapped(strict=False).evaluator
-        assert list(evaluator.evaluate("IBM")) == list(ERA.SERIES["IBM"])
-        with pytest.raises(RuntimeError, match="without batch evaluation"):
-            search()
-    _runtime.close_runtime()
-    agent_onboarding.ensure_runtime_bootstrapped(strict=False)
+    agent_onboarding.ensure_runtime_bootstrapped(strict=False)  # the service is away
     assert facts(search(n_jobs=2).signals) == facts(first.signals)
 
 
@@ -193,16 +184,13 @@ def test_the_status_is_true(service, bootstrap):
     assert search_templates.start_search(max_evaluations=1).evaluations == 1
 
 
-@pytest.mark.parametrize("pool", [None, "reversal"])
-def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_path):
+def test_profit_is_what_a_plain_computation_gives(service, bootstrap, tmp_path):
     runtime = bootstrap(service)
     prices, cost, train = list(runtime.vault["IBM"]), runtime.era_config["cost"], runtime.era_config["train_days"]
-    subject, side = "delta(IBM, 5)", -1 if pool else 1
-    if pool:
-        found = dataclasses.replace(SIGNAL, pool=f"local-3-{pool}", expression=subject)
-        subject = runtime.search_tracker.add_signal(found, [])[0].id
-    result = corvane.simulate_signal(subject, picture=tmp_path / "p.svg")
-    held = np.array([0.0] * 5 + [side * np.sign(b - a) for a, b in zip(prices, prices[5:-1], strict=False)])
+    found = search_templates.FoundSignal(3, "local-3-reversal", "IBM", "delta(IBM, 5)", 0.1, 0.2, 0.7, 0.1, 0.7, 9, 0.0)
+    signal, _ = runtime.search_tracker.add_signal(found, [])
+    result = corvane.simulate_signal(signal.id, picture=tmp_path / "p.svg")
+    held = np.array([0.0] * 5 + [-np.sign(b - a) for a, b in zip(prices, prices[5:-1], strict=False)])
     profit = np.append(0.0, held * (np.diff(prices) / prices[:-1]) - cost * np.abs(np.diff(held, prepend=0.0)))
     assert list(result.profit) == pytest.approx(list(profit), abs=1e-15)
     capital = np.cumprod(1 + profit)
@@ -214,42 +202,17 @@ def test_profit_is_what_a_plain_computation_gives(pool, service, bootstrap, tmp_
 
 
 ERA_3 = {"era_id": 3, "named_universe": "us", "signal_pools": [{"id": "p", "name": "P", "allowed_named_universes": []}]}
-UNFIT = [
-    (lambda: FunctionRegistry(("what",), ("AAPL",), (5,), {"abs": (1, 0)}), "has no function what"),
-    (lambda: _runtime._normalize_era_config(ERA_3, {"era_id": 2}), "are of different eras"),
-    (lambda: _runtime._normalize_era_config(ERA_3 | {"cost": math.nan}, {}), "finite number"),
-    (lambda: _runtime._build_function_registry({"inputs": [], "functions": [], "windows": []}, ERA_3), "lacks inputs"),
-    (lambda: search_templates.start_search(max_evaluations=0), "must be at least 1"),
-    (lambda: search_templates.start_search(seconds=0), "seconds more than 0"),
-    (lambda: search_templates.start_search(seed=2**63), "seed must be from 0"),
-    (lambda: search_templates.start_search("what"), "Unknown template 'what'"),
-]
-
-
-@pytest.mark.parametrize(("act", "reason"), UNFIT)
-def test_what_does_not_fit_is_refused(act, reason):
-    with pytest.raises(ValueError, match=reason):
-        act()
-
-
-def test_a_plan_is_the_same_for_the_same_seed():
-    registry = FunctionRegistry(("mean", "abs"), ("AAPL", "IBM"), (5, 10), {"mean": (1, 1), "abs": (1, 0)})
-    texts = ["mean(mean(AAPL, 10), 5)", "mean(IBM, 10)", "AAPL", "mean(mean(mean(IBM, 5), 5), 5)"]
-    assert [expression.text for expression in islice(compute_search_plan(registry, 7), 4)] == texts
-    assert Expression(texts[0]).windows == {5, 10} and Expression(texts[0]).functions == {"mean"}
-
-
-def test_gaps_of_an_era_are_filled():
-    filled = _runtime._normalize_era_config(ERA_3, {"era_id": 3})
-    assert filled["thresholds"] == {"correlation": 0.1, "mutual_information": 0.2, "sharpe": 0.5}
-    assert (filled["horizon_days"], filled["train_days"], filled["cost"]) == (5, 1500, 0.0005)
 
 
 def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap):
-    evaluator, simulate = bootstrap(service).evaluator, corvane.simulate_signal
+    evaluator, simulate, search = bootstrap(service).evaluator, corvane.simulate_signal, search_templates.start_search
     assert simulate("AAPL - IBM", instrument="MSFT").instrument == "MSFT"
     evaluator.vault = Vault(SimpleNamespace(SERIES=dict(ERA.SERIES), DATES=ERA.DATES, SEAL=b"another"))
     for act, reason in (
+        (lambda: _runtime._normalize_era_config(ERA_3, {"era_id": 2}), "are of different eras"),
+        (lambda: _runtime._normalize_era_config(ERA_3 | {"cost": math.nan}, {}), "finite number"),
+        (lambda: search(max_evaluations=0), "must be at least 1"), (lambda: search(seconds=0), "seconds more than 0"),
+        (lambda: search(seed=2**63), "seed must be from 0"), (lambda: search("what"), "Unknown template 'what'"),
         (lambda: simulate("delta(IBM, 5)", instrument="MSF"), "There is no instrument 'MSF'; there are AAPL, GOOG"),
         (lambda: simulate("AAPL - IBM"), "The expression does not use just one instrument"),
         (lambda: simulate("delta(IBM, 7)"), "Era 3 does not allow the windows 7; it allows 5, 10"),
@@ -260,49 +223,13 @@ def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap):
             act()
 
 
-def test_a_running_runtime_follows_builds_and_eras(start, bootstrap, tmp_path):
-    (tmp_path / "HEARTBEAT.md").write_text("# Mine")
-    with start() as service:
-        runtime, manifest = bootstrap(service), tmp_path / "agent/manifest.json"
-        syncs, evaluator, told = runtime.sync_manager, runtime.evaluator, []
-        assert runtime.load_vocabulary() == runtime.load_vocabulary("us_large")
-        service.command("publish", "--backtester", "2")
-        assert len(syncs.request_for_sync()) == 1
-        assert {runtime.raw_backtester.VERSION, evaluator.raw_backtester.VERSION} == {"2"}
-        for close in (lambda: None, _runtime.close_runtime):
-            close()
-            manifest.write_text(manifest.read_text().replace('"era_id": 3', '"era_id": 2'))
-            assert syncs.sync()["era_id"] == 3
-            told.append((tmp_path / "HEARTBEAT.md").read_text())
-        assert told[0] == told[1] and "New era" in told[0]
-
-
-SIGNAL = search_templates.FoundSignal(3, "p", "IBM", "log(IBM)", 0.1, 0.2, 0.7, 0.1, 0.7, 90, 0.0)
-
-
-@pytest.mark.parametrize(("late", "trend"), [(0, "down"), (1, "stable"), (3, "stable"), (4, "up")])
-def test_a_trend_is_that_of_the_newest_quarter(late, trend):
-    runs = [Run(number, "random_expressions", 1, 0.0, 900.0, 200, 9, "finished") for number in (1, 2)]
-    signals = [dataclasses.replace(SIGNAL, evaluation=301 if n < late else 200) for n in range(8)]
-    record = Record(runs, signals)
-    assert (record.trend(), record.per_hour(), record.found_by()) == (trend, 16.0, {1: 8 - late, 2: late})
-    assert Record(runs, signals[1:]).trend() == "unknown"
-
-
-def test_outcomes_and_suggestions_are_those_of_the_record(tmp_path, monkeypatch):
-    monkeypatch.setattr(agent_onboarding, "_config", agent_onboarding._config | {"data_dir": str(tmp_path)})
-    tracker, names = SearchTracker(tmp_path), {"function": ["abs", "log", "rank", "sign"], "input": ["IBM"]}
-    first, *_ = (tracker.begin_run("random_expressions", 1, names) for _ in range(3))
-    tried = {("function", name): count for name, count in {"abs": 50, "log": 45, "rank": 5}.items()}
-    tracker.note(first, 100, 9, tried, "finished")
-    for _ in range(3):
-        tracker.add_signal(SIGNAL, [("function", "log")])
-    found = [(one.reason, one.use.name, one.use.tried, one.use.found) for one in corvane.get_suggestions()]
-    assert found == [("promising", "log", 45, 3), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
-    with tracker.searching():
-        record = tracker.record()
-        assert [record.outcome(run) for run in record.runs] == ["finished", "killed", "running"]
-    assert tracker.record().outcome(record.runs[2]) == "killed"
+def test_a_new_era_is_noted_once(service, bootstrap, tmp_path):
+    (heartbeat := tmp_path / "HEARTBEAT.md").write_text("# Mine")
+    syncs, manifest = bootstrap(service).sync_manager, tmp_path / "agent/manifest.json"
+    for close in (lambda: None, _runtime.close_runtime):
+        close()
+        manifest.write_text(manifest.read_text().replace('"era_id": 3', '"era_id": 2'))
+        assert syncs.sync()["era_id"] == 3 and heartbeat.read_text().count("New era") == 1
 
 
 def test_the_skills_are_there():
