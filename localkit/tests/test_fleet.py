@@ -1,10 +1,7 @@
 """examples/fleet.py: services that go away, processes that are killed, bad invites, Ctrl-C, and the run after that."""
 
 import contextlib
-import csv
 import fcntl
-import hashlib
-import io
 import json
 import os
 import runpy
@@ -13,7 +10,6 @@ import subprocess
 import sys
 from pathlib import Path
 
-import click
 import pytest
 
 from corvane import auth
@@ -113,16 +109,8 @@ def test_an_interruption_ends_all_processes_and_says_what_is_done(send, number, 
     done = {lock.name: lock.read_text().split()[1] for lock in base.glob(".locks/*") if lock.stat().st_size}
     table = {row["name"]: row["address"] for row in json.loads(out)}
     assert table == dict.fromkeys(agents) | done and 0 < len(done) < len(agents)
-    out, err = fleet(agents, base, service.url, "--csv").communicate()
-    table = {row["name"]: row["address"] for row in csv.DictReader(out.splitlines())}
-    assert table.keys() == agents.keys() and all(table.values()) and table | done == table
-
-
-def onboarding(process, agents, **options):
-    """What a process that forks a child for each agent is told, with the defaults of this test."""
-    job = {"agents": agents, "server_url": URL, "at_once": 5, "time_limit": 60, "attempts": 1, "certificates": None}
-    json.dump(job | options, process.stdin)
-    process.stdin.close()
+    again = outcomes(fleet(agents, base, service.url), 0)
+    assert again.keys() == agents.keys() and again | done == again
 
 
 def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
@@ -134,10 +122,13 @@ def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
             if name in ("held", "killed"):
                 fcntl.lockf(lock, fcntl.LOCK_EX)
         with subprocess.Popen(NURSERY, stdin=-1, stdout=-1, text=True) as nursery:
-            told = {"base": str(base), "locks": "..", "server_url": service.url, "time_limit": 3, "parent": os.getpid()}
-            onboarding(nursery, list(agents.items()), certificates=os.environ["SSL_CERT_FILE"], **told)
+            job = {"agents": list(agents.items()), "base": str(base), "locks": "..", "server_url": service.url}
+            job |= {"parent": os.getpid(), "certificates": os.environ["SSL_CERT_FILE"]}
+            json.dump(job | {"at_once": 5, "time_limit": 3, "attempts": 1}, nursery.stdin)
+            nursery.stdin.close()
             killed = set()
             while len(killed) < 4:
+                assert nursery.poll() is None
                 for process in holders(tmp_path / "killed") - killed:
                     os.kill(process, signal.SIGKILL)
                     killed.add(process)
@@ -148,17 +139,6 @@ def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
         "held": "TimeoutError", "killed": "ChildProcessError", "bad": "ValueError",
     }  # fmt: skip
     assert nursery.returncode == 0 and [*base.glob("*/wallet.key")] == [base / "good/wallet.key"]
-
-
-def test_no_process_outlives_the_one_that_started_it(tmp_path):
-    (tmp_path / ".locks").mkdir()
-    with open(tmp_path / ".locks/a", "w") as lock:
-        fcntl.lockf(lock, fcntl.LOCK_EX)  # so that the agent's process waits
-        with subprocess.Popen(["sh", "-c", '"$@"; :', "sh", *NURSERY], stdin=-1, text=True) as parent:
-            onboarding(parent, [("a", "CODE")], base=str(tmp_path), locks=".locks", parent=parent.pid)
-            wait_until(lambda: parent.poll() or holders(tmp_path / ".locks/"))
-            parent.kill()
-        wait_until(lambda: not holders(tmp_path / ".locks/"))
 
 
 URL = "https://127.0.0.1:1"
@@ -192,12 +172,3 @@ def test_only_a_note_of_this_service_and_this_key_is_believed(key_text, url, lat
         file.write_text(text)
     os.utime(lock, (0, key.stat().st_ctime + later))
     assert list(FLEET["noted"]([FLEET["Agent"]("a", "CORV-1")], tmp_path, URL)) == ["a"] * believed
-
-
-def test_agents_are_named_after_their_codes_in_directories_of_their_own(tmp_path):
-    agents = FLEET["read_agents"](io.StringIO("corv-1  # the first\n"))
-    assert agents == [(f"agent-{hashlib.sha256(b'CORV-1').hexdigest()[:12]}", "CORV-1")]
-    tmp_path.chmod(0o755)
-    with contextlib.ExitStack() as after, pytest.raises(click.ClickException, match="is open to other users"):
-        after.callback(os.umask, os.umask(0o077))
-        FLEET["make_locks"](agents, tmp_path)

@@ -66,7 +66,6 @@ SLOW = {
     "answer": (sign_in, CHALLENGE, slowly(INTERIM + http(GOOD))),
     "manifest": (sync, slowly(INTERIM + release(b"", "0" * 64))),
     "file": (sync, release(bytes(600), "0" * 64), slowly(http(bytes(600)))),
-    "silence": (sign_in, (time.sleep(20) for _ in "1")),
 }
 
 

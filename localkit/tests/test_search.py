@@ -1,6 +1,5 @@
 """The native modules beside numpy and plain Python; searching and simulating with them, in a real runtime."""
 
-import dataclasses
 import math
 import shutil
 import sqlite3
@@ -10,6 +9,7 @@ from array import array
 from bisect import bisect_left
 from collections import Counter
 from contextlib import closing
+from dataclasses import replace
 from functools import partial
 from importlib import resources
 from pathlib import Path
@@ -119,10 +119,6 @@ def bootstrap(tmp_path, monkeypatch):
     search_templates._library_runtime = None
 
 
-def facts(signals):
-    return [dataclasses.astuple(dataclasses.replace(signal, found_at=0)) for signal in signals]
-
-
 def test_a_seed_decides_what_is_found(start, bootstrap, tmp_path):
     search = partial(search_templates.start_search, seed=5, max_evaluations=3000)
     with start() as service:
@@ -147,7 +143,8 @@ def test_a_seed_decides_what_is_found(start, bootstrap, tmp_path):
         bootstrap(service, "other")
     _runtime.close_runtime()
     agent_onboarding.ensure_runtime_bootstrapped(strict=False)  # the service is away
-    assert facts(search(n_jobs=2).signals) == facts(first.signals)
+    again = search(n_jobs=2).signals
+    assert [replace(one, found_at=0) for one in again] == [replace(one, found_at=0) for one in first.signals]
 
 
 def test_the_status_is_true(service, bootstrap):
@@ -191,8 +188,7 @@ def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap):
     for act, reason in (
         (lambda: _runtime._normalize_era_config(ERA_3, {"era_id": 2}), "are of different eras"),
         (lambda: _runtime._normalize_era_config(ERA_3 | {"cost": math.nan}, {}), "finite number"),
-        (lambda: search(max_evaluations=0), "must be at least 1"), (lambda: search(seconds=0), "seconds more than 0"),
-        (lambda: search(seed=2**63), "seed must be from 0"), (lambda: search("what"), "Unknown template 'what'"),
+        (lambda: search(max_evaluations=0), "must be at least 1"), (lambda: search("what"), "Unknown template 'what'"),
         (lambda: simulate("delta(IBM, 5)", instrument="MSF"), "There is no instrument 'MSF'; there are AAPL, GOOG"),
         (lambda: simulate("AAPL - IBM"), "The expression does not use just one instrument"),
         (lambda: simulate("delta(IBM, 7)"), "Era 3 does not allow the windows 7; it allows 5, 10"),
