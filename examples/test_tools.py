@@ -1,6 +1,4 @@
-"""The examples for six agent frameworks, driven by a scripted model through an agent's first day: what it reads of each
-call, and what is then on disk.
-"""
+"""The examples for six agent frameworks: what a scripted model reads on its first day, and what is then on disk."""
 
 import json
 import logging

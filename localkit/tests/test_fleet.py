@@ -147,7 +147,6 @@ BAD = [
     (b"a,x\na,y", URL, "line 2: an earlier line has an agent 'a'"),
     (b"../a,x", URL, "line 1: '../a' cannot be the name of a directory"),
     (b"# \xc3\xa4\n.locks,y", URL, "line 2: '.locks' cannot"),
-    (b"\x7fELF\xff\n", URL, "not UTF-8 text"),
     (b"a,x", "http://service.example", "must use https"),
 ]
 

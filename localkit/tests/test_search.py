@@ -183,7 +183,6 @@ ERA_3 = {"era_id": 3, "named_universe": "us", "signal_pools": [{"id": "p", "name
 
 def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap):
     evaluator, simulate, search = bootstrap(service).evaluator, corvane.simulate_signal, search_templates.start_search
-    assert simulate("AAPL - IBM", instrument="MSFT").instrument == "MSFT"
     evaluator.vault = Vault(SimpleNamespace(SERIES=dict(ERA.SERIES), DATES=ERA.DATES, SEAL=b"another"))
     for act, reason in (
         (lambda: _runtime._normalize_era_config(ERA_3, {"era_id": 2}), "are of different eras"),
