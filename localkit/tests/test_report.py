@@ -277,6 +277,7 @@ def test_only_the_token_opens_the_operators_page(start):
     serve = [sys.executable, "-P", "-m", "corvane_local", "serve", "--port", "0", "--state", service.state]
     for text, change in (
         ("private", lambda: path.chmod(0o640)),
+        ("holds no", lambda: path.chmod(0o600) or path.write_text("x")),
         ("is a link", lambda: path.unlink() or path.symlink_to("ca.key")),
     ):
         change()
