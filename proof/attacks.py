@@ -12,11 +12,12 @@ from collections.abc import Callable, Iterator
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
-from proof.workshop import Result, Workshop, kept, side_by_side
+from proof.workshop import Result, Workshop, side_by_side
 from support import scenarios
 from support.scenarios import CALLS, patched
 
 Act = Callable[[], Any]
+comparison: Any = importlib.import_module("support.comparison")
 greenlet: Any = importlib.import_module("greenlet").greenlet
 
 
@@ -26,30 +27,12 @@ def in_thread(act: Act) -> Any:
 
 
 def in_task(act: Act) -> Any:
-    """Beside another task; it keeps what is raised, since an event loop has its own way with some exceptions."""
-
-    async def both() -> Any:
-        return (await asyncio.gather(task(), asyncio.sleep(0)))[0]
+    """What is raised is described, since an event loop has its own way with some exceptions."""
 
     async def task() -> Any:
-        return kept(act)
+        return comparison.tried(act)
 
-    return asyncio.run(both()).result()
-
-
-def in_generator(act: Act) -> Any:
-    """Begun while an exception is handled here, ended on another thread."""
-
-    def generator() -> Iterator[Any]:
-        try:
-            raise KeyError("in the generator")
-        except KeyError:
-            yield
-            yield act()
-
-    running = generator()
-    next(running)
-    return in_thread(lambda: next(running))
+    return asyncio.run(task())
 
 
 def entries_across_threads(act: Act) -> Any:
@@ -60,54 +43,36 @@ def entries_across_threads(act: Act) -> Any:
 
 
 class Lying(str):
-    """A keyword that is not what it says, the first time."""
+    """A keyword that is like none."""
 
     __hash__ = str.__hash__
-    answers = 0
 
     def __eq__(self, other: object) -> bool:
-        self.answers += 1
         scenarios.say(f"{self} == {other}")
-        return self.answers > 1 and str.__eq__(self, other)
+        return False
 
 
 def with_hostile_keyword(act: Act) -> Any:
-    for name, word in itertools.product(("update_nudge", "inject_heartbeat", "login"), ("working_dir", "n", "trigger")):
-        try:
-            getattr(scenarios.m, name)(**{Lying(word): "era_change"})
-        except TypeError as exc:
-            scenarios.say(str(exc))
+    for word in "trigger", "working_dir":
+        scenarios.say(str(comparison.tried(lambda: scenarios.m.update_nudge(**{Lying(word): "era_change"}))))  # noqa: B023
     return act()
 
 
 WAYS: tuple[Callable[[Act], Any], ...] = (
-    *(lambda act: act(), in_thread, lambda act: greenlet(act).switch(), in_task, in_generator),
+    *(lambda act: act(), in_thread, lambda act: greenlet(act).switch(), in_task),
     *(entries_across_threads, with_hostile_keyword),
 )
-
-
-def copied(function: types.FunctionType) -> types.FunctionType:
-    """Another function of the same code, in the same namespace."""
-    given = function.__globals__, function.__name__, function.__defaults__, function.__closure__
-    made = types.FunctionType(function.__code__, *given)
-    made.__kwdefaults__, made.__module__ = function.__kwdefaults__, function.__module__
-    return made
-
-
-def wrapped(function: types.FunctionType) -> Any:
-    return functools.wraps(function)(lambda *args, **kwargs: function(*args, **kwargs))
-
-
-INSTEAD: tuple[Callable[[Any], Any], ...] = functools.partial, staticmethod, copied, wrapped
-
-
-class Sharing:
-    """Has no attributes of its own: it shares those of a module."""
+# What stands in the place of a function: decorated ones, and another function of the same code.
+INSTEAD: tuple[Callable[[types.FunctionType], Any], ...] = (
+    functools.partial,
+    staticmethod,
+    lambda f: functools.wraps(f)(lambda *args, **kwargs: f(*args, **kwargs)),
+    lambda f: functools.wraps(f)(types.FunctionType(f.__code__, f.__globals__, f.__name__, f.__defaults__)),
+)
 
 
 def drawn(seed: int) -> str:
     """One attack, on both; says where they part."""
-    comparison: Any = importlib.import_module("support.comparison")
     draw = random.Random(seed)
     name, way, strike = draw.choice(list(CALLS)), draw.choice(WAYS), draw.choice(list(comparison.STRIKES))
     at = draw.choice((None, *range(1, 12)))
@@ -115,7 +80,8 @@ def drawn(seed: int) -> str:
 
     def attacked(undo: Any) -> None:
         """Some functions of the namespace are replaced, through another object that shares it."""
-        module, sharing = scenarios.m, Sharing()
+        module: Any = scenarios.m
+        sharing: Any = type("Sharing", (), {})()
         functions = {name: f for name, f in vars(module).items() if isinstance(f, types.FunctionType)}
         ours = sorted(name for name, function in functions.items() if function.__module__ == module.__name__)
         sharing.__dict__ = vars(module)
@@ -130,7 +96,7 @@ def drawn(seed: int) -> str:
     return ""
 
 
-def attacks(seconds: float, first: int) -> list[str]:
+def made(seconds: float, first: int) -> list[str]:
     """Makes every so many of them, from this one on; says for each where the two part, if they do."""
     end, seeds, said = time.monotonic() + seconds, itertools.count(first, os.cpu_count() or 1), list[str]()
     while time.monotonic() < end:
@@ -138,8 +104,8 @@ def attacks(seconds: float, first: int) -> list[str]:
     return said
 
 
-def run(workshop: Workshop) -> Iterator[Result]:
+def attacks(workshop: Workshop) -> Iterator[Result]:
     seconds, crashes = 5.0 if workshop.quick else 60.0, {"PYTHONFAULTHANDLER": "1"}
-    ask = functools.partial(workshop.answer, "attacks.attacks", seconds, variables=crashes)
-    made = list(itertools.chain.from_iterable(side_by_side(ask, range(os.cpu_count() or 1))))
-    yield Result(f"attacks: random ones in {seconds:.0f} s, as in plain Python", len(made), list(filter(None, made)))
+    ask = functools.partial(workshop.answer, "attacks.made", seconds, variables=crashes)
+    said = list(itertools.chain.from_iterable(side_by_side(ask, range(os.cpu_count() or 1))))
+    yield Result(f"attacks: random ones in {seconds:.0f} s, as in plain Python", len(said), list(filter(None, said)))

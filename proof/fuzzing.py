@@ -30,14 +30,8 @@ def eras(m: Any, data: bytes) -> object:
     return m._resolve_active_named_universe(types.SimpleNamespace(get_token=lambda: "token"))
 
 
-def key(m: Any, data: bytes) -> object:
-    Path("wallet.key").write_bytes(data)
-    return m._normalize_key(m._read_wallet_key("."))
-
-
 def heartbeat(m: Any, data: bytes) -> object:
-    path = Path("HEARTBEAT.md")
-    path.write_bytes(data)
+    (path := Path("HEARTBEAT.md")).write_bytes(data)
     m.inject_heartbeat(".")
     m.update_nudge("first_signal")
     after = path.read_bytes()
@@ -59,7 +53,6 @@ TARGETS: dict[Callable[[Any, bytes], object], tuple[tuple[type[Exception], ...],
         '{"eras": [{"state": "active", "universes": [{"id": "x", "name": 1}], "named_universe": "u",'
         '"signal_pools": [{"allowed_named_universes": []}]}]}',
     ),
-    key: ((ValueError,), "0x" + "5A" * 32 + "\n"),
     heartbeat: ((), "# Mine\r\nb\rc\n## [Corvane] Search Monitoring\nFirst signal found!"),
 }
 
@@ -69,14 +62,13 @@ def execute(target: str, *options: str) -> None:
     native: Any = importlib.import_module("corvane.agent_onboarding")
     twin: Any = importlib.import_module("support.twin")
     native.logger.disabled = True
-    act = globals()[target]
-    defaults, stated = dict(native._config), TARGETS[act][0]
+    act, defaults = globals()[target], dict(native._config)
 
     def outcome(m: Any, data: bytes) -> tuple[str, object]:
         m._config = dict(defaults)
         try:
             return repr(act(m, data)), m._config
-        except stated as exc:
+        except TARGETS[act][0] as exc:
             return f"{type(exc).__name__}: {exc} from {exc.__cause__!r}", m._config
 
     def check(data: int, size: int) -> int:
@@ -97,15 +89,14 @@ def execute(target: str, *options: str) -> None:
 
 
 def clang(folder: str) -> tuple[str, str]:
-    """The version of the newest clang that comes with all that is needed, and what to preload of it."""
+    """The newest clang that comes with all that is needed, and what to preload of it."""
     library = f"{folder}/libfuzzer.so"
-    for version in map(str, range(30, 14, -1)):
-        if shutil.which(f"clang++-{version}"):
-            parts = subprocess.getoutput(f"clang++-{version} --print-runtime-dir")
-            whole = ["-Wl,--whole-archive", f"{parts}/libclang_rt.fuzzer_no_main-x86_64.a", "-Wl,--no-whole-archive"]
-            linked = subprocess.run([f"clang++-{version}", "-shared", "-o", library, *whole], capture_output=True)
-            if linked.returncode == 0 and Path(asan := f"{parts}/libclang_rt.asan-x86_64.so").exists():
-                return version, f"{library} {asan}"  # the sanitizer's empty counters would come first
+    for command in filter(shutil.which, (f"clang++-{version}" for version in range(30, 14, -1))):
+        parts = subprocess.getoutput(f"{command} --print-runtime-dir")
+        whole = ["-Wl,--whole-archive", f"{parts}/libclang_rt.fuzzer_no_main-x86_64.a", "-Wl,--no-whole-archive"]
+        linked = subprocess.run([command, "-shared", "-o", library, *whole], capture_output=True)
+        if linked.returncode == 0 and Path(asan := f"{parts}/libclang_rt.asan-x86_64.so").exists():
+            return command, f"{library} {asan}"  # the sanitizer's empty counters would come first
     raise Missing("no clang++-15 or newer links with its fuzzer: sudo apt-get install clang-16 libclang-rt-16-dev")
 
 
@@ -117,26 +108,22 @@ def fuzz(workshop: Workshop, site: Variables, target: str, seed: str) -> Result:
     (corpus / "seed").write_text(seed)
     (work / "words").write_text("".join(f'"{word}"\n' for word in re.findall(r"\w+", seed)))
     fixed = f"-runs={runs} -max_total_time=600 -max_len=2048 -timeout=20 -seed=1 -detect_leaks=0 -print_final_stats=1"
-    options = [*fixed.split(), f"-dict={work}/words", f"-artifact_prefix={work}/", str(corpus)]
-    sanitizer = "detect_leaks=0:malloc_context_size=1:verify_asan_link_order=0"
-    variables = {"PYTHONMALLOC": "malloc", "ASAN_OPTIONS": sanitizer, **site, **IN_MEMORY}
-    done = workshop.python(
-        "-c", f"from proof.fuzzing import execute; execute(*{[target, *options]})", variables=variables
-    )
+    options = [target, *fixed.split(), f"-dict={work}/words", f"-artifact_prefix={work}/", str(corpus)]
+    done = workshop.python("-c", f"from proof.fuzzing import execute; execute(*{options})", variables=site)
     executed = max(map(int, re.findall(r"number_of_executed_units: (\d+)", done.stderr)), default=0)
     edges = [int(count) for count in re.findall(r" cov: (\d+)", done.stderr)] or [0]
     good = done.returncode == 0 and executed >= runs
     findings = [] if good else [f"ended with {done.returncode} after {executed:,} executions: {done.stderr[-3000:]}"]
     findings += ["what it makes up reaches nothing new"] if edges[-1] <= edges[0] else []
-    return Result(
-        f"fuzzing: {target}; {edges[0]} edges of the code by its seed, {edges[-1]} in the end", executed, findings
-    )
+    return Result(f"fuzzing: {target}; {edges[0]} edges by its seed, {edges[-1]} in the end", executed, findings)
 
 
-def run(workshop: Workshop) -> Iterator[Result]:
+def fuzzing(workshop: Workshop) -> Iterator[Result]:
     with tempfile.TemporaryDirectory() as folder:  # LD_PRELOAD ends a path at a blank, which the checkout's can have
-        version, preloaded = clang(folder)
+        compiler, preloaded = clang(folder)
         # Its warnings differ from those of the compiler that the extension is written for.
-        options = f"-DCMAKE_CXX_COMPILER=clang++-{version}", "-DCMAKE_CXX_FLAGS=-w", "-DSANITIZE=fuzzer-no-link,address"
-        site = {**workshop.build(f"fuzz-{version}", *options), "LD_PRELOAD": preloaded}
+        options = f"-DCMAKE_CXX_COMPILER={compiler}", "-DCMAKE_CXX_FLAGS=-w", "-DSANITIZE=fuzzer-no-link,address"
+        sanitizer = {"ASAN_OPTIONS": "detect_leaks=0:malloc_context_size=1:verify_asan_link_order=0", **IN_MEMORY}
+        site = workshop.build(f"fuzz-{compiler}", *options)
+        site = {**site, **sanitizer, "LD_PRELOAD": preloaded, "PYTHONMALLOC": "malloc"}
         yield from side_by_side(lambda one: fuzz(workshop, site, one[0].__name__, one[1][1]), TARGETS.items())

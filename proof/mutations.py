@@ -1,86 +1,147 @@
-"""The module's tests must notice small changes of its C++ sources."""
+"""The tests must notice small changes of what they test: of the module's C++, and of the kit's Python.
 
+The kit's demo is left out: it is a check itself.
+"""
+
+import itertools
+import random
 import re
-from collections.abc import Iterator
+import shutil
+import tempfile
+import venv
+from collections.abc import Iterable, Iterator, Sequence
+from pathlib import Path
 
-from proof.faults import Copy, Fault, draw, fault_at, noticed
-from proof.workshop import Result, Workshop
+import corvane
+from proof.faults import HUNG, Copy, Fault, Tests, noticed
+from proof.workshop import Done, Result, Workshop
 
-EACH, WANTED = 8, 95.0  # faults in a file, per cent that must be noticed
-# How the path of a file begins, the test files that see to it.
-TESTS = (
+SEED = 20  # of the draw
+Rows = Sequence[tuple[str, str, str]]
+# What the path of a file begins with; the test files that see to it, which of their tests. The first line that fits.
+MODULE_TESTS = (
     ("eras", "promises differential eras", ""),
     ("wallet_store", "promises differential key_file", ""),
     ("", "promises differential surface eras attacks", ""),
 )
-STEP = r"[a-z_]+(?:(?:\.|->)[a-z_]+)?\((?:(?!raise|throw|return|delete).)*\);"
+SLOW = "sabotage kill browser 200 failures connections slow run_out drip ctrl waits out_of_time"
+QUICK = f"not ({SLOW.replace(' ', ' or ')})"
+KIT_TESTS = (
+    ("corvane/auth", "http service", QUICK),
+    ("corvane/_http", "http doctor", ""),
+    ("corvane/key_file", "cli", ""),
+    ("corvane/(simulate|output_file)", "search report cli", QUICK),
+    ("corvane/search_t", "search report", QUICK),
+    ("corvane/sync.py", "service http cli", "paths or spoilt or cut or kill or back_off or sync"),
+    ("corvane/(sync_|manifest)", "service", QUICK),
+    ("corvane/", "search demo", QUICK),
+    ("corvane_cli/doctor", "doctor", ""),
+    ("corvane_cli/interrupts", "cli", "ctrl or drip or output"),
+    ("corvane_cli/(capital|report|found)|corvane_local/operator|corvane_pages/", "report", QUICK),
+    ("corvane_cli/", "display cli report", QUICK),
+    ("corvane_local/(connections|failures)", "service", "slow or sign_up or connections or failures"),
+    ("corvane_local/", "service demo", QUICK.replace(" or run_out", "")),
+)
+
+NO_CALL = "(?!return|throw|raise|delete|Py_)"
+STEP = rf"{NO_CALL}[a-z_]+(?:(?:\.|->)[a-z_]+)?\((?:(?!raise|throw).)*\);"
 # Rule, what it looks for, what stands there instead; M is whether the fault is selected.
-RULES = (
-    (
-        "message",
-        r'(?:(?<=[(\[{])|(?<=, ))("(?:[^"\\\n]|\\.)* (?:[^"\\\n]|\\.)*[^"\\ ])"(_n)?(?=[,)\]])',
-        r'(M ? \1!"\2 : \1"\2)',
-    ),
-    ("except class", r'(?<=in, caught, )("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
-    ("except class", r'(?<=matches\(auth\()("\w+"_n)', r'(M ? "AuthManager"_n : \1)'),
-    ("except class", r'(?<=matches\(global\()("\w+"_n)', r'(M ? "KeyError"_n : \1)'),
+MODULE_RULES = (
+    ("message", r'(?<=[(\[{ ])("(?:[^"\\\n]|\\.)* [^"\n]*[^"\\ ])"(_n)?(?=[,)\]])', r'(M ? \1!"\2 : \1"\2)'),
+    ("except class", r'(in, caught, |matches\((?:auth|global)\()("\w+"_n)', r'\1(M ? "KeyError"_n : \2)'),
     ("condition", r"(?<=\bif \()((?:(?! = ).)+)(?=\)(?: \[\[\w+\]\])?(?: \{)?(?: //.*)?$)", r"M != bool(\1)"),
-    ("condition", r"(?<=\bwhile \()([^=\n]+)(?=\)$)", r"!M && (\1)"),
-    ("comparison", r"\bPy_(EQ|NE)\b", r"(Py_\1 ^ (M ? 1 : 0))"),  # Py_EQ is 2, Py_NE 3; Py_LT 0, Py_LE 1
-    ("comparison", r"\bPy_(LE|GE)\b", r"(Py_\1 - (M ? 1 : 0))"),  # Py_GT 4, Py_GE 5
+    ("comparison", r"\bPy_(EQ|NE)\b", r"(Py_\1 ^ (M ? 1 : 0))"),  # Py_EQ is 2, Py_NE 3
     ("boolean", r"\btrue_value\(\)(?! noexcept)", "(M ? handle(Py_False) : true_value())"),
     ("boolean", r"(?<= = )(true|false)(?=;)", r"(M != \1)"),
-    ("order", r"(?<![\w\"])([\w:>-]+\.ptr\(\)), (?!\1)([\w:>-]+\.ptr\(\))", r"(M ? \2 : \1), (M ? \1 : \2)"),
     ("number", r"(?<=integer\()(\w+)(?=\))", r"\1 + (M ? 1 : 0)"),
-    (
-        "statement",
-        # Py_SETREF is a block, not an expression.
-        r"(?<=[;{}]\n)( +)((?!return|throw|raise|delete|Py_SETREF)[\w.:>-]+\(.*\));$",
-        r"\1M ? (void)0 : (void)(\2);",
-    ),
+    ("statement", rf"(?<=[;{{}}]\n)( +)({NO_CALL}[\w.:>-]+\(.*\));$", r"\1M ? (void)0 : (void)(\2);"),
     ("swap", rf"(?<=[;{{}}]\n)( +)({STEP})\n\1(?!\2)({STEP})$", r"\1if (M) { \3 \2 } else { \2\n\3 }"),
 )
 # Lines that declare, which cannot select.
-DECLARED = re.compile(
-    r"constexpr|consteval|static_assert|__asm__|= default|^\s*(?://|#|\[\[|template|using|: )"
-    r"|^(?!\s*(?:return|except_scope)\b)\s*\w[\w:<>*&]* (?:[\w:<>*& ]+ )?[*&]?\w+\("
+MODULE_DECLARED = (
+    r"^(?!.*\bif \()(?:.*(?:constexpr|consteval|static_assert|__asm__|= default)|\s*(?://|#|\[\[|template|using|: )"
+    r"|(?!\s*(?:return|except_scope)\b)\s*\w[\w:<>*&]* (?:[\w:<>*& ]+ )?[*&]?\w+\()"
 )
-
-# File, what stands on the line, why the tests cannot notice.
-EXPLAINED = (
-    ("module.cpp", "set_item(interpreter_dict(), kept_as()", "matters where memory runs out in between: allocations"),
-    ("py/call.hpp", "round_++ % rounds_between_checks", "signals are asked for in other rounds"),
-    ("py/function.cpp", "throw_error(PyExc_SystemError, ", "sources that contradict one another; no test would pass"),
-    ("py/function.hpp", "PyErr_NoMemory()", "matters where memory runs out: allocations"),
-    ("py/object.hpp", "Py_REFCNT(owned) > 1", "told only from a thread that outlives the interpreter: processes"),
-    ("runtime_manifest.cpp", "bool ascending = true", "what is sorted is sorted once more"),
+# The same for the kit, where each fault has a copy of its own, and texts and comments are not shown.
+KIT_RULES = (
+    ("condition", r"\b(if|elif|while) (?!not |TYPE_CHECKING|True|__name__|\w+ :=)", r"\1 not "),
+    ("condition", r"\b(if|elif|while) not ", r"\1 "),
+    ("comparison", r" (<|>) ", r" \1= "),
+    ("comparison", r" (<|>)= ", r" \1 "),
+    ("comparison", " == ", " != "),
+    ("comparison", " not in ", " in "),
+    ("and, or", " and ", " or "),
+    ("and, or", " or ", " and "),
+    ("boolean", r"\bTrue\b", "False"),
+    ("boolean", r"\bFalse\b", "True"),
+    ("number", r"(?<![\w.])(?<!e-)(\d[\w.]*)\b(?!-)", r"(\1 + 1)"),
+    ("statement", r"^( +)(?!super|__|.* = )(\w[\w.]*\()", r"\1None and \2"),
+    ("raise", r"^( +)raise\b", r"\1if False: raise"),
+    ("result", r"\breturn (?! |__|None|True|False|lambda)", "return None and "),
 )
+KIT_DECLARED = r"^ *(?:@|def |async |class |from |import |case |type |[\w.]+: [^=]+$)"
+TEXTS = re.compile(r'"""[\s\S]*?"""|"(?:[^"\\\n]|\\.)*"|#.*')  # of Python
 
 
-def candidates(file: str, text: str) -> Iterator[tuple[str, Fault]]:
-    """The pattern, and what it makes of a place, wherever the rules fit."""
-    for rule, pattern, template in RULES:
-        for match in re.finditer(pattern, text, re.M):
-            fault = fault_at(rule, file, text, *match.span(), match.expand(template))
-            if not DECLARED.search(fault.source) or re.search(r"\bif \(", fault.source):
-                yield pattern, fault
+def drawn(folder: Path, paths: Iterable[Path], rules: Rows, declared: str, rows: Rows, each: int) -> Iterator[Fault]:
+    """One for so many lines of a file, by each rule in turn, one on a line; always the same, the last place first."""
+    unused = {pattern for _, pattern, _ in rules}
+    for path in sorted(paths):
+        file, text, candidates = str(path.relative_to(folder)), path.read_text(), list[Fault]()
+        shown = TEXTS.sub(lambda one: re.sub(r"[^\n]", "_", one[0]), text) if path.suffix == ".py" else text
+        lines, tests = text.splitlines(), next(row[1:] for row in rows if re.match(row[0], file))
+        for rule, pattern, template in rules:
+            for match in re.finditer(pattern, shown, re.M):
+                line = text.count("\n", 0, match.start())
+                if not re.search(declared, lines[line]):
+                    unused.discard(pattern)
+                    instead = match.expand(template)
+                    candidates.append(Fault(rule, file, line + 1, lines[line], *match.span(), instead, tests))
+        draw = random.Random(f"{SEED} {file}")
+        draw.shuffle(candidates)
+        by_rule = [[one for one in candidates if one.what == rule] for rule in dict.fromkeys(row[0] for row in rules)]
+        draw.shuffle(by_rule)
+        chosen, taken = list[Fault](), set[int]()
+        for fault in (one for turn in itertools.zip_longest(*by_rule) for one in turn if one):
+            both = {fault.line, fault.line + fault.instead.count("\n")}
+            if len(chosen) <= len(lines) // each and not both & taken:
+                chosen.append(fault)
+                taken |= both
+        yield from sorted(chosen, key=lambda fault: -fault.start)
+    if unused:
+        raise RuntimeError(f"these rules fit no place: {unused}")
 
 
-def run(workshop: Workshop) -> Iterator[Result]:
-    copy, faults, fitting, texts = Copy(workshop, "mutations"), list[Fault](), set[str](), dict[str, str]()
-    source = copy.root / "src" / "agent_onboarding"
-    for path in sorted([*source.glob("*.cpp"), *source.glob("py/*.[ch]pp")]):
-        file = str(path.relative_to(source))
-        texts[file] = text = path.read_text()
-        found = list(candidates(file, text))
-        fitting |= {pattern for pattern, _ in found}
-        for fault in draw([fault for _, fault in found], EACH):
-            faults.append(fault)
-            text = text[: fault.start] + copy.selecting(fault, fault.instead) + text[fault.end :]
-        path.write_text(text)
-    unused = [f"{rule}: {pattern}" for rule, pattern, _ in RULES if pattern not in fitting]
-    unused += [f"{file}: {text}" for file, text, _ in EXPLAINED if text not in texts.get(file, "")]
-    yield Result("mutations: rules and reasons, each fits a place", len(RULES) + len(EXPLAINED), unused)
+def mutations(workshop: Workshop) -> Iterator[Result]:
+    copy = Copy(workshop, "mutations")
+    folder = copy.root / "src" / "agent_onboarding"
+    paths = [*folder.glob("*.cpp"), *folder.glob("py/*.[ch]pp")]
+    faults = list(drawn(folder, paths, MODULE_RULES, MODULE_DECLARED, MODULE_TESTS, 20))
+    for fault in faults:
+        text = (path := folder / fault.file).read_text()
+        path.write_text(text[: fault.start] + fault.selecting(fault.instead) + text[fault.end :])
     copy.build()
-    what = f"mutations: in {len({fault.file for fault in faults})} files"
-    yield noticed(what, copy.trial, TESTS, workshop.sample(faults, 12), WANTED, len(faults), EXPLAINED)
+    yield noticed("mutations", copy.trial, workshop.sample(faults, 12), 95, workshop)
+
+
+def kit_mutations(workshop: Workshop) -> Iterator[Result]:
+    installed = Path(corvane.__path__[0]).parent
+    packages = "corvane", "corvane_cli", "corvane_local", "corvane_pages"
+    paths = [path for package in packages for path in (installed / package).glob("*.py")]
+    faults = list(drawn(installed, paths, KIT_RULES, KIT_DECLARED, KIT_TESTS, 50))
+
+    def trial(fault: Fault | None, tests: Tests) -> Done:
+        """Runs tests in an interpreter of its own, with a copy of the installed kit."""
+        with tempfile.TemporaryDirectory() as home:
+            venv.create(home, symlinks=True)
+            [site] = Path(home).glob("lib/python*/site-packages")
+            (site / "installed.pth").write_text(f"{installed}\n")  # behind what is copied
+            for package in packages:
+                shutil.copytree(installed / package, site / package, ignore=shutil.ignore_patterns("__pycache__"))
+            if fault:
+                text = (path := site / fault.file).read_text()
+                path.write_text(faulty := text[: fault.start] + fault.instead + text[fault.end :])
+                compile(faulty, fault.file, "exec")  # what is not even Python, any test would notice
+            return workshop.pytest(workshop.root, *tests, interpreter=f"{home}/bin/python", seconds=HUNG)
+
+    yield noticed("kit mutations", trial, workshop.sample(faults, 12), 90, workshop)

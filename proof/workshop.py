@@ -2,6 +2,7 @@
 
 import contextlib
 import faulthandler
+import itertools
 import json
 import os
 import re
@@ -11,7 +12,7 @@ import subprocess
 import sys
 import tempfile
 from collections.abc import Callable, Iterable, Mapping, Sequence
-from concurrent.futures import Future, ThreadPoolExecutor
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from types import MappingProxyType
 from typing import Any, NamedTuple
@@ -19,10 +20,7 @@ from typing import Any, NamedTuple
 import corvane
 
 PACKAGES = {"setarch": "util-linux"}  # where the command is not their name
-# Where a million files are made faster.
-IN_MEMORY = {"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {}
-
-
+IN_MEMORY = {"TMPDIR": "/dev/shm"} if os.access("/dev/shm", os.W_OK) else {}  # where a million files are made faster
 Variables = Mapping[str, str]  # of the environment
 Done = subprocess.CompletedProcess[str]
 
@@ -64,7 +62,7 @@ class Workshop:
         built, site, root = self.folder / name, self.folder / f"{name}-site", root or self.root
         cmake = str(Path(sys.executable).with_name("cmake"))
         where = "-S", str(root), "-B", str(built), f"-DPython_EXECUTABLE={sys.executable}"
-        for command in ((*where, *options), ("--build", str(built), "-j2")):
+        for command in (*where, *options), ("--build", str(built), "-j2"):
             done = subprocess.run([cmake, *command], capture_output=True, text=True)
             if done.returncode != 0:
                 raise RuntimeError(f"build {name} failed: {done.stdout[-2000:]}{done.stderr[-8000:]}")
@@ -108,25 +106,23 @@ class Workshop:
             raise RuntimeError(f"{function}{arguments} ended with {done.returncode}: {done.stderr[-20000:]}")
         return json.loads(done.stdout)
 
-    def shared_out(self, function: str, names: Sequence[str], *arguments: Any, **how: Any) -> list[Any]:
-        """What a function returns for names that come last among its arguments, a part of them in each interpreter."""
+    def shared_out(self, function: str, names: Sequence[str], **how: Any) -> list[str]:
+        """The texts that a function returns for names, a part of them in each interpreter."""
         parts = [part for n in range(20) if (part := names[n::20])]
-        return side_by_side(lambda part: self.answer(function, *arguments, *part, **how), parts)
+        return list(itertools.chain(*side_by_side(lambda part: self.answer(function, *part, **how), parts)))
 
-    def pytest(self, root: Path, names: str, *options: str, **how: Any) -> Done:
-        """Runs test files, such as "eras surface", of a checkout, until a test fails."""
-        fixed = "-c", f"{root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line"
-        files = []
-        for name in names.split():
-            [file] = root.glob(f"[lt]*/**/test_{name}.py")  # or its tests are gone, which must not go unnoticed
-            files.append(str(file))
+    def pytest(self, root: Path, names: str, which: str, *options: str, **how: Any) -> Done:
+        """Runs test files, such as "eras surface", of a checkout, or which of their tests, until one fails."""
+        # A file that is gone must not go unnoticed.
+        files = [str(file) for name in names.split() for [file] in [[*root.glob(f"[lt]*/**/test_{name}.py")]]]
+        fixed = "-c", f"{root}/pyproject.toml", "-p", "no:cacheprovider", "-x", "--tb=line", "-k", which
         return self.python("-m", "pytest", *fixed, *options, *files, **how)
 
     def tests(self, variables: Variables) -> tuple[int, list[str]]:
         """How many tests of the module pass, without those that have builds of their own, and what fails."""
         names = {path.stem.removeprefix("test_") for path in (self.root / "tests").glob("test_*.py")}
         chosen = "key_file" if self.quick else " ".join(names - {"docs", "platforms", "proof", "wheel"})
-        done = self.pytest(self.root, chosen, "-nauto", "--dist=loadfile", variables=variables)
+        done = self.pytest(self.root, chosen, "", "-nauto", "--dist=loadfile", variables=variables)
         passed = re.search(r"^(\d+) passed", done.stdout, re.M)
         return int(passed[1]) if passed else 0, [done.stdout[-3000:] + done.stderr[-500:]] * (done.returncode != 0)
 
@@ -135,16 +131,6 @@ def side_by_side[Item, Answer](act: Callable[[Item], Answer], items: Iterable[It
     """What act returns for each item, on all processors."""
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         return list(pool.map(act, items))
-
-
-def kept(act: Callable[[], Any]) -> Future[Any]:
-    """Makes a call; its result, or what it raises, can be had later."""
-    came = Future[Any]()
-    try:
-        came.set_result(act())
-    except BaseException as exc:
-        came.set_exception(exc)
-    return came
 
 
 def in_children(acts: Iterable[Callable[[], Iterable[Any]]], seconds: int = 60) -> list[list[Any]]:
