@@ -67,7 +67,7 @@ INSTEAD: tuple[Callable[[types.FunctionType], Any], ...] = (
     functools.partial,
     staticmethod,
     lambda f: functools.wraps(f)(lambda *args, **kwargs: f(*args, **kwargs)),
-    lambda f: functools.wraps(f)(types.FunctionType(f.__code__, f.__globals__, f.__name__, f.__defaults__)),
+    lambda f: types.FunctionType(f.__code__, f.__globals__, f.__name__, f.__defaults__, f.__closure__),
 )
 
 

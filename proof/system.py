@@ -88,7 +88,7 @@ def failing(scenario: str, *errors: str) -> list[Try]:
 
 def unlike_python(tries: list[Try], twins: list[Try]) -> Iterator[str]:
     """What is not as in plain Python, or leaves a descriptor, to itself or to a child."""
-    for one, twin in zip(tries, twins, strict=True):
+    for one, twin in itertools.zip_longest(tries, twins, fillvalue=dict.fromkeys(("call", "line", "said"), "")):
         # A close that did not happen, since strace itself answers it, leaves the descriptor open.
         left = "; [01] descriptors left" if one["call"] == "close" else "; 0 descriptors left"
         if (one["call"], one["said"]) != (twin["call"], twin["said"]) or not re.search(left, one["said"]):
