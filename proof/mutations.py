@@ -74,12 +74,12 @@ KIT_RULES = (
     ("and, or", " or ", " and "),
     ("boolean", r"\bTrue\b", "False"),
     ("boolean", r"\bFalse\b", "True"),
-    ("number", r"(?<![\w.])(?<!e-)(\d[\w.]*)\b(?!-)", r"(\1 + 1)"),
     ("statement", r"^( +)(?!super|__|.* = )(\w[\w.]*\()", r"\1None and \2"),
     ("raise", r"^( +)raise\b", r"\1if False: raise"),
     ("result", r"\breturn (?! |__|None|True|False|lambda)", "return None and "),
 )
-KIT_DECLARED = r"^ *(?:@|def |async |class |from |import |case |type |[\w.]+: [^=]+$)"
+# Lines that declare, and those that matter after a power cut, with many writers, or with what does not fit together.
+KIT_DECLARED = r"^ *(?:@|def |async |class |from |import |case |type |[\w.]+: [^=]+$)|fsync|PRAGMA|strict=|trust_env"
 TEXTS = re.compile(r'"""[\s\S]*?"""|"(?:[^"\\\n]|\\.)*"|#.*')  # of Python
 
 
