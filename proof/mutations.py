@@ -47,7 +47,7 @@ NO_CALL = "(?!return|throw|raise|delete|Py_)"
 STEP = rf"{NO_CALL}[a-z_]+(?:(?:\.|->)[a-z_]+)?\((?:(?!raise|throw).)*\);"
 # Rule, what it looks for, what stands there instead; M is whether the fault is selected.
 MODULE_RULES = (
-    ("message", r'(?<=[(\[{ ])("(?:[^"\\\n]|\\.)* [^"\n]*[^"\\ ])"(_n)?(?=[,)\]])', r'(M ? \1!"\2 : \1"\2)'),
+    ("message", r'(?:(?<=[(\[{])|(?<=, ))("(?:[^"\\\n]|\\.)* [^"\n]*[^"\\ ])"(_n)?(?=[,)\]])', r'(M ? \1!"\2 : \1"\2)'),
     ("except class", r'(in, caught, |matches\((?:auth|global)\()("\w+"_n)', r'\1(M ? "KeyError"_n : \2)'),
     ("condition", r"(?<=\bif \()((?:(?! = ).)+)(?=\)(?: \[\[\w+\]\])?(?: \{)?(?: //.*)?$)", r"M != bool(\1)"),
     ("comparison", r"\bPy_(EQ|NE)\b", r"(Py_\1 ^ (M ? 1 : 0))"),  # Py_EQ is 2, Py_NE 3

@@ -39,7 +39,7 @@ def watched(workshop: Workshop, call: str, variables: Variables, *wrapper: str) 
     blocks = re.split(rf"(?={HEADLINE})", done.stderr, flags=re.M)[1:]
     interpreters = re.compile(r"(?!.*agent_onboarding).*(?:leak|ThreadSanitizer)", re.S)
     found = [block[:2000] for block in blocks if not interpreters.match(block)]
-    return int(done.stdout or 0), found + [f"{done.returncode}: {done.stderr[-3000:]}"] * (done.returncode != 0)
+    return int(done.stdout or 0), found + [f"{done.returncode}: {done.stderr[:3000]}"] * (done.returncode != 0)
 
 
 def leaks(workshop: Workshop, site: Variables, *names: str) -> tuple[int, list[str]]:
