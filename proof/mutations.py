@@ -7,6 +7,7 @@ import itertools
 import random
 import re
 import shutil
+import sys
 import tempfile
 import venv
 from collections.abc import Iterable, Iterator, Sequence
@@ -135,6 +136,7 @@ def kit_mutations(workshop: Workshop) -> Iterator[Result]:
         with tempfile.TemporaryDirectory() as home:
             venv.create(home, symlinks=True)
             [site] = Path(home).glob("lib/python*/site-packages")
+            shutil.copy2(Path(sys.executable).with_name("corvane"), Path(home, "bin"))
             (site / "installed.pth").write_text(f"{installed}\n")  # behind what is copied
             for package in packages:
                 shutil.copytree(installed / package, site / package, ignore=shutil.ignore_patterns("__pycache__"))
