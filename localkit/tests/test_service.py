@@ -1,5 +1,6 @@
 """The local service, sign-in and syncs: what is granted and refused, and what survives breaks, kills and bad bytes."""
 
+import asyncio
 import concurrent.futures
 import contextlib
 import json
@@ -8,6 +9,7 @@ import pickle
 import shlex
 import shutil
 import signal
+import socket
 import sqlite3
 import ssl
 import subprocess
@@ -28,6 +30,8 @@ from corvane import auth, errors
 from corvane.sync import SyncManager
 from corvane.sync_backoff import ServiceBusy, SyncBackoff, SyncBackoffCancelled
 from corvane_local import certificates
+from corvane_local.app import create_app
+from corvane_local.operator_page import Operator
 from corvane_local.store import Proof, Store
 from localkit.tests.conftest import http, wait_until
 
@@ -148,6 +152,58 @@ def test_failures_count_for_key_and_client_and_leave_the_owner_alone(start):
             service.sign_in(2)
         codes = [fail(10 + n // 8, far) for n in range(302)]  # while no key has failed too often
         assert codes == [401] * 300 + [429] * 2 and fail(3, here) == 401
+
+
+def connected(service, stack):
+    plain = socket.create_connection(("127.0.0.1", service.client.base_url.port), timeout=20)
+    return stack.enter_context(ssl.create_default_context().wrap_socket(plain, server_hostname="127.0.0.1"))
+
+
+def test_slow_clients_are_cut_off_and_block_nobody(start):
+    with start("--exchange-seconds", "3") as service, contextlib.ExitStack() as stack:
+        head, body = connected(service, stack), connected(service, stack)
+        head.sendall(b"GET / HT")
+        body.sendall(b"POST /auth/login HTTP/1.1\r\nHost: x\r\nContent-Length: 9999\r\n\r\n")
+        began = time.monotonic()
+        with pytest.raises(OSError):
+            while time.monotonic() - began < 10:
+                body.sendall(b" ")
+                assert service.client.get("/health").elapsed.total_seconds() < 3
+        with contextlib.suppress(ConnectionError):
+            assert head.recv(1) == b""
+        token = (service.state / "operator.token").read_text().strip()
+        assert service.get("/operator.json", token).json()["connections_cut_off"].keys() == {"too slow"}
+
+
+def test_of_too_many_connections_the_one_that_has_waited_longest_is_closed(start):
+    with start("--exchange-seconds", "60") as service, contextlib.ExitStack() as stack:
+        first, *_, last = [connected(service, stack) for _ in range(501)]
+        with contextlib.suppress(ConnectionError):
+            assert first.recv(1) == b""
+        last.sendall(b"GET /health HTTP/1.1\r\nHost: x\r\n\r\n")
+        assert last.recv(99).startswith(b"HTTP/1.1 200")
+
+
+def test_nobody_from_elsewhere_finds_the_operators_page(tmp_path):
+    app = create_app(Store(tmp_path / "service.db"), tmp_path, 60.0, token := "t" * 43)
+
+    async def statuses(host):
+        options = {"base_url": "https://h", "headers": {"Authorization": f"Bearer {token}"}}
+        async with httpx.AsyncClient(transport=httpx.ASGITransport(app, client=(host, 1)), **options) as client:
+            return [(await client.get(path)).status_code for path in ("/", "/operator.json", "/health")]
+
+    for host, status in {"127.0.0.1": 200, "::1": 200, "10.0.0.7": 404, "a.b": 404}.items():
+        assert asyncio.run(statuses(host)) == [status, status, 200]
+
+
+def test_sessions_of_the_operators_page_end_and_are_few(monkeypatch):
+    now = time.monotonic()
+    monkeypatch.setattr(time, "monotonic", lambda: now)
+    operator = Operator("t" * 43, 60.0)
+    sessions = [operator.open_session("here", "t" * 43) for _ in range(101)]
+    assert [operator.has_session(one) for one in (sessions[0], sessions[1], "")] == [False, True, False]
+    now += 8 * 3600 + 1
+    assert not any(map(operator.has_session, sessions))
 
 
 def test_a_busy_database_is_named_and_no_reader_waits_for_it(service):
