@@ -1,6 +1,7 @@
 """examples/fleet.py: services that go away, processes that are killed, bad invites, Ctrl-C, and the run after that."""
 
 import contextlib
+import csv
 import fcntl
 import json
 import os
@@ -48,6 +49,13 @@ def holders(path):
     return found - {os.getpid()}
 
 
+def private_kilobytes(process):
+    with contextlib.suppress(OSError):
+        lines = Path(f"/proc/{process}/smaps_rollup").read_text().splitlines()
+        return sum(int(line.split()[1]) for line in lines if line.startswith("Private_"))
+    return 0
+
+
 def kill_at_work(base, generation):
     """Kills a process at work, the one that forks, or Ray's: an agent's own, its parent or its grandparent."""
     while True:
@@ -60,7 +68,7 @@ def kill_at_work(base, generation):
 
 @pytest.mark.fleet
 def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
-    base, most = tmp_path / "agents", 0
+    base, most, largest = tmp_path / "agents", 0, 0
     with contextlib.ExitStack() as stack:
         service = stack.enter_context(start())
         stores = Store(tmp_path / "elsewhere.db"), Store(service.state / "service.db")
@@ -74,7 +82,8 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
         process = fleet(good | bad, base, service.url)
         for generation, wanted in enumerate(range(2, AGENTS // 2, max(1, AGENTS // 36))):
             while len(service.rows("SELECT * FROM wallets")) < len(used) + wanted:
-                most = max(most, len(holders(base / ".locks/") - {process.pid}))
+                working = holders(base / ".locks/") - {process.pid}
+                most, largest = max(most, len(working)), max([largest, *map(private_kilobytes, working)])
             service.process.kill()
             assert process.poll() is None, process.communicate()[1]
             kill_at_work(base, generation % 3)
@@ -94,7 +103,7 @@ def test_nothing_is_lost_and_no_wallet_made_twice(start, tmp_path):
         used |= {good[name]: address for name, address in second.items()}
         assert dict(service.rows("SELECT code, used_by FROM invites")) == used
         assert sorted(service.rows("SELECT address FROM wallets")) == sorted((address,) for address in used.values())
-    assert 1 < most <= AT_ONCE
+    assert 1 < most <= AT_ONCE and 1000 < largest < 15_000
 
 
 @pytest.mark.fleet
@@ -109,8 +118,9 @@ def test_an_interruption_ends_all_processes_and_says_what_is_done(send, number, 
     done = {lock.name: lock.read_text().split()[1] for lock in base.glob(".locks/*") if lock.stat().st_size}
     table = {row["name"]: row["address"] for row in json.loads(out)}
     assert table == dict.fromkeys(agents) | done and 0 < len(done) < len(agents)
-    again = outcomes(fleet(agents, base, service.url), 0)
-    assert again.keys() == agents.keys() and again | done == again
+    out, err = fleet(agents, base, service.url, "--csv").communicate()
+    table = {row["name"]: row["address"] for row in csv.DictReader(out.splitlines())}
+    assert table.keys() == agents.keys() and all(table.values()) and table | done == table
 
 
 def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
@@ -139,6 +149,19 @@ def test_each_agent_has_its_own_process_and_its_own_end(service, tmp_path):
         "held": "TimeoutError", "killed": "ChildProcessError", "bad": "ValueError",
     }  # fmt: skip
     assert nursery.returncode == 0 and [*base.glob("*/wallet.key")] == [base / "good/wallet.key"]
+
+
+def test_no_process_outlives_the_one_that_started_it(tmp_path):
+    (tmp_path / ".locks").mkdir()
+    job = {"agents": [("a", "CODE")], "base": str(tmp_path), "locks": ".locks", "server_url": URL, "at_once": 1}
+    with open(tmp_path / ".locks/a", "w") as lock:
+        fcntl.lockf(lock, fcntl.LOCK_EX)  # so that the agent's process waits
+        with subprocess.Popen(["sh", "-c", '"$@"; :', "sh", *NURSERY], stdin=-1, text=True) as parent:
+            json.dump(job | {"time_limit": 60, "certificates": None, "parent": parent.pid}, parent.stdin)
+            parent.stdin.close()
+            wait_until(lambda: parent.poll() or holders(tmp_path / ".locks/"))
+            parent.kill()
+        wait_until(lambda: not holders(tmp_path / ".locks/"))
 
 
 URL = "https://127.0.0.1:1"
