@@ -1,5 +1,6 @@
 """The examples for six agent frameworks: what a scripted model reads on its first day, and what is then on disk."""
 
+import contextlib
 import json
 import logging
 import os
@@ -13,6 +14,7 @@ from typing import get_args
 import agents
 import pytest
 import smolagents
+from google.adk.agents import LlmAgent
 from google.adk.models import BaseLlm, LlmResponse
 from google.adk.runners import InMemoryRunner
 from google.genai import types
@@ -21,8 +23,10 @@ from langchain_core.language_models import BaseChatModel
 from langchain_core.messages import AIMessage
 from langchain_core.outputs import ChatGeneration, ChatResult
 from mcp import Client, StdioServerParameters
+from mcp.server import MCPServer
+from mcp.server.mcpserver.tools import Tool
 from openai.types.responses import ResponseFunctionToolCall, ResponseOutputMessage
-from pydantic_ai import ModelResponse, TextPart, ToolCallPart
+from pydantic_ai import Agent, ModelResponse, TextPart, ToolCallPart
 from pydantic_ai.models.function import FunctionModel
 
 from corvane import _runtime, search_templates
@@ -204,3 +208,38 @@ def test_example_of_a_server(service, work):
     assert run(served(started)) == ALL
     address, *_ = re.findall("0x[0-9a-f]{40}", str(run(served(started, "register", {}))))
     assert service.rows("SELECT 1 FROM wallets WHERE address = ?", address) == [(1,)]
+
+
+UNWRAPPED = {  # what an example would define, with a function of the module as its only tool
+    "openai": lambda function: {"agent": agents.Agent("any", tools=[agents.function_tool(function)])},
+    "langchain": lambda function: {"tools": [function]},
+    "mcp": lambda function: {"server": MCPServer("any", tools=[Tool.from_function(function)])},
+    "pydantic_ai": lambda function: {"agent": Agent(tools=[function])},
+    "google_adk": lambda function: {"agent": LlmAgent(name="any", tools=[function]), "run_config": None},
+    "smolagents": lambda function: {"tools": [smolagents.tool(function)]},
+}
+GIVEN = {"inject_heartbeat": {"working_dir": "."}, "update_nudge": {"trigger": "first_signal"},
+         "configure": {"named_universe": "one"}}  # fmt: skip
+TABLE = (EXAMPLES.parent / "docs/agents.md").read_text().partition("unwrapped\n")[2]
+HEAD, _, *ROWS = [line.strip("| ").split(" | ") for line in TABLE.splitlines() if line.startswith("|")]
+SAID = [(framework, name, cell == "yes") for framework, row in zip(DRIVERS, ROWS, strict=True)
+        for names, cell in zip(HEAD, row, strict=True) for name in re.findall("`(.*?)`", names)]  # fmt: skip
+
+
+@pytest.mark.parametrize(("framework", "name", "works"), SAID)
+def test_the_page_says_which_functions_are_tools_as_they_are(framework, name, works, service, work, monkeypatch):
+    monkeypatch.setenv("CORVANE_INVITE_CODE", service.invite())
+    if name == "ensure_runtime_bootstrapped":
+        native.register()
+
+    def told(text):
+        read.append(text)
+        return next(calls, None)
+
+    def seen():
+        return dict(native._config), {path: path.read_bytes() for path in work.rglob("*") if path.is_file()}
+
+    read, calls, before = [], iter([(name, GIVEN.get(name, {}))]), seen()
+    with contextlib.suppress(Exception):  # then there is no effect
+        run(DRIVERS[framework](UNWRAPPED[framework](getattr(native, name)), told))
+    assert works == (seen() != before or native._AGENTS_MD_FRAGMENT.splitlines()[0] in str(read))
