@@ -170,6 +170,8 @@ def test_it_sees_what_it_cannot_repair(patient, tmp_path):
     for version, said in hosts.items():
         patient.write("openclaw", f"echo OpenClaw {version}")
         assert said in text(patient.examine(online=False))
+    patient.write("openclaw", "sleep 9")
+    assert "Not everything was examined in time" in patient("doctor --timeout 2", expect=Exit.ERRORS).stdout
     extension = next(Path(kit.__path__[0]).glob("agent_onboarding*.so"))
     other = shutil.copytree(extension.parent, tmp_path / "site/corvane")
     (other / extension.name).rename(other / "agent_onboarding.so.1")
