@@ -24,6 +24,7 @@ import corvane as kit
 from corvane import auth
 from corvane.key_file import make_key
 from corvane.sync import SyncManager
+from corvane_cli.command import Exit
 from localkit.tests.conftest import http, slowly
 
 KEYS = 11, 12, 13
@@ -412,6 +413,11 @@ def test_global_options_work_in_both_places(service, signed_in, shell):
         assert json.loads(shell(line, env=env).stdout)["accepted"]
     for line in ("--version --json", "--json --version", "sync --version --json", "--json status --version"):
         assert json.loads(shell(line).stdout) == {"version": kit.__version__}
+
+
+def test_the_page_has_the_exit_statuses_of_the_command():
+    page = Path(__file__).parents[1].joinpath("README.md").read_text("utf-8")
+    assert all(f"| {int(status)} | {status.meaning} |" in page for status in Exit)
 
 
 def test_no_word_is_broken_on_a_narrow_terminal(shell):
