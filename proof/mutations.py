@@ -25,7 +25,7 @@ MODULE_TESTS = (
     ("wallet_store", "promises differential key_file", ""),
     ("", "promises differential surface eras attacks", ""),
 )
-SLOW = "sabotage kill browser 200 failures connections slow run_out drip ctrl waits out_of_time"
+SLOW = "sabotage _kill_ browser 200 failures connections slow run_out drip ctrl waits out_of_time"
 QUICK = f"not ({SLOW.replace(' ', ' or ')})"
 KIT_TESTS = (
     ("corvane/auth", "http service", QUICK),
@@ -34,9 +34,9 @@ KIT_TESTS = (
     ("corvane/(simulate|output_file)", "search report cli", QUICK),
     ("corvane/search_t", "search report", QUICK),
     ("corvane/sync.py", "service http cli", "paths or spoilt or cut or kill or back_off or sync"),
-    ("corvane/(sync_|manifest)", "service", QUICK),
+    ("corvane/(sync_|manifest)", "service", "back_off or spoilt or paths"),
     ("corvane/", "search demo", QUICK),
-    ("corvane_cli/doctor", "doctor", ""),
+    ("corvane_cli/doctor", "doctor report", QUICK),
     ("corvane_cli/interrupts", "cli", "ctrl or drip or output"),
     ("corvane_cli/(capital|report|found)|corvane_local/operator|corvane_pages/", "report", QUICK),
     ("corvane_cli/", "display cli report", QUICK),

@@ -411,6 +411,8 @@ def test_global_options_work_in_both_places(service, signed_in, shell):
     env = {"CORVANE_SERVER_URL": "https://127.0.0.1:1", "CORVANE_DATA_DIR": f"{shell.work}/other"}
     for line in (f"{given} --json whoami", f"whoami {given} --json", f"{elsewhere} --json whoami {given}"):
         assert json.loads(shell(line, env=env).stdout)["accepted"]
+    refused = shell("status --timeout 0", expect=2).stderr
+    assert "--timeout" in refused and "`corvane status --help`" in refused
     for line in ("--version --json", "--json --version", "sync --version --json", "--json status --version"):
         assert json.loads(shell(line).stdout) == {"version": kit.__version__}
 

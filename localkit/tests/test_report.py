@@ -16,6 +16,7 @@ from contextlib import closing
 import pytest
 
 from corvane.auth import AuthManager
+from corvane.output_file import replacing
 from corvane.search_tracking import SearchTracker
 from corvane_cli import listing
 from corvane_local import operator_page
@@ -146,7 +147,8 @@ def test_spoilt_records_are_errors_of_a_list_and_findings_of_a_page(shell, fleet
 REFUSED = [
     ("signals --data-dir W", 3, "no identity"), ("report W/none --out W/new.html", 2, "neither"),
     ("report --out W/mine.html", 2, "not a Corvane report"), ("report --out W/link.html", 2, "is a link"),
-    ("report --out W/new.txt", 2, "NAME.html"), ("report --out H/new.html", 2, "belongs to a wallet"),
+    ("report --out W/new.txt", 2, "NAME.html"), ("report --out W/none/new.html", 6, "No such file"),
+    ("report --out H/new.html", 2, "belongs to a wallet"),
 ]  # fmt: skip
 
 
@@ -157,6 +159,13 @@ def test_what_makes_no_sense_is_refused_and_nothing_is_overwritten(line, status,
     before = {**shell.tree(), **{path: path.read_text() for path in tmp_path.iterdir()}}
     assert text in shell(line.replace("W", str(tmp_path)).replace("H", str(shell.home)), expect=status).stderr
     assert before == {**shell.tree(), **{path: path.read_text() for path in tmp_path.iterdir()}}
+
+
+def test_a_result_is_whole_or_not_there(tmp_path):
+    with pytest.raises(OSError, match="no space"), replacing(tmp_path / "new.html") as file:
+        file.write(b"half of it")
+        raise OSError("no space")
+    assert list(tmp_path.iterdir()) == []
 
 
 def test_the_page_is_true_and_escaped_and_tells_no_secret(shell, fleet, tmp_path):

@@ -23,7 +23,8 @@ from hypothesis import strategies as st
 import corvane
 from corvane import _runtime, agent_onboarding, errors, search_templates, skills
 from corvane._evaluation import Vault
-from corvane.search_tracking import SearchTracker, read_record
+from corvane.runtime_module_freshness import runtime_module_name_from_kind
+from corvane.search_tracking import Record, Run, SearchTracker, read_record
 from corvane_cli.capital import load_native
 
 DAYS, RANDOM = 80, np.random.default_rng(7)
@@ -147,8 +148,9 @@ def test_a_seed_decides_what_is_found(start, bootstrap, tmp_path):
     assert [replace(one, found_at=0) for one in again] == [replace(one, found_at=0) for one in first.signals]
 
 
-def test_the_status_is_true(service, bootstrap):
-    tracker = bootstrap(service).search_tracker
+def test_the_status_is_true(service, bootstrap, monkeypatch):
+    runtime = bootstrap(service)
+    tracker = runtime.search_tracker
     killed = tracker.begin_run("random_expressions", 1, {})
     with tracker.searching():
         assert corvane.search_status().running
@@ -159,6 +161,10 @@ def test_the_status_is_true(service, bootstrap):
     assert corvane.search_status().error == "killed"
     result = search_templates.start_search(seed=1, max_evaluations=400)
     assert tracker.signals() == list(result.signals) != [] and corvane.search_status().error is None
+    monkeypatch.setattr(runtime.evaluator, "sharpe", lambda *arguments: 1 / 0)
+    with pytest.raises(ZeroDivisionError):
+        search_templates.start_search()
+    assert corvane.search_status().error == "ZeroDivisionError: division by zero"
 
 
 def test_profit_is_what_a_plain_computation_gives(service, bootstrap, tmp_path):
@@ -192,10 +198,37 @@ def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap):
         (lambda: simulate("AAPL - IBM"), "The expression does not use just one instrument"),
         (lambda: simulate("delta(IBM, 7)"), "Era 3 does not allow the windows 7; it allows 5, 10"),
         (lambda: simulate(7), "Era 3 has no found signal with the number 7"),
+        (lambda: _runtime._verified_json("", {"files": {}}, "a"), "The manifest does not name a"),
         (lambda: setattr(evaluator, "raw_backtester", B), "The backtester refuses the data: "),
     ):  # fmt: skip
         with pytest.raises((ValueError, LookupError, errors.RuntimeModuleError), match=reason):
             act()
+
+
+def test_a_native_module_has_a_name_that_can_be_imported():
+    kinds = {"runtime_module:a": "a", "runtime_module:": None, "runtime_module:a b": None, "vocabulary": None}
+    assert {kind: runtime_module_name_from_kind(kind) for kind in kinds} == kinds
+
+
+SIGNAL = search_templates.FoundSignal(3, "p", "IBM", "log(IBM)", 0.1, 0.2, 0.7, 0.1, 0.7, 90, 0.0)
+
+
+@pytest.mark.parametrize(("late", "trend"), [(0, "down"), (1, "stable"), (3, "stable"), (4, "up"), (8, "up")])
+def test_a_trend_is_that_of_the_newest_quarter(late, trend):
+    runs = [Run(number, "random_expressions", 1, 0.0, 900.0, 200, 9, "finished") for number in (1, 2)]
+    signals = [replace(SIGNAL, evaluation=301 if n < late else 300) for n in range(8)]
+    assert (Record(runs, signals).trend(), Record(runs, signals).per_hour()) == (trend, 16.0)
+    assert Record(runs, signals[1:]).trend() == "unknown"
+
+
+def test_suggestions_are_those_of_the_record(tmp_path, monkeypatch):
+    monkeypatch.setattr(agent_onboarding, "_config", agent_onboarding._config | {"data_dir": str(tmp_path)})
+    tracker, names = SearchTracker(tmp_path), {"function": ["abs", "log", "rank", "sign"], "input": ["IBM"]}
+    tried = {("function", name): count for name, count in {"abs": 50, "log": 45, "rank": 5}.items()}
+    tracker.note(tracker.begin_run("random_expressions", 1, names), 100, 9, tried, "finished")
+    assert [tracker.add_signal(SIGNAL, [("function", "log")])[1] for _ in range(3)] == [1, 2, 3]
+    found = [(one.reason, one.use.name, one.use.tried, one.use.found) for one in corvane.get_suggestions()]
+    assert found == [("promising", "log", 45, 3), ("rarely tried", "rank", 5, 0), ("untried", "sign", 0, 0)]
 
 
 def test_the_skills_are_there():

@@ -435,6 +435,9 @@ def test_back_off_waits_as_asked_and_ends_when_told(scripted, tmp_path):
             backoff.run(SyncManager(ANYBODY, tmp_path, scripted.url).sync)
         return type(info.value), len(scripted.asked_at)
 
+    assert SyncBackoff(base=0, cap=0, attempts=1).run(lambda: 7) == 7
+    with pytest.raises(ValueError, match="attempts must be at least 1"):
+        SyncBackoff(attempts=0)
     patient = SyncBackoff(base=0.01, cap=2, attempts=3)
     assert outcome(patient, (503, "1"), (500, "junk"), (401, "")) == (auth.RequestRefusedError, 3)  # a refusal is final
     first, second, third = scripted.asked_at
