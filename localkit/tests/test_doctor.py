@@ -18,7 +18,8 @@ from unittest import mock
 import pytest
 
 import corvane as kit
-from corvane_cli import doctor
+from corvane.auth import AuthManager
+from corvane_cli import doctor, doctor_wallet
 from corvane_cli.command import Exit
 from corvane_cli.identity import Agent
 from corvane_local import certificates
@@ -243,3 +244,16 @@ def test_another_service_is_looked_at_and_gets_no_key(patient, scripted, begins,
     for one in found:
         assert re.match(problem, f"{one.severity}: {one.problem}") and step in one.next_step
     assert {request.split()[1] for request in scripted.requests} <= {"/health"}
+
+
+@pytest.mark.parametrize("ours", [11, 12])
+def test_the_backup_to_restore_is_that_of_the_session_not_the_newest(ours, tmp_path):
+    addresses = {}
+    for number in (11, 12):
+        backup = tmp_path / BACKUP.replace("20260101", f"202601{number}")
+        backup.write_text(f"{number:064x}")
+        backup.chmod(0o600)
+        addresses[number] = AuthManager(f"0x{number:064x}", "https://h.example").get_wallet_address()
+    session = {"address": addresses[ours], "server_url": "https://h.example", "signed_in_at": 1.8e9}
+    (tmp_path / "session.json").write_text(json.dumps(session))
+    assert f"202601{ours}" in doctor_wallet._best_backup(Agent(str(tmp_path), None))
