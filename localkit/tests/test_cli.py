@@ -3,6 +3,7 @@
 Full disks, signals, planted files and foreign texts: no key is lost, nothing hangs, nothing shows a secret.
 """
 
+import contextlib
 import fcntl
 import itertools
 import json
@@ -162,6 +163,18 @@ def test_login_never_loses_a_wallet(addresses, shell):
     for source, why in ((read, "No key has arrived"), (pty.openpty()[1], "No key is read from a terminal")):
         options = {"command": [sys.executable, "-BPc", soon], "pass_fds": [source]}
         assert why in shell(f"login --key-fd {source}", expect=2, **options).stderr
+
+
+def test_a_key_that_is_typed_is_not_shown(signed_in, shell):
+    ours, theirs = pty.openpty()
+    with subprocess.Popen([*CORVANE, "login", "--prompt"], stdin=theirs, stdout=theirs, stderr=theirs, env=shell.env):
+        os.close(theirs)
+        shown = os.read(ours, 99)
+        os.write(ours, shell.secrets[0].encode() + b"\n")
+        with contextlib.suppress(OSError):  # the other end is closed
+            while more := os.read(ours, 999):
+                shown += more
+    assert b"Private key: " in shown and b"address" in shown and shell.secrets[0].encode() not in shown
 
 
 def test_a_key_from_the_environment_comes_first_and_touches_no_file(addresses, signed_in, shell):
