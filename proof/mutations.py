@@ -25,7 +25,7 @@ MODULE_TESTS = (
     ("wallet_store", "promises differential key_file", ""),
     ("", "promises differential surface eras attacks", ""),
 )
-SLOW = "sabotage _kill_ browser 200 failures connections slow run_out drip ctrl waits out_of_time"
+SLOW = "sabotage _kill_ browser 200 failures connections slow run_out drip ctrl out_of_time"
 QUICK = f"not ({SLOW.replace(' ', ' or ')})"
 KIT_TESTS = (
     ("corvane/auth", "http service", QUICK),
@@ -38,9 +38,11 @@ KIT_TESTS = (
     ("corvane/", "search demo", QUICK),
     ("corvane_cli/doctor", "doctor report", QUICK),
     ("corvane_cli/interrupts", "cli", "ctrl or drip or output"),
-    ("corvane_cli/(capital|report|found)|corvane_local/operator|corvane_pages/", "report", QUICK),
+    ("corvane_cli/(capital|report|found)|corvane_pages/", "report", QUICK),
+    ("corvane_local/operator", "report service", "operator or page"),
     ("corvane_cli/", "display cli report", QUICK),
     ("corvane_local/(connections|failures)", "service", "slow or sign_up or connections or failures"),
+    ("corvane_local/app", "service", "not _kill_"),
     ("corvane_local/", "service demo", QUICK.replace(" or run_out", "")),
 )
 

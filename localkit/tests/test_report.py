@@ -107,6 +107,7 @@ def test_signals_searches_and_series_are_the_same_in_every_form(shell):
     for width in (40, 80):
         text = shell("signals --sort number", env={"COLUMNS": str(width)}).stdout
         assert max(map(len, text.splitlines())) <= width and "Sharpe in" in text and first["instrument"] in text
+        assert " signals. " not in text  # so many of how many
     searches, text = shell.json("searches"), shell("searches").stdout
     [search] = searches["searches"]
     assert (search["evaluations"], search["outcome"], search["signals"]) == (600, "finished", listed["found"])
