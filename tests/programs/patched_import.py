@@ -5,6 +5,7 @@ import dataclasses
 import functools
 import importlib
 import linecache
+import logging  # noqa: F401  whose own imports must not meet the patches
 import sys
 from collections import UserDict
 
