@@ -42,7 +42,7 @@ KIT_TESTS = (
     ("corvane_local/operator", "report service", "operator or page"),
     ("corvane_cli/", "display cli report", QUICK),
     ("corvane_local/(connections|failures)", "service", "slow or sign_up or connections or failures"),
-    ("corvane_local/app", "service", "not _kill_"),
+    ("corvane_local/(app|cli)", "service", "not _kill_"),
     ("corvane_local/", "service demo", QUICK.replace(" or run_out", "")),
 )
 
@@ -91,6 +91,8 @@ KIT_EXPLAINED = {
     "> _GREATEST_LIKENESS": "no two profits are alike to the last bit of the limit",
     "disable=silent": "how a progress bar looks",
     "1 < at < 1e11": "nobody signed in at these very seconds",
+    "len(head) < _LONGEST_HEAD": "a head of exactly this length",
+    "if at > now": "at that very moment",
     "return one  # there is none": "and then nothing is shown either way",
     "self.width > 60": "nothing is broken at this very width",
     "digital_signature=True": "what else the authority's key might be used for",
