@@ -44,8 +44,8 @@ int main(int count, char** arguments) {
     python = PYTHON;
     command[0] = python.data();
     execvp(python.c_str(), command.data());
-    std::fprintf(stderr, "Error: " PYTHON " cannot be started: %s.\nNext: install the command again.\n",
-                 std::strerror(errno));
+    static_cast<void>(std::fprintf(
+        stderr, "Error: " PYTHON " cannot be started: %s.\nNext: install the command again.\n", std::strerror(errno)));
     constexpr int machine_must_be_fixed = 6;
     return machine_must_be_fixed;
 }
