@@ -57,6 +57,10 @@ def disarm() -> None:
 
 def end() -> None:
     """From now on, nothing may be interrupted."""
+    # Python takes a KeyboardInterrupt that has passed through code from a text, such as the methods of a dataclass that
+    # was being imported, for one that nobody has handled, and would kill itself with SIGINT. The next such code clears
+    # that.
+    exec("")
     if signal.getsignal(signal.SIGINT) is _interrupted:
         signal.signal(signal.SIGINT, signal.SIG_IGN)
 

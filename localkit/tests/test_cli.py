@@ -330,10 +330,15 @@ def cleaning():
     try: os.kill(os.getpid(), signal.SIGINT)
     finally: os.close(99)
 
-sys.exit(group.run(sys.argv[1:]))"""
+@group.command(cls=command.Command)
+def text(): exec("os.kill(os.getpid(), signal.SIGINT)")
+
+status = group.run(sys.argv[1:])
+interrupts.end()
+sys.exit(status)"""
 
 
-@pytest.mark.parametrize("where", ["destructor", "cleaning"])
+@pytest.mark.parametrize("where", ["destructor", "cleaning", "text"])
 def test_ctrl_c_is_told_whatever_becomes_of_its_exception(where, shell):
     said = shell(where, command=[sys.executable, "-BPc", UNTIDY], preexec_fn=CATCH, expect=130).stderr
     assert said.count("\n") == 1 and said.startswith("Interrupted. Next: ")
