@@ -340,7 +340,9 @@ sys.exit(status)"""
 
 @pytest.mark.parametrize("where", ["destructor", "cleaning", "text"])
 def test_ctrl_c_is_told_whatever_becomes_of_its_exception(where, shell):
-    said = shell(where, command=[sys.executable, "-BPc", UNTIDY], preexec_fn=CATCH, expect=130).stderr
+    (shell.work / "untidy.py").write_text(UNTIDY)
+    env, command = {"PYTHONPATH": str(shell.work)}, [sys.executable, "-BPm", "untidy"]
+    said = shell(where, command=command, env=env, preexec_fn=CATCH, expect=130).stderr
     assert said.count("\n") == 1 and said.startswith("Interrupted. Next: ")
 
 
