@@ -11,7 +11,7 @@ LOCKED := $(addprefix $(VENV)/.,run test lint ship agents fleet browser)
 EXTENSION := pyproject.toml CMakeLists.txt $(shell find src -type f)
 KIT := $(shell find localkit -type f -not -path '*/__pycache__/*' -not -path '*/tests/*')
 CREATED := .venv .venvs .venv-agents .venv-fleet build dist .hypothesis .mypy_cache .pytest_cache .ruff_cache
-CXX_FILES := $(shell find src localkit/native localkit/launcher tests -name '*.cpp' -o -name '*.hpp')
+CXX_FILES := $(shell find src localkit tests -name '*.cpp' -o -name '*.hpp')
 
 .PHONY: help demo test build-tools test-tools test-pythons test-agents test-browser test-fleet test-wheel test-arm test-pages \
         lint bench proof wheel wheels install clean
@@ -65,7 +65,7 @@ lint: $(VENV)/.installed $(VENV)/.lint ## Check format, types, stub and the C++ 
 	   && $(VENV)/bin/cmake --build build/tidy-kit --parallel 2; } >build/tidy.log 2>&1 \
 	   || { cat build/tidy.log; exit 1; }
 	@$(VENV)/bin/clang-tidy --quiet -p build/tidy $(filter src/%.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
-	@$(VENV)/bin/clang-tidy --quiet -p build/tidy-kit localkit/native/*.cpp localkit/launcher/*.cpp 2>build/tidy.err || { cat build/tidy.err; exit 1; }
+	@$(VENV)/bin/clang-tidy --quiet -p build/tidy-kit $(filter localkit/%.cpp,$(CXX_FILES)) 2>build/tidy.err || { cat build/tidy.err; exit 1; }
 	@echo "make lint: passed"
 
 bench: $(VENV)/.installed ## Time every operation beside its plain Python twin (BENCH_OPTIONS="--picture FILE.svg": draw it)

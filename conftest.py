@@ -4,9 +4,11 @@ import os
 import shutil
 import tempfile
 
+MEMORY = "/dev/shm"
+
 
 def pytest_configure():
-    if "TMPDIR" not in os.environ and os.access(memory := "/dev/shm", os.W_OK):
-        runs = not os.statvfs(memory).f_flag & os.ST_NOEXEC  # native modules are loaded from there, too
-        if runs and shutil.disk_usage(memory).free > 1 << 30:
-            os.environ["TMPDIR"], tempfile.tempdir = memory, None
+    if "TMPDIR" not in os.environ and os.access(MEMORY, os.W_OK):
+        runs = not os.statvfs(MEMORY).f_flag & os.ST_NOEXEC  # native modules are loaded from there, too
+        if runs and shutil.disk_usage(MEMORY).free > 1 << 30:
+            os.environ["TMPDIR"], tempfile.tempdir = MEMORY, None

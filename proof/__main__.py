@@ -9,9 +9,14 @@ from proof.workshop import Missing, Workshop
 
 # Functions that yield results, by the file of this package that they are in.
 FILES = {
-    **{"memory": "leaks allocations", "system": "system_calls key_file processes", "attacks": "attacks"},
-    **{"sanitizers": "sanitizers", "fuzzing": "fuzzing", "coverage": "coverage"},
-    **{"faults": "planted_faults twin_faults", "mutations": "mutations kit_mutations"},
+    "memory": "leaks allocations",
+    "system": "system_calls key_file processes",
+    "attacks": "attacks",
+    "sanitizers": "sanitizers",
+    "fuzzing": "fuzzing",
+    "coverage": "coverage",
+    "faults": "planted_faults twin_faults",
+    "mutations": "mutations kit_mutations",
 }
 METHODS = {method: f"proof.{file}" for file, methods in FILES.items() for method in methods.split()}
 

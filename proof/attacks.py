@@ -59,8 +59,12 @@ def with_hostile_keyword(act: Act) -> Any:
 
 
 WAYS: tuple[Callable[[Act], Any], ...] = (
-    *(lambda act: act(), in_thread, lambda act: greenlet(act).switch(), in_task),
-    *(entries_across_threads, with_hostile_keyword),
+    lambda act: act(),
+    lambda act: greenlet(act).switch(),
+    in_thread,
+    in_task,
+    entries_across_threads,
+    with_hostile_keyword,
 )
 # What stands in the place of a function: decorated ones, and another function of the same code.
 INSTEAD: tuple[Callable[[types.FunctionType], Any], ...] = (

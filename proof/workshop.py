@@ -98,7 +98,7 @@ class Workshop:
             return Done(command, status, out.read(), err.read())
 
     def answer(self, function: str, *arguments: Any, **how: Any) -> Any:
-        """What a function, such as "leaks.grown", returns in an interpreter of its own."""
+        """What a function, such as "memory.grown", returns in an interpreter of its own."""
         method, name = function.split(".")
         text = f"import json; from proof.{method} import {name}; print(json.dumps({name}(*{arguments!r})))"
         done = self.python("-c", text, **how)

@@ -62,11 +62,11 @@ def test_an_odd_value_comes_to_the_same_as_in_python(act, prepare):
 
 
 STEPWISE = (
-    *("read loose", "write", "register", "register: the stored key again, without a code", "login", "inject", "nudge"),
-    *("configure: {'server_url': 'https://x/'}", "load", "prune: the kept and the newest stay"),
-    *("import: a module is registered before it is executed, and marked after it", "import: another build replaces it"),
-    *("propagate", "propagate: a local runtime", "propagate: the kit fails strictly", "ensure: new, False"),
-)
+    "read loose", "write", "register", "register: the stored key again, without a code", "login", "inject", "nudge",
+    "configure: {'server_url': 'https://x/'}", "load", "prune: the kept and the newest stay",
+    "import: a module is registered before it is executed, and marked after it", "import: another build replaces it",
+    "propagate", "propagate: a local runtime", "propagate: the kit fails strictly", "ensure: new, False",
+)  # fmt: skip
 
 
 @pytest.mark.parametrize("strike", STRIKES)

@@ -80,10 +80,10 @@ def test_real_functions(name):
 
 
 WRONG = [
-    *(((), {}), ((1,) * 9, {}), ((), {"nonsense": 1}), ((), {"data_dirr": 1, "bootstrap": 2}), ((), {1: 2})),
+    ((), {}), ((1,) * 9, {}), ((), {"nonsense": 1}), ((), {"data_dirr": 1, "bootstrap": 2}), ((), {1: 2}),
     ((1,), {"invite_code": 2, "private_key": 2, "exc": 2, "trigger": 2, "working_dir": 2, "data_dir": 2}),
     ((), {Clash("nonsense"): 1}),
-]
+]  # fmt: skip
 
 
 @pytest.mark.parametrize("name", FUNCTIONS)

@@ -50,7 +50,7 @@ class InvalidKeyError(AuthError):
 
 def public_key_text(key: "ec.EllipticCurvePublicKey") -> str:
     """The compressed point (SEC 1, 2.3.3) in hexadecimal digits, as it travels to the service."""
-    # Not by public_bytes(), whose constants take longer to import than all the rest of a command.
+    # Not by public_bytes(): to import its constants takes a tenth of the time in which a command starts.
     point = key.public_numbers()
     return f"{2 + point.y % 2:02x}{point.x:064x}"
 

@@ -1,12 +1,11 @@
-"""Ctrl-C and the deadline of a command. Imports next to nothing, so that Ctrl-C is in order from the beginning.
+"""Ctrl-C and the deadline of a command. Imports little, since the launcher holds Ctrl-C back until `begin`.
 
 While a command works, both raise an exception, so that it tidies up. Before and after, while Python imports modules or
 ends, an exception could get lost or become a traceback: there Ctrl-C says its line and ends the process at once.
 """
 
-# Not signal, which first makes enumerations: Ctrl-C in that time would be a traceback.
-import _signal as signal  # type: ignore[import-not-found]
 import os
+import signal
 import sys
 
 STATUS = 130
@@ -57,9 +56,8 @@ def disarm() -> None:
 
 def end() -> None:
     """From now on, nothing may be interrupted."""
-    # Python takes a KeyboardInterrupt that has passed through code from a text, such as the methods of a dataclass that
-    # was being imported, for one that nobody has handled, and would kill itself with SIGINT. The next such code clears
-    # that.
+    # Python believes that nobody has handled a KeyboardInterrupt which has passed through code from a text, such as the
+    # methods of a dataclass that was being imported, and would kill itself with SIGINT. More such code makes it forget.
     exec("")
     if signal.getsignal(signal.SIGINT) is _interrupted:
         signal.signal(signal.SIGINT, signal.SIG_IGN)

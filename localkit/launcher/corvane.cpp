@@ -34,8 +34,8 @@ int main(int count, char** arguments) {
     sigprocmask(SIG_BLOCK, &interrupt, nullptr);
 
     // -P: no module is taken from the working directory.
-    std::string python = interpreter_beside(), safe_path = "-P", module = "-m", name = "corvane_cli";
-    std::vector<char*> command{python.data(), safe_path.data(), module.data(), name.data()};
+    std::string python = interpreter_beside(), safe_path = "-P", run_module = "-m", package = "corvane_cli";
+    std::vector<char*> command{python.data(), safe_path.data(), run_module.data(), package.data()};
     command.insert(command.end(), arguments + (count > 0 ? 1 : 0), arguments + count);
     command.push_back(nullptr);
     execv(python.c_str(), command.data());
@@ -46,6 +46,6 @@ int main(int count, char** arguments) {
     execvp(python.c_str(), command.data());
     static_cast<void>(std::fprintf(
         stderr, "Error: " PYTHON " cannot be started: %s.\nNext: install the command again.\n", std::strerror(errno)));
-    constexpr int machine_must_be_fixed = 6;
-    return machine_must_be_fixed;
+    constexpr int machine = 6; // Exit.MACHINE of the command
+    return machine;
 }

@@ -174,6 +174,7 @@ def test_a_key_that_is_typed_is_not_shown(signed_in, shell):
         with contextlib.suppress(OSError):  # the other end is closed
             while more := os.read(ours, 999):
                 shown += more
+    os.close(ours)
     assert b"Private key: " in shown and b"address" in shown and shell.secrets[0].encode() not in shown
 
 
@@ -282,6 +283,12 @@ def test_a_sync_waits_for_another_as_long_as_it_is_told(signed_in, shell):
         assert "Waiting for it, 0.5 s at most." in shell("sync --wait 0.5", expect=5).stderr
 
 
+def minds_sigint(process):
+    """Whether it blocks, ignores or handles the signal."""
+    masks = re.findall(r"Sig(?:Blk|Ign|Cgt):\t(\w+)", Path(f"/proc/{process}/status").read_text())
+    return any(int(mask, 16) & 1 << signal.SIGINT - 1 for mask in masks)
+
+
 @pytest.mark.parametrize("line", ["status --json", "register", "--help"])
 def test_ctrl_c_ends_with_one_line_at_every_moment(line, signed_in, shell):
     times, statuses = [], []
@@ -289,11 +296,8 @@ def test_ctrl_c_ends_with_one_line_at_every_moment(line, signed_in, shell):
         command = [PROGRAM, *line.split()]
         options = {"env": shell.env, "cwd": shell.work, "preexec_fn": CATCH, "text": True}
         with subprocess.Popen(command, stdout=-3, stderr=-1, **options) as process:
-            # A program that is only being loaded can do nothing yet.
-            signals = re.compile(r"Sig(?:Blk|Ign|Cgt):\t(\w+)").findall
-            state = Path(f"/proc/{process.pid}/status")
-            while process.poll() is None and not any(int(mask, 16) & 2 for mask in signals(state.read_text())):
-                pass
+            while process.poll() is None and not minds_sigint(process.pid):
+                pass  # a program that is only being loaded can do nothing yet
             began = time.monotonic()
             if number:
                 time.sleep((number - 1) / 16 * times[0])
@@ -314,34 +318,10 @@ def test_the_program_takes_its_interpreter_from_beside_it_and_no_module_from_her
     assert "cannot be started" in shell("--version", command=[moved], env={"PATH": str(shell.work)}, expect=6).stderr
 
 
-UNTIDY = """import os, signal, sys
-from corvane_cli import command, interrupts
-interrupts.begin()
-group = command.Group("corvane")
-
-class Lost:
-    def __del__(self): os.kill(os.getpid(), signal.SIGINT)
-
-@group.command(cls=command.Command)
-def destructor(): Lost()
-
-@group.command(cls=command.Command)
-def cleaning():
-    try: os.kill(os.getpid(), signal.SIGINT)
-    finally: os.close(99)
-
-@group.command(cls=command.Command)
-def text(): exec("os.kill(os.getpid(), signal.SIGINT)")
-
-status = group.run(sys.argv[1:])
-interrupts.end()
-sys.exit(status)"""
-
-
 @pytest.mark.parametrize("where", ["destructor", "cleaning", "text"])
 def test_ctrl_c_is_told_whatever_becomes_of_its_exception(where, shell):
-    (shell.work / "untidy.py").write_text(UNTIDY)
-    env, command = {"PYTHONPATH": str(shell.work)}, [sys.executable, "-BPm", "untidy"]
+    # As a module: Python ends in another way after a script.
+    env, command = {"PYTHONPATH": str(Path(__file__).with_name("programs"))}, [sys.executable, "-BPm", "interrupted"]
     said = shell(where, command=command, env=env, preexec_fn=CATCH, expect=130).stderr
     assert said.count("\n") == 1 and said.startswith("Interrupted. Next: ")
 

@@ -248,12 +248,10 @@ def test_another_service_is_looked_at_and_gets_no_key(patient, scripted, begins,
 
 @pytest.mark.parametrize("ours", [11, 12])
 def test_the_backup_to_restore_is_that_of_the_session_not_the_newest(ours, tmp_path):
-    addresses = {}
     for number in (11, 12):
         backup = tmp_path / BACKUP.replace("20260101", f"202601{number}")
         backup.write_text(f"{number:064x}")
         backup.chmod(0o600)
-        addresses[number] = AuthManager(f"0x{number:064x}", "https://h.example").get_wallet_address()
-    session = {"address": addresses[ours], "server_url": "https://h.example", "signed_in_at": 1.8e9}
-    (tmp_path / "session.json").write_text(json.dumps(session))
-    assert f"202601{ours}" in doctor_wallet._best_backup(Agent(str(tmp_path), None))
+    agent = Agent(str(tmp_path), "https://h.example")
+    agent.begin_session(AuthManager(f"0x{ours:064x}", agent.server_url).get_wallet_address())
+    assert f"202601{ours}" in doctor_wallet._best_backup(agent)

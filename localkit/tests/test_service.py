@@ -133,7 +133,7 @@ def test_failures_count_for_key_and_client_and_leave_the_owner_alone(start):
         key = auth.AuthManager(f"0x{number:064x}", service.url)._public_key
         signed = {"public_key": key, "challenge": "0" * 64, "signature": "30" * 40}
         # Whom a client names as the one behind it is not believed.
-        answer = client.post("/auth/login", json=signed, headers={"X-Forwarded-For": f"10.0.0.{next(named) % 250}"})
+        answer = client.post("/auth/login", json=signed, headers={"X-Forwarded-For": f"10.0.0.{next(claimed) % 250}"})
         assert ("Retry-After" in answer.headers) == (answer.status_code == 429)
         return answer.status_code
 
@@ -141,7 +141,7 @@ def test_failures_count_for_key_and_client_and_leave_the_owner_alone(start):
         transport = httpx.HTTPTransport(local_address=address)
         return stack.enter_context(httpx.Client(base_url=service.url, transport=transport))
 
-    named = itertools.count()
+    claimed = itertools.count()
     # Slow enough that nothing is forgotten meanwhile, however slow the machine is.
     with start("--failure-seconds", "36000") as service, contextlib.ExitStack() as stack:
         here, there, far = map(client, ("127.0.0.1", "127.0.0.2", "127.0.0.3"))

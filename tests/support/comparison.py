@@ -40,14 +40,14 @@ def told(exc):
     return line if exc.__context__ is None or exc.__suppress_context__ else f"{line} while [{told(exc.__context__)}]"
 
 
-def frames(exc):
+def details(exc):
     """The functions in its traceback and its arguments, and those of what it came from."""
     if exc is None:
         return []
     names = [frame.name for frame in traceback.extract_tb(exc.__traceback__) if "site-packages" not in frame.filename]
     # Once where a name follows itself: another function of the same code has a frame beside that of the body.
     own = [name for name, _ in itertools.groupby(names) if name not in GENERATOR_STEPS]
-    return [*own, text(exc.args), *frames(exc.__cause__ or exc.__context__)]
+    return [*own, text(exc.args), *details(exc.__cause__ or exc.__context__)]
 
 
 def tried(act):
@@ -55,7 +55,7 @@ def tried(act):
     try:
         return act()
     except BaseException as exc:
-        return text(told(exc), quoted=False), frames(exc)
+        return text(told(exc), quoted=False), details(exc)
 
 
 class Tap:
@@ -127,11 +127,11 @@ def observe(module, call, strike_at=None, strike=None):
         taps = {name: Tap(getattr(module, name), name.strip("_"), note) for name in ("os", "_stat", "auth")}
         patched(module, open=vars(module).get("open", tapped(open, "open", note)), **taps)(undo)
         patched(scenarios, note=note)(undo)
-        before, there, passed = descriptors(), world(module), []
+        before, there, raised = descriptors(), world(module), []
         try:
             outcome = f"returned {text(call.act())}"
         except BaseException as exc:
-            passed, outcome = frames(exc), f"raised {text(told(exc), quoted=False)}"
+            raised, outcome = details(exc), f"raised {text(told(exc), quoted=False)}"
         patched(scenarios, note=None)(undo)
         leaked = descriptors() - before
         for fd in leaked:  # where os.close was made to fail
@@ -139,7 +139,7 @@ def observe(module, call, strike_at=None, strike=None):
         now = world(module)
         names = sorted(name for name in {**there, **now} if there.get(name) != now.get(name))
         return {
-            "frames": passed,
+            "raised": raised,
             "outcome": outcome,
             "events": events,
             "changes": [f"{name}: {now.get(name, 'gone')}" for name in names],
