@@ -22,9 +22,10 @@ help: ## Say what there is to make
 demo: $(VENV)/.installed ## Show an agent's first day against a service on this machine
 	@$(PY) -P -m corvane_local.demo $(DEMO_OPTIONS)
 
+# One worker more than there are processors: some tests wait for processes and sockets.
 test: $(VENV)/.installed $(VENV)/.test ## Run all tests against the installed packages
 	@echo "Testing the installed extension and the local kit."
-	@$(PY) -P -m pytest -n auto --dist loadfile $(TEST_OPTIONS) && echo "make test: passed" || { echo "make test: FAILED"; exit 1; }
+	@$(PY) -P -m pytest -n $$(($$(nproc) + 1)) --dist loadfile $(TEST_OPTIONS) && echo "make test: passed" || { echo "make test: FAILED"; exit 1; }
 
 test-pythons: ## Test the module on every supported interpreter that is found, or on those of PYTHONS="..."
 	@"$$(tools/find-python)" tools/test_pythons.py $(PYTHONS)
