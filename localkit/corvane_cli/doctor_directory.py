@@ -149,7 +149,7 @@ def check_files(agent: Agent) -> Iterator[Finding | Looked]:
             "sha256": "a native module without a digest is loaded unverified",
             "[key]": "a file of the service belongs below the data directory, in the places meant for it",
         }
-        for error in exc.errors(include_url=False, include_input=False):
+        for error in exc.errors():
             place = [str(part) for part in error["loc"]]
             problem = f"{path} is malformed: {' '.join([*place, error['msg']])}."
             reason = reasons.get("".join(place[-1:]), "nothing can be verified with it")

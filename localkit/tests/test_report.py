@@ -149,7 +149,7 @@ REFUSED = [
     ("signals --data-dir W", 3, "no identity"), ("report W/none --out W/new.html", 2, "neither"),
     ("report --out W/mine.html", 2, "not a Corvane report"), ("report --out W/link.html", 2, "is a link"),
     ("report --out W/new.txt", 2, "NAME.html"), ("report --out W/none/new.html", 6, "No such file"),
-    ("report --out H/new.html", 2, "belongs to a wallet"), (f"report --out W/{'x' * 300}.html", 6, "name too long"),
+    ("report --out H/new.html", 2, "belongs to a wallet"), ("report --out W/mine.html/new.html", 6, "Not a directory"),
 ]  # fmt: skip
 
 

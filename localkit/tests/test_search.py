@@ -175,7 +175,7 @@ def test_profit_is_what_a_plain_computation_gives(service, bootstrap, tmp_path):
     result = corvane.simulate_signal(signal.id, picture=tmp_path / "p.svg")
     held = np.array([0.0] * 5 + [-np.sign(b - a) for a, b in zip(prices, prices[5:-1], strict=False)])
     profit = np.append(0.0, held * (np.diff(prices) / prices[:-1]) - cost * np.abs(np.diff(held, prepend=0.0)))
-    assert list(result.profit) == pytest.approx(list(profit), abs=1e-15)
+    assert list(result.profit) == pytest.approx(list(profit), abs=1e-15) and "profit" not in repr(result)
     capital = np.cumprod(1 + profit)
     fall = max(1 - capital[day:].min() / capital[day] for day in range(len(capital)))
     assert (result.total_return, result.max_drawdown) == pytest.approx((capital[-1] - 1, fall))
@@ -197,6 +197,7 @@ def test_a_runtime_takes_only_what_belongs_to_its_era(service, bootstrap):
         (lambda: simulate("delta(IBM, 5)", instrument="MSF"), "There is no instrument 'MSF'; there are AAPL, GOOG"),
         (lambda: simulate("AAPL - IBM"), "The expression does not use just one instrument"),
         (lambda: simulate("delta(IBM, 7)"), "Era 3 does not allow the windows 7; it allows 5, 10"),
+        (lambda: simulate("what(IBM)"), "^column 1: "),
         (lambda: simulate(7), "Era 3 has no found signal with the number 7"),
         (lambda: _runtime._verified_json("", {"files": {}}, "a"), "The manifest does not name a"),
         (lambda: setattr(evaluator, "raw_backtester", B), "The backtester refuses the data: "),
