@@ -200,6 +200,11 @@ def test_a_full_disk_spends_no_invite_and_leaves_no_half_key(size, service, shel
     assert (shell.home / "session.json").read_bytes() == session and len(session) > 100
 
 
+def test_a_demo_on_a_full_disk_says_so(shell):
+    said = shell("demo", command=limited(32), expect=1).stderr
+    assert "Error: [Errno 27] File too large\nError: The demo has failed.\n" in said and "Traceback" not in said
+
+
 def test_a_login_that_cannot_keep_the_old_key_changes_nothing(signed_in, shell):
     (shell.home / "wallet.key").write_text("x" * 90)  # the disk has room for the new key, but not for a backup
     before = shell.tree()
@@ -411,6 +416,7 @@ def test_global_options_work_in_both_places(service, signed_in, shell):
     env = {"CORVANE_SERVER_URL": "https://127.0.0.1:1", "CORVANE_DATA_DIR": f"{shell.work}/other"}
     for line in (f"{given} --json whoami", f"whoami {given} --json", f"{elsewhere} --json whoami {given}"):
         assert json.loads(shell(line, env=env).stdout)["accepted"]
+    assert "default: (60;" in shell("sync --help", env={"COLUMNS": "200"}).stdout
     refused = shell("status --timeout 0", expect=2).stderr
     assert "--timeout" in refused and "`corvane status --help`" in refused
     for line in ("--version --json", "--json --version", "sync --version --json", "--json status --version"):

@@ -10,6 +10,7 @@ from tempfile import TemporaryDirectory
 
 import click
 
+from corvane_local.cli import Prints
 from corvane_local.demo.checks import CheckFailed, steps_of
 from corvane_local.demo.runtime import RuntimeSteps
 from corvane_local.demo.service import Service
@@ -18,7 +19,7 @@ from corvane_local.demo.wallet import WalletSteps
 SABOTAGE = click.Choice(["key-file", "invite", "heartbeat", "module", "picture"])
 
 
-@click.command()
+@click.command(cls=Prints)
 @click.option("--sabotage", type=SABOTAGE, help="Spoil what a step has done, to see that it is noticed.")
 @click.option("--keep", metavar="DIR", type=click.Path(path_type=Path, resolve_path=True), help="Keep everything here.")
 def main(sabotage: str | None, keep: Path | None) -> None:
