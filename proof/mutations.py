@@ -95,6 +95,7 @@ KIT_EXPLAINED = {
     "if at > now": "at that very moment",
     "return one  # there is none": "and then nothing is shown either way",
     "self.width > 60": "nothing is broken at this very width",
+    "hide_input=True, err=True": "where a line feed goes if the prompt is left by Ctrl-C",
     "digital_signature=True": "what else the authority's key might be used for",
 }
 TEXTS = re.compile(r'"""[\s\S]*?"""|"(?:[^"\\\n]|\\.)*"|#.*')  # of Python

@@ -9,6 +9,7 @@ import os
 import re
 import shutil
 import sqlite3
+import stat
 import subprocess
 import sys
 from contextlib import closing
@@ -289,6 +290,7 @@ def test_only_the_token_opens_the_operators_page(start):
         ("private", lambda: path.chmod(0o640)),
         ("holds no", lambda: path.chmod(0o600) or path.write_text("x")),
         ("is a link", lambda: path.unlink() or path.symlink_to("ca.key")),
+        ("No such device", lambda: path.unlink() or os.mknod(path, stat.S_IFSOCK | 0o600)),
     ):
         change()
         refused = subprocess.run(serve, capture_output=True, text=True, timeout=30)

@@ -328,6 +328,7 @@ def test_the_operator_sees_all_but_secrets_and_what_the_service_keeps_is_private
     for line, reason in (
         ("list --state nowhere", "There is no service in"), ("invite --state open", "is open to other users"),
         (f"serve --state '{service.state}'", "database"), ("serve --port 0 --state new >/dev/full", "No space"),
+        ("list --state nowhere >&-", "output is closed"),
     ):  # fmt: skip
         command = ["sh", "-c", f"{shlex.quote(sys.executable)} -P -m corvane_local {line}"]
         done = subprocess.run(command, capture_output=True, text=True, timeout=30, cwd=tmp_path)
