@@ -54,7 +54,8 @@ class Connection(H11Protocol):
         self._deadline = self.loop.call_later(self.exchange_seconds, self._end)
 
     def _end(self) -> None:
-        if self.conn.trailing_data[0] or not self.waits_for_client():  # and not merely kept open
+        is_idle = self.cycle is None or self.cycle.response_complete
+        if self.conn.trailing_data[0] or not is_idle:  # and not merely kept open
             self.cut_off["too slow"] += 1
         self.transport.abort()
 
