@@ -75,7 +75,7 @@ def test_a_context_manager_that_is_completed_too_late(monkeypatch):
             return lambda: manager
 
     monkeypatch.setattr(m, "open", lambda *path, encoding: type("Late", (), {"__enter__": Enter()})(), raising=False)
-    with pytest.raises(TypeError):
+    with pytest.raises(TypeError, match=r"^a context manager changed while it was entered$"):
         m._read_json_if_present(__file__)
 
 
@@ -90,5 +90,5 @@ def test_options_that_vanish_while_they_are_set(monkeypatch):
             return "us"
 
     monkeypatch.setattr(m, "_config", dict(m._config))
-    with pytest.raises(RuntimeError, match="dictionary changed size during iteration"):
+    with pytest.raises(RuntimeError, match=r"dictionary changed size during iteration$"):
         m.configure(**{"named_universe": Emptying("us"), "auto_heartbeat": False})

@@ -442,6 +442,8 @@ def local_runtime():
         (": no era", [], on_disk(era_config=None)),
         (": no vocabulary", [], on_disk({VOCABULARY: None})),
         (": the vocabulary's era", era_7, on_disk(era_config={**ON_DISK["era_config"], "era_id": 0})),
+        (": no number", replaced(replaced(era_7, "era_id=7", "era_id=0"), "{'era_id': '7'}", "{}"),
+            on_disk({VOCABULARY: "{}"}, era_config={**ON_DISK["era_config"], "era_id": 0})),
         (": the kit's own vault", [*of_kit[:6], "_runtime._load_vault_module(vault_module=None)", *of_kit[6:]],
             on_disk(modules={"backtester": RAW})),
     ):
@@ -514,6 +516,9 @@ def propagation():
         ("not injected", (*injected, not_injected, no_search, ACTIVE_MANAGER), kit(no_templates)),
         ("no simulation", (*good, f"{no_simulation}{no}", f"{no_bootstrap}OSError: no from [OSError: no]",
             ACTIVE_MANAGER), kit(no_init)),
+        ("no back-off", (SET, "raised UnboundLocalError: local variable 'sync_backoff' referenced before assignment "
+            "while [ModuleNotFoundError: import of corvane.sync_backoff halted; None in sys.modules]", ACTIVE_MANAGER),
+            kit(sync_backoff=None)),
         ("no export", (*good, not_exported, f"{no_simulation}RuntimeError('{export}'),) while RuntimeError",
             f"{no_bootstrap}RuntimeError: {export}; caused by OSError: no from [RuntimeError: {export} from [OSError: "
             "no]]", ACTIVE_MANAGER), kit(no_export)),
