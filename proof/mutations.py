@@ -87,6 +87,9 @@ KIT_DECLARED = r"^ *(?:@|def |async |class |from |import |case |type |[\w.]+: [^
 MODULE_EXPLAINED = {
     '"too many arguments"': "no call of the module has that many",
     '"error return without exception set"': "no function of the interpreter fails so",
+    '"a declaration is not code"': "what was compiled at build time is",
+    "visit(reinterpret_cast<PyCodeObject*>": "code objects are found by their names, in whichever order they come",
+    "    stop();": "nothing can happen between the two",
     "round_++ % rounds_between_checks": "then there are more checks for signals, not fewer",
     "set_item(interpreter_dict(), kept_as()": "the initialisation has succeeded either way",
 }

@@ -2,7 +2,6 @@
 
 import contextlib
 import inspect
-import itertools
 import os
 import pprint
 import re
@@ -40,14 +39,15 @@ def told(exc):
     return line if exc.__context__ is None or exc.__suppress_context__ else f"{line} while [{told(exc.__context__)}]"
 
 
+def frames(exc):
+    """The functions in its traceback."""
+    names = [frame.name for frame in traceback.extract_tb(exc.__traceback__) if "site-packages" not in frame.filename]
+    return [name for name in names if name not in GENERATOR_STEPS]
+
+
 def details(exc):
     """The functions in its traceback and its arguments, and those of what it came from."""
-    if exc is None:
-        return []
-    names = [frame.name for frame in traceback.extract_tb(exc.__traceback__) if "site-packages" not in frame.filename]
-    # Once where a name follows itself: another function of the same code has a frame beside that of the body.
-    own = [name for name, _ in itertools.groupby(names) if name not in GENERATOR_STEPS]
-    return [*own, text(exc.args), *details(exc.__cause__ or exc.__context__)]
+    return [] if exc is None else [*frames(exc), text(exc.args), *details(exc.__cause__ or exc.__context__)]
 
 
 def tried(act):
