@@ -90,6 +90,9 @@ MODULE_EXPLAINED = {
     '"a declaration is not code"': "what was compiled at build time is",
     "visit(reinterpret_cast<PyCodeObject*>": "code objects are found by their names, in whichever order they come",
     "    stop();": "nothing can happen between the two",
+    "PyErr_NoMemory();": "nothing asks for memory by `new`, which the proof `coverage` sees to",
+    "inline bool initialised = false": "no function exists before it becomes true",
+    "watcher == no_watcher": "without a watcher names are looked up each time, which is only slower",
     "round_++ % rounds_between_checks": "then there are more checks for signals, not fewer",
     "set_item(interpreter_dict(), kept_as()": "the initialisation has succeeded either way",
 }
