@@ -22,6 +22,7 @@ SELECTED = """#pragma once
 #include <string_view>
 inline bool faulty(std::string_view name) { return name == std::getenv("FAULT"); }
 """
+RELEASE = "-DCMAKE_BUILD_TYPE=Release"
 Tests = tuple[str, str]  # files, such as "eras surface"; for pytest's -k which of their tests
 
 
@@ -69,12 +70,12 @@ class Copy:
         """Builds the extension from the sources as they are now."""
         flags = f"-DCMAKE_CXX_FLAGS=-w -include {shlex.quote(str(self.root / 'fault.hpp'))}"
         name = f"{self.root.name}-{option.rpartition('=')[2]}"
-        self.site = self._workshop.build(name, option, flags, root=self.root)
+        larger = {} if option == RELEASE else {"LD_PRELOAD": ""}  # tells the tests that frames are
+        self.site = {**self._workshop.build(name, option, flags, root=self.root), **larger}
 
     def trial(self, fault: Fault | None, tests: Tests) -> Done:
         """Runs tests of the copy with a fault, or without."""
-        # LD_PRELOAD tells the tests that frames are larger than those of a release.
-        variables = {**self.site, "FAULT": fault.name() if fault else "", "LD_PRELOAD": ""}
+        variables = {**self.site, "FAULT": fault.name() if fault else ""}
         return self._workshop.pytest(self.root, *tests, variables=variables, seconds=HUNG)
 
 

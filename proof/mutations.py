@@ -14,7 +14,7 @@ from collections.abc import Iterable, Iterator, Mapping, Sequence
 from pathlib import Path
 
 import corvane
-from proof.faults import HUNG, Copy, Fault, Tests, noticed
+from proof.faults import HUNG, RELEASE, Copy, Fault, Tests, noticed
 from proof.workshop import Done, Result, Workshop
 
 SEED = 20  # of the draw
@@ -92,6 +92,7 @@ MODULE_EXPLAINED = {
     "    stop();": "nothing can happen between the two",
     "PyErr_NoMemory();": "nothing asks for memory by `new`, which the proof `coverage` sees to",
     "inline bool initialised = false": "no function exists before it becomes true",
+    "bool ascending = true": "what is sorted already is sorted again, which is only slower",
     "watcher == no_watcher": "without a watcher names are looked up each time, which is only slower",
     "round_++ % rounds_between_checks": "then there are more checks for signals, not fewer",
     "set_item(interpreter_dict(), kept_as()": "the initialisation has succeeded either way",
@@ -157,7 +158,7 @@ def mutations(workshop: Workshop) -> Iterator[Result]:
     for fault in faults:
         text = (path := folder / fault.file).read_text()
         path.write_text(text[: fault.start] + fault.selecting(fault.instead) + text[fault.end :])
-    copy.build()
+    copy.build(RELEASE)
     tried = unexplained(faults, MODULE_EXPLAINED)
     what = f"mutations, without {len(faults) - len(tried)} explained"
     yield noticed(what, copy.trial, workshop.sample(tried, 12), 95, workshop)

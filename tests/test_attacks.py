@@ -40,7 +40,7 @@ AROUND = {
     "traceback": "not enough values to unpack (expected 3, got 2)",
     "other_watcher": "the new value",
     "no_watcher": "the new value",
-    "lowered_stack": "RecursionError",
+    "lowered_stack": "maximum recursion depth exceeded",
 }
 
 

@@ -137,8 +137,8 @@ def lowered_stack():
     m.auth = types.SimpleNamespace(_normalize_invite_code=lambda code: m._resolve_invite_code(code))
     try:
         m._resolve_invite_code("x")
-    except RecursionError:
-        return "RecursionError"
+    except RecursionError as exc:
+        return exc
 
 
 if sys.argv[1] == "no_watcher":
