@@ -102,12 +102,12 @@ KIT_EXPLAINED = {
     'config.get("named_universe") or': "both places name the same universe",
     'host, port_is_valid = "", False': "an address without a host is refused already",
     "> _GREATEST_LIKENESS": "no two profits are alike to the last bit of the limit",
-    "disable=silent": "how a progress bar looks",
     "1 < at < 1e11": "nobody signed in at these very seconds",
     "len(head) < _LONGEST_HEAD": "a head of exactly this length",
     "if at > now": "at that very moment",
     "return one  # there is none": "and then nothing is shown either way",
     "self.width > 60": "nothing is broken at this very width",
+    "file.tell() > size": "a body of just this size ends there anyway",
     "hide_input=True, err=True": "where a line feed goes if the prompt is left by Ctrl-C",
     "digital_signature=True": "what else the authority's key might be used for",
 }

@@ -18,6 +18,7 @@ import threading
 import time
 from collections.abc import Callable, Iterator
 from hashlib import file_digest, sha256
+from io import BufferedReader
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, BinaryIO, NoReturn
 
@@ -164,10 +165,12 @@ class SyncManager:
     def _load(self) -> None:
         self._manifest, self._vocabulary = None, {}
         with contextlib.suppress(FileNotFoundError, ValueError):  # the next sync writes a damaged one again
-            self._manifest = _checked_manifest((self._root / "manifest.json").read_bytes())
+            with _opened(self._root / "manifest.json") as file:
+                self._manifest = _checked_manifest(file.read())
             for path, entry in sorted(self._manifest["files"].items()):
                 if entry["kind"] == "vocabulary":
-                    content = (self._root / path).read_bytes()
+                    with _opened(self._root / path) as file:
+                        content = file.read()
                     if sha256(content).hexdigest() == entry["sha256"] and isinstance(
                         value := json.loads(content), dict
                     ):
@@ -176,7 +179,7 @@ class SyncManager:
 
     def _write_manifest(self, manifest: "Manifest") -> None:
         new = self._root / "manifest.json.new"
-        with open(new, "wb") as file:
+        with open(new, "wb", opener=_no_link) as file:
             file.write(json.dumps(manifest, indent=1).encode())
             _flush_to_disk(file)
         os.replace(new, self._root / "manifest.json")
@@ -217,7 +220,10 @@ class SyncManager:
         bar.update(held)
         if held < size or not part.exists():
             headers = {"Range": f"bytes={held}-", "If-Range": f'"{expected}"'} if held else {}
-            with self._get(service, f"/runtime/files/{path}", headers) as answer, open(part, "ab") as file:
+            with (
+                self._get(service, f"/runtime/files/{path}", headers) as answer,
+                open(part, "ab", opener=_no_link) as file,
+            ):
                 if answer.status == 200:
                     file.truncate(0)
                     bar.update(-held)
@@ -257,10 +263,17 @@ def _checked_manifest(received: bytes | dict[str, Any]) -> "Manifest":
 
 def _digest(path: Path) -> str | None:
     try:
-        with open(path, "rb") as file:
+        with _opened(path) as file:
             return file_digest(file, "sha256").hexdigest()
     except (FileNotFoundError, NotADirectoryError):
         return None
+
+
+def _opened(path: Path) -> BufferedReader:
+    """A file to read. What has no end, such as a FIFO or a device, counts as missing, and a sync replaces it."""
+    if not path.is_file() and not path.is_dir():
+        raise FileNotFoundError(path)
+    return open(path, "rb")
 
 
 def _flush_to_disk(file: BinaryIO) -> None:
@@ -285,4 +298,8 @@ def _only_process(root: Path, wait: float) -> Iterator[None]:
 
 
 def _own_file(path: str, flags: int) -> int:
-    return os.open(path, flags | os.O_NOFOLLOW | os.O_NONBLOCK, 0o600)  # nor wait for the other end of a FIFO
+    return _no_link(path, flags, 0o600)
+
+
+def _no_link(path: str, flags: int, mode: int = 0o666) -> int:
+    return os.open(path, flags | os.O_NOFOLLOW | os.O_NONBLOCK, mode)  # nor wait for the other end of a FIFO

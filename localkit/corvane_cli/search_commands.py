@@ -42,10 +42,13 @@ _SERIES = (
 def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run: bool) -> Result:
     """Download what has changed of the active era, and replace what is damaged."""
     from corvane_cli.doctor_directory import check_copies, check_files
-    from corvane_cli.doctor_findings import examine
+    from corvane_cli.doctor_findings import examine, kind_of
 
     changed: list[str] = []
-    if check and not (agent.data_dir / "manifest.json").exists():
+    manifest = agent.data_dir / "manifest.json"
+    if check and (kind := kind_of(manifest)):
+        raise Failure(f"{manifest} is {kind}.", Exit.DAMAGED, "`corvane doctor` says how to get it out of the way.")
+    if check and not manifest.exists():
         raise Failure(f"Nothing was downloaded to {agent.data_dir}.", Exit.DAMAGED, "`corvane sync` downloads the era.")
     if not check:
         sign_in(agent, dry_run)

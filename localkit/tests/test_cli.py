@@ -288,6 +288,15 @@ def test_a_sync_waits_for_another_as_long_as_it_is_told(signed_in, shell):
         assert "Waiting for it, 0.5 s at most." in shell("sync --wait 0.5", expect=5).stderr
 
 
+def test_a_sync_follows_no_link_and_waits_for_no_fifo(signed_in, shell):
+    plants = {"ln -s wallet.key era_config.json.part": 6, "mkfifo era_config.json": 0, "mkfifo manifest.json": 0}
+    for plant, status in (plants | {"mkdir manifest.json": 6}).items():
+        subprocess.run(["sh", "-ec", f"rm -rf era* manifest*; {plant}"], cwd=shell.home, check=True)
+        shell("sync --check", expect=7)
+        shell("sync", expect=status)
+    assert (shell.home / "wallet.key").read_text() == shell.secrets[0]
+
+
 def minds_sigint(process):
     """Whether it blocks, ignores or handles the signal."""
     masks = re.findall(r"Sig(?:Blk|Ign|Cgt):\t(\w+)", Path(f"/proc/{process}/status").read_text())
