@@ -199,13 +199,17 @@ def _checked[T: Run | FoundSignal](kind: type[T], rows: Iterable[tuple[object, .
 
 def _is_locked(lock: Path) -> bool:
     try:
-        with open(lock, "rb") as file:
+        with open(lock, "rb", opener=_without_waiting) as file:
             fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
     except BlockingIOError:
         return True
     except OSError:
         return False
     return False
+
+
+def _without_waiting(path: str, flags: int) -> int:
+    return os.open(path, flags | os.O_NONBLOCK)  # for the other end of a FIFO
 
 
 class SearchTracker:

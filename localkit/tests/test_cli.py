@@ -290,10 +290,11 @@ def test_a_sync_waits_for_another_as_long_as_it_is_told(signed_in, shell):
 
 def test_a_sync_follows_no_link_and_waits_for_no_fifo(signed_in, shell):
     plants = {"ln -s wallet.key era_config.json.part": 6, "mkfifo era_config.json": 0, "mkfifo manifest.json": 0}
-    for plant, status in (plants | {"mkdir manifest.json": 6}).items():
+    for plant, status in (plants | {"mkdir manifest.json; : >search.db; mkfifo search.lock": 6}).items():
         subprocess.run(["sh", "-ec", f"rm -rf era* manifest*; {plant}"], cwd=shell.home, check=True)
         shell("sync --check", expect=7)
         shell("sync", expect=status)
+    shell("searches", expect=6)  # at once, too
     assert (shell.home / "wallet.key").read_text() == shell.secrets[0]
 
 
