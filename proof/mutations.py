@@ -106,7 +106,6 @@ KIT_EXPLAINED = {
     "len(head) < _LONGEST_HEAD": "a head of exactly this length",
     "if at > now": "at that very moment",
     "return one  # there is none": "and then nothing is shown either way",
-    "self.width > 60": "nothing is broken at this very width",
     "file.tell() > size": "a body of just this size ends there anyway",
     "hide_input=True, err=True": "where a line feed goes if the prompt is left by Ctrl-C",
     "digital_signature=True": "what else the authority's key might be used for",

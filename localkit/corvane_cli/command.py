@@ -172,7 +172,7 @@ class Group(_Prints, click.Group):
         options = args[: args.index("--")] if "--" in args else args
         as_json, verbose = "--json" in options, "--verbose" in options
         if verbose:  # of ours only: what libraries log is not ours to vouch for
-            _log_to_stderr()
+            display.log_to_stderr("DEBUG", "%(levelname)s %(name)s %(message)s")
         try:
             if sys.stdout is None:
                 raise Failure("Standard output is closed.", Exit.MACHINE, "Open it, for example with >/dev/null.")
@@ -261,20 +261,6 @@ def table(rows: list[tuple[object, ...]]) -> list[str]:
             break_on_hyphens=False,
         )
     return lines
-
-
-def _log_to_stderr() -> None:
-    import logging
-
-    class SafeFormatter(logging.Formatter):
-        def format(self, record: logging.LogRecord) -> str:
-            return display.one_line(super().format(record))
-
-    handler = logging.StreamHandler()
-    handler.setFormatter(SafeFormatter("%(levelname)s %(name)s %(message)s"))
-    logger = logging.getLogger("corvane")
-    logger.addHandler(handler)
-    logger.setLevel(logging.DEBUG)
 
 
 def _say(text: str) -> None:

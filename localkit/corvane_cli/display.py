@@ -56,6 +56,21 @@ def as_json(value: Any, indent: int | None = None) -> str:
     return text.replace("\x7f", "\\u007f")  # the one control character that JSON leaves alone
 
 
+def log_to_stderr(level: str, form: str) -> None:
+    """Has what the kit logs printed like everything else, unless that was asked for before."""
+    import logging
+
+    class SafeFormatter(logging.Formatter):
+        def format(self, record: logging.LogRecord) -> str:
+            return one_line(super().format(record))
+
+    if not (logger := logging.getLogger("corvane")).handlers:
+        handler = logging.StreamHandler()
+        handler.setFormatter(SafeFormatter(form))
+        logger.addHandler(handler)
+        logger.setLevel(level)
+
+
 def _hidden(value: Any) -> Any:
     if isinstance(value, str):
         return hide(value)

@@ -18,7 +18,7 @@ from types import ModuleType
 
 from corvane.auth import AuthManager, InvalidKeyError, _set_active_auth_manager
 from corvane.key_file import make_key, write_whole
-from corvane_cli.display import remember
+from corvane_cli.display import log_to_stderr, remember
 
 KEY_VARIABLE = "CORVANE_PRIVATE_KEY"
 LONGEST_KEY = 4096  # bytes, of a file or of what arrives
@@ -167,6 +167,7 @@ class Agent:
         """
         from corvane import agent_onboarding
 
+        log_to_stderr("WARNING", "%(message)s")  # which logging would do by itself, but raw
         agent_onboarding.configure(data_dir=str(self.data_dir), server_url=self.server_url, auto_heartbeat=heartbeat)
         return agent_onboarding
 

@@ -396,6 +396,13 @@ def test_a_secret_in_the_wrong_place_is_not_repeated(line, shell):
         assert KEY[:40] not in said and "password" not in said and "traceback" not in said.replace("  traceback", "")
 
 
+def test_a_warning_of_the_onboarding_module_is_shown_like_everything_else(shell):
+    (workspace := shell.work / f"{KEY}\x1b[2J").mkdir()
+    (workspace / "HEARTBEAT.md").write_text("# Mine")
+    said = shell(f"heartbeat --workspace {workspace}", command=limited(0), expect=6).stderr
+    assert "Failed to write" in said and KEY not in said and said.replace("\n", "").isprintable()
+
+
 STEPS = [  # one after the other
     ("register --invite-code CORV-1", 2, "malformed"),
     ("whoami", 3, "`corvane register --invite-code CODE` makes"),
