@@ -69,7 +69,7 @@ class Service:
             raise ConnectionError(
                 f"{self.url} has not answered in time, or sends too slowly ({REQUEST_SECONDS:g} s)."
             ) from exc
-        except (httpx.TransportError, httpx.InvalidURL) as exc:
+        except (httpx.TransportError, httpx.InvalidURL, UnicodeError) as exc:  # the last of a name that cannot be one
             raise ConnectionError(f"{self.url} cannot be reached: {exc}") from exc
 
     def _response(self, request: httpx.Request) -> httpx.Response:

@@ -140,6 +140,7 @@ REPAIRED = [
     ("trust", "export SSL_CERT_FILE=/dev/null", "holds no certificate", "export SSL_CERT_FILE=CA"),
     ("service", "unset SSL_CERT_FILE", "CERTIFICATE_VERIFY_FAILED", "export SSL_CERT_FILE=CA"),
     ("service session", "export CORVANE_SERVER_URL=https://127.0.0.1:1", "Connection refused", "SERVER_URL=URL"),
+    ("service session", "export CORVANE_SERVER_URL=https://a..b", "cannot be reached: ", "SERVER_URL=URL"),
     ("service session", f"export CORVANE_SERVER_URL=$({OTHER_NAME})", "mismatch", "for another host"),
     ("sign-in", f"{LOST} $(dirname $SSL_CERT_FILE)/service.db 'DELETE FROM wallets'", "refuses 0x", "register --inv"),
 ]
