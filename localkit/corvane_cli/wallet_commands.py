@@ -239,6 +239,6 @@ def _read_line(source: int, what: str, instead: str) -> str:
         raise Failure(f"Descriptor {source} cannot be read: {exc.strerror}.", Exit.USAGE, instead) from None
     if not content.strip():
         raise Failure(f"No {what} has arrived on descriptor {source}.", Exit.USAGE, instead)
-    line = content.decode("ascii", "replace").strip()
-    remember(line)
-    return line
+    text = content.decode("ascii", "replace").strip()
+    remember(text)
+    return text.partition("\n")[0].strip()  # whether or not more has arrived along with it

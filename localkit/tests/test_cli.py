@@ -148,7 +148,7 @@ def test_login_never_loses_a_wallet(addresses, shell):
     for line in ("login --key-fd 77", "--timeout 1e300 status", "login --prompt", "--bogus", f"login {first}"):
         shell(line, first, expect=2)
     assert shell.tree() == before
-    assert shell.json("login", "0x" + first)["stored"] is False and path.read_text() == first
+    assert shell.json("login", f"0x{first}\nmore")["stored"] is False and path.read_text() == first
     assert [shell.json("heartbeat")["added"] != "" for _ in "12"] == [True, False]
     assert shell.json("logout")["revoked"] is False and path.exists()
     for line in ("sync", "sync --dry-run", "search --dry-run", "simulate 1 --dry-run", "status", "status --online"):
