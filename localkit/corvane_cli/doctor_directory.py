@@ -189,19 +189,27 @@ def check_searches(agent: Agent) -> Iterator[Finding | Looked]:
     import sqlite3
     from contextlib import closing
 
-    from corvane.search_tracking import connect_to_read
+    from corvane.search_tracking import connect_to_read, read_record
 
     path = agent.data_dir / "search.db"
     if kind_of(path) or not path.exists():
         return
     files = [file for file in (path, Path(f"{path}-wal"), Path(f"{path}-shm")) if file.exists()]
+    problem = ""
     try:
+        read_record(agent.data_dir)
         with closing(connect_to_read(path, TIMEOUT)) as db:
-            said = [row[0] for row in db.execute("PRAGMA quick_check(1)")]
+            [said] = db.execute("PRAGMA quick_check(1)").fetchone()
+        if said != "ok":
+            problem = f"{path} is damaged: {said}."
+    except BlockingIOError:
+        pass  # a search is writing
     except sqlite3.DatabaseError as exc:
-        said = [] if "locked" in str(exc) else [str(exc)]
-    if said not in ([], ["ok"]):
-        problem, reason = f"{path} is damaged: {said[0]}.", "searches cannot note what they find"
+        problem = "" if "locked" in str(exc) else f"{path} is damaged: {exc}."
+    except ValueError as exc:
+        problem = str(exc)
+    if problem:
+        reason = "searches cannot note what they find"
         next_step = (
             f"`{' && '.join(map(aside, files))}`: the next search begins a new one; found signals stay in the old."
         )

@@ -135,6 +135,7 @@ REPAIRED = [
     ("files", "rm features/*/*.json; mkdir features/us_large/vocabulary.json", "is missing", "mv .* && corvane sync"),
     ("copies", f"echo x >.corvane-runtime-x-{'0' * 16}.so", "does not hold", "rm "),
     ("searches", "echo x >search.db; cp search.db search.db-wal", "file is not a database", "mv .* && mv .*-wal"),
+    ("searches", ": >search.db", "not a record of searches: no such table", "mv .*aside"),
     ("trust", "export SSL_CERT_FILE=/nowhere", "/nowhere. does not exist", "export SSL_CERT_FILE=CA"),
     ("trust", "export SSL_CERT_FILE=/etc", "is a directory", "export SSL_CERT_FILE=CA"),
     ("trust", "export SSL_CERT_FILE=/dev/null", "holds no certificate", "export SSL_CERT_FILE=CA"),
