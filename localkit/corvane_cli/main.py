@@ -14,6 +14,7 @@ from corvane_cli.wallet_commands import login, logout, register, status, whoami
 
 @click.group(
     cls=Group,
+    no_args_is_help=False,  # which would be one line of escapes
     context_settings={"help_option_names": ["-h", "--help"], "max_content_width": 110, "show_default": True},
     epilog="""\b
 Examples:

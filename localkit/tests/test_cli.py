@@ -434,6 +434,7 @@ def test_global_options_work_in_both_places(service, signed_in, shell):
     for line in (f"{given} --json whoami", f"whoami {given} --json", f"{elsewhere} --json whoami {given}"):
         assert json.loads(shell(line, env=env).stdout)["accepted"]
     assert "default: (60;" in shell("sync --help", env={"COLUMNS": "200"}).stdout
+    assert "Error: Missing command.\n" in shell("corvane_cli", command=CORVANE[:-1], expect=2).stderr
     refused = shell("status --timeout 0", expect=2).stderr
     assert "--timeout" in refused and "`corvane status --help`" in refused
     for line in ("--version --json", "--json --version", "sync --version --json", "--json status --version"):
