@@ -137,7 +137,7 @@ def logout(agent: Agent, delete_key: str | None, dry_run: bool) -> Result:
     with agent.changing_the_wallet(dry_run or not agent.data_dir.exists()):
         key = usable_key_file(agent, "unreadable") if delete_key else agent.key_file()
         if delete_key is not None and delete_key.lower() != key.address:
-            next_step = "`corvane status` shows the address; a file that contains no key is deleted with rm."
+            next_step = "`corvane status` shows the address; `corvane doctor` says what to do with a damaged file."
             raise Failure(f"{key.path} is not the key of {delete_key}; it was not deleted.", Exit.USAGE, next_step)
         if dry_run:
             return plan(["forget the session"] + [f"delete {key.path} for good"] * bool(delete_key))

@@ -115,7 +115,7 @@ def test_a_day_with_the_command(service, addresses, shell):
     (home / "era_config.json").write_text("{}")
     assert not shell.json("sync --check", expect=7)["intact"]
     assert shell.json("sync")["changed_files"] == ["era_config.json"] and shell.json("sync --check")["intact"]
-    shell(f"logout --delete-key {addresses[0]}", expect=2)
+    assert "`corvane doctor`" in shell(f"logout --delete-key {addresses[0]}", expect=2).stderr
     shell(f"logout --delete-key {made['address']}")
     assert not (home / "wallet.key").exists()
     leave = ["sh", "-c", 'mkdir gone; cd gone; rmdir ../gone; exec "$@"', "sh", *CORVANE]
