@@ -70,7 +70,8 @@ def check_directory(agent: Agent) -> Iterator[Finding | Looked]:
             yield Finding("directory", ERROR, problem, reason, "Choose a --data-dir below directories of your own.")
         elif status.st_mode & 0o022 and not status.st_mode & stat.S_ISVTX:
             severity, who = (ERROR, "everybody") if status.st_mode & 0o002 else (WARNING, "its group")
-            yield Finding("directory", severity, f"{path} can be written by {who}.", reason, f"`chmod go-w {quoted}`")
+            next_step = f"`chmod {'700' if path == root else 'go-w'} {quoted}`"
+            yield Finding("directory", severity, f"{path} can be written by {who}.", reason, next_step)
         elif path == root and status.st_mode & 0o055:
             problem = f"{path} can be read by other users."
             yield Finding("directory", WARNING, problem, "they see what is kept there", f"`chmod 700 {quoted}`")

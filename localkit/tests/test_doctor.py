@@ -106,6 +106,7 @@ OTHER_NAME = "echo $CORVANE_SERVER_URL | sed s/127.0.0.1/127.1/"
 # Check (and which others see the same), spoiling, what the problem says, what the step says.
 REPAIRED = [
     ("directory", "chmod 777 ..", "can be written by everybody", "chmod go-w"),
+    ("directory", "chmod 775 .", "can be written by its group", "chmod 700"),
     ("directory", "chmod 750 .", "can be read by other users", "chmod 700"),
     ("directory", "export CORVANE_DATA_DIR=$PWD/wallet.key", "is not a directory", "export CORVANE_DATA_DIR="),
     ("names", "ln -sf /etc/passwd wallet.lock", "wallet.lock is a symbolic link", "mv .*aside"),
