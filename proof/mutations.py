@@ -33,7 +33,7 @@ KIT_TESTS = (
     ("corvane/key_file", "cli", ""),
     ("corvane/(simulate|output_file)", "search report cli", QUICK),
     ("corvane/search_t", "search report", QUICK),
-    ("corvane/sync.py", "service http cli", "paths or spoilt or cut or kill or back_off or sync"),
+    ("corvane/sync.py", "service http cli", "paths or spoilt or cut or kill or back_off or sync or vocabulary"),
     ("corvane/(sync_|manifest)", "service", "back_off or spoilt or paths"),
     ("corvane/", "search demo", QUICK),
     ("corvane_cli/doctor", "doctor report", QUICK),
