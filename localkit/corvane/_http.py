@@ -9,8 +9,10 @@ import json
 import socket
 import ssl
 import sys
+import threading
 import time
 from collections.abc import Iterable, Iterator, Mapping
+from queue import Empty, SimpleQueue
 from typing import Any
 
 import httpcore
@@ -86,7 +88,7 @@ class Service:
     def _refuse_redirect(self, response: httpx.Response) -> None:
         target = response.headers.get("Location") if 300 <= response.status_code < 400 else None
         if target or response.status_code in _REDIRECTS:
-            where = f"to {target}, which is not followed" if target else "without saying where"
+            where = f"to {target[:300]}, which is not followed" if target else "without saying where"
             raise PortalError(f"{self.url} redirects {where}: the address has moved, or a captive portal answers.")
 
 
@@ -168,7 +170,7 @@ class _Backend(httpcore.SyncBackend):
         socket_options: Iterable[httpcore.SOCKET_OPTION] | None = None,
     ) -> httpcore.NetworkStream:
         try:
-            found = socket.getaddrinfo(host, port, type=socket.SOCK_STREAM)
+            found = _resolved(host, port, self._clock.left())
         except OSError as exc:
             raise httpcore.ConnectError(str(exc)) from exc
         for number, (*_, address) in enumerate(found, 1):  # each would be given the whole time otherwise
@@ -176,6 +178,26 @@ class _Backend(httpcore.SyncBackend):
                 stream = super().connect_tcp(str(address[0]), port, self._clock.left())
                 return _Stream(stream, self._clock)
         raise AssertionError("unreachable")
+
+
+def _resolved(host: str, port: int, seconds: float) -> list[Any]:
+    # In a thread of its own: neither a signal nor a time limit ends getaddrinfo, which may wait for half a minute.
+    answer: SimpleQueue[list[Any] | Exception] = SimpleQueue()
+
+    def ask() -> None:
+        try:
+            answer.put(socket.getaddrinfo(host, port, type=socket.SOCK_STREAM))
+        except Exception as exc:
+            answer.put(exc)
+
+    threading.Thread(target=ask, daemon=True).start()
+    try:
+        found = answer.get(timeout=seconds)
+    except Empty:
+        raise httpcore.ConnectTimeout(f"nobody says where {host} is") from None
+    if isinstance(found, Exception):
+        raise found
+    return found
 
 
 class _Stream(httpcore.NetworkStream):

@@ -3,6 +3,7 @@
 import itertools
 import logging
 import math
+import socket
 import time
 from hashlib import sha256
 from types import SimpleNamespace
@@ -40,7 +41,7 @@ ENDLESS = [b"HTTP/1.1 200 OK\r\n\r\n", *itertools.repeat(b" " * 2**20, 40)]
 BUSY, PORTAL, OTHER = auth.AuthBusyError, auth.PortalError, auth.NotTheServiceError
 ANSWERS = [
     (http(PAGE, 502), BUSY, "HTTP 502"), (http({"error": "too many"}, 429), BUSY, "too many|HTTP 429"),
-    (http(status=307, Location="http://h:x/"), PORTAL, "redirects to http://h:x/"),
+    (http(status=307, Location="http://h:x/" + 9_000 * "y"), PORTAL, "redirects to http://h:x/y{289}, "),
     (http(status=301), PORTAL, "redirects without saying where"),
     (http(b"Welcome", Content_Type="text/html"), PORTAL, "web page"), (http(b" <html>"), PORTAL, "web page"),
     (http({"error": [1]}, 400), OTHER, "HTTP 400"), (http(PAGE, 404), OTHER, "HTTP 404"),
@@ -77,6 +78,15 @@ def test_every_request_has_a_deadline_for_a_service_that_drips(slow, scripted, t
     with pytest.raises(ConnectionError, match="in time, or sends too slowly"):
         act(scripted, tmp_path, *answers)
     assert 0.9 < time.monotonic() - began < 18
+
+
+def test_a_name_server_that_does_not_answer_holds_nobody_up(monkeypatch):
+    monkeypatch.setattr("corvane._http.REQUEST_SECONDS", 0.5)
+    monkeypatch.setattr(socket, "getaddrinfo", lambda *_, **__: time.sleep(20))
+    began = time.monotonic()
+    with pytest.raises(ConnectionError, match="in time"):
+        auth.AuthManager(f"0x{7:064x}", "https://h.example").authenticate()
+    assert time.monotonic() - began < 15
 
 
 def test_a_download_that_goes_on_may_take_its_time(scripted, tmp_path, monkeypatch):
