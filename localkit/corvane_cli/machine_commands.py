@@ -73,6 +73,14 @@ def demo() -> Result:
 
     environment = {name: value for name, value in os.environ.items() if not name.startswith("CORVANE_")}
     command = [sys.executable, "-P", "-m", "corvane_local.demo"]
-    if subprocess.run(command, env=environment, stdout=sys.stderr, check=False).returncode:
+    # In a group of its own, so that Ctrl-C is ours alone; the demo takes the other signal for a wish to tidy up.
+    with subprocess.Popen(command, env=environment, stdout=sys.stderr, process_group=0) as process:
+        try:
+            process.wait()
+        except KeyboardInterrupt:
+            process.terminate()
+            process.wait()
+            raise
+    if process.returncode:
         raise Failure("The demo has failed.", Exit.FAILED, "The last lines above say at which step, and why.")
     return Result({"passed": True}, ["The demo has passed."])
