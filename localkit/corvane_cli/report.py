@@ -92,8 +92,11 @@ class Era:
 
 def read_era(data_dir: Path) -> Era:
     """The era that era_config.json says."""
+    path = data_dir / "era_config.json"
+    if not path.is_file():  # a FIFO has no end
+        return Era()
     try:
-        with open(data_dir / "era_config.json", "rb") as file:
+        with open(path, "rb") as file:
             config = json.loads(file.read(_CONFIG_SIZE))
         number, universe = config["era_id"], config["named_universe"]
     except (OSError, ValueError, RecursionError, TypeError, KeyError):

@@ -19,7 +19,7 @@ import pytest
 from corvane.auth import AuthManager
 from corvane.output_file import replacing
 from corvane.search_tracking import SearchTracker
-from corvane_cli import listing
+from corvane_cli import listing, report
 from corvane_local import operator_page
 from corvane_pages import curve, growth
 from localkit.tests.test_cli import Shell
@@ -142,6 +142,8 @@ def test_spoilt_records_are_errors_of_a_list_and_findings_of_a_page(shell, fleet
         assert str(path) in shell(f"signals --data-dir {path.parent}", expect=6).stderr
     made = shell.json(f"report {base} --out {tmp_path}/r.html")
     assert (made["agents"], made["signals"], made["errors"]) == (1 + len(SPOILT), 2, len(SPOILT))
+    os.mkfifo(tmp_path / "era_config.json")
+    assert report.read_era(tmp_path) == report.Era()  # at once
     problems = [problem for _, _, problem, *_ in cells((tmp_path / "r.html").read_text(), "findings")]
     assert all(str(path) in problem for path, problem in zip(paths, problems, strict=True))
 
