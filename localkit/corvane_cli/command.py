@@ -2,6 +2,7 @@
 
 import errno
 import inspect
+import math
 import os
 import sys
 from collections.abc import Iterator
@@ -205,6 +206,17 @@ class Group(_Prints, click.Group):
             return failure.status
 
 
+class Seconds(click.FloatRange):
+    """How long, in a range; to click, what is not a number lies in each."""
+
+    def convert(self, value: Any, param: click.Parameter | None, ctx: click.Context | None) -> float:
+        """The number."""
+        number: float = super().convert(value, param, ctx)
+        if math.isnan(number):
+            self.fail(f"{value!r} is not a number of seconds.", param, ctx)
+        return number
+
+
 _option = partial(click.Option, show_envvar=True)
 _LOCATIONS = [
     _option(["--data-dir"], default="~/.corvane", envvar="CORVANE_DATA_DIR", help="One for each identity."),
@@ -213,7 +225,7 @@ _LOCATIONS = [
     ),
     _option(
         ["--timeout"],
-        type=click.FloatRange(0, min_open=True),
+        type=Seconds(0, min_open=True),
         metavar="SECONDS",
         show_default=f"{SECONDS:g}; none for downloads, which end when nothing arrives",
         help="How long the command may take.",

@@ -5,7 +5,7 @@ from typing import TYPE_CHECKING, Any
 
 import click
 
-from corvane_cli.command import Exit, Failure, Result, table
+from corvane_cli.command import Exit, Failure, Result, Seconds, table
 from corvane_cli.identity import Agent
 from corvane_cli.listing import csv_lines, csv_option, refuse_json_with_csv
 from corvane_cli.shared import (
@@ -36,7 +36,7 @@ _SERIES = (
 
 @command("sync", "sync", "sync --check    # compares what is there with the manifest; nothing is sent")
 @click.option("--check", is_flag=True, help="Only verify what was downloaded.")
-@click.option("--wait", default=0.0, type=click.FloatRange(0), metavar="SECONDS", help="Wait for another sync.")
+@click.option("--wait", default=0.0, type=Seconds(0), metavar="SECONDS", help="Wait for another sync.")
 @progress_option
 @dry_run_option
 def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run: bool) -> Result:
@@ -67,7 +67,7 @@ def sync(agent: Agent, check: bool, wait: float, progress: bool | None, dry_run:
 @command("search", "search --max-evaluations 5000", "search --seconds 60 --jobs 2 --json")
 @click.option("--seed", type=click.IntRange(0), show_default="the number of searches so far")
 @click.option("--max-evaluations", default=2000, type=click.IntRange(1), help="How many to try.")
-@click.option("--seconds", type=click.FloatRange(0, min_open=True), help="How long at most.")
+@click.option("--seconds", type=Seconds(0, min_open=True), help="How long at most.")
 @click.option("--jobs", "n_jobs", default=1, type=click.IntRange(1), help="How many threads.")
 @heartbeat_option
 @progress_option
