@@ -139,7 +139,9 @@ class Agent:
     def next_step(self) -> str:
         """What brings a wallet that is not logged in further."""
         if self.key_file().state == "absent":
-            return SIGN_UP
+            session = self.session()
+            lost = f" The session is that of the wallet {session.address}: look for its key first." if session else ""
+            return SIGN_UP + lost
         return SIGN_UP_STORED if self.is_pending() else SIGN_IN
 
     def manager(self, invite_code: str | None = None) -> AuthManager:

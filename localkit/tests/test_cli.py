@@ -26,7 +26,7 @@ from corvane import auth
 from corvane.key_file import make_key
 from corvane.sync import SyncManager
 from corvane_cli.command import Exit
-from localkit.tests.conftest import http, slowly
+from localkit.tests.conftest import http, slowly, wait_until
 
 KEYS = 11, 12, 13
 KEY = "ab" * 32  # nobody's
@@ -145,7 +145,8 @@ def test_login_never_loses_a_wallet(addresses, shell):
     with open(shell.home / "wallet.lock") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         shell("login --replace", second, expect=5)
-    for line in ("login --key-fd 77", "--timeout 1e300 status", "login --prompt", "--bogus", f"login {first}"):
+    odd = "login --key-fd 77", "--timeout 1e300 status", "sync --wait nan", "login --prompt", "--bogus"
+    for line in (*odd, f"login {first}"):
         shell(line, first, expect=2)
     assert shell.tree() == before
     assert shell.json("login", f"0x{first}\nmore")["stored"] is False and path.read_text() == first
@@ -163,6 +164,13 @@ def test_login_never_loses_a_wallet(addresses, shell):
     for source, why in ((read, "No key has arrived"), (pty.openpty()[1], "No key is read from a terminal")):
         options = {"command": [sys.executable, "-BPc", soon], "pass_fds": [source]}
         assert why in shell(f"login --key-fd {source}", expect=2, **options).stderr
+
+
+def test_the_wallet_of_a_lost_key_is_named(service, addresses, signed_in, shell):
+    (shell.home / "wallet.key").unlink()
+    for line, status in {"sync": 3, f"register --invite-code {service.invite()}": 0}.items():
+        done = shell(line, expect=status)
+        assert addresses[0] in done.stdout + done.stderr
 
 
 def test_a_key_that_is_typed_is_not_shown(signed_in, shell):
@@ -324,6 +332,15 @@ def test_ctrl_c_ends_with_one_line_at_every_moment(line, signed_in, shell):
             assert process.returncode == 130 and said.count("\n") == 1 and "Interrupted." in said
             assert "--json" not in line or json.loads(said)["exit_status"] == 130
     assert statuses[0] == 0 and 130 in statuses
+
+
+def test_ctrl_c_leaves_nothing_of_a_demo_behind(shell):
+    env = shell.env | {"TMPDIR": str(shell.work)}
+    with subprocess.Popen([*CORVANE, "demo"], stderr=-1, text=True, env=env, preexec_fn=CATCH) as demo:
+        wait_until(lambda: [*shell.work.glob("corvane-demo-*/service/service.db")])
+        demo.send_signal(signal.SIGINT)
+        *_, said = demo.communicate(timeout=60)[1].splitlines()
+    assert demo.returncode == 130 and said.startswith("Interrupted. ") and not [*shell.work.glob("corvane-demo-*")]
 
 
 def test_the_program_takes_its_interpreter_from_beside_it_and_no_module_from_here(shell):
