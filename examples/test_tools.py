@@ -48,14 +48,6 @@ def service(tmp_path_factory):
         running.stop()
 
 
-async def served(server, name=None, given=None):
-    """The names of a server's tools, or what a call of one returns."""
-    async with Client(server) as client:
-        if name is None:
-            return sorted(tool.name for tool in (await client.list_tools()).tools)
-        return await client.call_tool(name, given)
-
-
 @pytest.fixture
 def work(service, tmp_path, monkeypatch):
     """The workspace of an agent that has done nothing yet."""
@@ -205,8 +197,13 @@ def test_example_of_a_server(service, work):
     command = [str(EXAMPLES / "mcp_server.py"), service.url]
     environment = {**os.environ, "CORVANE_INVITE_CODE": service.invite(), "HOME": str(work)}
     started = StdioServerParameters(command=sys.executable, args=command, env=environment, cwd=work)
-    assert run(served(started)) == ALL
-    address, *_ = re.findall("0x[0-9a-f]{40}", str(run(served(started, "register", {}))))
+
+    async def session():
+        async with Client(started) as client:
+            assert sorted(tool.name for tool in (await client.list_tools()).tools) == ALL
+            return str(await client.call_tool("register", {}))
+
+    address, *_ = re.findall("0x[0-9a-f]{40}", run(session()))
     assert service.rows("SELECT 1 FROM wallets WHERE address = ?", address) == [(1,)]
 
 

@@ -6,26 +6,15 @@ import sys
 
 from corvane_cli import command, interrupts
 
-interrupts.begin()
-group = command.Group("corvane")
-add = group.command(cls=command.Command)
 
-
-def interrupt():
+def interrupt(*_):
     os.kill(os.getpid(), signal.SIGINT)
 
 
-class Lost:
-    def __del__(self):
-        interrupt()
-
-
-@add
 def destructor():
-    Lost()
+    type("Lost", (), {"__del__": interrupt})()
 
 
-@add
 def cleaning():
     try:
         interrupt()
@@ -33,11 +22,14 @@ def cleaning():
         os.close(99)
 
 
-@add
 def text():
     exec("interrupt()", globals())
 
 
+interrupts.begin()
+group = command.Group("corvane")
+for act in destructor, cleaning, text:
+    group.command(cls=command.Command)(act)
 status = group.run(sys.argv[1:])
 interrupts.end()
 sys.exit(status)
