@@ -138,6 +138,13 @@ def test_a_seed_decides_what_is_found(start, bootstrap, tmp_path):
             known = ~np.isnan(values[: days - horizon])
             plain = np.corrcoef(np.asarray(values[: days - horizon])[known], earned[known])[0, 1]
             assert signal.correlation == pytest.approx(-plain if signal.pool.endswith("reversal") else plain)
+            result = corvane.simulate_signal(signal.id)
+            assert (result.train_sharpe, result.rest_sharpe) == pytest.approx((signal.sharpe, signal.rest_sharpe))
+        capital = np.cumprod(1 + result.profit)  # which the demo computes by hand
+        fall = max(1 - capital[day:].min() / capital[day] for day in range(len(capital)))
+        assert (result.sharpe, result.max_drawdown) == pytest.approx((B.sharpe(result.profit), fall))
+        assert "profit" not in repr(corvane.simulate_signal(signal.id, picture=tmp_path / "p.svg"))
+        assert f"Sharpe ratio {signal.sharpe:.2f} on the days" in (tmp_path / "p.svg").read_text()
         told = {name for name, text in agent_onboarding._NUDGE_TEXTS.items() if text in heartbeat.read_text()}
         assert told == {"first_signal", "10_signals", "discovery_rate_declining"}
         assert search().signals == ()  # all known by now
@@ -165,23 +172,6 @@ def test_the_status_is_true(service, bootstrap, monkeypatch):
     with pytest.raises(ZeroDivisionError):
         search_templates.start_search()
     assert corvane.search_status().error == "ZeroDivisionError: division by zero"
-
-
-def test_profit_is_what_a_plain_computation_gives(service, bootstrap, tmp_path):
-    runtime = bootstrap(service)
-    prices, cost, train = list(runtime.vault["IBM"]), runtime.era_config["cost"], runtime.era_config["train_days"]
-    found = search_templates.FoundSignal(3, "local-3-reversal", "IBM", "delta(IBM, 5)", 0.1, 0.2, 0.7, 0.1, 0.7, 9, 0.0)
-    signal, _ = runtime.search_tracker.add_signal(found, [])
-    result = corvane.simulate_signal(signal.id, picture=tmp_path / "p.svg")
-    held = np.array([0.0] * 5 + [-np.sign(b - a) for a, b in zip(prices, prices[5:-1], strict=False)])
-    profit = np.append(0.0, held * (np.diff(prices) / prices[:-1]) - cost * np.abs(np.diff(held, prepend=0.0)))
-    assert list(result.profit) == pytest.approx(list(profit), abs=1e-15) and "profit" not in repr(result)
-    capital = np.cumprod(1 + profit)
-    fall = max(1 - capital[day:].min() / capital[day] for day in range(len(capital)))
-    assert (result.total_return, result.max_drawdown) == pytest.approx((capital[-1] - 1, fall))
-    ratios = [p.mean() / p.std() * 252**0.5 for p in (profit, profit[:train], profit[train:])]
-    assert [result.sharpe, result.train_sharpe, result.rest_sharpe] == pytest.approx(ratios)
-    assert f"Sharpe ratio {ratios[1]:.2f} on the days" in (tmp_path / "p.svg").read_text()
 
 
 ERA_3 = {"era_id": 3, "named_universe": "us", "signal_pools": [{"id": "p", "name": "P", "allowed_named_universes": []}]}
