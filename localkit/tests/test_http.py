@@ -1,27 +1,30 @@
-"""What the kit makes of a service that is slow, busy, odd or not there: never a hang, never a token elsewhere."""
+"""What the kit makes of a service that is slow, busy, odd or not there: never a hang, never a secret elsewhere."""
 
 import itertools
 import logging
 import math
+import pickle
 import socket
 import time
+import traceback
 from hashlib import sha256
 from types import SimpleNamespace
 
 import pytest
 
 from corvane import auth
+from corvane.key_file import write_whole
 from corvane.sync import SyncManager
 from corvane.sync_backoff import ServiceBusy
 from localkit.tests.conftest import http, slowly
 
-TOKEN = "token-that-nobody-may-see"
+KEY, CODE, TOKEN = "c0ffee" * 10 + "beef", "CORV-KEPT-FRMN-SEEN", "token-that-nobody-may-see"
 GOOD = {"token": TOKEN, "expires_at": 4_000_000_000.5}  # the same for each process that collects the tests
 
 
 def sign_in(server, home, *answers):
     server.script = iter(answers)
-    auth.AuthManager(f"0x{7:064x}", server.url).authenticate()
+    auth.AuthManager(f"0x{KEY}", server.url, CODE).authenticate()
 
 
 def sync(server, home, *answers):
@@ -85,7 +88,7 @@ def test_a_name_server_that_does_not_answer_holds_nobody_up(monkeypatch):
     monkeypatch.setattr(socket, "getaddrinfo", lambda *_, **__: time.sleep(20))
     began = time.monotonic()
     with pytest.raises(ConnectionError, match="in time"):
-        auth.AuthManager(f"0x{7:064x}", "https://h.example").authenticate()
+        auth.AuthManager(f"0x{KEY}", "https://h.example").authenticate()
     assert time.monotonic() - began < 15
 
 
@@ -114,13 +117,45 @@ def test_the_token_goes_nowhere_else(scripted, tmp_path, monkeypatch, caplog):
     caplog.set_level(logging.DEBUG)
     for name in ("HTTP_PROXY", "http_proxy", "ALL_PROXY", "all_proxy"):
         monkeypatch.setenv(name, "http://127.0.0.1:1")
-    manager = auth.AuthManager(f"0x{7:064x}", scripted.url)
+    manager = auth.AuthManager(f"0x{KEY}", scripted.url)
     elsewhere = http(status=307, Location=f"{scripted.url.replace('127.0.0.1', 'localhost')}/elsewhere")
     scripted.script = iter([CHALLENGE, http(GOOD), elsewhere, http({"era_id": 1, "version": 1, "files": {}})])
     with pytest.raises(auth.NotTheServiceError):
         SyncManager(manager, tmp_path, scripted.url).sync()
     assert [TOKEN in request for request in scripted.requests] == [False, False, True]
-    assert TOKEN not in caplog.text + repr(manager) and f"{7:064x}" not in caplog.text
+    assert TOKEN not in caplog.text + repr(manager) and KEY not in caplog.text + repr(manager) + str(vars(manager))
+    with pytest.raises(TypeError, match="cannot be pickled"):
+        pickle.dumps(manager)
+
+
+LEFT = {  # what is called, and what the service answers
+    "a used code": (sign_in, CHALLENGE, http({"error": "used", "code": "used_invite"}, 409)),
+    "not HTTP": (sign_in, CHALLENGE, b"220 mail.example ESMTP\r\n"),
+    "no expiry": (sign_in, CHALLENGE, http({"token": TOKEN})),
+    "half a manifest": (sync, b"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{"),
+    "a refused token": (sync, http(status=401)),
+    "not hexadecimal": (lambda server, home: auth.AuthManager(KEY, server.url),),
+    "a key that is there": (lambda server, home: write_whole(home, KEY.encode(), replace=False),),
+}
+
+
+def frames(error):
+    """The frames of all exceptions of a chain, also of those that a traceback would not show."""
+    for linked in filter(None, (error.__cause__, error.__context__)):
+        yield from frames(linked)
+    yield from (frame for frame, _ in traceback.walk_tb(error.__traceback__) if frame.f_code.co_filename != __file__)
+
+
+@pytest.mark.parametrize("name", LEFT)
+def test_neither_a_message_nor_the_locals_of_a_traceback_tell_a_secret(name, scripted, tmp_path):
+    act, *answers = LEFT[name]
+    with pytest.raises((auth.AuthError, OSError)) as info:
+        act(scripted, tmp_path, *answers)
+    told = [(frame.f_code.co_name, repr(frame.f_locals)) for frame in frames(info.value)]
+    assert told  # as error trackers and rich show it
+    told += [("message", str(info.value))]
+    secrets = KEY, str(int(KEY, 16)), CODE, TOKEN
+    assert not [(secret, *place) for place in told for secret in secrets if secret in place[1]]
 
 
 ADDRESSES = "https://a.example:8443/b//", "http://localhost:1", "http://127.0.0.1", "http://[::1]:80/"
