@@ -31,10 +31,6 @@ PYTHON = shlex.quote(sys.executable)
 BACKUP = "wallet.key.backup-20260101T000000.000000Z"
 
 
-def text(report):
-    return "\n".join(report.lines())
-
-
 class Patient(Shell):
     """An agent in whose shell the doctor's next steps are typed."""
 
@@ -93,7 +89,7 @@ def test_healthy_it_says_what_it_looked_at(patient, service):
     report = patient.examine()
     assert [one.check for one in report.looked_at] == [*expected, "service", "sign-in"] and report.findings == []
     for part in (str(patient.home), service.url, "4 files of the manifest", "accepts 0x", "errors: 0, warnings: 0"):
-        assert part in text(report)
+        assert part in str(report.lines())
     before, asked = patient.tree(), service.rows("SELECT count(*) FROM tokens")
     assert [one["check"] for one in patient.json("doctor --offline")["looked_at"]] == expected
     assert patient.tree() == before and service.rows("SELECT count(*) FROM tokens") == asked
@@ -173,7 +169,7 @@ def test_it_sees_what_it_cannot_repair(patient, tmp_path):
     hosts = {"2026.8.1": unread, "2026.7.2-beta.5": unread, "2026.7.35": known, "?": "does not report its version"}
     for version, said in hosts.items():
         patient.write("openclaw", f"echo OpenClaw {version}")
-        assert said in text(patient.examine(online=False))
+        assert said in str(patient.examine(online=False).lines())
     patient.write("openclaw", "sleep 9")
     assert "Not everything was examined in time" in patient("doctor --timeout 2", expect=Exit.ERRORS).stdout
     extension = next(Path(kit.__path__[0]).glob("agent_onboarding*.so"))
