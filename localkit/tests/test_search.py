@@ -74,12 +74,13 @@ def test_what_is_refused():
     for text, column in columns.items():
         with pytest.raises(ValueError, match=f"^column {column}: "):
             B.evaluate(text, {"x": X, "y": Y})
-    for function, arguments in (
-        (B.evaluate, ("x", {"x": X[1:], "y": Y})), (B.correlation, (X, X[1:])), (B.profit, (X, X[1:], 1, 0)),
-        (B.screen, (("x", "y"), {"x": X, "y": -X}, (X, X[1:]), 0.1, 0.1)),
-    ):  # fmt: skip
-        with pytest.raises(ValueError):
-            function(*arguments)
+    for none in (X[1:], memoryview(bytearray(81))[1:].cast("d"), memoryview(X)[::2], array("f", [1]), [1.0]):
+        for function, arguments in (
+            (B.evaluate, ("x", {"x": none, "y": Y})), (B.correlation, (X, none)), (B.profit, (X, none, 1, 0)),
+            (B.screen, (("x", "y"), {"x": X, "y": -X}, (X, none), 0.1, 0.1)), (B.mutual_information, (X, none)),
+        ):  # fmt: skip
+            with pytest.raises((ValueError, TypeError)):
+                function(*arguments)
 
 
 def test_measures():
