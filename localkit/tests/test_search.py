@@ -19,6 +19,7 @@ from hypothesis import given
 from hypothesis import strategies as st
 
 import corvane
+from benchmarks.screening import FUNCTIONS
 from corvane import _runtime, agent_onboarding, errors, search_templates, skills
 from corvane._evaluation import Vault
 from corvane.runtime_module_freshness import runtime_module_name_from_kind
@@ -28,43 +29,28 @@ from corvane_cli.capital import load_native
 DAYS, RANDOM = 80, np.random.default_rng(7)
 X, Y, SAME = RANDOM.integers(-3, 4, DAYS).astype(float), RANDOM.normal(size=DAYS), np.full(DAYS, 0.1)  # X has ties
 Y[:3] = math.nan
+XY = {"x": X, "y": Y}
 NATIVE = resources.files("corvane_local") / "native_modules"
 ERA, B = load_native("era_data", NATIVE / "era_data.so"), load_native("backtester", NATIVE / "backtester-1.so")
-
-
-def rolling(function, more=0):
-    def windows(x, n):
-        return np.array([function(x[d - n - more : d]) if d >= n + more else math.nan for d in range(1, DAYS + 1)])
-
-    return windows
-
-
-def rank(w):
-    place = ((w < w[-1]).sum() + (w == w[-1]).sum() / 2 - 0.5) / (len(w) - 1) if len(w) > 1 else 0.5
-    return math.nan if np.isnan(w).any() else place
-
-
-ROLLING = {"delay": rolling(lambda w: w[0], 1), "delta": rolling(lambda w: w[-1] - w[0], 1), "min": rolling(np.min),
-           "max": rolling(np.max), "rank": rolling(rank), "mean": rolling(np.mean), "std": rolling(np.std),
-           "zscore": rolling(lambda w: (w[-1] - w.mean()) / w.std())}  # fmt: skip
-NAMES = {"x": X, "y": Y, "abs": abs, "sign": np.sign, "log": np.log, **ROLLING}
 TEXTS = ["x - y - x / y / 2.5 * -x", "2.5 - (x - (y - 1)) * 3", "-abs(x + y) * sign(y)", "log(x) / 0", "1 / x - .5e1",
          "rank(delta(x, 2) - mean(y, 3), 5)"]  # fmt: skip
-TEXTS += [f"{function}({x}, {days})" for function in ROLLING for x in "xy" for days in (1, 5, 90)]
+ROLLING = FUNCTIONS.keys() - {"abs", "log", "sign"}
+TEXTS += [f"{function}({x}, {days})" for function in ROLLING for x in XY for days in (2, 5, 79)]
 
 
 def test_an_expression_is_what_numpy_makes_of_it():  # each is one of Python's, too
-    assert B.FUNCTIONS.keys() == NAMES.keys() - {"x", "y"}
+    assert B.FUNCTIONS.keys() == FUNCTIONS.keys()
     for text in TEXTS:
         with np.errstate(all="ignore"):
-            expected = eval(text, dict(NAMES))
-        np.testing.assert_allclose(B.evaluate(text, {"x": X, "y": Y}), expected, 1e-12, 1e-12, err_msg=text)
+            expected = eval(text, FUNCTIONS | XY)
+        np.testing.assert_allclose(B.evaluate(text, XY), expected, 1e-12, 1e-12, err_msg=text)
+    assert all(np.isnan(B.evaluate(f"{function}(x, 90)", XY)).all() for function in ROLLING)  # there are no 90 days
 
 
 @given(st.text("xy()+-*/., 0123456789abdelmnrstz_\0\udc80\n", max_size=60))
 def test_any_text_is_a_value_or_a_value_error(text):
     try:
-        assert len(B.evaluate(text, {"x": X, "y": Y})) == DAYS
+        assert len(B.evaluate(text, XY)) == DAYS
     except ValueError as exc:
         assert str(exc).startswith(("column ", "embedded null")) or isinstance(exc, UnicodeEncodeError)
 
@@ -73,7 +59,7 @@ def test_what_is_refused():
     columns = {"x +": 4, "(x": 3, "x y": 3, "what(x)": 1, "mean(x, 0)": 9, "(" * 200 + "x": 101, "x" * 2_001: 2_001}
     for text, column in columns.items():
         with pytest.raises(ValueError, match=f"^column {column}: "):
-            B.evaluate(text, {"x": X, "y": Y})
+            B.evaluate(text, XY)
     for none in (X[1:], memoryview(bytearray(81))[1:].cast("d"), memoryview(X)[::2], array("f", [1]), [1.0]):
         for function, arguments in (
             (B.evaluate, ("x", {"x": none, "y": Y})), (B.correlation, (X, none)), (B.profit, (X, none, 1, 0)),
