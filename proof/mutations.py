@@ -142,9 +142,10 @@ def drawn(folder: Path, paths: Iterable[Path], rules: Rows, declared: str, rows:
         raise RuntimeError(f"these rules fit no place: {unused}")
 
 
-def unexplained(faults: Sequence[Fault], reasons: Mapping[str, str]) -> list[Fault]:
-    """Those for which no reason is given. A reason that is given for nothing is an error."""
-    if stale := [part for part in reasons if not any(part in fault.source for fault in faults)]:
+def unexplained(faults: Sequence[Fault], reasons: Mapping[str, str], paths: Iterable[Path]) -> list[Fault]:
+    """Those for which no reason is given. A reason for what is in no file any more is an error."""
+    sources = "".join(path.read_text() for path in paths)
+    if stale := [part for part in reasons if part not in sources]:
         raise RuntimeError(f"these explain no fault: {stale}")
     return [fault for fault in faults if not any(part in fault.source for part in reasons)]
 
@@ -154,11 +155,11 @@ def mutations(workshop: Workshop) -> Iterator[Result]:
     folder = copy.root / "src" / "agent_onboarding"
     paths = [*folder.glob("*.cpp"), *folder.glob("py/*.[ch]pp")]
     faults = list(drawn(folder, paths, MODULE_RULES, MODULE_DECLARED, MODULE_TESTS, 20))
+    tried = unexplained(faults, MODULE_EXPLAINED, paths)
     for fault in faults:
         text = (path := folder / fault.file).read_text()
         path.write_text(text[: fault.start] + fault.selecting(fault.instead) + text[fault.end :])
     copy.build(RELEASE)
-    tried = unexplained(faults, MODULE_EXPLAINED)
     what = f"mutations, without {len(faults) - len(tried)} explained"
     yield noticed(what, copy.trial, workshop.sample(tried, 12), 95, workshop)
 
@@ -168,7 +169,7 @@ def kit_mutations(workshop: Workshop) -> Iterator[Result]:
     packages = "corvane", "corvane_cli", "corvane_local", "corvane_pages"
     paths = [path for package in packages for path in (installed / package).glob("*.py")]
     everything = list(drawn(installed, paths, KIT_RULES, KIT_DECLARED, KIT_TESTS, 50))
-    faults = unexplained(everything, KIT_EXPLAINED)
+    faults = unexplained(everything, KIT_EXPLAINED, paths)
 
     def trial(fault: Fault | None, tests: Tests) -> Done:
         """Runs tests in an interpreter of its own, with a copy of the installed kit."""
