@@ -37,6 +37,7 @@ KIT_TESTS = (
     ("corvane/(sync_|manifest)", "service", "back_off or spoilt or paths"),
     ("corvane/", "search demo", QUICK),
     ("corvane_cli/doctor", "doctor report", QUICK),
+    ("corvane_cli/(identity|machine)", "doctor cli", QUICK),
     ("corvane_cli/interrupts", "cli", "ctrl or drip or output"),
     ("corvane_cli/(capital|report|found)|corvane_pages/", "report", QUICK),
     ("corvane_cli/", "display cli report", QUICK),
@@ -108,6 +109,7 @@ KIT_EXPLAINED = {
     "return one  # there is none": "and then nothing is shown either way",
     "file.tell() > size": "a body of just this size ends there anyway",
     "hide_input=True, err=True": "where a line feed goes if the prompt is left by Ctrl-C",
+    'AssertionError("unreachable")': "nothing gets there",
     "digital_signature=True": "what else the authority's key might be used for",
 }
 TEXTS = re.compile(r'"""[\s\S]*?"""|"(?:[^"\\\n]|\\.)*"|#.*')  # of Python

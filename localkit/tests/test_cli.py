@@ -288,9 +288,11 @@ def test_a_service_that_drips_ends_with_the_deadline(line, shell, scripted):
     assert "--timeout" in json.loads(failed.stderr)["next_step"] and time.monotonic() - began < 40
 
 
-def test_a_sync_waits_for_another_as_long_as_it_is_told(signed_in, shell):
-    with open(shell.home / "sync.lock", "w") as lock:
+def test_a_sync_waits_for_another_as_long_as_it_is_told_and_a_search_does_not(signed_in, shell):
+    with open(shell.home / "sync.lock", "w") as lock, open(shell.home / "search.lock", "w") as other:
         fcntl.flock(lock, fcntl.LOCK_EX)
+        fcntl.flock(other, fcntl.LOCK_EX)
+        assert "A search is running in this directory." in shell("search", expect=5).stderr
         for line in ("sync", "register --bootstrap"):
             assert "Another sync is running" in shell(line, expect=5).stderr
         assert "Waiting for it, 0.5 s at most." in shell("sync --wait 0.5", expect=5).stderr
@@ -450,7 +452,8 @@ def test_global_options_work_in_both_places(service, signed_in, shell):
     env = {"CORVANE_SERVER_URL": "https://127.0.0.1:1", "CORVANE_DATA_DIR": f"{shell.work}/other"}
     for line in (f"{given} --json whoami", f"whoami {given} --json", f"{elsewhere} --json whoami {given}"):
         assert json.loads(shell(line, env=env).stdout)["accepted"]
-    assert "default: (60;" in shell("sync --help", env={"COLUMNS": "200"}).stdout
+    said = shell("sync --help", env={"COLUMNS": "200"}).stdout
+    assert "default: (60;" in said and "env var: CORVANE_DATA_DIR" in said
     assert "Error: Missing command.\n" in shell("corvane_cli", command=CORVANE[:-1], expect=2).stderr
     refused = shell("status --timeout 0", expect=2).stderr
     assert "--timeout" in refused and "`corvane status --help`" in refused

@@ -116,7 +116,7 @@ def test_signals_searches_and_series_are_the_same_in_every_form(shell):
     series = list(csv.reader(io.StringIO(shell(f"simulate {first['id']} --csv").stdout)))
     assert [series[0][0], series[1][0], series[-1][0]] == ["date (YYYY-MM-DD)", "2004-08-19", "2013-03-01"]
     total = shell.json(f"simulate {first['id']}")["total_return"]
-    assert float(series[-1][2]) == pytest.approx(1 + total)
+    assert float(series[-1][2]) == pytest.approx(1 + total) and [row[3] for row in series[1:]].index("0") == 1500
     shell("--json searches --csv", expect=2)
     formulas = listing.csv_lines(["a", "b"], [("=1+1", -1), ("@x", "\x1b")])
     assert formulas == ["a,b", "'=1+1,-1", "'@x,\\x1b"]
