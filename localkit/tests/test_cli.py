@@ -339,7 +339,7 @@ def test_ctrl_c_ends_with_one_line_at_every_moment(line, signed_in, shell):
 def test_ctrl_c_leaves_nothing_of_a_demo_behind(shell):
     env = shell.env | {"TMPDIR": str(shell.work)}
     with subprocess.Popen([*CORVANE, "demo"], stderr=-1, text=True, env=env, preexec_fn=CATCH) as demo:
-        wait_until(lambda: [*shell.work.glob("corvane-demo-*/service/service.db")])
+        wait_until(lambda: [*shell.work.glob("corvane-demo-*/service/service.db")], 60)
         demo.send_signal(signal.SIGINT)
         *_, said = demo.communicate(timeout=60)[1].splitlines()
     assert demo.returncode == 130 and said.startswith("Interrupted. ") and not [*shell.work.glob("corvane-demo-*")]
