@@ -102,7 +102,11 @@ def _unwritable(path: Path) -> Iterator[Finding]:
 
 
 def _mount(path: Path) -> Path:
-    return path if path.is_mount() else _mount(path.parent)
+    # Not Path.is_mount, which sees no bind mounts.
+    lines = Path("/proc/self/mountinfo").read_bytes().splitlines()
+    mounted = [re.sub(rb"\\(\d{3})", lambda code: bytes([int(code[1], 8)]), line.split(b" ")[4]) for line in lines]
+    real = path.resolve()
+    return next((one for one in (real, *real.parents) if os.fsencode(one) in mounted), Path("/"))
 
 
 def check_names(agent: Agent) -> Iterator[Finding | Looked]:
