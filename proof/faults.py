@@ -16,7 +16,7 @@ from typing import NamedTuple
 from proof import sanitizers
 from proof.workshop import Done, Result, Variables, Workshop, side_by_side
 
-HUNG = 900  # seconds, of which the tests without a fault need a small part even on a busy machine
+HUNG = 300  # seconds, of which the tests without a fault need a small part even on a busy machine
 SELECTED = """#pragma once
 #include <cstdlib>
 #include <string_view>
