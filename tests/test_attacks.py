@@ -75,7 +75,7 @@ def test_a_context_manager_that_is_completed_too_late(monkeypatch):
             return lambda: manager
 
     monkeypatch.setattr(m, "open", lambda *path, encoding: type("Late", (), {"__enter__": Enter()})(), raising=False)
-    with pytest.raises(TypeError, match=r"^a context manager changed while it was entered$"):
+    with pytest.raises(TypeError, match=r"changed while it was entered$|missed __exit__ method\)$"):  # on 3.14
         m._read_json_if_present(__file__)
 
 
