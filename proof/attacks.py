@@ -76,11 +76,6 @@ INSTEAD: tuple[Callable[[types.FunctionType], Any], ...] = (
 )
 
 
-def frames_once(exc: BaseException, frames: Callable[[BaseException], list[str]] = comparison.frames) -> list[str]:
-    """The functions in its traceback: another one of the same code has a frame beside that of the native body."""
-    return [name for name, _ in itertools.groupby(frames(exc))]
-
-
 def drawn(seed: int) -> str:
     """One attack, on both; says where they part."""
     draw = random.Random(seed)
@@ -109,8 +104,10 @@ def drawn(seed: int) -> str:
 def made(seconds: float, first: int) -> list[str]:
     """Makes every so many of them, from this one on; says for each where the two part, if they do."""
     end, seeds, said = time.monotonic() + seconds, itertools.count(first, os.cpu_count() or 1), list[str]()
+    frames = comparison.frames
     with contextlib.ExitStack() as undo:
-        patched(comparison, frames=frames_once)(undo)
+        # Another function of the same code has a frame beside that of the native body.
+        patched(comparison, frames=lambda exc: [name for name, _ in itertools.groupby(frames(exc))])(undo)
         while time.monotonic() < end:
             said.append(drawn(next(seeds)))
     return said

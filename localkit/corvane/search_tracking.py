@@ -14,6 +14,8 @@ from dataclasses import astuple, dataclass, fields, replace
 from pathlib import Path
 from typing import get_type_hints
 
+from corvane.key_file import own_file
+
 _SCHEMA = """
 CREATE TABLE IF NOT EXISTS runs
     (id INTEGER PRIMARY KEY, template TEXT NOT NULL, seed INTEGER NOT NULL, started_at REAL NOT NULL,
@@ -199,17 +201,13 @@ def _checked[T: Run | FoundSignal](kind: type[T], rows: Iterable[tuple[object, .
 
 def _is_locked(lock: Path) -> bool:
     try:
-        with open(lock, "rb", opener=_without_waiting) as file:
+        with open(lock, "rb", opener=own_file) as file:
             fcntl.flock(file, fcntl.LOCK_SH | fcntl.LOCK_NB)
     except BlockingIOError:
         return True
     except OSError:
         return False
     return False
-
-
-def _without_waiting(path: str, flags: int) -> int:
-    return os.open(path, flags | os.O_NONBLOCK)  # for the other end of a FIFO
 
 
 class SearchTracker:
@@ -248,7 +246,7 @@ class SearchTracker:
         Raises:
             RuntimeError: Another search runs in this directory.
         """
-        with open(self._lock, "rb") as file:
+        with open(self._lock, "rb", opener=own_file) as file:
             for patience in range(50):
                 try:
                     fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)

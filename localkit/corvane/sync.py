@@ -10,6 +10,7 @@ The next sync finds what is there and goes on. From 2 to 4 it is a few renames.
 """
 
 import contextlib
+import errno
 import fcntl
 import json
 import os
@@ -17,6 +18,7 @@ import re
 import threading
 import time
 from collections.abc import Callable, Iterator
+from functools import partial
 from hashlib import file_digest, sha256
 from io import BufferedReader
 from pathlib import Path
@@ -24,6 +26,7 @@ from typing import TYPE_CHECKING, Any, BinaryIO, NoReturn
 
 from corvane.auth import AuthManager, NotTheServiceError, RequestRefusedError
 from corvane.errors import RuntimeModuleDownloadIncomplete, RuntimeModuleHashMismatch
+from corvane.key_file import own_file
 from corvane.sync_backoff import ServiceBusy
 
 if TYPE_CHECKING:
@@ -179,7 +182,7 @@ class SyncManager:
 
     def _write_manifest(self, manifest: "Manifest") -> None:
         new = self._root / "manifest.json.new"
-        with open(new, "wb", opener=_no_link) as file:
+        with open(new, "wb", opener=_download) as file:
             file.write(json.dumps(manifest, indent=1).encode())
             _flush_to_disk(file)
         os.replace(new, self._root / "manifest.json")
@@ -222,7 +225,7 @@ class SyncManager:
             headers = {"Range": f"bytes={held}-", "If-Range": f'"{expected}"'} if held else {}
             with (
                 self._get(service, f"/runtime/files/{path}", headers) as answer,
-                open(part, "ab", opener=_no_link) as file,
+                open(part, "ab", opener=_download) as file,
             ):
                 if answer.status == 200:
                     file.truncate(0)
@@ -269,10 +272,13 @@ def _digest(path: Path) -> str | None:
         return None
 
 
+_download = partial(own_file, mode=0o666)  # is no secret
+
+
 def _opened(path: Path) -> BufferedReader:
     """A file to read. What has no end, such as a FIFO or a device, counts as missing, and a sync replaces it."""
     if not path.is_file() and not path.is_dir():
-        raise FileNotFoundError(path)
+        raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), str(path))
     return open(path, "rb")
 
 
@@ -285,7 +291,7 @@ def _flush_to_disk(file: BinaryIO) -> None:
 def _only_process(root: Path, wait: float) -> Iterator[None]:
     root.mkdir(mode=0o700, parents=True, exist_ok=True)
     until = time.monotonic() + wait
-    with open(root / "sync.lock", "ab", opener=_own_file) as file:
+    with open(root / "sync.lock", "ab", opener=own_file) as file:
         while True:
             try:
                 fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)  # released when the file is closed, also by a kill
@@ -295,11 +301,3 @@ def _only_process(root: Path, wait: float) -> Iterator[None]:
                     raise BlockingIOError(f"Another sync is running in {root}.") from None
                 time.sleep(0.1)
         yield
-
-
-def _own_file(path: str, flags: int) -> int:
-    return _no_link(path, flags, 0o600)
-
-
-def _no_link(path: str, flags: int, mode: int = 0o666) -> int:
-    return os.open(path, flags | os.O_NOFOLLOW | os.O_NONBLOCK, mode)  # nor wait for the other end of a FIFO

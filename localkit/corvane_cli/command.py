@@ -207,7 +207,7 @@ class Group(_Prints, click.Group):
 
 
 class Seconds(click.FloatRange):
-    """How long, in a range; to click, what is not a number lies in each."""
+    """How long. In click's own ranges, NaN lies in each."""
 
     def convert(self, value: Any, param: click.Parameter | None, ctx: click.Context | None) -> float:
         """The number."""

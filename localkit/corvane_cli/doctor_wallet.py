@@ -49,8 +49,7 @@ def key_findings(key: KeyFile, agent: Agent | None = None) -> Iterator[Finding]:
     """What is wrong with a key file, of this agent or else of the one whose directory it lies in."""
     agent = agent or Agent(str(key.path.parent), os.environ.get("CORVANE_SERVER_URL"))
     path, quoted = key.path, quote(str(key.path))
-    session = agent.session()
-    whose = f" The session is that of the wallet {session.address}: look for its key." if session else ""
+    whose = agent.key_to_look_for()
     if key.state == "absent":
         login = command_line("corvane login", agent)
         register = command_line("corvane register --invite-code CODE", agent)

@@ -17,7 +17,7 @@ from pathlib import Path
 from types import ModuleType
 
 from corvane.auth import AuthManager, InvalidKeyError, _set_active_auth_manager
-from corvane.key_file import make_key, write_whole
+from corvane.key_file import make_key, own_file, write_whole
 from corvane_cli.display import log_to_stderr, remember
 
 KEY_VARIABLE = "CORVANE_PRIVATE_KEY"
@@ -139,10 +139,13 @@ class Agent:
     def next_step(self) -> str:
         """What brings a wallet that is not logged in further."""
         if self.key_file().state == "absent":
-            session = self.session()
-            lost = f" The session is that of the wallet {session.address}: look for its key first." if session else ""
-            return SIGN_UP + lost
+            return SIGN_UP + self.key_to_look_for()
         return SIGN_UP_STORED if self.is_pending() else SIGN_IN
+
+    def key_to_look_for(self) -> str:
+        """The end of a next step where there is no good key: whose is missing, if a session says so."""
+        session = self.session()
+        return f" The session is that of the wallet {session.address}: look for its key." if session else ""
 
     def manager(self, invite_code: str | None = None) -> AuthManager:
         """What signs in with the key of the environment or else the stored one; nothing is sent yet.
@@ -220,7 +223,7 @@ class Agent:
         self.data_dir.mkdir(mode=0o700, parents=True, exist_ok=True)
         if self.data_dir.stat().st_mode & 0o022:  # not changed here: others may need it
             raise PermissionError(f"{self.data_dir} can be written by other users; chmod 700 it or choose another.")
-        with open(self.data_dir / "wallet.lock", "ab", opener=_private) as file:
+        with open(self.data_dir / "wallet.lock", "ab", opener=own_file) as file:
             try:
                 fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
             except BlockingIOError:
@@ -258,7 +261,3 @@ def _read(path: Path) -> tuple[bytes, str, str, os.stat_result | None]:
         if status.st_size > LONGEST_KEY:
             return b"", "unsafe", "it is too large for a key", status
         return file.read(LONGEST_KEY) or b"", "", "", status
-
-
-def _private(path: str, flags: int) -> int:
-    return os.open(path, flags | os.O_NOFOLLOW | os.O_NONBLOCK, 0o600)

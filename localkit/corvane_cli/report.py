@@ -20,7 +20,7 @@ from markupsafe import Markup
 from corvane.auth import InvalidKeyError
 from corvane.output_file import check_target, replacing
 from corvane.search_tracking import FoundSignal, Record, read_record
-from corvane.sync import _checked_manifest
+from corvane.sync import _checked_manifest, _opened
 from corvane_cli.command import Exit, Failure
 from corvane_cli.display import HIDDEN, one_line
 from corvane_cli.doctor import OF_THE_MACHINE, examine_identity
@@ -92,11 +92,8 @@ class Era:
 
 def read_era(data_dir: Path) -> Era:
     """The era that era_config.json says."""
-    path = data_dir / "era_config.json"
-    if not path.is_file():  # a FIFO has no end
-        return Era()
     try:
-        with open(path, "rb") as file:
+        with _opened(data_dir / "era_config.json") as file:
             config = json.loads(file.read(_CONFIG_SIZE))
         number, universe = config["era_id"], config["named_universe"]
     except (OSError, ValueError, RecursionError, TypeError, KeyError):
@@ -201,7 +198,8 @@ def _look(agent: Agent, name: str) -> _Seen:
             findings.append(Finding("searches", ERROR, str(exc), reason, next_step))
     one = _Seen(agent, name, findings, record, read_era(agent.data_dir))
     try:
-        manifest = _checked_manifest((agent.data_dir / "manifest.json").read_bytes())
+        with _opened(agent.data_dir / "manifest.json") as file:
+            manifest = _checked_manifest(file.read())
     except (OSError, ValueError):
         return one  # there is none, or the findings say it
     one.version = manifest["version"]

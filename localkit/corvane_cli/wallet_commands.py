@@ -54,7 +54,8 @@ def register(
     found = heartbeat_file(onboarding, heartbeat)
     with agent.changing_the_wallet(dry_run):
         key = usable_key_file(agent)
-        reused, session = bool(agent.env_key) or key.state == "good", agent.session()
+        reused = bool(agent.env_key) or key.state == "good"
+        before = agent.session()  # it is about to be replaced
         if not reused and code is None:
             problem = f"There is no wallet at {key.path}, and a new one needs an invite code: CORV-XXXX-XXXX-XXXX."
             next_step = "Ask the operator for an invite code, then `corvane register --invite-code CODE`."
@@ -76,8 +77,8 @@ def register(
             agent.begin_session(address)
     changed = bootstrap_runtime(agent, progress) if bootstrap else None
     note = f"The wallet of {agent.key_source} existed already and was used." if reused else "A new wallet was made."
-    if session and not reused:
-        note += f" The session before was that of the wallet {session.address}, whose key is not here."
+    if before and not reused:
+        note += f" The session before was that of the wallet {before.address}, whose key is not here."
     if not agent.env_key:  # also of a wallet that an earlier attempt has made
         note += f" Keep a copy of {key.path}: nothing else can restore it."
     return who(agent, address, note, reused=reused, heartbeat=found, changed_files=changed)

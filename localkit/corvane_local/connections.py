@@ -54,11 +54,13 @@ class Connection(H11Protocol):
         self._deadline = self.loop.call_later(self.exchange_seconds, self._end)
 
     def _end(self) -> None:
-        is_idle = self.cycle is None or self.cycle.response_complete
-        if self.conn.trailing_data[0] or not is_idle:  # and not merely kept open
+        if self.conn.trailing_data[0] or not self._is_idle():  # and not merely kept open
             self.cut_off["too slow"] += 1
         self.transport.abort()
 
     def waits_for_client(self) -> bool:
         """Whether it is the client's turn: no complete request is being answered."""
-        return self.cycle is None or self.cycle.response_complete or self.cycle.more_body
+        return self._is_idle() or self.cycle.more_body
+
+    def _is_idle(self) -> bool:
+        return self.cycle is None or self.cycle.response_complete

@@ -128,7 +128,7 @@ def test_the_token_goes_nowhere_else(scripted, tmp_path, monkeypatch, caplog):
         pickle.dumps(manager)
 
 
-LEFT = {  # what is called, and what the service answers
+FAILURES = {  # what is called, and what the service answers
     "a used code": (sign_in, CHALLENGE, http({"error": "used", "code": "used_invite"}, 409)),
     "not HTTP": (sign_in, CHALLENGE, b"220 mail.example ESMTP\r\n"),
     "no expiry": (sign_in, CHALLENGE, http({"token": TOKEN})),
@@ -146,16 +146,15 @@ def frames(error):
     yield from (frame for frame, _ in traceback.walk_tb(error.__traceback__) if frame.f_code.co_filename != __file__)
 
 
-@pytest.mark.parametrize("name", LEFT)
+@pytest.mark.parametrize("name", FAILURES)
 def test_neither_a_message_nor_the_locals_of_a_traceback_tell_a_secret(name, scripted, tmp_path):
-    act, *answers = LEFT[name]
+    act, *answers = FAILURES[name]
     with pytest.raises((auth.AuthError, OSError)) as info:
         act(scripted, tmp_path, *answers)
-    told = [(frame.f_code.co_name, repr(frame.f_locals)) for frame in frames(info.value)]
-    assert told  # as error trackers and rich show it
-    told += [("message", str(info.value))]
-    secrets = KEY, str(int(KEY, 16)), CODE, TOKEN
-    assert not [(secret, *place) for place in told for secret in secrets if secret in place[1]]
+    # Error trackers and rich show the locals of each frame.
+    shown = [(frame.f_code.co_name, repr(frame.f_locals)) for frame in frames(info.value)]
+    told, secrets = [*shown, ("message", str(info.value))], (KEY, str(int(KEY, 16)), CODE, TOKEN)
+    assert shown and not [(secret, *place) for place in told for secret in secrets if secret in place[1]]
 
 
 ADDRESSES = "https://a.example:8443/b//", "http://localhost:1", "http://127.0.0.1", "http://[::1]:80/"
